@@ -1,0 +1,302 @@
+/*
+ * Frame building: the AMS/TCP request frames (handshake, read, write), the reply length
+ * check, and the address conversions shared with address planning.
+ *
+ * Every frame is built byte by byte, little-endian, into the fixed 1024-byte array of a
+ * FRAME_PRO that is appended to driver.frameList; the host fetches the head with
+ * intf_getSendFrame().
+ */
+#include "ads_ethernet.h"
+
+#include <QtCore/QStringList>
+
+#include <string.h>
+
+namespace {
+
+const int kFrameSize = 1024;
+const int kAmsHeaderEnd = 38;       /* 6 bytes AMS/TCP + 32 bytes AMS header */
+const int kReadReplyDataStart = 46; /* header, 4-byte result, 4-byte length */
+const int kWriteDataStart = 50;     /* header, index group, index offset, length */
+
+const unsigned short kCmdAddDeviceNotification = 6;
+const unsigned short kCmdRead = 2;
+const unsigned short kCmdWrite = 3;
+const unsigned short kStateFlagsRequest = 0x0004;
+/* The handshake and the other requests come from different source ports on purpose. */
+const unsigned short kHandshakeTargetPort = 100;
+const unsigned short kHandshakeSourcePort = 0x80BB;
+const unsigned short kRequestSourcePort = 0x8147;
+
+void putLe16(unsigned char* p, unsigned int v)
+{
+    p[0] = static_cast<unsigned char>(v & 0xFF);
+    p[1] = static_cast<unsigned char>((v >> 8) & 0xFF);
+}
+
+void putLe32(unsigned char* p, unsigned int v)
+{
+    p[0] = static_cast<unsigned char>(v & 0xFF);
+    p[1] = static_cast<unsigned char>((v >> 8) & 0xFF);
+    p[2] = static_cast<unsigned char>((v >> 16) & 0xFF);
+    p[3] = static_cast<unsigned char>((v >> 24) & 0xFF);
+}
+
+/* A FRAME_PRO with every byte and field zero (the var's text empty). */
+void clearFrame(FRAME_PRO& f)
+{
+    memset(f.frame, 0, sizeof(f.frame));
+    f.sendLen = 0;
+    f.recvLen = 0;
+    f.dataStart = 0;
+    f.readLen = 0;
+    f.spareField = 0;
+    f.var.kind = 0;
+    f.var.keyNo = 0;
+    f.var.regName = QString();
+    f.var.address = 0;
+    f.var.length = 0;
+    memset(f.var.data, 0, sizeof(f.var.data));
+}
+
+/* The 38 header bytes shared by every request. The length fields are written by the
+ * caller, since a write sets only their low bytes. */
+void fillAmsHeader(unsigned char* f, unsigned short targetPort, unsigned short sourcePort,
+                   unsigned short command, unsigned int invokeId)
+{
+    f[0] = 0;
+    f[1] = 0;
+    memcpy(f + 6, driver.targetAmsNetId, 6);
+    putLe16(f + 12, targetPort);
+    memcpy(f + 14, driver.sourceIp, 4);
+    f[18] = 1;
+    f[19] = 1;
+    putLe16(f + 20, sourcePort);
+    putLe16(f + 22, command);
+    putLe16(f + 24, kStateFlagsRequest);
+    putLe32(f + 30, 0); /* error code */
+    putLe32(f + 34, invokeId);
+}
+
+bool endsWithBit(const QString& regName)
+{
+    return regName.right(4) == QLatin1String("_bit");
+}
+
+/* The register a request names, and the bytes it covers. A bit item is read and written
+ * as the whole bytes that hold its bits, from the word register of the same area. */
+void requestSpan(const VARIABLE& v, QString& reg, int& byteAddress, int& byteCount)
+{
+    if (endsWithBit(v.regName)) {
+        reg = v.regName.left(v.regName.indexOf(QLatin1Char('_'))) + QLatin1String("_W");
+        byteAddress = v.address / 8;
+        /* Wrapping arithmetic: a host's address is trusted, but must not be undefined. */
+        int s = static_cast<int>(static_cast<unsigned int>(v.address % 8) + static_cast<unsigned int>(v.length));
+        byteCount = s / 8 + ((s % 8) != 0 ? 1 : 0);
+    } else {
+        reg = v.regName;
+        byteAddress = v.address;
+        byteCount = v.length;
+    }
+}
+
+unsigned int indexGroupOf(const QString& reg)
+{
+    if (reg == QLatin1String("I_W"))
+        return 0xF020;
+    if (reg == QLatin1String("Q_W"))
+        return 0xF030;
+    return 0x4020; /* "M_W" and anything else */
+}
+
+} // namespace
+
+void handShakeFrame()
+{
+    FRAME_PRO fp;
+    clearFrame(fp);
+    unsigned char* f = fp.frame;
+    fillAmsHeader(f, kHandshakeTargetPort, kHandshakeSourcePort, kCmdAddDeviceNotification, 7);
+    putLe32(f + 2, 72);
+    putLe32(f + 26, 40);
+    putLe32(f + 38, 1);          /* index group */
+    putLe32(f + 42, 0x0000FFFF); /* index offset */
+    putLe32(f + 46, 1024);       /* length */
+    putLe32(f + 50, 3);          /* transmission mode */
+    putLe32(f + 54, 0);          /* max delay */
+    putLe32(f + 58, 0);          /* cycle time; 16 reserved zero bytes follow */
+    fp.sendLen = 78;
+    fp.recvLen = 46;
+    fp.dataStart = 0;
+    fp.readLen = 0;
+    driver.frameList.append(fp);
+}
+
+int check_rcv_data(unsigned char* data, QList<VARIABLE> readList, int len)
+{
+    (void)data;
+    (void)readList;
+    if (driver.frameList.isEmpty())
+        return 0;
+    const FRAME_PRO& head = driver.frameList.first();
+    if (driver.needHandShake) {
+        /* A reply that fills the host's whole buffer may not be complete yet. */
+        if (len == kFrameSize)
+            return 2;
+        /* The handshake reply may be longer than 46 bytes: its length is a minimum. */
+        if (len < head.recvLen)
+            return 0;
+        driver.needHandShake = 0;
+        return 2;
+    }
+    if (len != head.recvLen)
+        return 0;
+    return head.readLen != 0 ? 1 : 2;
+}
+
+unsigned short computate_check(unsigned char* buf, unsigned short len)
+{
+    unsigned short crc = 0xFFFF;
+    for (unsigned short i = 0; i < len; ++i) {
+        crc ^= buf[i];
+        for (int b = 0; b < 8; ++b) {
+            if (crc & 1)
+                crc = static_cast<unsigned short>((crc >> 1) ^ 0xA001);
+            else
+                crc = static_cast<unsigned short>(crc >> 1);
+        }
+    }
+    return crc;
+}
+
+int getReadFrame(QList<VARIABLE> list)
+{
+    if (list.isEmpty())
+        return 1;
+    const VARIABLE& v = list.first();
+    QString reg;
+    int byteAddress = 0;
+    int byteCount = 0;
+    requestSpan(v, reg, byteAddress, byteCount);
+
+    FRAME_PRO fp;
+    clearFrame(fp);
+    unsigned char* f = fp.frame;
+    fillAmsHeader(f, static_cast<unsigned short>(driver.targetAmsPort), kRequestSourcePort, kCmdRead, 0);
+    putLe32(f + 2, 44);
+    putLe32(f + 26, 12);
+    putLe32(f + 38, indexGroupOf(reg));
+    putLe32(f + 42, static_cast<unsigned int>(byteAddress));
+    putLe32(f + 46, static_cast<unsigned int>(byteCount));
+    fp.sendLen = 50;
+    fp.recvLen = static_cast<int>(static_cast<unsigned int>(kReadReplyDataStart) + static_cast<unsigned int>(byteCount));
+    fp.dataStart = kReadReplyDataStart;
+    fp.readLen = byteCount;
+    fp.var = v;
+    driver.frameList.append(fp);
+    return 1;
+}
+
+int allMix_GetDataStartPosition(QByteArray reply, QList<VARIABLE> list, int n)
+{
+    (void)reply;
+    (void)list;
+    if (driver.frameList.isEmpty())
+        return 0;
+    int start = driver.frameList.first().dataStart;
+    if (driver.framesBuilt < 1 || n <= 0)
+        return start;
+    int counted = n < driver.framesBuilt ? n : driver.framesBuilt;
+    return start + 4 * counted;
+}
+
+int allMix_GetRecvLenFromReadList(QList<VARIABLE> list)
+{
+    for (int i = 0; i < list.size(); ++i) {
+    }
+    return 0;
+}
+
+void getWriteFrame(VARIABLE& var)
+{
+    QString reg;
+    int byteAddress = 0;
+    int byteCount = 0;
+    requestSpan(var, reg, byteAddress, byteCount);
+
+    FRAME_PRO fp;
+    clearFrame(fp);
+    unsigned char* f = fp.frame;
+    if (endsWithBit(var.regName)) {
+        /* Read-modify-write: the read of the covering bytes goes first; its reply fills
+         * this frame's data bytes (zero placeholders until then). */
+        QList<VARIABLE> one;
+        one.append(var);
+        getReadFrame(one);
+    } else if (byteCount > 0) {
+        /* The copy stops at the end of the 1024-byte frame. */
+        int n = byteCount < kFrameSize - kWriteDataStart ? byteCount : kFrameSize - kWriteDataStart;
+        memcpy(f + kWriteDataStart, var.data, static_cast<size_t>(n));
+    }
+    fillAmsHeader(f, static_cast<unsigned short>(driver.targetAmsPort), kRequestSourcePort, kCmdWrite, 0);
+    /* Only the low bytes of the two length fields are set: a write carries a few bytes. */
+    unsigned int n = static_cast<unsigned int>(byteCount);
+    f[2] = static_cast<unsigned char>((n + 44) & 0xFF);
+    f[3] = f[4] = f[5] = 0;
+    f[26] = static_cast<unsigned char>((n + 12) & 0xFF);
+    f[27] = f[28] = f[29] = 0;
+    putLe32(f + 38, indexGroupOf(reg));
+    putLe32(f + 42, static_cast<unsigned int>(byteAddress));
+    putLe32(f + 46, n);
+    int sendLen = static_cast<int>(n + kWriteDataStart);
+    /* Never ask the host to send more than the frame holds. */
+    fp.sendLen = (sendLen > kFrameSize || sendLen < 0) ? kFrameSize : sendLen;
+    fp.recvLen = 42;
+    fp.dataStart = kWriteDataStart;
+    fp.readLen = 0;
+    fp.var = var;
+    driver.frameList.append(fp);
+}
+
+/* ---------------------------------------------------------------- address conversions */
+
+int addr_str2int(QString text, QString regName)
+{
+    if (!endsWithBit(regName))
+        return 0;
+    QStringList parts = text.split(QLatin1String("."));
+    if (parts.size() != 2)
+        return -1;
+    bool okByte = false;
+    bool okBit = false;
+    int byteNo = parts.at(0).toInt(&okByte, 10);
+    int bitNo = parts.at(1).toInt(&okBit, 10);
+    if (!okByte || !okBit)
+        return -1;
+    /* The bit part is not limited to 0..7 on purpose: 10.9 is the same bit as 11.1. */
+    return static_cast<int>(static_cast<unsigned int>(byteNo) * 8u + static_cast<unsigned int>(bitNo));
+}
+
+QString addr_int2str(int address, QString regName)
+{
+    if (!endsWithBit(regName))
+        return QString();
+    return QString::number(address / 8) + QLatin1Char('.') + QString::number(address % 8);
+}
+
+int addrOffset(QString regName, int address)
+{
+    /* The one place where a register-specific offset would be applied; this PLC needs none. */
+    (void)regName;
+    return address;
+}
+
+int judgeAddrMerge(KEY_ADDRESS block, KEY_ADDRESS next, int gapMode)
+{
+    if (block.keyNo != next.keyNo || block.regName != next.regName)
+        return 1;
+    int end = static_cast<int>(static_cast<unsigned int>(block.address) + static_cast<unsigned int>(block.length));
+    int gap = static_cast<int>(static_cast<unsigned int>(next.address) - static_cast<unsigned int>(end));
+    int limit = gapMode == 0 ? 0 : driver.maxMergeGap;
+    return gap > limit ? 1 : 0;
+}
