@@ -1,0 +1,23 @@
+#!/usr/bin/env bash
+# Installs what building and testing the driver needs on a fresh Debian 12 machine (as root).
+set -euo pipefail
+export DEBIAN_FRONTEND=noninteractive
+packages=(
+  build-essential cmake pkg-config
+  qtbase5-dev qt6-base-dev libgl-dev         # Qt 5 (default) and Qt 6 builds
+  libgtest-dev googletest libbenchmark-dev   # tests and benchmarks
+  clang libclang-rt-14-dev                   # fuzzing and sanitizers
+  iproute2 util-linux                        # network namespaces in tests
+  nodejs npm                                 # a third-party ADS client in tests
+  valgrind
+)
+missing=()
+for p in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+done
+if ((${#missing[@]})); then
+  echo "installing: ${missing[*]}"
+  apt-get update -qq
+  apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+fi
+echo "dependencies present"
