@@ -1,0 +1,331 @@
+// Loopback tests of the plcsim executable: AMS/TCP on 127.0.0.1, the control
+// port, transport faults, and a clean stop by SIGTERM to its PID.
+#include "plc_core.h"
+#include "plcsim_control.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#ifndef PLCSIM_EXE
+#error PLCSIM_EXE must name the plcsim executable
+#endif
+
+using namespace plcsim;
+
+namespace {
+
+NetId id(const char* text) {
+    NetId n;
+    NetId::parse(text, n);
+    return n;
+}
+
+const NetId kPlc = id("192.168.1.100.1.1");
+const NetId kPanel = id("127.0.0.1.1.1");
+
+std::vector<uint8_t> request(uint16_t cmd, const std::vector<uint8_t>& data, uint32_t invoke = 1,
+                             const NetId& source = kPanel) {
+    return buildRequest(kPlc, 851, source, 33095, cmd, invoke, data);
+}
+
+int64_t now() { return detail::nowMs(); }
+
+// Runs plcsim with the given extra options; stdout is captured, exit status returned.
+int runPlcsim(const std::string& args, std::string& out) {
+    const std::string cmd = std::string("timeout 10 ") + PLCSIM_EXE + " " + args + " 2>/dev/null";
+    FILE* p = popen(cmd.c_str(), "r");
+    if (!p) return -1;
+    char buf[512];
+    out.clear();
+    while (fgets(buf, sizeof buf, p)) out += buf;
+    const int st = pclose(p);
+    return WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+}
+
+class Loopback : public ::testing::Test {
+protected:
+    void SetUp() override { start({"--no-program"}); }
+    void TearDown() override {
+        ctl.close();
+        ams.close();
+        if (sim.pid() > 0) {
+            EXPECT_EQ(sim.stop(5000), 0) << "plcsim did not exit cleanly on SIGTERM";
+        }
+    }
+    void start(std::vector<std::string> extra) {
+        logFile = ::testing::TempDir() + "plcsim_" +
+                  ::testing::UnitTest::GetInstance()->current_test_info()->name() + ".log";
+        std::vector<std::string> args = {"--listen", "127.0.0.1:0", "--control", "127.0.0.1:0", "--log", logFile};
+        args.insert(args.end(), extra.begin(), extra.end());
+        ASSERT_TRUE(sim.start(PLCSIM_EXE, args, 5000)) << "plcsim did not start";
+        ASSERT_NE(sim.port(), 0);
+        ASSERT_NE(sim.controlPort(), 0);
+        ASSERT_TRUE(ctl.connect("127.0.0.1", sim.controlPort()));
+        ASSERT_TRUE(ams.connect("127.0.0.1", sim.port()));
+    }
+    // Sends one request and returns its reply frame (empty on time-out).
+    std::vector<uint8_t> roundTrip(const std::vector<uint8_t>& frame, int timeoutMs = 2000) {
+        std::vector<uint8_t> reply;
+        if (!ams.sendAll(frame)) return {};
+        if (!ams.readFrame(reply, timeoutMs)) return {};
+        return reply;
+    }
+    std::string logText() {
+        std::ifstream in(logFile);
+        std::stringstream ss;
+        ss << in.rdbuf();
+        return ss.str();
+    }
+
+    Process sim;
+    ControlClient ctl;
+    TcpClient ams;
+    std::string logFile;
+};
+
+}  // namespace
+
+TEST_F(Loopback, WriteThenReadOverTcp) {
+    auto r = roundTrip(request(CmdWrite, writeData(GroupMemory, 100, {0x34, 0x12}), 5));
+    ASSERT_EQ(r.size(), 42u);
+    ParsedFrame f = parseFrame(r);
+    ASSERT_TRUE(f.ok);
+    EXPECT_EQ(f.invokeId, 5u);
+    EXPECT_EQ(f.stateFlags, 0x0005);
+    EXPECT_EQ(f.target, kPanel);
+    EXPECT_EQ(getU32(f.data.data()), 0u);
+
+    r = roundTrip(request(CmdRead, readData(GroupMemory, 100, 2), 6));
+    ASSERT_EQ(r.size(), 48u);
+    f = parseFrame(r);
+    EXPECT_EQ(f.invokeId, 6u);
+    EXPECT_EQ(r[46], 0x34);
+    EXPECT_EQ(r[47], 0x12);
+    EXPECT_EQ(ctl.command("get 0x4020 100 2"), "ok 3412");
+}
+
+TEST_F(Loopback, SeveralFramesInOneSegmentAndOneFrameInPieces) {
+    std::vector<uint8_t> both = request(CmdRead, readData(GroupMemory, 0, 1), 1);
+    const auto second = request(CmdReadState, {}, 2);
+    both.insert(both.end(), second.begin(), second.end());
+    ASSERT_TRUE(ams.sendAll(both));
+    std::vector<uint8_t> a, b;
+    ASSERT_TRUE(ams.readFrame(a));
+    ASSERT_TRUE(ams.readFrame(b));
+    EXPECT_EQ(parseFrame(a).invokeId, 1u);
+    EXPECT_EQ(parseFrame(b).invokeId, 2u);
+
+    // A request trickling in byte by byte is answered once it is complete.
+    const auto frame = request(CmdReadState, {}, 3);
+    for (size_t i = 0; i < frame.size(); ++i) {
+        ASSERT_TRUE(ams.sendAll(&frame[i], 1));
+        if (i % 10 == 0) usleep(1000);
+    }
+    ASSERT_TRUE(ams.readFrame(a));
+    EXPECT_EQ(parseFrame(a).invokeId, 3u);
+}
+
+TEST_F(Loopback, WriteWithLowByteLengthFieldsIsFramedByItsWriteLength) {
+    std::vector<uint8_t> bytes(300);
+    for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = uint8_t(i * 7);
+    std::vector<uint8_t> f = request(CmdWrite, writeData(GroupMemory, 2000, bytes), 0);
+    f[2] = uint8_t(344 & 0xFF); f[3] = f[4] = f[5] = 0;      // 44 + 300
+    f[26] = uint8_t(312 & 0xFF); f[27] = f[28] = f[29] = 0;  // 12 + 300
+    const auto next = request(CmdRead, readData(GroupMemory, 2000, 4), 9);
+    f.insert(f.end(), next.begin(), next.end());
+    ASSERT_TRUE(ams.sendAll(f));
+    std::vector<uint8_t> a, b;
+    ASSERT_TRUE(ams.readFrame(a));
+    ASSERT_TRUE(ams.readFrame(b));
+    ASSERT_EQ(a.size(), 42u);
+    EXPECT_EQ(getU32(&a[38]), 0u);
+    ASSERT_EQ(b.size(), 50u);
+    EXPECT_EQ(parseFrame(b).invokeId, 9u);
+    EXPECT_EQ(std::vector<uint8_t>(b.begin() + 46, b.end()), std::vector<uint8_t>(bytes.begin(), bytes.begin() + 4));
+    EXPECT_NE(logText().find("low-byte"), std::string::npos);
+    EXPECT_NE(ctl.command("counters").find("lengthfixups=1"), std::string::npos);
+}
+
+TEST_F(Loopback, SplitReplyIsReassembledByItsLength) {
+    ASSERT_EQ(ctl.command("fault split 1"), "ok");
+    const int64_t t0 = now();
+    const auto r = roundTrip(request(CmdRead, readData(GroupMemory, 0, 16), 4));
+    const int64_t took = now() - t0;
+    ASSERT_EQ(r.size(), 46u + 16);
+    EXPECT_TRUE(parseFrame(r).ok);
+    EXPECT_GE(took, 15) << "the second half should come after a pause";
+    EXPECT_NE(logText().find("fault=split"), std::string::npos);
+}
+
+TEST_F(Loopback, DelayFault) {
+    ASSERT_EQ(ctl.command("delay 200"), "ok");
+    ASSERT_EQ(ctl.command("fault delay 1"), "ok");
+    const int64_t t0 = now();
+    auto r = roundTrip(request(CmdReadState, {}, 1));
+    EXPECT_GE(now() - t0, 180);
+    ASSERT_EQ(r.size(), 46u);
+    // The next reply comes at once.
+    const int64_t t1 = now();
+    r = roundTrip(request(CmdReadState, {}, 2));
+    EXPECT_LT(now() - t1, 150);
+    EXPECT_EQ(parseFrame(r).invokeId, 2u);
+}
+
+TEST_F(Loopback, CloseFault) {
+    ASSERT_EQ(ctl.command("fault close 1"), "ok");
+    ASSERT_TRUE(ams.sendAll(request(CmdReadState, {})));
+    EXPECT_TRUE(ams.waitClosed(2000));
+    EXPECT_EQ(ams.buffered(), 0u);
+    // A new connection is served.
+    ASSERT_TRUE(ams.connect("127.0.0.1", sim.port()));
+    EXPECT_EQ(roundTrip(request(CmdReadState, {})).size(), 46u);
+}
+
+TEST_F(Loopback, ShapeFaultsOverTcp) {
+    ASSERT_EQ(ctl.command("fault short 1"), "ok");
+    auto r = roundTrip(request(CmdRead, readData(GroupMemory, 0, 4)));
+    EXPECT_EQ(r.size(), 49u);
+    ASSERT_EQ(ctl.command("fault long 1"), "ok");
+    r = roundTrip(request(CmdRead, readData(GroupMemory, 0, 4)));
+    EXPECT_EQ(r.size(), 51u);
+    ASSERT_EQ(ctl.command("fault-code 0x705"), "ok");
+    ASSERT_EQ(ctl.command("fault adserror 1"), "ok");
+    r = roundTrip(request(CmdRead, readData(GroupMemory, 0, 4)));
+    ASSERT_EQ(r.size(), 46u);
+    EXPECT_EQ(getU32(&r[38]), 0x705u);
+    ASSERT_EQ(ctl.command("fault noreply 1"), "ok");
+    EXPECT_TRUE(roundTrip(request(CmdReadState, {}), 300).empty());
+    EXPECT_EQ(roundTrip(request(CmdReadState, {}, 77)).size(), 46u);
+    ASSERT_EQ(ctl.command("fault-prob noreply 1"), "ok");
+    EXPECT_TRUE(roundTrip(request(CmdReadState, {}), 300).empty());
+    ASSERT_EQ(ctl.command("faults-off"), "ok");
+    const auto last = roundTrip(request(CmdReadState, {}, 78));
+    ASSERT_EQ(last.size(), 46u);
+    EXPECT_EQ(parseFrame(last).invokeId, 78u);
+}
+
+TEST_F(Loopback, ControlProtocol) {
+    EXPECT_EQ(ctl.command("set 0xF030 10 a1b2c3"), "ok");
+    EXPECT_EQ(ctl.command("get 0xf030 10 3"), "ok a1b2c3");
+    EXPECT_EQ(ctl.command("get 61472 0 2"), "ok 0000");
+    EXPECT_EQ(ctl.command("get 0x1234 0 2").rfind("err", 0), 0u);
+    EXPECT_EQ(ctl.command("get 0x4020 65535 2").rfind("err", 0), 0u);
+    EXPECT_EQ(ctl.command("set 0x4020 0 zz").rfind("err", 0), 0u);
+    EXPECT_EQ(ctl.command("fault bogus 1").rfind("err", 0), 0u);
+    EXPECT_EQ(ctl.command("no-such-command").rfind("err", 0), 0u);
+    EXPECT_EQ(ctl.command("state"), "ok run");
+    EXPECT_EQ(ctl.command("state stop"), "ok");
+    auto r = roundTrip(request(CmdReadState, {}));
+    ASSERT_EQ(r.size(), 46u);
+    EXPECT_EQ(getU16(&r[42]), AdsStateStop);
+    EXPECT_EQ(ctl.command("state run"), "ok");
+    roundTrip(request(CmdRead, readData(GroupMemory, 0, 1)));
+    roundTrip(request(CmdWrite, writeData(GroupMemory, 0, {1})));
+    const std::string counters = ctl.command("counters");
+    EXPECT_EQ(counters.rfind("ok requests=3 ", 0), 0u) << counters;
+    EXPECT_NE(counters.find(" read=1 "), std::string::npos) << counters;
+    EXPECT_NE(counters.find(" write=1 "), std::string::npos) << counters;
+    EXPECT_NE(counters.find(" readstate=1 "), std::string::npos) << counters;
+    EXPECT_EQ(ctl.command("quit"), "ok bye");
+    EXPECT_TRUE(ctl.command("state").empty()) << "the server closes the control connection after quit";
+    // The AMS connection is still served.
+    EXPECT_EQ(roundTrip(request(CmdReadState, {})).size(), 46u);
+}
+
+TEST_F(Loopback, ProgramRunsWhenSwitchedOn) {
+    EXPECT_EQ(ctl.command("get 0x4020 0 2"), "ok 0000");
+    EXPECT_EQ(ctl.command("program on"), "ok");
+    usleep(450 * 1000);
+    EXPECT_EQ(ctl.command("program off"), "ok");
+    const std::string a = ctl.command("get 0x4020 0 2");
+    ASSERT_EQ(a.size(), 7u);
+    std::vector<uint8_t> v;
+    ASSERT_TRUE(fromHex(a.substr(3), v));
+    const unsigned ticks = v[0] | v[1] << 8;
+    EXPECT_GE(ticks, 2u);
+    EXPECT_LE(ticks, 6u);
+    usleep(250 * 1000);
+    EXPECT_EQ(ctl.command("get 0x4020 0 2"), a);  // still while off
+}
+
+TEST_F(Loopback, SeveralClientsAtOnce) {
+    TcpClient c2, c3;
+    ASSERT_TRUE(c2.connect("127.0.0.1", sim.port()));
+    ASSERT_TRUE(c3.connect("127.0.0.1", sim.port()));
+    ASSERT_TRUE(c2.sendAll(request(CmdReadState, {}, 2)));
+    ASSERT_TRUE(c3.sendAll(request(CmdReadState, {}, 3)));
+    ASSERT_TRUE(ams.sendAll(request(CmdReadState, {}, 1)));
+    std::vector<uint8_t> r1, r2, r3;
+    ASSERT_TRUE(ams.readFrame(r1));
+    ASSERT_TRUE(c2.readFrame(r2));
+    ASSERT_TRUE(c3.readFrame(r3));
+    EXPECT_EQ(parseFrame(r1).invokeId, 1u);
+    EXPECT_EQ(parseFrame(r2).invokeId, 2u);
+    EXPECT_EQ(parseFrame(r3).invokeId, 3u);
+    EXPECT_NE(ctl.command("counters").find("connections=3"), std::string::npos);
+}
+
+TEST_F(Loopback, PortRegistrationOverTcp) {
+    const auto r = roundTrip(portRequest(0));
+    ASSERT_EQ(r.size(), 14u);
+    EXPECT_EQ(getU16(&r[0]), 0x1000);
+    EXPECT_EQ(std::memcmp(&r[6], kPlc.b, 6), 0);
+}
+
+TEST(LoopbackOptions, RoutesNetIdAndOneConnectionPerPeer) {
+    Process sim;
+    ASSERT_TRUE(sim.start(PLCSIM_EXE, {"--listen", "127.0.0.1:0", "--netid", "5.6.7.8.1.1", "--route",
+                                       "127.0.0.1.1.1", "--one-connection-per-peer", "--no-program"}));
+    TcpClient a;
+    ASSERT_TRUE(a.connect("127.0.0.1", sim.port()));
+    const NetId plc = id("5.6.7.8.1.1");
+    std::vector<uint8_t> r;
+    ASSERT_TRUE(a.sendAll(buildRequest(plc, 851, kPanel, 33095, CmdReadState, 1, {})));
+    ASSERT_TRUE(a.readFrame(r));
+    EXPECT_EQ(parseFrame(r).source, plc);
+    ASSERT_TRUE(a.sendAll(buildRequest(plc, 851, id("10.1.1.1.1.1"), 33095, CmdReadState, 2, {})));
+    EXPECT_FALSE(a.readFrame(r, 300)) << "an unrouted Net ID must get no reply";
+    // A second connection from the same address replaces the first.
+    TcpClient b;
+    ASSERT_TRUE(b.connect("127.0.0.1", sim.port()));
+    ASSERT_TRUE(b.sendAll(buildRequest(plc, 851, kPanel, 33095, CmdReadState, 3, {})));
+    ASSERT_TRUE(b.readFrame(r));
+    EXPECT_EQ(parseFrame(r).invokeId, 3u);
+    EXPECT_TRUE(a.waitClosed(2000));
+    EXPECT_EQ(sim.stop(5000), 0);
+}
+
+TEST(LoopbackOptions, SigintStopsCleanly) {
+    Process sim;
+    ASSERT_TRUE(sim.start(PLCSIM_EXE, {"--listen", "127.0.0.1:0"}));
+    ASSERT_TRUE(sim.running());
+    ASSERT_EQ(kill(sim.pid(), SIGINT), 0);
+    int status = -1;
+    for (int i = 0; i < 200 && sim.running(); ++i) usleep(10000);
+    status = sim.stop(1000);
+    EXPECT_EQ(status, 0);
+}
+
+TEST(LoopbackOptions, HelpVersionAndBadArguments) {
+    std::string out;
+    EXPECT_EQ(runPlcsim("--help", out), 0);
+    EXPECT_NE(out.find("--listen"), std::string::npos);
+    EXPECT_NE(out.find("0x4020"), std::string::npos);
+    std::istringstream lines(out);
+    for (std::string line; std::getline(lines, line);) EXPECT_LE(line.size(), 80u) << line;
+    EXPECT_EQ(runPlcsim("--version", out), 0);
+    EXPECT_EQ(out.rfind("plcsim ", 0), 0u);
+    EXPECT_EQ(runPlcsim("--listen 127.0.0.1:0 --bogus", out), 2);
+    EXPECT_EQ(runPlcsim("--listen nowhere", out), 2);
+    EXPECT_EQ(runPlcsim("--listen 127.0.0.1:0 --netid 1.2.3", out), 2);
+    EXPECT_EQ(runPlcsim("--listen 127.0.0.1:0 --fault wobble:0.5", out), 2);
+    EXPECT_EQ(runPlcsim("", out), 2);
+}
