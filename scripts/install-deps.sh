@@ -9,7 +9,7 @@ packages=(
   clang libclang-rt-14-dev                   # fuzzing and sanitizers
   iproute2 util-linux                        # network namespaces in tests
   nodejs npm                                 # a third-party ADS client in tests
-  valgrind
+  valgrind help2man dpkg-dev bc            # benchmarks, man pages, packaging
 )
 missing=()
 for p in "${packages[@]}"; do
