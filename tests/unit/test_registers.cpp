@@ -387,6 +387,19 @@ TEST(CheckAddrValidity, RangeAndSyntaxFaults)
     EXPECT_EQ(555, a);
 }
 
+// For word objects the count is divided by the address unit itself (8), not by unit / 16 as
+// in intf_checkAddr: eight words at the last byte still pass, nine do not.
+TEST(CheckAddrValidity, WordCountIsDividedByTheAddressUnit)
+{
+    int a = 0;
+    EXPECT_EQ(0, intf_checkAddrValidity(Q("M_W"), Q("65535"), &a, 1, 1));
+    EXPECT_EQ(65535, a);
+    EXPECT_EQ(0, intf_checkAddrValidity(Q("M_W"), Q("65535"), &a, 8, 1));
+    EXPECT_EQ(2, intf_checkAddrValidity(Q("M_W"), Q("65535"), &a, 9, 1));
+    // intf_checkAddr, with two address steps per word, refuses the first of these.
+    EXPECT_EQ(2, intf_checkAddr(Q("M_W"), Q("65535"), &a, 3, 1, 0));
+}
+
 TEST(CheckAddrValidity, UnknownRegister)
 {
     int a = 0;

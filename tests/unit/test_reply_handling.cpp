@@ -1,0 +1,479 @@
+// Digesting replies: result codes, error texts, retries and giving up, read data into the
+// cache, write acknowledgements, recipe reads into the host's buffer, and robustness
+// against whatever bytes the PLC (or the network) delivers.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <memory>
+#include <random>
+#include <vector>
+
+#include "ads_ethernet.h"
+#include "test_plc.h"
+
+using namespace adstest;
+
+namespace {
+
+const QString M_W = QStringLiteral("M_W");
+const QString M_bit = QStringLiteral("M_bit");
+const QString RWI = QStringLiteral("RWI");
+
+class ReplyHandling : public ::testing::Test {
+protected:
+    void SetUp() override { h.reset(new Host()); }
+    void TearDown() override { h.reset(); }
+
+    void startWithReadBlock(int address = 100, int words = 1)
+    {
+        ASSERT_TRUE(h->handshake());
+        ASSERT_GE(h->addrMerge({Host::key(1, M_W, address, words)}), 1);
+    }
+    int areaIndex(const QString& area, int address, int keyNo = 1)
+    {
+        return getIndexOfDataArea(keyNo, area, address, driver.dataAreaList);
+    }
+    _DATA_ area(const QString& a, int address, int keyNo = 1)
+    {
+        return driver.dataAreaList.at(areaIndex(a, address, keyNo));
+    }
+
+    std::unique_ptr<Host> h;
+};
+
+TEST_F(ReplyHandling, NoFrameInFlightGivesZeroAndAnEmptyText)
+{
+    ASSERT_TRUE(h->handshake());
+    ASSERT_TRUE(driver.frameList.isEmpty());
+    QString text = QStringLiteral("stale");
+    QByteArray reply = replyOfSize(46);
+    EXPECT_EQ(intf_dealRcvFrame(reply, text), 0);
+    EXPECT_TRUE(text.isEmpty());
+}
+
+TEST_F(ReplyHandling, ErrorTextNamesTheItemAndTheReplySizeEvenOnSuccess)
+{
+    startWithReadBlock(100, 1);
+    ASSERT_EQ(h->cycle(), 1);
+    EXPECT_EQ(h->lastReply.size(), 48);
+    EXPECT_EQ(h->errorText, QStringLiteral("1#M_W100(2)(48)"));
+}
+
+TEST_F(ReplyHandling, ErrorTextOnRejectedRepliesCarriesTheirSize)
+{
+    startWithReadBlock(100, 1);
+    EXPECT_EQ(h->cycle(Fault::Short), 8);
+    EXPECT_EQ(h->errorText, QStringLiteral("1#M_W100(2)(47)"));
+    EXPECT_EQ(h->cycle(Fault::NoReply), 8);
+    EXPECT_EQ(h->errorText, QStringLiteral("1#M_W100(2)(0)"));
+}
+
+TEST_F(ReplyHandling, ErrorTextOfABitWriteReadUsesTheBitAddressText)
+{
+    ASSERT_TRUE(h->handshake());
+    h->setData(1, M_bit, 83, {1});
+    EXPECT_EQ(h->cycle(Fault::Long), 8);
+    EXPECT_EQ(h->errorText, QStringLiteral("1#M_bit10.3(1)(48)"));
+}
+
+TEST_F(ReplyHandling, ErrorTextOfTheHandshakeIsEmpty)
+{
+    h->errorText = QStringLiteral("stale");
+    EXPECT_EQ(h->cycle(), 1);
+    EXPECT_TRUE(h->errorText.isEmpty());
+}
+
+TEST_F(ReplyHandling, ErrorTextOfAWordWrite)
+{
+    ASSERT_TRUE(h->handshake());
+    h->setData(3, M_W, 10, {0x34, 0x12});
+    EXPECT_EQ(h->cycle(), 1);
+    EXPECT_EQ(h->errorText, QStringLiteral("3#M_W10(2)(42)"));
+}
+
+TEST_F(ReplyHandling, RetryLimitThreeGivesEightEightThenTwo)
+{
+    startWithReadBlock();
+    EXPECT_EQ(h->cycle(Fault::NoReply), 8);
+    EXPECT_EQ(driver.errorCount, 1);
+    EXPECT_EQ(driver.frameList.size(), 1);
+    EXPECT_EQ(h->cycle(Fault::NoReply), 8);
+    EXPECT_EQ(driver.errorCount, 2);
+    EXPECT_EQ(h->cycle(Fault::NoReply), 2);
+    EXPECT_EQ(driver.commFailed, 1);
+    EXPECT_TRUE(driver.frameList.isEmpty());
+    EXPECT_EQ(driver.errorCount, 0);
+    // The same frame was sent three times in all.
+    EXPECT_EQ(h->plc.requests().size(), 4u);  // handshake + 3
+}
+
+TEST_F(ReplyHandling, AnAcceptedReplyResetsTheRetryCountAndTheFailure)
+{
+    startWithReadBlock();
+    EXPECT_EQ(h->cycle(Fault::Short), 8);
+    EXPECT_EQ(h->cycle(Fault::Short), 8);
+    EXPECT_EQ(h->cycle(), 1);
+    EXPECT_EQ(driver.errorCount, 0);
+    EXPECT_EQ(h->cycle(Fault::Short), 8);
+    EXPECT_EQ(h->cycle(Fault::Short), 8);
+    EXPECT_EQ(h->cycle(Fault::Short), 2);
+    EXPECT_EQ(driver.commFailed, 1);
+    EXPECT_EQ(h->cycle(), 1);
+    EXPECT_EQ(driver.commFailed, 0);
+}
+
+TEST_F(ReplyHandling, OneByteTooLongOrAnAdsErrorIsRejected)
+{
+    startWithReadBlock();
+    EXPECT_EQ(h->cycle(Fault::Long), 8);
+    EXPECT_EQ(h->cycle(Fault::AdsError), 8);
+    EXPECT_EQ(h->lastReply.size(), 46);  // result and a zero length
+    EXPECT_EQ(h->cycle(Fault::Full1024), 2);
+}
+
+TEST_F(ReplyHandling, A1024ByteReplyToTheHandshakeGivesThreeAndKeepsItInFlight)
+{
+    EXPECT_EQ(h->cycle(Fault::Full1024), 3);
+    EXPECT_EQ(driver.needHandShake, 1);
+    EXPECT_EQ(driver.frameList.size(), 1);
+    EXPECT_EQ(driver.errorCount, 0);
+    EXPECT_EQ(h->cycle(Fault::Full1024), 3);
+    EXPECT_EQ(h->cycle(Fault::Full1024), 3);  // never counted as a rejection
+    EXPECT_EQ(driver.frameList.size(), 1);
+    EXPECT_EQ(h->cycle(), 1);
+    EXPECT_EQ(driver.needHandShake, 0);
+}
+
+TEST_F(ReplyHandling, ALongerHandshakeReplyIsAcceptedAShorterOneIsNot)
+{
+    EXPECT_EQ(h->cycle(Fault::Short), 8);
+    EXPECT_EQ(driver.needHandShake, 1);
+    EXPECT_EQ(h->cycle(Fault::Long), 1);
+    EXPECT_EQ(driver.needHandShake, 0);
+    EXPECT_TRUE(driver.frameList.isEmpty());
+}
+
+TEST_F(ReplyHandling, A1024ByteReplyToAWriteIsAWrongLength)
+{
+    ASSERT_TRUE(h->handshake());
+    h->setData(1, M_W, 10, {1, 2});
+    EXPECT_EQ(h->cycle(Fault::Full1024), 8);
+    EXPECT_EQ(driver.frameList.size(), 1);
+}
+
+TEST_F(ReplyHandling, TheAdsResultOfAWriteReplyIsNotExamined)
+{
+    // An ADS error answer to a Write has the length of a good one (42 bytes): accepted.
+    ASSERT_TRUE(h->handshake());
+    h->setData(1, M_W, 10, {0x34, 0x12});
+    EXPECT_EQ(h->cycle(Fault::AdsError), 1);
+    EXPECT_EQ(h->lastReply.size(), 42);
+    EXPECT_EQ(h->plc.bytes(kMemory, 10, 2), (std::vector<uint8_t>{0, 0}));  // not carried out
+    EXPECT_EQ(area(QStringLiteral("M"), 10).value[0], 0x34);             // but settled as done
+    EXPECT_TRUE(driver.writeList.isEmpty());
+}
+
+TEST_F(ReplyHandling, AnAcknowledgedWriteIsSettledAsSuccess)
+{
+    ASSERT_TRUE(h->handshake());
+    h->setData(1, M_W, 10, {0x34, 0x12});
+    EXPECT_EQ(area(QStringLiteral("M"), 10).writeFlag, 1);
+    EXPECT_EQ(h->cycle(), 1);
+    EXPECT_EQ(h->lastReply.size(), 42);
+    const _DATA_& a10 = area(QStringLiteral("M"), 10);
+    const _DATA_& a11 = area(QStringLiteral("M"), 11);
+    EXPECT_EQ(a10.writeFlag, 0);
+    EXPECT_EQ(a11.writeFlag, 0);
+    EXPECT_EQ(a10.value[0], 0x34);
+    EXPECT_EQ(a11.value[0], 0x12);
+    EXPECT_TRUE(driver.writeList.isEmpty());
+    EXPECT_EQ(h->plc.bytes(kMemory, 10, 2), (std::vector<uint8_t>{0x34, 0x12}));
+}
+
+TEST_F(ReplyHandling, AWriteThatFailsForGoodIsSettledAsFailureAndDropped)
+{
+    ASSERT_TRUE(h->handshake());
+    h->addrMerge({Host::key(1, M_W, 10, 1)});
+    driver.readList.clear();  // keep only the write in play
+    h->setData(1, M_W, 10, {0x34, 0x12});
+    h->clearReports();
+    EXPECT_EQ(h->cycle(Fault::Short), 8);
+    EXPECT_EQ(h->cycle(Fault::Short), 8);
+    EXPECT_EQ(h->cycle(Fault::Short), 2);
+    EXPECT_TRUE(driver.writeList.isEmpty());
+    const _DATA_& a10 = area(QStringLiteral("M"), 10);
+    EXPECT_EQ(a10.writeFlag, 0);
+    EXPECT_EQ(a10.value[0], 0);
+    // The word is reported so that the host redraws the old value: once per unit.
+    const Report w{1, 1, M_W, 10};
+    EXPECT_EQ(h->reports, (std::vector<Report>{w, w}));
+}
+
+TEST_F(ReplyHandling, ABitWriteWhoseReadFailsForGoodIsSettledAndItsWriteDiscarded)
+{
+    ASSERT_TRUE(h->handshake());
+    h->addrMerge({Host::key(1, M_bit, 83, 1)});
+    driver.readList.clear();
+    h->plc.setBytes(kMemory, 10, {0xF0});
+    h->setData(1, M_bit, 83, {1});
+    EXPECT_EQ(area(QStringLiteral("M"), 10).writeFlag, 1);
+    h->clearReports();
+    h->plc.clearLog();
+    EXPECT_EQ(h->cycle(Fault::NoReply), 8);
+    EXPECT_EQ(h->cycle(Fault::NoReply), 8);
+    EXPECT_EQ(driver.frameList.size(), 2);
+    EXPECT_EQ(h->cycle(Fault::NoReply), 2);
+    EXPECT_TRUE(driver.frameList.isEmpty());
+    EXPECT_TRUE(driver.writeList.isEmpty());
+    EXPECT_EQ(h->fetch(), 0);  // the write frame is gone
+    for (const Request& r : h->plc.requests()) EXPECT_EQ(r.command, kCmdRead);
+    EXPECT_EQ(h->plc.byteAt(kMemory, 10), 0xF0);
+    const _DATA_& a = area(QStringLiteral("M"), 10);
+    EXPECT_EQ(a.writeFlag, 0);
+    EXPECT_EQ(a.value[0] & 0x08, 0);
+    // Settled as failed: the monitored bit is reported for a redraw.
+    EXPECT_EQ(h->reports, (std::vector<Report>{Report{1, 1, M_bit, 83}}));
+}
+
+TEST_F(ReplyHandling, AReadReplyCarryingTheCachedValueCallsNoChangeRoutine)
+{
+    startWithReadBlock(10, 1);
+    h->plc.setBytes(kMemory, 10, {0x05, 0x00});
+    ASSERT_EQ(h->cycle(), 1);
+    EXPECT_EQ(h->reports, (std::vector<Report>{Report{1, 1, M_W, 10}}));
+    h->clearReports();
+    ASSERT_EQ(h->cycle(), 1);
+    EXPECT_TRUE(h->reports.empty());
+    EXPECT_EQ(area(QStringLiteral("M"), 10).value[0], 0x05);
+}
+
+TEST_F(ReplyHandling, ADifferentReadValueHidesTheWrittenOneUnlessBitWritesAreQueued)
+{
+    VARIABLE v;
+    v.kind = 4;
+    v.keyNo = 1;
+    v.regName = M_W;
+    v.address = 10;
+    v.length = 2;
+    std::memset(v.data, 0, sizeof v.data);
+    for (int a : {10, 11}) {
+        _DATA_& d = driver.dataAreaList[areaIndex(QStringLiteral("M"), a)];
+        d.writeFlag = 1;
+        d.writeValue[0] = 0x77;
+    }
+    driver.dataAreaList[areaIndex(QStringLiteral("M"), 10)].bitWriteState = 1;
+    h->setData(1, M_W, 200, {1, 1});  // the write list is not empty
+    driver.curFrameKind = 4;
+    analyzeFrameOfVal(readReply({0x55, 0x66}), 2, 46, v);
+    EXPECT_EQ(area(QStringLiteral("M"), 10).writeFlag, 1);  // queued bit write: kept
+    EXPECT_EQ(area(QStringLiteral("M"), 11).writeFlag, 0);
+    EXPECT_EQ(area(QStringLiteral("M"), 10).value[0], 0x55);
+    EXPECT_EQ(area(QStringLiteral("M"), 11).value[0], 0x66);
+    // With no write queued the flag goes as well.
+    driver.writeList.clear();
+    analyzeFrameOfVal(readReply({0x56, 0x66}), 2, 46, v);
+    EXPECT_EQ(area(QStringLiteral("M"), 10).writeFlag, 0);
+    EXPECT_EQ(area(QStringLiteral("M"), 10).value[0], 0x56);
+}
+
+TEST_F(ReplyHandling, TheReadOfABitWriteDoesNotUpdateTheCache)
+{
+    ASSERT_TRUE(h->handshake());
+    h->addrMerge({Host::key(1, M_bit, 80, 8)});
+    driver.readList.clear();
+    h->plc.setBytes(kMemory, 10, {0xF0});
+    h->setData(1, M_bit, 83, {1});
+    h->clearReports();
+    ASSERT_EQ(h->cycle(), 1);  // the read half
+    EXPECT_EQ(area(QStringLiteral("M"), 10).value[0], 0x00);
+    EXPECT_TRUE(h->reports.empty());
+    ASSERT_EQ(h->cycle(), 1);  // the write half, acknowledged: only bit 3 is taken over
+    EXPECT_EQ(h->plc.byteAt(kMemory, 10), 0xF8);
+    EXPECT_EQ(area(QStringLiteral("M"), 10).value[0], 0x08);
+    EXPECT_EQ(area(QStringLiteral("M"), 10).writeFlag, 0);
+}
+
+TEST_F(ReplyHandling, EveryReplyByteIsStoredInItsUnit)
+{
+    startWithReadBlock(20, 3);  // bytes 20..25
+    h->plc.setBytes(kMemory, 20, {1, 2, 3, 4, 5, 6});
+    ASSERT_EQ(h->cycle(), 1);
+    for (int i = 0; i < 6; ++i) EXPECT_EQ(area(QStringLiteral("M"), 20 + i).value[0], i + 1) << i;
+}
+
+TEST_F(ReplyHandling, GivingUpOnACyclicReadStillTurnsTheReadList)
+{
+    ASSERT_TRUE(h->handshake());
+    ASSERT_EQ(h->addrMerge({Host::key(1, M_W, 0, 1), Host::key(1, M_W, 400, 1)}), 2);
+    EXPECT_EQ(h->cycle(Fault::NoReply), 8);
+    EXPECT_EQ(h->cycle(Fault::NoReply), 8);
+    EXPECT_EQ(h->cycle(Fault::NoReply), 2);
+    ASSERT_EQ(driver.readList.size(), 2);
+    EXPECT_EQ(driver.readList.at(0).address, 400);
+    EXPECT_EQ(driver.readList.at(1).address, 0);
+}
+
+TEST_F(ReplyHandling, RecipeReadCopiesIntoTheHostBufferAndReportsEachByte)
+{
+    ASSERT_TRUE(h->handshake());
+    h->addrMerge({Host::key(1, M_W, 4, 1)});  // word 4 is on a screen too
+    driver.readList.clear();
+    h->setRcpAddress({Host::rcpVar(1, 1, M_W, 0, 2, 0), Host::rcpVar(1, 1, M_W, 4, 2, 10)});
+    ASSERT_EQ(driver.rcpTransferList.size(), 1);
+    h->plc.setBytes(kMemory, 0, {0x10, 0x11, 0x12, 0x13, 0x14, 0x15, 0x16, 0x17});
+    h->setRecipeReadFlag(1);
+    h->clearReports();
+    ASSERT_EQ(h->cycle(), 1);
+    EXPECT_EQ(driver.curFrameKind, 6);
+    for (int j = 0; j < 4; ++j) EXPECT_EQ(h->recipe[size_t(j)], 0x10 + j) << j;
+    for (int j = 0; j < 4; ++j) EXPECT_EQ(h->recipe[size_t(20 + j)], 0x14 + j) << j;
+    EXPECT_EQ(h->recipe[4], 0);
+    EXPECT_EQ(h->recipe[24], 0);
+    // The cache reports come first, then two "RWI" reports per recipe word.
+    const Report w{1, 1, M_W, 4};
+    std::vector<Report> expected{w, w};
+    for (int idx : {0, 0, 1, 1, 10, 10, 11, 11}) expected.push_back(Report{0, -1, RWI, idx});
+    EXPECT_EQ(h->reports, expected);
+    EXPECT_EQ(h->recipeReadFlag(), 0);
+    // The recipe read refreshes the cache like any read.
+    EXPECT_EQ(area(QStringLiteral("M"), 7).value[0], 0x17);
+}
+
+TEST_F(ReplyHandling, RecipeReplyBytesBeyondTheEndOfTheReplyAreTakenAsZero)
+{
+    ASSERT_TRUE(h->handshake());
+    // A bit variable: 10 bits from bit 3 lie in bytes 0 and 1, but the copy takes
+    // 2 x 10 bytes from the reply: the 18 beyond its end are zeros.
+    h->setRcpAddress({Host::rcpVar(1, 1, M_bit, 3, 10, 5)});
+    std::fill(h->recipe.begin(), h->recipe.begin() + 64, 0xAA);
+    h->plc.setBytes(kMemory, 0, {0x12, 0x34, 0x56});
+    h->setRecipeReadFlag(1);
+    h->clearReports();
+    ASSERT_EQ(h->cycle(), 1);
+    EXPECT_EQ(h->lastReply.size(), 48);
+    EXPECT_EQ(h->recipe[9], 0xAA);
+    EXPECT_EQ(h->recipe[10], 0x12);
+    EXPECT_EQ(h->recipe[11], 0x34);
+    for (int j = 12; j < 30; ++j) EXPECT_EQ(h->recipe[size_t(j)], 0) << j;
+    EXPECT_EQ(h->recipe[30], 0xAA);
+    std::vector<Report> expected;
+    for (int j = 0; j < 20; ++j) expected.push_back(Report{0, -1, RWI, 5 + j / 2});
+    EXPECT_EQ(h->reports, expected);
+}
+
+TEST_F(ReplyHandling, RecipeReadOfTheSecondBlockUsesItsOwnVariables)
+{
+    ASSERT_TRUE(h->handshake());
+    h->setRcpAddress({Host::rcpVar(1, 1, M_W, 0, 1, 0), Host::rcpVar(1, 1, M_W, 6, 1, 3)});
+    ASSERT_EQ(driver.rcpBlockStartList, (QList<int>{0, 1}));
+    h->plc.setBytes(kMemory, 0, {1, 2, 3, 4, 5, 6, 7, 8});
+    h->setRecipeReadFlag(1);
+    ASSERT_EQ(h->cycle(), 1);
+    h->clearReports();
+    ASSERT_EQ(h->cycle(), 1);
+    EXPECT_EQ(h->recipe[6], 7);
+    EXPECT_EQ(h->recipe[7], 8);
+    EXPECT_EQ(h->reports, (std::vector<Report>{Report{0, -1, RWI, 3}, Report{0, -1, RWI, 3}}));
+}
+
+// ------------------------------------------------------------------ robustness
+//
+// Whatever arrives, the driver stays inside its own buffers and answers with one of its
+// codes. (Run under AddressSanitizer to make an overrun fatal.)
+
+class ReplyRobustness : public ReplyHandling {
+protected:
+    std::mt19937 rng{12345};
+    QByteArray randomBytes(int n)
+    {
+        QByteArray b(n, '\0');
+        for (int i = 0; i < n; ++i) b[i] = char(rng() & 0xFF);
+        return b;
+    }
+    // Puts a frame of the given scenario in flight; false when none could be built.
+    bool prepare(int scenario)
+    {
+        if (h->fetch() == 1) return true;
+        switch (scenario) {
+        case 0:  // handshake
+            h->init();
+            break;
+        case 1:  // cyclic reads of several blocks
+            h->addrMerge({Host::key(1, M_W, 0, 64), Host::key(1, M_bit, 8000, 30), Host::key(2, QStringLiteral("I_W"), 10, 3)});
+            break;
+        case 2:  // word writes
+            h->setData(1, M_W, 10, std::vector<uint8_t>(200, 0x5A));
+            break;
+        case 3:  // bit writes (a read, then the write)
+            h->setData(1, M_bit, 83, std::vector<uint8_t>(20, 1));
+            break;
+        case 4: {  // condition reads
+            KEY_ADDRESS k = Host::key(1, QStringLiteral("Q_W"), 30, 100);
+            intf_addConditionRead(&k, 1);
+            break;
+        }
+        case 5:  // recipe reads, words and bits
+            h->setRcpAddress({Host::rcpVar(1, 1, M_W, 0, 64, 0), Host::rcpVar(1, 1, M_W, 200, 3, 100),
+                              Host::rcpVar(1, 1, M_bit, 4000, 40, 200)});
+            h->setRecipeReadFlag(1);
+            break;
+        case 6:  // recipe writes
+            h->setRcpAddress({Host::rcpVar(1, 1, M_W, 0, 64, 0), Host::rcpVar(1, 1, M_bit, 4000, 40, 200)});
+            h->setRecipeWriteFlag(1);
+            break;
+        }
+        return h->fetch() == 1;
+    }
+    void expectCode(int r, int len, int scenario)
+    {
+        EXPECT_TRUE(r == 0 || r == 1 || r == 2 || r == 3 || r == 8)
+            << "code " << r << " for " << len << " bytes in scenario " << scenario;
+    }
+};
+
+TEST_F(ReplyRobustness, RandomRepliesOfEveryLengthUpTo2000Bytes)
+{
+    for (int scenario = 0; scenario <= 6; ++scenario) {
+        h->init();
+        if (scenario != 0) ASSERT_TRUE(h->handshake());
+        for (int len = 0; len <= 2000; ++len) {
+            ASSERT_TRUE(prepare(scenario)) << "scenario " << scenario;
+            const int r = h->deliver(randomBytes(len));
+            expectCode(r, len, scenario);
+            if (HasFailure()) return;
+        }
+    }
+}
+
+TEST_F(ReplyRobustness, RandomRepliesOfTheExpectedLengthAndOf1024Bytes)
+{
+    for (int scenario = 0; scenario <= 6; ++scenario) {
+        h->init();
+        if (scenario != 0) ASSERT_TRUE(h->handshake());
+        for (int round = 0; round < 300; ++round) {
+            ASSERT_TRUE(prepare(scenario)) << "scenario " << scenario;
+            const int len = (round % 3 == 0) ? 1024 : h->frame.recvLen;
+            const int r = h->deliver(randomBytes(len));
+            expectCode(r, len, scenario);
+            if (len == h->frame.recvLen && r != 1 && scenario != 0) {
+                ADD_FAILURE() << "a reply of the expected length " << len << " gave " << r;
+            }
+            if (HasFailure()) return;
+        }
+    }
+}
+
+TEST_F(ReplyRobustness, OversizedReplyToAReadIsRejectedWithoutTouchingTheCache)
+{
+    startWithReadBlock(10, 1);
+    const int before = driver.dataAreaList.size();
+    for (int len : {1024, 1025, 2000, 4096, 65536}) {
+        ASSERT_EQ(h->fetch(), 1);
+        const int r = h->deliver(randomBytes(len));
+        EXPECT_TRUE(r == 8 || r == 2) << len;
+    }
+    EXPECT_EQ(driver.dataAreaList.size(), before);
+    EXPECT_EQ(area(QStringLiteral("M"), 10).value[0], 0);
+}
+
+}  // namespace
