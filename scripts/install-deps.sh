@@ -8,13 +8,15 @@ packages=(
   libgtest-dev googletest libbenchmark-dev   # tests and benchmarks
   clang libclang-rt-14-dev                   # fuzzing and sanitizers
   iproute2 util-linux                        # network namespaces in tests
-  nodejs npm                                 # a third-party ADS client in tests
   valgrind help2man dpkg-dev bc            # benchmarks, man pages, packaging
 )
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
 done
+# Node.js may come from elsewhere than Debian: install Debian's only when there is none.
+command -v node >/dev/null || missing+=(nodejs)
+command -v npm >/dev/null || missing+=(npm)   # a third-party ADS client in tests
 if ((${#missing[@]})); then
   echo "installing: ${missing[*]}"
   apt-get update -qq

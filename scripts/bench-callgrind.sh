@@ -1,0 +1,68 @@
+#!/usr/bin/env bash
+# Instruction counts of the driver's hot paths under callgrind (see docs/PERFORMANCE.md).
+#
+#   bash scripts/bench-callgrind.sh [build-dir]
+#
+# Builds bench/callgrind_cycle in build-dir (default build-bench, Release), runs each scenario
+# under valgrind --tool=callgrind with instrumentation switched on only around the measured
+# part, and prints instructions per operation:
+#   - per 128-byte cyclic read (intf_getSendFrame + intf_dealRcvFrame, 174-byte reply) at 100,
+#     1,000 and 10,000 cached units, every byte changing / no byte changing;
+#   - per intf_addrMerge of 10,000 keys in reverse order;
+#   - per coalescing intf_setData of one word.
+# Environment: CYCLES (default 200) cyclic reads per run; MERGE_KEYS (default "1000 10000") the
+# key counts of the intf_addrMerge runs; KEEP=1 keeps the callgrind.out files
+# (their paths are printed) for callgrind_annotate; ANNOTATE=1 prints the top functions of
+# each read run; ADS_CALLGRIND_CMAKE_ARGS extra cmake options for a fresh build folder.
+set -euo pipefail
+here=$(cd "$(dirname "$0")/.." && pwd)
+build=${1:-$here/build-bench}
+cycles=${CYCLES:-200}
+
+command -v valgrind >/dev/null || { echo "valgrind is not installed (apt-get install valgrind)" >&2; exit 1; }
+
+if [ ! -f "$build/CMakeCache.txt" ]; then
+  # shellcheck disable=SC2086
+  cmake -S "$here" -B "$build" -DCMAKE_BUILD_TYPE=Release -DADS_BUILD_TOOLS=OFF ${ADS_CALLGRIND_CMAKE_ARGS:-} >/dev/null
+fi
+cmake --build "$build" --target callgrind_cycle -j"$(nproc)" >"$build/callgrind_cycle.build.log" 2>&1 ||
+  { cat "$build/callgrind_cycle.build.log" >&2; exit 1; }
+exe=$(find "$build" -name callgrind_cycle -type f -perm -u+x | head -n1)
+[ -n "$exe" ] || { echo "callgrind_cycle was not built (valgrind/callgrind.h missing?)" >&2; exit 1; }
+
+out=$(mktemp -d /tmp/ads-callgrind.XXXXXX)
+[ "${KEEP:-0}" = 1 ] || trap 'rm -rf "$out"' EXIT
+
+# run NAME ARGS...: prints instructions per operation
+run() {
+  local name=$1; shift
+  local file="$out/callgrind.out.$name"
+  local log
+  log=$(valgrind --tool=callgrind --instr-atstart=no --callgrind-out-file="$file" "$exe" "$@" 2>/dev/null)
+  local n total
+  n=$(sed -n 's/.*cycles=\([0-9]*\).*/\1/p' <<<"$log")
+  # "totals:" holds the instrumented part; "summary:" may be 0 when collection was toggled.
+  total=$(awk '/^totals:/ {t = $2} /^summary:/ {s = $2} END {print (t != "" ? t : s)}' "$file")
+  if [ -z "$n" ] || [ -z "$total" ]; then
+    echo "$name: no result" >&2
+    return 1
+  fi
+  printf '%-34s %12d instructions per operation   (%s)\n' "$name" "$((total / n))" "$log"
+  if [ "${ANNOTATE:-0}" = 1 ]; then
+    callgrind_annotate --inclusive=no "$file" 2>/dev/null | sed -n '/^Ir/,$p' | head -n 25
+  fi
+}
+
+echo "callgrind_cycle: $exe"
+for units in 100 1000 10000; do
+  run "read_units${units}_changing" read "$units" 1 "$cycles"
+  run "read_units${units}_unchanged" read "$units" 0 "$cycles"
+done
+for keys in ${MERGE_KEYS:-1000 10000}; do
+  run "addrMerge_${keys}_reversed" merge "$keys" 1
+  run "addrMerge_${keys}_ascending" merge "$keys" 0
+done
+run "setData_coalesce" setdata "$cycles"
+if [ "${KEEP:-0}" = 1 ]; then
+  echo "callgrind output kept in $out"
+fi

@@ -1,0 +1,836 @@
+#include "adshost.h"
+
+#include "ads_ethernet.h"
+#include "pcap_writer.h"
+
+#include <arpa/inet.h>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <QtCore/QByteArray>
+#include <QtCore/QList>
+#include <QtCore/QMutex>
+#include <QtCore/QString>
+#include <QtCore/QVector>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <deque>
+#include <set>
+#include <sstream>
+#include <thread>
+#include <tuple>
+
+namespace adshost {
+
+int64_t nowMs() {
+    using namespace std::chrono;
+    return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
+}
+
+namespace {
+
+double nowSec() {
+    using namespace std::chrono;
+    return duration_cast<duration<double>>(steady_clock::now().time_since_epoch()).count();
+}
+
+bool endsWith(const std::string& s, const std::string& tail) {
+    return s.size() >= tail.size() && s.compare(s.size() - tail.size(), tail.size(), tail) == 0;
+}
+
+bool parseInt(const std::string& text, long long& out) {
+    if (text.empty()) return false;
+    errno = 0;
+    char* end = nullptr;
+    const long long v = std::strtoll(text.c_str(), &end, 0);  // decimal or 0x-hex
+    if (errno != 0 || !end || *end != '\0') return false;
+    out = v;
+    return true;
+}
+
+std::vector<std::string> split(const std::string& s, char sep) {
+    std::vector<std::string> out;
+    std::string cur;
+    for (char c : s) {
+        if (c == sep) {
+            out.push_back(cur);
+            cur.clear();
+        } else {
+            cur += c;
+        }
+    }
+    out.push_back(cur);
+    return out;
+}
+
+const char* const kRegisters[] = {"I_bit", "Q_bit", "M_bit", "I_W", "Q_W", "M_W"};
+
+}  // namespace
+
+// ------------------------------------------------------------------------------------------
+// Address texts
+
+bool Address::isBit() const { return endsWith(reg, "_bit"); }
+
+std::string Address::text() const {
+    std::string t = reg + ":" + addrText;
+    if (count != 1) t += ":" + std::to_string(count);
+    return t;
+}
+
+std::string Write::text() const {
+    std::ostringstream o;
+    o << addr.reg << ":" << addr.addrText << "=";
+    if (addr.isBit()) {
+        for (size_t i = 0; i < data.size(); ++i) o << (i ? "," : "") << int(data[i] ? 1 : 0);
+    } else {
+        char buf[16];
+        for (size_t i = 0; i + 1 < data.size(); i += 2) {
+            std::snprintf(buf, sizeof buf, "0x%04X", unsigned(data[i] | data[i + 1] << 8));
+            o << (i ? "," : "") << buf;
+        }
+    }
+    return o.str();
+}
+
+bool parseAddress(const std::string& text, Address& out, std::string& why) {
+    const std::vector<std::string> parts = split(text, ':');
+    if (parts.size() < 2 || parts.size() > 3) {
+        why = "address '" + text + "' is not REG:ADDR[:COUNT]";
+        return false;
+    }
+    Address a;
+    a.reg = parts[0];
+    bool known = false;
+    for (const char* r : kRegisters) known = known || a.reg == r;
+    if (!known) {
+        why = "unknown register '" + a.reg + "' in '" + text + "' (I_bit Q_bit M_bit I_W Q_W M_W)";
+        return false;
+    }
+    a.addrText = parts[1];
+    long long v = 0;
+    if (a.isBit()) {
+        const std::vector<std::string> bb = split(parts[1], '.');
+        long long byte = 0, bit = 0;
+        if (bb.size() != 2 || !parseInt(bb[0], byte) || !parseInt(bb[1], bit) || bit < 0 || bit > 7 ||
+            byte < 0 || byte > 65535) {
+            why = "bit address '" + parts[1] + "' in '" + text + "' is not BYTE.BIT";
+            return false;
+        }
+        a.address = int(byte * 8 + bit);
+    } else {
+        if (!parseInt(parts[1], v) || v < 0 || v > 65535) {
+            why = "word address '" + parts[1] + "' in '" + text + "' is not a byte offset";
+            return false;
+        }
+        a.address = int(v);
+    }
+    if (parts.size() == 3) {
+        if (!parseInt(parts[2], v) || v < 1 || v > 4096) {
+            why = "count '" + parts[2] + "' in '" + text + "' is not a positive number";
+            return false;
+        }
+        a.count = int(v);
+    }
+    out = a;
+    return true;
+}
+
+bool parseWrite(const std::string& text, Write& out, std::string& why) {
+    const size_t eq = text.find('=');
+    if (eq == std::string::npos) {
+        why = "write '" + text + "' is not REG:ADDR=VALUE";
+        return false;
+    }
+    Write w;
+    if (!parseAddress(text.substr(0, eq), w.addr, why)) return false;
+    if (w.addr.count != 1) {
+        why = "write '" + text + "' takes its count from the values, not from ':COUNT'";
+        return false;
+    }
+    const std::vector<std::string> values = split(text.substr(eq + 1), ',');
+    for (const std::string& s : values) {
+        long long v = 0;
+        if (!parseInt(s, v)) {
+            why = "value '" + s + "' in '" + text + "' is not a number";
+            return false;
+        }
+        if (w.addr.isBit()) {
+            if (v != 0 && v != 1) {
+                why = "bit value '" + s + "' in '" + text + "' is not 0 or 1";
+                return false;
+            }
+            w.data.push_back(uint8_t(v));
+        } else {
+            if (v < -32768 || v > 65535) {
+                why = "word value '" + s + "' in '" + text + "' does not fit 16 bits";
+                return false;
+            }
+            w.data.push_back(uint8_t(v & 0xFF));         // low byte first,
+            w.data.push_back(uint8_t((v >> 8) & 0xFF));  // as in PLC memory
+        }
+    }
+    w.addr.count = int(values.size());
+    out = w;
+    return true;
+}
+
+bool parseRecipe(const std::string& text, RecipeVar& out, std::string& why) {
+    RecipeVar r;
+    const size_t eq = text.find('=');
+    if (!parseAddress(text.substr(0, eq), r.addr, why)) return false;
+    if (eq != std::string::npos) {
+        const std::vector<std::string> values = split(text.substr(eq + 1), ',');
+        for (const std::string& s : values) {
+            long long v = 0;
+            if (!parseInt(s, v) || v < -32768 || v > 65535) {
+                why = "recipe value '" + s + "' in '" + text + "' is not a 16-bit number";
+                return false;
+            }
+            r.values.push_back(uint16_t(v));
+        }
+        const size_t need = r.addr.isBit() ? size_t(r.addr.count + 1) / 2 : size_t(r.addr.count);
+        if (r.values.size() != need) {
+            why = "recipe '" + text + "' needs " + std::to_string(need) + " values";
+            return false;
+        }
+    }
+    out = r;
+    return true;
+}
+
+// ------------------------------------------------------------------------------------------
+// Figures
+
+std::string Stats::figuresLine() const {
+    char buf[512];
+    std::snprintf(buf, sizeof buf,
+                  "figures: requests=%llu result1=%llu result8=%llu result2=%llu result3=%llu "
+                  "result0=%llu timeouts=%llu reconnects=%llu stale_bytes=%llu changes=%llu "
+                  "rtt_ms=%.3f/%.3f/%.3f refreshes=%llu refreshes_per_s=%.1f blocks_per_refresh=%d "
+                  "seconds=%.1f",
+                  (unsigned long long)requests, (unsigned long long)results[1],
+                  (unsigned long long)results[8], (unsigned long long)results[2],
+                  (unsigned long long)results[3], (unsigned long long)results[0],
+                  (unsigned long long)timeouts, (unsigned long long)reconnects,
+                  (unsigned long long)staleBytes, (unsigned long long)changes, rttMinMs, rttMedianMs,
+                  rttMaxMs, (unsigned long long)fullRefreshes, refreshesPerSecond(), blocksPerRefresh,
+                  seconds);
+    return buf;
+}
+
+// ------------------------------------------------------------------------------------------
+// The driver plugin
+
+class Plugin {
+public:
+    ~Plugin() {
+        // The plugin stays loaded: its global driver object would be destroyed under the
+        // feet of a later session in the same process, and dlclose gains nothing here.
+    }
+    bool load(const std::string& path, std::string& why) {
+        if (::access(path.c_str(), R_OK) != 0) {
+            why = "cannot load driver " + path + ": " + std::strerror(errno);
+            return false;
+        }
+        handle = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+        if (!handle) {
+            const char* e = ::dlerror();
+            why = "cannot load driver " + path + ": " + (e ? e : "dlopen failed");
+            return false;
+        }
+        std::vector<std::string> missing;
+        auto get = [&](auto& fn, const char* name) {
+            void* sym = ::dlsym(handle, name);
+            if (!sym) missing.push_back(name);
+            fn = reinterpret_cast<std::remove_reference_t<decltype(fn)>>(sym);
+        };
+        get(getProtocolType, "intf_getProtocolType");
+        get(getVersion, "intf_getVersion");
+        get(setAddrValueChangeCallBack, "intf_setAddrValueChangeCallBack");
+        get(initProperty, "intf_initProperty");
+        get(getDriverParameter, "intf_getDriverParameter");
+        get(getDriverPropertyPage, "intf_getDriverPropertyPage");
+        get(setDriverPropertyPage, "intf_SetDriverPropertyPage");
+        get(getRegListByType, "intf_getRegListByType");
+        get(getRegDiscription, "intf_getRegDiscription");
+        get(checkAddr, "intf_checkAddr");
+        get(checkAddrValidity, "intf_checkAddrValidity");
+        get(getSendFrame, "intf_getSendFrame");
+        get(dealRcvFrame, "intf_dealRcvFrame");
+        get(getData, "intf_getData");
+        get(setData, "intf_setData");
+        get(addrMerge, "intf_addrMerge");
+        get(addConditionRead, "intf_addConditionRead");
+        get(setRcpAddress, "intf_setRcpAddress");
+        get(multiCopy, "intf_multiCopy");
+        if (!missing.empty()) {
+            why = "driver " + path + " lacks entry point" + (missing.size() > 1 ? "s" : "") + ":";
+            for (const std::string& m : missing) why += " " + m;
+            return false;
+        }
+        return true;
+    }
+
+    void* handle = nullptr;
+    decltype(&::intf_getProtocolType) getProtocolType = nullptr;
+    decltype(&::intf_getVersion) getVersion = nullptr;
+    decltype(&::intf_setAddrValueChangeCallBack) setAddrValueChangeCallBack = nullptr;
+    decltype(&::intf_initProperty) initProperty = nullptr;
+    decltype(&::intf_getDriverParameter) getDriverParameter = nullptr;
+    decltype(&::intf_getDriverPropertyPage) getDriverPropertyPage = nullptr;
+    decltype(&::intf_SetDriverPropertyPage) setDriverPropertyPage = nullptr;
+    decltype(&::intf_getRegListByType) getRegListByType = nullptr;
+    decltype(&::intf_getRegDiscription) getRegDiscription = nullptr;
+    decltype(&::intf_checkAddr) checkAddr = nullptr;
+    decltype(&::intf_checkAddrValidity) checkAddrValidity = nullptr;
+    decltype(&::intf_getSendFrame) getSendFrame = nullptr;
+    decltype(&::intf_dealRcvFrame) dealRcvFrame = nullptr;
+    decltype(&::intf_getData) getData = nullptr;
+    decltype(&::intf_setData) setData = nullptr;
+    decltype(&::intf_addrMerge) addrMerge = nullptr;
+    decltype(&::intf_addConditionRead) addConditionRead = nullptr;
+    decltype(&::intf_setRcpAddress) setRcpAddress = nullptr;
+    decltype(&::intf_multiCopy) multiCopy = nullptr;
+};
+
+// ------------------------------------------------------------------------------------------
+// The session
+
+namespace {
+// The driver has one global state per loaded library and its callback carries no pointer
+// of ours, so the open session is global too.
+std::atomic<Session*> g_session{nullptr};
+
+int hostCallback(int context, int keyNo, QString text, int address) {
+    Session* s = g_session.load();
+    if (s) s->onChange(context, keyNo, text.toStdString(), address);
+    return 0;
+}
+
+constexpr size_t kStatusBlockSize = 65536;  // the flag bytes lie at 60115 and 60116
+constexpr size_t kRecipeBufferSize = 65536;
+constexpr size_t kMaxExchanges = 100000;
+constexpr size_t kMaxRttSamples = 4000000;
+constexpr uint32_t kMaxFrameBody = 65536;
+}  // namespace
+
+struct Session::Impl {
+    Config cfg;
+    Plugin plugin;
+    bool opened = false;
+
+    std::vector<uint8_t> statusBlock = std::vector<uint8_t>(kStatusBlockSize, 0);
+    std::vector<uint8_t> recipeBuffer = std::vector<uint8_t>(kRecipeBufferSize, 0);
+    QMutex hostMutex;
+    int mode = 0;
+    int blocks = 0;
+
+    int fd = -1;
+    uint16_t localPort = 0;
+    uint32_t localIp = 0, peerIp = 0;
+    PcapWriter pcap;
+
+    std::atomic<bool> stop{false};
+    bool failedForGood = false;
+    std::string failure;
+
+    std::mutex lock;  // guards what the callback and other threads touch below
+    std::vector<Change> changes;
+    std::deque<Exchange> history;
+    std::vector<std::string> errorTexts;
+    Stats stats;
+    std::vector<double> rtts;
+
+    std::set<std::tuple<std::string, int, int>> refreshSeen;
+    double pollStart = 0, pollSeconds = 0;
+
+    KEY_ADDRESS key(const Address& a) const {
+        KEY_ADDRESS k = KEY_ADDRESS();
+        k.keyNo = cfg.keyNo;
+        k.regName = QString::fromStdString(a.reg);
+        k.address = a.address;
+        k.length = a.count;
+        k.unitMark = a.isBit() ? -1 : 0;
+        return k;
+    }
+
+    void closeSocket(bool byHost) {
+        if (fd >= 0) {
+            ::close(fd);
+            pcap.connectionClosed(byHost);
+        }
+        fd = -1;
+        localPort = 0;
+    }
+
+    bool connectOnce(std::string& why) {
+        closeSocket(true);
+        sockaddr_in a{};
+        a.sin_family = AF_INET;
+        a.sin_port = htons(cfg.plcPort);
+        if (inet_pton(AF_INET, cfg.plcHost.c_str(), &a.sin_addr) != 1) {
+            why = "PLC address '" + cfg.plcHost + "' is not an IPv4 address";
+            return false;
+        }
+        const int s = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+        if (s < 0) {
+            why = std::string("socket: ") + std::strerror(errno);
+            return false;
+        }
+        const int one = 1;
+        ::setsockopt(s, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+        const std::string where = cfg.plcHost + ":" + std::to_string(cfg.plcPort);
+        if (::connect(s, reinterpret_cast<sockaddr*>(&a), sizeof a) < 0) {
+            if (errno != EINPROGRESS) {
+                why = "cannot connect to " + where + ": " + std::strerror(errno);
+                ::close(s);
+                return false;
+            }
+            pollfd p{s, POLLOUT, 0};
+            const int r = ::poll(&p, 1, cfg.connectTimeoutMs);
+            if (r != 1) {
+                why = "cannot connect to " + where + ": no answer within " +
+                      std::to_string(cfg.connectTimeoutMs) + " ms";
+                ::close(s);
+                return false;
+            }
+            int err = 0;
+            socklen_t len = sizeof err;
+            ::getsockopt(s, SOL_SOCKET, SO_ERROR, &err, &len);
+            if (err) {
+                why = "cannot connect to " + where + ": " + std::strerror(err);
+                ::close(s);
+                return false;
+            }
+        }
+        fd = s;
+        sockaddr_in local{};
+        socklen_t ll = sizeof local;
+        ::getsockname(s, reinterpret_cast<sockaddr*>(&local), &ll);
+        localPort = ntohs(local.sin_port);
+        localIp = ntohl(local.sin_addr.s_addr);
+        peerIp = ntohl(a.sin_addr.s_addr);
+        pcap.connectionOpened(localIp, localPort, peerIp, cfg.plcPort);
+        return true;
+    }
+
+    bool reconnect() {
+        int backoff = cfg.reconnectBackoffMs;
+        std::string why;
+        for (int attempt = 0; attempt < cfg.reconnectAttempts && !stop; ++attempt) {
+            if (attempt > 0 || backoff > 0) std::this_thread::sleep_for(std::chrono::milliseconds(backoff));
+            if (connectOnce(why)) {
+                std::lock_guard<std::mutex> g(lock);
+                ++stats.reconnects;
+                return true;
+            }
+            backoff = std::min(backoff * 2, cfg.reconnectBackoffMaxMs);
+        }
+        failedForGood = true;
+        failure = "connection lost and not re-established after " + std::to_string(cfg.reconnectAttempts) +
+                  " attempts: " + why;
+        return false;
+    }
+
+    // Bytes that arrived after a time-out belong to an old request.
+    void drain() {
+        if (fd < 0) return;
+        uint8_t buf[4096];
+        for (int guard = 0; guard < 1024; ++guard) {
+            const ssize_t n = ::recv(fd, buf, sizeof buf, MSG_DONTWAIT);
+            if (n > 0) {
+                pcap.plcToHost(buf, size_t(n));
+                std::lock_guard<std::mutex> g(lock);
+                stats.staleBytes += uint64_t(n);
+                continue;
+            }
+            if (n == 0) closeSocket(false);  // the peer closed meanwhile
+            break;
+        }
+    }
+
+    bool sendFrame(const uint8_t* p, size_t len) {
+        // One send() for the whole frame; the loop only covers a full send buffer.
+        const int64_t deadline = nowMs() + cfg.replyTimeoutMs;
+        size_t done = 0;
+        while (done < len) {
+            const ssize_t n = ::send(fd, p + done, len - done, MSG_NOSIGNAL);
+            if (n > 0) {
+                done += size_t(n);
+                continue;
+            }
+            if (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) return false;
+            pollfd pf{fd, POLLOUT, 0};
+            const int64_t left = deadline - nowMs();
+            if (left <= 0 || ::poll(&pf, 1, int(left)) <= 0) return false;
+        }
+        return true;
+    }
+
+    // Assembles one reply by the AMS/TCP length field. Reads no byte beyond that frame.
+    void receive(std::vector<uint8_t>& buf, Exchange& ex) {
+        const int64_t deadline = nowMs() + cfg.replyTimeoutMs;
+        size_t need = 6;
+        bool headerSeen = false;
+        while (buf.size() < need) {
+            const int64_t left = deadline - nowMs();
+            pollfd p{fd, POLLIN, 0};
+            const int r = left > 0 ? ::poll(&p, 1, int(left)) : 0;
+            if (r == 0) {
+                ex.timedOut = true;
+                return;
+            }
+            if (r < 0) {
+                if (errno == EINTR) continue;
+                ex.connectionLost = true;
+                return;
+            }
+            const size_t old = buf.size();
+            buf.resize(need);
+            const ssize_t n = ::recv(fd, buf.data() + old, need - old, 0);
+            if (n <= 0) {
+                buf.resize(old);
+                if (n < 0 && (errno == EAGAIN || errno == EINTR)) continue;
+                ex.connectionLost = true;
+                return;
+            }
+            buf.resize(old + size_t(n));
+            ++ex.recvChunks;
+            if (!headerSeen && buf.size() >= 6) {
+                headerSeen = true;
+                const uint32_t len = uint32_t(buf[2]) | uint32_t(buf[3]) << 8 | uint32_t(buf[4]) << 16 |
+                                     uint32_t(buf[5]) << 24;
+                if (len > kMaxFrameBody) return;  // not a frame of ours: hand over the header only
+                need = 6 + len;
+            }
+        }
+    }
+
+    bool recipeFlagsUp() {
+        QMutexLocker g(&hostMutex);
+        return statusBlock[HOST_FLAG_RECIPE_WRITE] == 1 || statusBlock[HOST_FLAG_RECIPE_READ] == 1;
+    }
+};
+
+Session::Session() : d(new Impl) {}
+
+Session::~Session() {
+    disconnect();
+    Session* self = this;
+    g_session.compare_exchange_strong(self, nullptr);
+}
+
+bool Session::open(const Config& cfg, std::string& why) {
+    if (d->opened) {
+        why = "session already open";
+        return false;
+    }
+    Session* expected = nullptr;
+    if (!g_session.compare_exchange_strong(expected, this)) {
+        why = "another session is open in this process (the driver has one state per process)";
+        return false;
+    }
+    d->cfg = cfg;
+    if (!d->plugin.load(cfg.driverPath, why)) {
+        g_session = nullptr;
+        return false;
+    }
+    Plugin& p = d->plugin;
+    // Validate the addresses before anything is configured.
+    for (const Address& a : cfg.watches) {
+        const int r = checkAddress(a, 0);
+        if (r != 0) {
+            why = "address " + a.text() + " rejected by the driver (check result " + std::to_string(r) + ")";
+            g_session = nullptr;
+            return false;
+        }
+    }
+    for (const Address& a : cfg.conditions) {
+        const int r = checkAddress(a, 0);
+        if (r != 0) {
+            why = "condition address " + a.text() + " rejected by the driver (check result " +
+                  std::to_string(r) + ")";
+            g_session = nullptr;
+            return false;
+        }
+    }
+    for (const RecipeVar& v : cfg.recipe) {
+        const int r = checkAddress(v.addr, 1);
+        if (r != 0) {
+            why = "recipe address " + v.addr.text() + " rejected by the driver (check result " +
+                  std::to_string(r) + ")";
+            g_session = nullptr;
+            return false;
+        }
+    }
+    if (!cfg.pcapPath.empty() &&
+        !d->pcap.open(cfg.pcapPath, cfg.pcapRaw ? PcapWriter::LINK_RAW : PcapWriter::LINK_ETHERNET)) {
+        why = "cannot write " + cfg.pcapPath + ": " + std::strerror(errno);
+        g_session = nullptr;
+        return false;
+    }
+
+    // 1. initialisation: context, write-to-cache-only flag, stored value, retries, gap
+    const std::string init = std::to_string(cfg.context) + "#0#0#" + std::to_string(cfg.retries) + "#" +
+                             std::to_string(cfg.gap);
+    p.initProperty(d->statusBlock.data(), nullptr, d->recipeBuffer.data(), &d->mode, init.c_str(),
+                   &d->hostMutex);
+    // 2. the PLC's AMS Net ID and port
+    p.setDriverPropertyPage(QString::fromStdString("2_0," + cfg.netId + "," + std::to_string(cfg.amsPort)));
+    // 3. the change callback
+    p.setAddrValueChangeCallBack(&hostCallback);
+    // 4. the screen
+    QList<KEY_ADDRESS> keys;
+    for (const Address& a : cfg.watches) keys.append(d->key(a));
+    d->blocks = p.addrMerge(keys);
+    d->stats.blocksPerRefresh = d->blocks;
+    // 5. recipe variables, laid out in the recipe buffer at their rcpDataIndex
+    if (!cfg.recipe.empty()) {
+        QVector<_RCP_VAR_PRO> vars;
+        for (const RecipeVar& v : cfg.recipe) {
+            _RCP_VAR_PRO r = _RCP_VAR_PRO();
+            r.driverNo = cfg.context;
+            r.keyNo = cfg.keyNo;
+            r.regName = QString::fromStdString(v.addr.reg);
+            r.address = v.addr.address;
+            r.length = v.addr.count;
+            r.rcpDataIndex = v.rcpDataIndex;
+            vars.append(r);
+            for (size_t i = 0; i < v.values.size(); ++i) setRecipeWord(v.rcpDataIndex + int(i), v.values[i]);
+        }
+        p.setRcpAddress(&vars);
+    }
+    // 6. condition reads
+    for (const Address& a : cfg.conditions) addConditionRead(a);
+    d->opened = true;
+    return true;
+}
+
+bool Session::connect(std::string& why) {
+    if (!d->opened) {
+        why = "session not open";
+        return false;
+    }
+    return d->connectOnce(why);
+}
+
+bool Session::connected() const { return d->fd >= 0; }
+
+void Session::disconnect() {
+    if (d) {
+        d->closeSocket(true);
+        d->pcap.close();
+    }
+}
+
+void Session::requestStop() { d->stop = true; }
+bool Session::failedForGood() const { return d->failedForGood; }
+const std::string& Session::failure() const { return d->failure; }
+int Session::blocks() const { return d->blocks; }
+int Session::localPort() const { return d->localPort; }
+
+std::string Session::driverVersion() {
+    if (!d->plugin.getVersion) return std::string();
+    return d->plugin.getVersion().toStdString();
+}
+
+int Session::checkAddress(const Address& a, int access) {
+    int out = 0;
+    // Data type -1 stands for a bit; any other value for a word object.
+    return d->plugin.checkAddr(QString::fromStdString(a.reg), QString::fromStdString(a.addrText), &out,
+                               a.isBit() ? -1 : 1, a.count, access);
+}
+
+Exchange Session::step() {
+    Impl& s = *d;
+    Exchange ex;
+    if (!s.opened) return ex;
+    if (s.fd < 0 && !s.reconnect()) return ex;
+    if (s.pollStart == 0) s.pollStart = nowSec();
+
+    const bool recipeUp = s.recipeFlagsUp();
+    std::unique_ptr<FRAME_PRO> frame(new FRAME_PRO());
+    ex.sent = s.plugin.getSendFrame(frame.get());
+    if (ex.sent != 1) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        s.pollSeconds = nowSec() - s.pollStart;
+        return ex;
+    }
+    const FRAME_PRO& f = *frame;
+    ex.sendLen = std::max(0, std::min(f.sendLen, 1024));
+    ex.commandId = f.frame[22] | f.frame[23] << 8;
+    ex.readLen = f.readLen;
+    ex.varReg = f.var.regName.toStdString();
+    ex.varAddress = f.var.address;
+    ex.varLength = f.var.length;
+    ex.varKind = f.var.kind;
+    ex.frame.assign(f.frame, f.frame + ex.sendLen);
+    ex.cyclicRead = f.readLen > 0 && f.var.kind == 4 && !recipeUp && endsWith(ex.varReg, "_W");
+
+    s.drain();
+    std::vector<uint8_t> reply;
+    const double t0 = nowSec();
+    if (s.fd < 0) {
+        ex.connectionLost = true;
+    } else if (!s.sendFrame(f.frame, size_t(ex.sendLen))) {
+        ex.connectionLost = true;
+    } else {
+        s.pcap.hostToPlc(f.frame, size_t(ex.sendLen));
+        {
+            std::lock_guard<std::mutex> g(s.lock);
+            ++s.stats.requests;
+        }
+        s.receive(reply, ex);
+        if (!reply.empty()) s.pcap.plcToHost(reply.data(), reply.size());
+    }
+    const double t1 = nowSec();
+
+    // Hand over what arrived, also nothing, so that the driver counts a failure.
+    QByteArray bytes(reinterpret_cast<const char*>(reply.data()), int(reply.size()));
+    QString errorText;
+    ex.replyBytes = int(reply.size());
+    ex.result = s.plugin.dealRcvFrame(bytes, errorText);
+    ex.errorText = errorText.toStdString();
+    if (!ex.timedOut && !ex.connectionLost) ex.rttMs = (t1 - t0) * 1000.0;
+    if (ex.connectionLost) s.closeSocket(false);
+
+    {
+        std::lock_guard<std::mutex> g(s.lock);
+        if (ex.result >= 0 && ex.result <= 8) ++s.stats.results[ex.result];
+        if (ex.timedOut) ++s.stats.timeouts;
+        if (ex.connectionLost) ++s.stats.connectionLosses;
+        if (ex.result == 2) s.errorTexts.push_back(ex.errorText);
+        if (!ex.timedOut && !ex.connectionLost && s.rtts.size() < kMaxRttSamples) s.rtts.push_back(ex.rttMs);
+        if (ex.cyclicRead && ex.result == 1 && s.blocks > 0) {
+            s.refreshSeen.insert(std::make_tuple(ex.varReg, ex.varAddress, ex.varLength));
+            if (int(s.refreshSeen.size()) >= s.blocks) {
+                ++s.stats.fullRefreshes;
+                s.refreshSeen.clear();
+            }
+        }
+        s.history.push_back(ex);
+        if (s.history.size() > kMaxExchanges) s.history.pop_front();
+    }
+    s.pollSeconds = nowSec() - s.pollStart;
+    return ex;
+}
+
+bool Session::run(uint64_t cycles, int ms, const std::function<bool()>& until) {
+    const int64_t deadline = ms > 0 ? nowMs() + ms : 0;
+    // Without any limit a run would never end; one hour is the outer bound.
+    const int64_t hardDeadline = nowMs() + 3600 * 1000;
+    uint64_t done = 0;
+    while (!d->stop) {
+        if (cycles > 0 && done >= cycles) break;
+        if (deadline > 0 && nowMs() >= deadline) break;
+        if (nowMs() >= hardDeadline) break;
+        if (until && until()) break;
+        step();
+        if (d->failedForGood) return false;
+        ++done;
+    }
+    return true;
+}
+
+void Session::write(const Write& w) {
+    std::vector<uint8_t> data = w.data;
+    data.resize(std::max<size_t>(data.size(), 4), 0);
+    d->plugin.setData(d->cfg.keyNo, QString::fromStdString(w.addr.reg), w.addr.address, w.addr.count,
+                      data.data(), d->cfg.writeMode);
+}
+
+std::vector<uint8_t> Session::read(const Address& a) {
+    const size_t n = a.isBit() ? size_t(a.count) : size_t(a.count) * 2;
+    std::vector<uint8_t> out(n + 8, 0);
+    d->plugin.getData(d->cfg.keyNo, QString::fromStdString(a.reg), a.address, a.count, out.data());
+    out.resize(n);
+    return out;
+}
+
+void Session::requestRecipeWrite() {
+    QMutexLocker g(&d->hostMutex);
+    d->statusBlock[HOST_FLAG_RECIPE_WRITE] = 1;
+}
+
+void Session::requestRecipeRead() {
+    QMutexLocker g(&d->hostMutex);
+    d->statusBlock[HOST_FLAG_RECIPE_READ] = 1;
+}
+
+bool Session::recipeWritePending() {
+    QMutexLocker g(&d->hostMutex);
+    return d->statusBlock[HOST_FLAG_RECIPE_WRITE] != 0;
+}
+
+bool Session::recipeReadPending() {
+    QMutexLocker g(&d->hostMutex);
+    return d->statusBlock[HOST_FLAG_RECIPE_READ] != 0;
+}
+
+uint16_t Session::recipeWord(int index) {
+    const size_t at = size_t(index) * 2;
+    if (index < 0 || at + 1 >= d->recipeBuffer.size()) return 0;
+    return uint16_t(d->recipeBuffer[at] | d->recipeBuffer[at + 1] << 8);
+}
+
+void Session::setRecipeWord(int index, uint16_t value) {
+    const size_t at = size_t(index) * 2;
+    if (index < 0 || at + 1 >= d->recipeBuffer.size()) return;
+    d->recipeBuffer[at] = uint8_t(value);
+    d->recipeBuffer[at + 1] = uint8_t(value >> 8);
+}
+
+void Session::addConditionRead(const Address& a) {
+    KEY_ADDRESS k = d->key(a);
+    d->plugin.addConditionRead(&k, d->cfg.conditionKind);
+}
+
+void Session::onChange(int context, int keyNo, const std::string& text, int address) {
+    std::lock_guard<std::mutex> g(d->lock);
+    ++d->stats.changes;
+    if (d->changes.size() < 1000000) d->changes.push_back(Change{context, keyNo, text, address});
+}
+
+std::vector<Change> Session::takeChanges() {
+    std::lock_guard<std::mutex> g(d->lock);
+    std::vector<Change> out;
+    out.swap(d->changes);
+    return out;
+}
+
+std::vector<Exchange> Session::exchanges() {
+    std::lock_guard<std::mutex> g(d->lock);
+    return std::vector<Exchange>(d->history.begin(), d->history.end());
+}
+
+std::vector<std::string> Session::errorTexts() {
+    std::lock_guard<std::mutex> g(d->lock);
+    return d->errorTexts;
+}
+
+Stats Session::stats() {
+    std::lock_guard<std::mutex> g(d->lock);
+    Stats st = d->stats;
+    st.seconds = d->pollSeconds;
+    if (!d->rtts.empty()) {
+        std::vector<double> v = d->rtts;
+        std::sort(v.begin(), v.end());
+        st.rttMinMs = v.front();
+        st.rttMaxMs = v.back();
+        st.rttMedianMs = v.size() % 2 ? v[v.size() / 2] : (v[v.size() / 2 - 1] + v[v.size() / 2]) / 2;
+    }
+    return st;
+}
+
+}  // namespace adshost

@@ -1,0 +1,199 @@
+// adshost: the reference host of the ads_ethernet driver.
+//
+// Loads a driver plugin with dlopen(), calls its intf_ entry points in the order an operator
+// panel runtime does, and runs the polling cycle over its own TCP connection to the PLC:
+//
+//   intf_getSendFrame -> send the first sendLen bytes (one send(), TCP_NODELAY)
+//   -> assemble one reply by the AMS/TCP length field -> intf_dealRcvFrame
+//
+// On a reply time-out or a lost connection the bytes that did arrive (often none) are handed
+// to the driver so that it counts the failure; the driver then hands out the same frame
+// again. Bytes that arrive late belong to an old request and are drained before the next
+// frame is sent. Writes may come from another thread (intf_setData); the value-change
+// callback collects the driver's change reports.
+//
+// The driver keeps one global state per loaded library, so only one Session may be open in
+// a process at a time.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace adshost {
+
+// An address as the host's editor writes it: "M_W:100:4", "M_bit:10.3", "I_W:0", "Q_bit:0.1:8".
+struct Address {
+    std::string reg;       // "I_bit", "Q_bit", "M_bit", "I_W", "Q_W", "M_W"
+    std::string addrText;  // "10.3" or "100"
+    int address = 0;       // bit number (byte * 8 + bit) or byte offset
+    int count = 1;         // bits for bit registers, 16-bit words for word registers
+    bool isBit() const;
+    std::string text() const;  // "M_W:100:4"
+};
+
+// A write: an address and its value bytes in the driver's layout (one byte per bit for bit
+// registers, two bytes per word, low byte first, for word registers).
+struct Write {
+    Address addr;
+    std::vector<uint8_t> data;
+    std::string text() const;
+};
+
+// One recipe variable: words (or bits) at an address, and where its values lie in the
+// host's recipe buffer (in 16-bit words). values: what a recipe write downloads.
+struct RecipeVar {
+    Address addr;
+    int rcpDataIndex = 0;
+    std::vector<uint16_t> values;
+};
+
+// "M_W:100:4" -> Address. False with a reason on a malformed text (the register is not
+// checked against the driver here; Session::checkAddress does that).
+bool parseAddress(const std::string& text, Address& out, std::string& why);
+// "M_W:10=0x1234[,0x5678...]" or "M_bit:10.3=1[,0,...]" -> Write.
+bool parseWrite(const std::string& text, Write& out, std::string& why);
+// "M_W:200:2=0x1111,0x2222" -> RecipeVar (values optional).
+bool parseRecipe(const std::string& text, RecipeVar& out, std::string& why);
+
+struct Config {
+    std::string driverPath;
+    std::string plcHost = "127.0.0.1";
+    uint16_t plcPort = 48898;
+    std::string netId = "192.168.1.100.1.1";
+    int amsPort = 801;
+    int keyNo = 1;             // station number handed to the driver with every address
+    int context = 0;           // first field of the initialisation string
+    int retries = 3;           // retry limit (fourth field)
+    int gap = 16;              // largest gap in bytes bridged when merging (fifth field)
+    int conditionKind = 1;     // kind handed to intf_addConditionRead
+    int writeMode = 0;         // mode handed to intf_setData
+    int connectTimeoutMs = 1000;
+    int replyTimeoutMs = 500;
+    int reconnectAttempts = 8;        // per loss of the connection
+    int reconnectBackoffMs = 50;      // doubled after each failed attempt
+    int reconnectBackoffMaxMs = 1000;
+    std::vector<Address> watches;
+    std::vector<RecipeVar> recipe;
+    std::vector<Address> conditions;  // queued once, before polling starts
+    std::string pcapPath;             // empty: no capture
+    bool pcapRaw = false;             // LINKTYPE_RAW (101) instead of Ethernet (1)
+};
+
+// One change report of the driver's value-change callback.
+struct Change {
+    int context = 0;
+    int keyNo = 0;
+    std::string text;  // "M_W", "M_bit", "M_B", "-1" (condition read done), "RWI" (recipe)
+    int address = 0;
+};
+
+// One polling cycle.
+struct Exchange {
+    int sent = 0;             // result of intf_getSendFrame
+    int result = -1;          // result of intf_dealRcvFrame; -1 when nothing was handed over
+    std::string errorText;    // the driver's error text for this reply
+    int sendLen = 0;
+    int commandId = 0;        // command id of the frame sent (6 handshake, 2 read, 3 write)
+    int readLen = 0;
+    std::string varReg;       // the frame's variable
+    int varAddress = 0, varLength = 0, varKind = 0;
+    int replyBytes = 0;       // bytes handed to intf_dealRcvFrame
+    int recvChunks = 0;       // recv() calls that brought bytes of this reply
+    bool timedOut = false;
+    bool connectionLost = false;
+    bool cyclicRead = false;  // counted as a read of a block of the screen
+    double rttMs = 0;
+    std::vector<uint8_t> frame;  // the bytes sent
+};
+
+struct Stats {
+    uint64_t requests = 0;            // frames sent
+    uint64_t results[9] = {};         // intf_dealRcvFrame results 0..8 (1, 2, 3, 8, 0 occur)
+    uint64_t timeouts = 0;
+    uint64_t connectionLosses = 0;
+    uint64_t reconnects = 0;
+    uint64_t staleBytes = 0;          // bytes drained before a send
+    uint64_t changes = 0;             // callback reports
+    uint64_t fullRefreshes = 0;       // every block of the screen read once
+    int blocksPerRefresh = 0;         // result of intf_addrMerge
+    double rttMinMs = 0, rttMedianMs = 0, rttMaxMs = 0;
+    double seconds = 0;               // polling time
+    double refreshesPerSecond() const { return seconds > 0 ? fullRefreshes / seconds : 0; }
+    std::string figuresLine() const;  // "figures: requests=... "
+};
+
+class Plugin;   // the loaded driver
+class Capture;  // the pcap writer
+
+class Session {
+public:
+    Session();
+    ~Session();
+    Session(const Session&) = delete;
+    Session& operator=(const Session&) = delete;
+
+    // Loads the plugin, resolves the entry points, validates the watched addresses with
+    // intf_checkAddr and configures the driver (initialisation string, property page,
+    // callback, addresses, recipe, condition reads). No connection yet.
+    bool open(const Config& cfg, std::string& why);
+    // Connects (with the configured time-out). False with a reason.
+    bool connect(std::string& why);
+    bool connected() const;
+    void disconnect();
+
+    // One polling cycle. Reconnects first when the connection was lost (bounded back-off);
+    // returns an Exchange with sent 0 when nothing was sent.
+    Exchange step();
+    // Polls until `cycles` cycles ran, `ms` elapsed, `until` returned true, or the connection
+    // is gone for good (whichever comes first; 0 means no limit for cycles and ms, but at
+    // least one limit must be given). Returns false when the connection could not be
+    // (re)established.
+    bool run(uint64_t cycles, int ms, const std::function<bool()>& until = nullptr);
+    // Set by another thread to end run() early.
+    void requestStop();
+    bool failedForGood() const;  // reconnection gave up
+    const std::string& failure() const;
+
+    // Thread-safe: may be called from another thread while the polling thread runs.
+    void write(const Write& w);
+    // Values from the driver's cache: one byte per bit, two bytes per word (low byte first).
+    std::vector<uint8_t> read(const Address& a);
+    // Recipe transfers: raise the host's request flag under the host mutex.
+    void requestRecipeWrite();
+    void requestRecipeRead();
+    bool recipeWritePending();
+    bool recipeReadPending();
+    // The host's recipe buffer (words at rcpDataIndex).
+    uint16_t recipeWord(int index);
+    void setRecipeWord(int index, uint16_t value);
+    // Queues a condition read (only while no other thread is in the driver).
+    void addConditionRead(const Address& a);
+
+    // Change reports collected since the last call.
+    std::vector<Change> takeChanges();
+    // Every exchange so far (the newest 100000).
+    std::vector<Exchange> exchanges();
+    Stats stats();
+    // Driver error texts of results 2, newest last.
+    std::vector<std::string> errorTexts();
+    int blocks() const;
+    int localPort() const;  // the host's ephemeral port (0 when not connected)
+    std::string driverVersion();
+    int checkAddress(const Address& a, int access);  // intf_checkAddr result
+
+    // Called once by the plugin's callback.
+    void onChange(int context, int keyNo, const std::string& text, int address);
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> d;
+};
+
+// Milliseconds of a monotonic clock.
+int64_t nowMs();
+
+}  // namespace adshost
