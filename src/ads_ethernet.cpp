@@ -15,7 +15,6 @@
 namespace {
 
 const int kFrameSize = 1024;
-const int kAmsHeaderEnd = 38;       /* 6 bytes AMS/TCP + 32 bytes AMS header */
 const int kReadReplyDataStart = 46; /* header, 4-byte result, 4-byte length */
 const int kWriteDataStart = 50;     /* header, index group, index offset, length */
 
@@ -173,7 +172,7 @@ int getReadFrame(QList<VARIABLE> list)
 {
     if (list.isEmpty())
         return 1;
-    const VARIABLE& v = list.first();
+    const VARIABLE& v = list.at(0);
     QString reg;
     int byteAddress = 0;
     int byteCount = 0;

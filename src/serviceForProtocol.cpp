@@ -11,6 +11,7 @@
 #include <QtNetwork/QNetworkInterface>
 
 #include <algorithm>
+#include <stdio.h>
 #include <string.h>
 #include <vector>
 
@@ -178,6 +179,9 @@ int areaNameId(const QString& name)
 {
     QList<AREA_NAME_TEXTS>& table = driver.areaNameTable;
     for (int i = 0; i < table.size(); ++i)
+        if (table.at(i).name.isSharedWith(name))
+            return i;
+    for (int i = 0; i < table.size(); ++i)
         if (table.at(i).name == name)
             return i;
     AREA_NAME_TEXTS t;
@@ -202,6 +206,7 @@ DATA_AREA_KEY keyOf(int keyNo, int nameId, int address)
 /* Brings the index in step with dataAreaList, which code outside the cache functions may
  * also have emptied or extended. The first of equal entries is the one indexed, as a
  * walk from the front would find it. */
+bool g_areaDuplicates = false;
 void syncAreaIndex()
 {
     const QList<_DATA_>& list = driver.dataAreaList;
@@ -211,12 +216,15 @@ void syncAreaIndex()
     if (list.size() < driver.dataAreaIndexedCount || first != driver.dataAreaIndexedFirst) {
         driver.dataAreaIndex.clear();
         driver.dataAreaIndexedCount = 0;
+        g_areaDuplicates = false;
     }
     for (int i = driver.dataAreaIndexedCount; i < list.size(); ++i) {
         const _DATA_& d = list.at(i);
         DATA_AREA_KEY k = keyOf(d.keyNo, areaNameId(d.areaName), d.address);
         if (!driver.dataAreaIndex.contains(k))
             driver.dataAreaIndex.insert(k, i);
+        else
+            g_areaDuplicates = true;
     }
     driver.dataAreaIndexedCount = list.size();
     driver.dataAreaIndexedFirst = first;
@@ -234,13 +242,16 @@ int findOrCreateArea(int keyNo, int nameId, int address)
         int idx = it.value();
         if (idx < list.size()) {
             const _DATA_& d = list.at(idx);
-            if (d.keyNo == keyNo && d.address == address && d.areaName == driver.areaNameTable.at(nameId).name)
+            if (d.keyNo == keyNo && d.address == address &&
+                (d.areaName.isSharedWith(driver.areaNameTable.at(nameId).name) ||
+                 d.areaName == driver.areaNameTable.at(nameId).name))
                 return idx;
         }
         /* An entry was changed in place behind the index's back: index again. */
         driver.dataAreaIndexedCount = 0;
         driver.dataAreaIndexedFirst = 0;
         driver.dataAreaIndex.clear();
+        g_areaDuplicates = false;
         syncAreaIndex();
         it = driver.dataAreaIndex.constFind(k);
         if (it != driver.dataAreaIndex.constEnd())
@@ -265,9 +276,37 @@ int findOrCreateArea(int keyNo, int nameId, int address)
     return idx;
 }
 
+/* The area of the unit after `previous` (the consecutive units of a read block were
+ * usually created one after another): the entry after it when that one has the keys and
+ * the list holds no duplicate keys, else the index. */
+int findOrCreateNextArea(int previous, int keyNo, int nameId, int address)
+{
+    const QList<_DATA_>& list = driver.dataAreaList;
+    int next = previous + 1;
+    if (previous >= 0 && next < list.size() && !g_areaDuplicates && list.size() == driver.dataAreaIndexedCount &&
+        &list.at(0) == driver.dataAreaIndexedFirst) {
+        const _DATA_& d = list.at(next);
+        if (d.keyNo == keyNo && d.address == address && d.areaName.isSharedWith(driver.areaNameTable.at(nameId).name))
+            return next;
+    }
+    return findOrCreateArea(keyNo, nameId, address);
+}
+
 int findOrCreateArea(int keyNo, const QString& areaName, int address)
 {
     return findOrCreateArea(keyNo, areaNameId(areaName), address);
+}
+
+/* areaNameId(areaOf(regName)) without building the area's name. */
+int areaNameIdOfRegister(const QString& regName)
+{
+    int cut = regName.indexOf(QLatin1Char('_'));
+    int length = cut < 0 ? regName.size() : cut;
+    const QList<AREA_NAME_TEXTS>& table = driver.areaNameTable;
+    for (int i = 0; i < table.size(); ++i)
+        if (table.at(i).name.size() == length && regName.startsWith(table.at(i).name))
+            return i;
+    return areaNameId(areaOf(regName));
 }
 
 /* ------------------------------------------------------------------ change reports */
@@ -328,7 +367,7 @@ const AREA_NAME_TEXTS& textsOf(const _DATA_& d) { return driver.areaNameTable.at
 void collectByteReports(const _DATA_& d, const unsigned char* oldValue, const unsigned char* newValue, int noBits,
                         Reports& r)
 {
-    const AREA_NAME_TEXTS t = textsOf(d);
+    const AREA_NAME_TEXTS& t = textsOf(d);
     if (!noBits && d.bitMonitorMask != 0) {
         for (int i = 0; i < 8; ++i) {
             unsigned int m = 1u << i;
@@ -360,7 +399,7 @@ void collectByteReports(const _DATA_& d, const unsigned char* oldValue, const un
 
 void collectWordReports(const _DATA_& d, const int* oldValue, const int* newValue, int noBits, Reports& r)
 {
-    const AREA_NAME_TEXTS t = textsOf(d);
+    const AREA_NAME_TEXTS& t = textsOf(d);
     if (!noBits && d.bitMonitorMask != 0) {
         for (int i = 0; i < 16; ++i) {
             unsigned int m = 1u << i;
@@ -384,7 +423,7 @@ void collectWordReports(const _DATA_& d, const int* oldValue, const int* newValu
 
 void collectDwordReports(const _DATA_& d, const int* oldValue, const int* newValue, int noBits, Reports& r)
 {
-    const AREA_NAME_TEXTS t = textsOf(d);
+    const AREA_NAME_TEXTS& t = textsOf(d);
     if (!noBits && d.bitMonitorMask != 0) {
         for (int i = 0; i < 32; ++i) {
             unsigned int m = 1u << i;
@@ -437,16 +476,20 @@ VARIABLE zeroVariable()
     return v;
 }
 
-/* Copies at most `count` bytes from src+srcOffset into dst, both 1024-byte buffers: the copy
- * stops at either buffer's end. */
-void boundedCopy(unsigned char* dst, const unsigned char* src, long long srcOffset, long long count)
+/* Copies `count` bytes from src+srcOffset to the start of dst, where src holds srcSize bytes
+ * and dst 1024: the copy stops at dst's end, and bytes past src's end arrive as zeros. */
+void boundedCopy(unsigned char* dst, const unsigned char* src, long long srcSize, long long srcOffset, long long count)
 {
-    if (srcOffset < 0 || count <= 0 || srcOffset >= kBufferSize)
+    if (count <= 0)
         return;
-    long long n = count;
-    if (n > kBufferSize - srcOffset)
-        n = kBufferSize - srcOffset;
-    memcpy(dst, src + srcOffset, static_cast<size_t>(n));
+    if (count > kBufferSize)
+        count = kBufferSize;
+    long long available = (srcOffset >= 0 && srcOffset < srcSize) ? srcSize - srcOffset : 0;
+    long long n = count < available ? count : available;
+    if (n > 0)
+        memcpy(dst, src + srcOffset, static_cast<size_t>(n));
+    if (count > n)
+        memset(dst + n, 0, static_cast<size_t>(count - n));
 }
 
 /* Orders keys ascending by weight, equal weights in the host's order: what a bubble sort
@@ -1051,7 +1094,7 @@ void dealListWhenFinish()
     }
     case 4:
         if (driver.readList.size() >= 2)
-            driver.readList.append(driver.readList.takeFirst());
+            driver.readList.move(0, driver.readList.size() - 1);
         break;
     case 5:
     case 6:
@@ -1297,7 +1340,8 @@ int intf_setData(int keyNo, QString regName, int address, int count, unsigned ch
         bool bitRegister = is(widthOf(row), "1");
         KEY_ADDRESS key = zeroKey();
         key.keyNo = keyNo;
-        key.regName = regName;
+        /* The table's own text: the queued write then shares no string with the host. */
+        key.regName = REG_LIST[row];
         key.address = address;
         key.length = count;
         /* unitMark stays 0 for bits too, so later pieces of a long bit write take their
@@ -1318,6 +1362,13 @@ int intf_setData(int keyNo, QString regName, int address, int count, unsigned ch
             v.address = piece.address;
             v.length = piece.length;
             memcpy(v.data, piece.data, sizeof(v.data));
+            if (bytes > kBufferSize) {
+                /* More than the key's 1024 bytes: the pieces take their share straight from
+                 * the host's bytes, which hold all of them. */
+                long long perUnit = 2;
+                boundedCopy(v.data, data, bytes, perUnit * p * (bitRegister ? driver.maxBlockBits : driver.maxBlockUnits),
+                            perUnit * piece.length);
+            }
             if (!bitRegister && unitBits > 0) {
                 /* Words to bytes; each piece starts where the ones before it ended. */
                 v.length = static_cast<int>(piece.length * 16.0 / unitBits);
@@ -1432,8 +1483,12 @@ namespace {
 /* The read of the current variable: a cyclic block, a condition read or a recipe block. */
 void buildCurrentRead()
 {
-    driver.curReadList.clear();
-    driver.curReadList.append(driver.curVar);
+    if (driver.curReadList.size() == 1) {
+        driver.curReadList[0] = driver.curVar;
+    } else {
+        driver.curReadList.clear();
+        driver.curReadList.append(driver.curVar);
+    }
     driver.framesBuilt = 1;
     int built = getReadFrame(driver.curReadList);
     if (driver.curFrameKind == 3 || driver.curFrameKind == 6)
@@ -1550,7 +1605,7 @@ QString getErrorInfo(QByteArray reply)
     int row = getIndexFromRegName(v.regName);
     if (row == 6 || row == -1)
         return QString(); /* the handshake names no register */
-    QString addressText = addr_int2str(v.address, v.regName);
+    QString addressText = containsBit(v.regName) ? addr_int2str(v.address, v.regName) : QString();
     if (addressText.isEmpty()) {
         const QString& format = ADDRESS_RANGE_PRO[row][0];
         QChar c = format.isEmpty() ? QChar() : format.at(0);
@@ -1562,8 +1617,14 @@ QString getErrorInfo(QByteArray reply)
         else if (c == QLatin1Char('O'))
             addressText = QString::number(a, 8);
     }
-    return QString::number(v.keyNo) + QLatin1Char('#') + v.regName + addressText + QLatin1Char('(') +
-           QString::number(v.length) + QLatin1String(")(") + QString::number(reply.size()) + QLatin1Char(')');
+    char buf[160];
+    int n = snprintf(buf, sizeof(buf), "%d#", v.keyNo);
+    for (int i = 0; i < v.regName.size() && n < 100; ++i)
+        buf[n++] = v.regName.at(i).toLatin1();
+    for (int i = 0; i < addressText.size() && n < 120; ++i)
+        buf[n++] = addressText.at(i).toLatin1();
+    n += snprintf(buf + n, sizeof(buf) - static_cast<size_t>(n), "(%d)(%d)", v.length, static_cast<int>(reply.size()));
+    return QString::fromLatin1(buf, n);
 }
 
 int dealReadFrameReturnSaveData(QByteArray reply)
@@ -1657,10 +1718,13 @@ void analyzeFrameOfVal(QByteArray reply, int readLen, int dataStart, VARIABLE va
         }
         DriverLock lock;
         Reports r;
-        int area = areaNameId(areaOf(var.regName));
+        int area = areaNameIdOfRegister(var.regName);
+        syncAreaIndex();
+        int idx = -1;
         for (int j = 0; j < readLen; ++j) {
             unsigned char newByte = bytes.at(static_cast<long long>(dataStart) + j);
-            _DATA_& d = driver.dataAreaList[findOrCreateArea(var.keyNo, area, wrapAdd(var.address, j))];
+            idx = findOrCreateNextArea(idx, var.keyNo, area, wrapAdd(var.address, j));
+            _DATA_& d = driver.dataAreaList[idx];
             if (d.value[0] != newByte) {
                 applyWriteFlagRule(d);
                 unsigned char oldByte = d.value[0];
@@ -1798,7 +1862,7 @@ void groupingKey(KEY_ADDRESS& key, int maxLen, QList<KEY_ADDRESS>& out, int copy
         piece.length = (p == pieces - 1 && remainder != 0) ? remainder : maxLen;
         if (copyData == 1) {
             long long perUnit = key.unitMark == -1 ? 1 : 2;
-            boundedCopy(piece.data, key.data, perUnit * p * maxLen, perUnit * piece.length);
+            boundedCopy(piece.data, key.data, kBufferSize, perUnit * p * maxLen, perUnit * piece.length);
         }
         out.append(piece);
     }
