@@ -1597,33 +1597,44 @@ int intf_getSendFrame(FRAME_PRO* out)
  * Reply handling
  * ================================================================================== */
 
-QString getErrorInfo(QByteArray reply)
+namespace {
+/* The error text of the frame in flight, "key#REGISTERaddress(length)(reply size)", into a
+ * character buffer of at least 160 bytes; its length, 0 when the frame names no register
+ * (the handshake). Built without the heap: it runs for every reply. */
+int formatErrorInfo(int replySize, char* buf)
 {
     if (driver.frameList.isEmpty())
-        return QString();
+        return 0;
     const VARIABLE& v = driver.frameList.first().var;
     int row = getIndexFromRegName(v.regName);
     if (row == 6 || row == -1)
-        return QString(); /* the handshake names no register */
-    QString addressText = containsBit(v.regName) ? addr_int2str(v.address, v.regName) : QString();
-    if (addressText.isEmpty()) {
+        return 0;
+    int n = snprintf(buf, 16, "%d#", v.keyNo);
+    for (int i = 0; i < v.regName.size() && n < 100; ++i)
+        buf[n++] = v.regName.at(i).toLatin1();
+    if (v.regName.right(4) == QLatin1String("_bit")) {
+        /* As addr_int2str writes it: byte, point, bit (truncating division). */
+        n += snprintf(buf + n, 32, "%d.%d", v.address / 8, v.address % 8);
+    } else {
         const QString& format = ADDRESS_RANGE_PRO[row][0];
         QChar c = format.isEmpty() ? QChar() : format.at(0);
         unsigned int a = static_cast<unsigned int>(v.address);
         if (c == QLatin1Char('D'))
-            addressText = QString::number(a);
+            n += snprintf(buf + n, 32, "%u", a);
         else if (c == QLatin1Char('H'))
-            addressText = QString::number(a, 16);
+            n += snprintf(buf + n, 32, "%x", a);
         else if (c == QLatin1Char('O'))
-            addressText = QString::number(a, 8);
+            n += snprintf(buf + n, 32, "%o", a);
     }
+    n += snprintf(buf + n, 28, "(%d)(%d)", v.length, replySize);
+    return n;
+}
+} // namespace
+
+QString getErrorInfo(QByteArray reply)
+{
     char buf[160];
-    int n = snprintf(buf, sizeof(buf), "%d#", v.keyNo);
-    for (int i = 0; i < v.regName.size() && n < 100; ++i)
-        buf[n++] = v.regName.at(i).toLatin1();
-    for (int i = 0; i < addressText.size() && n < 120; ++i)
-        buf[n++] = addressText.at(i).toLatin1();
-    n += snprintf(buf + n, sizeof(buf) - static_cast<size_t>(n), "(%d)(%d)", v.length, static_cast<int>(reply.size()));
+    int n = formatErrorInfo(static_cast<int>(reply.size()), buf);
     return QString::fromLatin1(buf, n);
 }
 
@@ -1803,10 +1814,17 @@ void analyzeFrameOfVal(QByteArray reply, int readLen, int dataStart, VARIABLE va
 
 int intf_dealRcvFrame(QByteArray& reply, QString& errorText)
 {
-    errorText = QString();
-    if (driver.frameList.isEmpty())
+    if (driver.frameList.isEmpty()) {
+        errorText = QString();
         return 0;
-    errorText = getErrorInfo(reply);
+    }
+    /* The same text getErrorInfo() gives, written into the host's string in place so that
+     * a host that keeps its string reuses its storage. */
+    char text[160];
+    int textLength = formatErrorInfo(static_cast<int>(reply.size()), text);
+    errorText.resize(0);
+    for (int i = 0; i < textLength; ++i)
+        errorText.append(QLatin1Char(text[i]));
     int r = check_rcv_data(reinterpret_cast<unsigned char*>(const_cast<char*>(reply.constData())),
                            driver.curReadList, reply.size());
     if (r == 1) {
