@@ -9,6 +9,8 @@ packages=(
   clang libclang-rt-14-dev                   # fuzzing and sanitizers
   iproute2 util-linux                        # network namespaces in tests
   valgrind help2man dpkg-dev bc            # benchmarks, man pages, packaging
+  tshark                                    # every frame checked by a protocol analyser
+  crossbuild-essential-armhf qemu-user      # the ARM panel build and its tests
 )
 missing=()
 for p in "${packages[@]}"; do
@@ -19,6 +21,8 @@ command -v node >/dev/null || missing+=(nodejs)
 command -v npm >/dev/null || missing+=(npm)   # a third-party ADS client in tests
 if ((${#missing[@]})); then
   echo "installing: ${missing[*]}"
+  # tshark asks whether non-root users may capture: no.
+  echo 'wireshark-common wireshark-common/install-setuid boolean false' | debconf-set-selections
   apt-get update -qq
   apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 fi
