@@ -414,6 +414,13 @@ struct Session::Impl {
                 return false;
             }
         }
+        // Connected: from now on blocking, with the reply time-out on receiving, so that a
+        // reply costs one recv() as in the plainest client.
+        const int flags = ::fcntl(s, F_GETFL);
+        if (flags >= 0) ::fcntl(s, F_SETFL, flags & ~O_NONBLOCK);
+        setReceiveTimeout(s, cfg.replyTimeoutMs);
+        timeval sendTimeout{cfg.replyTimeoutMs / 1000, (cfg.replyTimeoutMs % 1000) * 1000};
+        ::setsockopt(s, SOL_SOCKET, SO_SNDTIMEO, &sendTimeout, sizeof sendTimeout);
         fd = s;
         sockaddr_in local{};
         socklen_t ll = sizeof local;
@@ -423,6 +430,12 @@ struct Session::Impl {
         peerIp = ntohl(a.sin_addr.s_addr);
         pcap.connectionOpened(localIp, localPort, peerIp, cfg.plcPort);
         return true;
+    }
+
+    static void setReceiveTimeout(int s, int64_t ms) {
+        if (ms < 1) ms = 1;
+        timeval t{time_t(ms / 1000), suseconds_t((ms % 1000) * 1000)};
+        ::setsockopt(s, SOL_SOCKET, SO_RCVTIMEO, &t, sizeof t);
     }
 
     bool reconnect() {
@@ -444,8 +457,23 @@ struct Session::Impl {
     }
 
     // Bytes that arrived after a time-out belong to an old request.
+    // Bytes read past the end of the last reply; they belong to no request of ours.
+    std::vector<uint8_t> pending;
+    // Whether the stream may hold bytes of an older request (after a time-out, a lost
+    // connection or a rejected reply); only then is the socket drained before a send.
+    bool mayHaveStale = true;
+    std::unique_ptr<FRAME_PRO> frame{new FRAME_PRO()};
+    QString errorText;
+
     void drain() {
-        if (fd < 0) return;
+        if (!pending.empty()) {
+            pcap.plcToHost(pending.data(), pending.size());
+            std::lock_guard<std::mutex> g(lock);
+            stats.staleBytes += uint64_t(pending.size());
+            pending.clear();
+        }
+        if (fd < 0 || !mayHaveStale) return;
+        mayHaveStale = false;
         uint8_t buf[4096];
         for (int guard = 0; guard < 1024; ++guard) {
             const ssize_t n = ::recv(fd, buf, sizeof buf, MSG_DONTWAIT);
@@ -478,42 +506,52 @@ struct Session::Impl {
         return true;
     }
 
-    // Assembles one reply by the AMS/TCP length field. Reads no byte beyond that frame.
+    // Assembles one reply by the AMS/TCP length field and hands over exactly that frame;
+    // bytes read past it are kept aside and dropped before the next send. The socket is
+    // blocking with the reply time-out, so a reply usually costs a single recv().
     void receive(std::vector<uint8_t>& buf, Exchange& ex) {
         const int64_t deadline = nowMs() + cfg.replyTimeoutMs;
         size_t need = 6;
         bool headerSeen = false;
+        bool shortened = false;  // the receive time-out was set to what is left
+        uint8_t chunk[4096];
         while (buf.size() < need) {
-            const int64_t left = deadline - nowMs();
-            pollfd p{fd, POLLIN, 0};
-            const int r = left > 0 ? ::poll(&p, 1, int(left)) : 0;
-            if (r == 0) {
-                ex.timedOut = true;
-                return;
-            }
-            if (r < 0) {
-                if (errno == EINTR) continue;
-                ex.connectionLost = true;
-                return;
-            }
-            const size_t old = buf.size();
-            buf.resize(need);
-            const ssize_t n = ::recv(fd, buf.data() + old, need - old, 0);
+            const ssize_t n = ::recv(fd, chunk, sizeof chunk, 0);
             if (n <= 0) {
-                buf.resize(old);
-                if (n < 0 && (errno == EAGAIN || errno == EINTR)) continue;
+                if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) {
+                    const int64_t left = deadline - nowMs();
+                    if (left <= 0) {
+                        ex.timedOut = true;
+                        break;
+                    }
+                    setReceiveTimeout(fd, left);
+                    shortened = true;
+                    continue;
+                }
                 ex.connectionLost = true;
-                return;
+                break;
             }
-            buf.resize(old + size_t(n));
+            buf.insert(buf.end(), chunk, chunk + n);
             ++ex.recvChunks;
             if (!headerSeen && buf.size() >= 6) {
                 headerSeen = true;
                 const uint32_t len = uint32_t(buf[2]) | uint32_t(buf[3]) << 8 | uint32_t(buf[4]) << 16 |
                                      uint32_t(buf[5]) << 24;
-                if (len > kMaxFrameBody) return;  // not a frame of ours: hand over the header only
-                need = 6 + len;
+                // Not a frame of ours: hand over the header only.
+                need = len > kMaxFrameBody ? 6 : 6 + len;
             }
+            if (buf.size() < need && !shortened) {
+                // The rest of a split reply: wait only for what is left of the time-out.
+                setReceiveTimeout(fd, std::max<int64_t>(1, deadline - nowMs()));
+                shortened = true;
+            }
+        }
+        if (shortened && fd >= 0) setReceiveTimeout(fd, cfg.replyTimeoutMs);
+        if (ex.timedOut || ex.connectionLost) return;
+        if (buf.size() > need) {
+            pending.assign(buf.begin() + long(need), buf.end());
+            buf.resize(need);
+            mayHaveStale = true;
         }
     }
 
@@ -660,8 +698,8 @@ Exchange Session::step() {
     if (s.pollStart == 0) s.pollStart = nowSec();
 
     const bool recipeUp = s.recipeFlagsUp();
-    std::unique_ptr<FRAME_PRO> frame(new FRAME_PRO());
-    ex.sent = s.plugin.getSendFrame(frame.get());
+    FRAME_PRO* frame = s.frame.get();
+    ex.sent = s.plugin.getSendFrame(frame);
     if (ex.sent != 1) {
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
         s.pollSeconds = nowSec() - s.pollStart;
@@ -698,11 +736,12 @@ Exchange Session::step() {
 
     // Hand over what arrived, also nothing, so that the driver counts a failure.
     QByteArray bytes(reinterpret_cast<const char*>(reply.data()), int(reply.size()));
-    QString errorText;
+    QString& errorText = s.errorText;  // kept, so the driver writes into the same storage
     ex.replyBytes = int(reply.size());
     ex.result = s.plugin.dealRcvFrame(bytes, errorText);
     ex.errorText = errorText.toStdString();
     if (!ex.timedOut && !ex.connectionLost) ex.rttMs = (t1 - t0) * 1000.0;
+    if (ex.result != 1 || ex.timedOut || ex.connectionLost) s.mayHaveStale = true;
     if (ex.connectionLost) s.closeSocket(false);
 
     {
