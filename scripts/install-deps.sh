@@ -8,6 +8,7 @@ packages=(
   libgtest-dev googletest libbenchmark-dev   # tests and benchmarks
   clang libclang-rt-14-dev                   # fuzzing and sanitizers
   iproute2 util-linux                        # network namespaces in tests
+  python3                                   # the tshark conformance check
   valgrind help2man dpkg-dev bc            # benchmarks, man pages, packaging
   tshark                                    # every frame checked by a protocol analyser
   crossbuild-essential-armhf qemu-user      # the ARM panel build and its tests

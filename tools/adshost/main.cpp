@@ -1,5 +1,6 @@
 // adshost: drives an ads_ethernet driver plugin against a PLC as a panel runtime does.
 #include "adshost.h"
+#include "probe.h"
 
 #include <unistd.h>
 
@@ -42,6 +43,8 @@ const char* const kHelp =
     "  --pcap FILE            capture every frame (Ethernet link type)\n"
     "  --pcap-raw             capture with link type raw IPv4 instead\n"
     "  --quiet                no live table and no value list at the end\n"
+    "  --probe                check the path to a PLC instead (no driver needed);\n"
+    "                         see adshost --probe --help\n"
     "  --version, --help\n"
     "\n"
     "Exit status: 0 when the session ran, 1 when it could not start (plugin or\n"
@@ -87,6 +90,9 @@ std::string valuesText(const adshost::Address& a, const std::vector<uint8_t>& v)
 }  // namespace
 
 int main(int argc, char** argv) {
+    for (int i = 1; i < argc; ++i)
+        if (std::strcmp(argv[i], "--probe") == 0) return adshost::probe::main(argc, argv);
+
     adshost::Config cfg;
     std::vector<adshost::Write> writes;
     long long cycles = 0, durationS = 0, intervalMs = 0;

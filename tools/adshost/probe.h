@@ -1,0 +1,63 @@
+// adshost --probe: a commissioning check of the path from a panel to a PLC.
+//
+// Sends its own ReadDeviceInfo and ReadState requests (not the driver's frames) to the
+// PLC's AMS Net ID and port, with the source AMS Net ID the panel's driver would use, and
+// says in one line what is wrong when the PLC does not answer as it should.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+namespace adshost {
+namespace probe {
+
+// Exit codes of adshost --probe.
+enum Exit : int {
+    ExitOk = 0,
+    ExitNoConnection = 1,   // TCP connection refused or not established
+    ExitUsage = 2,
+    ExitNoAnswer = 4,       // connected, but no reply (no route) or the PLC closed
+    ExitAmsError = 5,       // error code in the reply's AMS header (no such port or machine)
+    ExitAdsError = 6,       // ADS result of ReadDeviceInfo or ReadState not 0
+    ExitNotRunning = 7,     // the PLC answers but its ADS state is not RUN
+    ExitBadReply = 8,       // a reply that is not a well-formed answer to the request
+};
+
+struct Options {
+    std::string host = "127.0.0.1";
+    uint16_t port = 48898;
+    std::string netId;         // the PLC's AMS Net ID, "a.b.c.d.e.f"
+    int amsPort = 851;
+    std::string sourceNetId;   // empty: found as the driver finds it
+    int timeoutMs = 2000;      // connect time-out and reply time-out
+};
+
+// The panel address the driver takes for a PLC Net ID: the first address of `addresses`
+// (IPv4 dotted texts in interface order) that is neither 0.0.0.0 nor 127.0.0.1 and whose
+// text contains the first and the second part of the Net ID as substrings (any address
+// when the Net ID has fewer than two parts). Empty when none matches.
+std::string panelAddressFor(const std::string& plcNetId, const std::vector<std::string>& addresses);
+
+// The machine's IPv4 addresses in interface order (getifaddrs).
+std::vector<std::string> localIpv4Addresses();
+
+// "target port not found" for 0x6, "" for a code not in the table.
+std::string adsErrorText(uint32_t code);
+// "0x6 (target port not found)" or "0x1234" for a code not in the table.
+std::string adsErrorLabel(uint32_t code);
+// "RUN" for 5, "STOP" for 6, ... "UNKNOWN" beyond the table.
+std::string adsStateName(uint16_t state);
+
+// Parses a six-part Net ID ("a.b.c.d.e.f", each 0..255).
+bool parseNetId(const std::string& text, uint8_t out[6]);
+
+// Runs the probe: progress and the result on `out`, a failure line on `err`.
+int run(const Options& opt, FILE* out, FILE* err);
+
+// The command line of adshost --probe (argv as given to adshost).
+int main(int argc, char** argv);
+
+}  // namespace probe
+}  // namespace adshost
