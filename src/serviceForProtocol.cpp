@@ -194,6 +194,23 @@ int areaNameId(const QString& name)
     return table.size() - 1;
 }
 
+/* A new cached unit: the three keys, everything else zero. */
+_DATA_ newArea(int keyNo, const QString& areaName, int address)
+{
+    _DATA_ d;
+    d.spare = 0;
+    d.writeFlag = 0;
+    d.bitWriteState = 0;
+    d.monitorFlag = 0;
+    d.bitMonitorMask = 0;
+    d.keyNo = keyNo;
+    d.areaName = areaName;
+    d.address = address;
+    memset(d.value, 0, sizeof(d.value));
+    memset(d.writeValue, 0, sizeof(d.writeValue));
+    return d;
+}
+
 DATA_AREA_KEY keyOf(int keyNo, int nameId, int address)
 {
     DATA_AREA_KEY k;
@@ -257,19 +274,8 @@ int findOrCreateArea(int keyNo, int nameId, int address)
         if (it != driver.dataAreaIndex.constEnd())
             return it.value();
     }
-    _DATA_ d;
-    d.spare = 0;
-    d.writeFlag = 0;
-    d.bitWriteState = 0;
-    d.monitorFlag = 0;
-    d.bitMonitorMask = 0;
-    d.keyNo = keyNo;
-    d.areaName = driver.areaNameTable.at(nameId).name;
-    d.address = address;
-    memset(d.value, 0, sizeof(d.value));
-    memset(d.writeValue, 0, sizeof(d.writeValue));
     int idx = list.size();
-    list.append(d);
+    list.append(newArea(keyNo, driver.areaNameTable.at(nameId).name, address));
     driver.dataAreaIndex.insert(k, idx);
     driver.dataAreaIndexedCount = list.size();
     driver.dataAreaIndexedFirst = &list.at(0);
@@ -859,18 +865,7 @@ int getIndexOfDataArea(int keyNo, QString areaName, int address, QList<_DATA_>& 
         if (d.keyNo == keyNo && d.areaName == areaName && d.address == address)
             return i;
     }
-    _DATA_ d;
-    d.spare = 0;
-    d.writeFlag = 0;
-    d.bitWriteState = 0;
-    d.monitorFlag = 0;
-    d.bitMonitorMask = 0;
-    d.keyNo = keyNo;
-    d.areaName = areaName;
-    d.address = address;
-    memset(d.value, 0, sizeof(d.value));
-    memset(d.writeValue, 0, sizeof(d.writeValue));
-    list.append(d);
+    list.append(newArea(keyNo, areaName, address));
     return list.size() - 1;
 }
 
@@ -944,52 +939,41 @@ int _setDataAreaMonitorFlag(int keyNo, QString regName, int address, int count)
  * Change detection
  * ================================================================================== */
 
-void _byteDataChange(unsigned char* oldValue, unsigned char* newValue, int index, int noBits)
+namespace {
+/* Collects the reports of the unit at `index` under the driver's lock with `collect`,
+ * then makes them with the lock let go. An index outside the cache reports nothing. */
+template <typename Collect>
+void reportUnit(int index, Collect collect)
 {
     Reports r;
     {
         DriverLock lock;
         if (index < 0 || index >= driver.dataAreaList.size())
             return;
-        collectByteReports(driver.dataAreaList.at(index), oldValue, newValue, noBits, r);
+        collect(driver.dataAreaList.at(index), r);
     }
     r.fire();
+}
+} // namespace
+
+void _byteDataChange(unsigned char* oldValue, unsigned char* newValue, int index, int noBits)
+{
+    reportUnit(index, [=](const _DATA_& d, Reports& r) { collectByteReports(d, oldValue, newValue, noBits, r); });
 }
 
 void _wordDataChange(int* oldValue, int* newValue, int index, int noBits)
 {
-    Reports r;
-    {
-        DriverLock lock;
-        if (index < 0 || index >= driver.dataAreaList.size())
-            return;
-        collectWordReports(driver.dataAreaList.at(index), oldValue, newValue, noBits, r);
-    }
-    r.fire();
+    reportUnit(index, [=](const _DATA_& d, Reports& r) { collectWordReports(d, oldValue, newValue, noBits, r); });
 }
 
 void _dwordDataChange(int* oldValue, int* newValue, int index, int noBits)
 {
-    Reports r;
-    {
-        DriverLock lock;
-        if (index < 0 || index >= driver.dataAreaList.size())
-            return;
-        collectDwordReports(driver.dataAreaList.at(index), oldValue, newValue, noBits, r);
-    }
-    r.fire();
+    reportUnit(index, [=](const _DATA_& d, Reports& r) { collectDwordReports(d, oldValue, newValue, noBits, r); });
 }
 
 void _bitDataChange(int index)
 {
-    Reports r;
-    {
-        DriverLock lock;
-        if (index < 0 || index >= driver.dataAreaList.size())
-            return;
-        collectBitReports(driver.dataAreaList.at(index), r);
-    }
-    r.fire();
+    reportUnit(index, [](const _DATA_& d, Reports& r) { collectBitReports(d, r); });
 }
 
 /* ====================================================================================
