@@ -34,9 +34,7 @@ void BM_CyclicRead(benchmark::State& state)
     FRAME_PRO* frame = new FRAME_PRO;
     QString error;
     long long cycleNo = 0;
-    /* Warm-up: two full rounds, so that every block has been read and the lists have grown. */
-    for (int i = 0; i < 2 * blocks; ++i, ++cycleNo)
-        cycle(*frame, replies.pick(changing, cycleNo, blocks), error);
+    warmUp(*frame, replies, changing, blocks, error, cycleNo);
 
     const long long callbacksBefore = callbackCount();
     long long allocSend = 0;
@@ -92,24 +90,13 @@ BENCHMARK(BM_AddrMerge)
     ->ArgsProduct({{100, 1000, 10000}, {0, 1}})
     ->Unit(benchmark::kMillisecond);
 
-/* The same word written again and again with alternating values: after the first two
- * calls each call replaces the queued write (the head, in flight, is never replaced) and
- * reports the changed bytes. */
+/* The same word written again and again with alternating values (CoalescingWrite). */
 void BM_SetData_Coalesce(benchmark::State& state)
 {
-    initDriver();
-    const QString reg = QString::fromLatin1("M_W");
-    QList<KEY_ADDRESS> keys = wordKeys(64, false);
-    intf_addrMerge(keys);
-    unsigned char values[2][2] = {{0x11, 0x22}, {0x33, 0x44}};
-    int flip = 0;
-    for (int i = 0; i < 4; ++i, flip ^= 1)
-        intf_setData(1, reg, 10, 1, values[flip], 0);
+    CoalescingWrite writes;
     HeapSnapshot h0 = heapNow();
-    for (auto _ : state) {
-        intf_setData(1, reg, 10, 1, values[flip], 0);
-        flip ^= 1;
-    }
+    for (auto _ : state)
+        writes.writeNext();
     HeapSnapshot h1 = heapNow();
     state.counters["allocs_per_call"] =
         static_cast<double>(h1.allocations - h0.allocations) / static_cast<double>(state.iterations());

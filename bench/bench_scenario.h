@@ -201,6 +201,38 @@ struct CycleReplies {
     }
 };
 
+/* Before measuring: two full rounds of the read list, so that every block has been read and
+ * the lists have grown. Counts the cycles in cycleNo. */
+inline void warmUp(FRAME_PRO& frame, CycleReplies& replies, bool changing, int blocks, QString& error,
+                   long long& cycleNo)
+{
+    for (int i = 0; i < 2 * blocks; ++i, ++cycleNo)
+        cycle(frame, replies.pick(changing, cycleNo, blocks), error);
+}
+
+/* The coalescing write scenario: 64 one-word "M_W" keys merged, then word 10 written four
+ * times with alternating values. From then on each write replaces the queued one (the head,
+ * in flight, is never replaced) and reports the changed bytes. */
+struct CoalescingWrite {
+    const QString reg;
+    unsigned char values[2][2];
+    int flip;
+    CoalescingWrite() : reg(QString::fromLatin1("M_W")), values{{0x11, 0x22}, {0x33, 0x44}}, flip(0)
+    {
+        initDriver();
+        QList<KEY_ADDRESS> keys = wordKeys(64, false);
+        intf_addrMerge(keys);
+        for (int i = 0; i < 4; ++i)
+            writeNext();
+    }
+    /* One intf_setData of word 10 with the other value. */
+    void writeNext()
+    {
+        intf_setData(1, reg, 10, 1, values[flip], 0);
+        flip ^= 1;
+    }
+};
+
 } // namespace adsbench
 
 #endif

@@ -38,8 +38,7 @@ int main(int argc, char** argv)
         static FRAME_PRO frame;
         QString error;
         long long cycleNo = 0;
-        for (int i = 0; i < 2 * blocks; ++i, ++cycleNo)
-            cycle(frame, replies.pick(changing, cycleNo, blocks), error);
+        warmUp(frame, replies, changing, blocks, error, cycleNo);
         const long long callbacksBefore = callbackCount();
         CALLGRIND_START_INSTRUMENTATION;
         for (int i = 0; i < cycles; ++i, ++cycleNo)
@@ -62,17 +61,10 @@ int main(int argc, char** argv)
     }
     if (std::strcmp(what, "setdata") == 0) {
         const int calls = std::atoi(argv[2]);
-        initDriver();
-        const QString reg = QString::fromLatin1("M_W");
-        QList<KEY_ADDRESS> keys = wordKeys(64, false);
-        intf_addrMerge(keys);
-        unsigned char values[2][2] = {{0x11, 0x22}, {0x33, 0x44}};
-        int flip = 0;
-        for (int i = 0; i < 4; ++i, flip ^= 1)
-            intf_setData(1, reg, 10, 1, values[flip], 0);
+        CoalescingWrite writes;
         CALLGRIND_START_INSTRUMENTATION;
-        for (int i = 0; i < calls; ++i, flip ^= 1)
-            intf_setData(1, reg, 10, 1, values[flip], 0);
+        for (int i = 0; i < calls; ++i)
+            writes.writeNext();
         CALLGRIND_STOP_INSTRUMENTATION;
         std::printf("cycles=%d queued=%d\n", calls, static_cast<int>(driver.writeList.size()));
         return 0;

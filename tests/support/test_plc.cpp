@@ -1,4 +1,5 @@
 #include "test_plc.h"
+#include "driver_fixture.h"
 
 #include <cstring>
 #include <ostream>
@@ -199,12 +200,7 @@ Host::Host(const char* initString, const char* settings)
     g_current = this;
     std::memset(frame.frame, 0, sizeof frame.frame);
     frame.sendLen = frame.recvLen = frame.dataStart = frame.readLen = frame.spareField = 0;
-    // intf_initProperty keeps the recipe lists and cursor on purpose; a new panel starts
-    // without them.
-    driver.rcpVarList.clear();
-    driver.rcpTransferList.clear();
-    driver.rcpBlockStartList.clear();
-    driver.rcpIndex = 0;
+    clearRecipeState();
     init(initString, settings);
 }
 
@@ -264,16 +260,7 @@ bool Host::handshake()
 
 KEY_ADDRESS Host::key(int keyNo, const QString& regName, int address, int length, int unitMark)
 {
-    KEY_ADDRESS k;
-    k.hostNumber = 0;
-    k.rcpDataIndex = 0;
-    k.keyNo = keyNo;
-    k.regName = regName;
-    k.address = address;
-    k.unitMark = unitMark;
-    k.length = length;
-    std::memset(k.data, 0, sizeof k.data);
-    return k;
+    return makeKey(keyNo, regName, address, length, 0, unitMark);
 }
 
 int Host::addrMerge(const std::vector<KEY_ADDRESS>& keys)
@@ -302,15 +289,7 @@ std::vector<uint8_t> Host::getData(int keyNo, const QString& regName, int addres
 _RCP_VAR_PRO Host::rcpVar(int driverNo, int keyNo, const QString& regName, int address, int length,
                           int rcpDataIndex)
 {
-    _RCP_VAR_PRO v;
-    v.driverNo = driverNo;
-    v.keyNo = keyNo;
-    v.regName = regName;
-    v.address = address;
-    v.length = length;
-    v.rcpDataIndex = rcpDataIndex;
-    v.hostField = 0;
-    return v;
+    return makeRcpVar(driverNo, keyNo, regName, address, length, rcpDataIndex);
 }
 
 int Host::setRcpAddress(const std::vector<_RCP_VAR_PRO>& vars)

@@ -7,6 +7,7 @@
 // runs the unit tests under ASan and UBSan) and, where the bytes read end up in a result,
 // by the canary bytes showing up there.
 #include "ads_ethernet.h"
+#include "driver_fixture.h"
 
 #include <gtest/gtest.h>
 
@@ -62,22 +63,15 @@ class BoundedBuffers : public ::testing::Test {
 protected:
     void init(const char* initString)
     {
-        status_.assign(65536, 0);
-        recipe_.assign(8192, 0);
         for (size_t i = 0; i < recipe_.size(); ++i)
             recipe_[i] = static_cast<unsigned char>(i * 7 + 3);
-        int mode = 0;
-        ASSERT_EQ(1, intf_initProperty(status_.data(), nullptr, recipe_.data(), &mode, initString, &hostMutex_));
-        driver.rcpVarList.clear();
-        driver.rcpTransferList.clear();
-        driver.rcpBlockStartList.clear();
-        driver.rcpIndex = 0;
+        ASSERT_EQ(1, host_.init(initString));
+        adstest::clearRecipeState();
     }
     void SetUp() override { init("1#0#0#3#64"); }
 
-    std::vector<unsigned char> status_;
-    std::vector<unsigned char> recipe_;
-    QMutex hostMutex_;
+    adstest::HostMemory host_{65536, 8192};
+    std::vector<unsigned char>& recipe_ = host_.recipe;
 };
 
 // ------------------------------------------------------------------ getWriteFrame
@@ -199,14 +193,8 @@ TEST_F(BoundedBuffers, WordWriteOf600WordsInOnePieceSendsAFullFrameAndCachesEver
 
 TEST_F(BoundedBuffers, LongRecipeVariableFillsTheDataBufferAndStopsAtItsEnd)
 {
-    _RCP_VAR_PRO item;
-    item.driverNo = 1;
-    item.keyNo = 2;
-    item.regName = QString::fromLatin1("M_W");
-    item.address = 40;
-    item.length = 3000;
-    item.rcpDataIndex = 100;   // from byte 200 of the recipe buffer
-    item.hostField = 0;
+    // From byte 200 of the recipe buffer (recipe data index 100).
+    _RCP_VAR_PRO item = adstest::makeRcpVar(1, 2, "M_W", 40, 3000, 100);
 
     std::unique_ptr<GuardedVariable> target(new GuardedVariable);
     std::memset(target->canary, kCanary, sizeof(target->canary));
@@ -226,14 +214,7 @@ TEST_F(BoundedBuffers, LongRecipeVariableFillsTheDataBufferAndStopsAtItsEnd)
 
 TEST_F(BoundedBuffers, LongRecipeVariableReadLeavesTheDataBufferZero)
 {
-    _RCP_VAR_PRO item;
-    item.driverNo = 1;
-    item.keyNo = 0;
-    item.regName = QString::fromLatin1("Q_W");
-    item.address = 0;
-    item.length = 3000;
-    item.rcpDataIndex = 0;
-    item.hostField = 0;
+    _RCP_VAR_PRO item = adstest::makeRcpVar(1, 0, "Q_W", 0, 3000, 0);
     std::unique_ptr<GuardedVariable> target(new GuardedVariable);
     std::memset(target->canary, kCanary, sizeof(target->canary));
     std::memset(target->var.data, 0xEE, sizeof(target->var.data));
@@ -249,13 +230,7 @@ std::unique_ptr<GuardedKey> guardedKey(int length, int unitMark)
 {
     std::unique_ptr<GuardedKey> g(new GuardedKey);
     std::memset(g->canary, kCanary, sizeof(g->canary));
-    g->key.hostNumber = 0;
-    g->key.rcpDataIndex = 0;
-    g->key.keyNo = 1;
-    g->key.regName = QString::fromLatin1("M_W");
-    g->key.address = 10;
-    g->key.unitMark = unitMark;
-    g->key.length = length;
+    g->key = adstest::makeKey(1, "M_W", 10, length, 0, unitMark);
     for (int i = 0; i < 1024; ++i)
         g->key.data[i] = pattern(i);
     return g;

@@ -6,27 +6,19 @@
 #include <vector>
 
 #include "ads_ethernet.h"
+#include "driver_fixture.h"
 #include "test_plc.h"
 
 using namespace adstest;
 
 namespace {
 
-const QString M = QStringLiteral("M");
-const QString M_W = QStringLiteral("M_W");
-const QString M_B = QStringLiteral("M_B");
-const QString M_D = QStringLiteral("M_D");
-const QString M_bit = QStringLiteral("M_bit");
-
-class ChangeDetection : public ::testing::Test {
+class ChangeDetection : public HostTest {
 protected:
-    void SetUp() override { h.reset(new Host()); }
-    void TearDown() override { h.reset(); }
-
     // The area of unit `address` of area M, with the given marks.
     int unit(int address, unsigned monitorFlag, unsigned bitMask, int keyNo = 1, const QString& area = M)
     {
-        const int i = getIndexOfDataArea(keyNo, area, address, driver.dataAreaList);
+        const int i = idx(area, address, keyNo);
         driver.dataAreaList[i].monitorFlag = monitorFlag;
         driver.dataAreaList[i].bitMonitorMask = bitMask;
         return i;
@@ -35,8 +27,6 @@ protected:
     {
         _byteDataChange(&oldV, &newV, index, noBits);
     }
-
-    std::unique_ptr<Host> h;
 };
 
 Report r(const QString& text, int address, int keyNo = 1, int context = 1)

@@ -6,47 +6,21 @@
 #include <vector>
 
 #include "ads_ethernet.h"
+#include "driver_fixture.h"
 
 namespace {
 
-unsigned char g_statusBlock[70000];
-unsigned char g_rcpBuffer[4096];
-QMutex g_hostMutex;
+using adstest::initDriver;
+using adstest::L;
+using adstest::makeVariable;
 
-void initDriver(const char* initString = "1#0#0#3#64")
-{
-    int mode = 0;
-    intf_initProperty(g_statusBlock, nullptr, g_rcpBuffer, &mode, initString, &g_hostMutex);
-}
-
-QString L(const char* s) { return QString::fromLatin1(s); }
-
+// A key with host text, host number and data bytes of its own (none of them may matter).
 KEY_ADDRESS makeKey(int keyNo, const char* reg, int address, int length, int unitMark = 0)
 {
-    KEY_ADDRESS k;
+    KEY_ADDRESS k = adstest::makeKey(keyNo, reg, address, length, 5, unitMark);
     k.hostText = L("text");
-    k.hostNumber = 5;
-    k.rcpDataIndex = 0;
-    k.keyNo = keyNo;
-    k.regName = L(reg);
-    k.hostText2 = QString();
-    k.address = address;
-    k.unitMark = unitMark;
-    k.length = length;
     std::memset(k.data, 0x77, sizeof k.data);
     return k;
-}
-
-VARIABLE makeVar(int kind, int keyNo, const char* reg, int address, int length)
-{
-    VARIABLE v;
-    v.kind = kind;
-    v.keyNo = keyNo;
-    v.regName = L(reg);
-    v.address = address;
-    v.length = length;
-    std::memset(v.data, 0, sizeof v.data);
-    return v;
 }
 
 struct Item {
@@ -217,10 +191,10 @@ TEST_F(ConditionRead, ItemBeingServedAtIndexZeroIsNeverRefreshed)
 
 TEST_F(ConditionRead, SearchRunsFromTheEndAndRefreshesLastMatch)
 {
-    driver.conditionReadList.append(makeVar(1, 0, "M_W", 0, 2));
-    driver.conditionReadList.append(makeVar(2, 0, "Q_W", 8, 4));
-    driver.conditionReadList.append(makeVar(3, 0, "I_W", 0, 2));
-    driver.conditionReadList.append(makeVar(4, 0, "Q_W", 8, 4));
+    driver.conditionReadList.append(makeVariable(1, 0, "M_W", 0, 2));
+    driver.conditionReadList.append(makeVariable(2, 0, "Q_W", 8, 4));
+    driver.conditionReadList.append(makeVariable(3, 0, "I_W", 0, 2));
+    driver.conditionReadList.append(makeVariable(4, 0, "Q_W", 8, 4));
     KEY_ADDRESS q = makeKey(0, "Q_W", 8, 2);
     intf_addConditionRead(&q, 9);
     EXPECT_EQ(items(), (std::vector<Item>{{1, 0, "M_W", 0, 2}, {2, 0, "Q_W", 8, 4}, {3, 0, "I_W", 0, 2},

@@ -5,20 +5,13 @@
 #include <vector>
 
 #include "ads_ethernet.h"
+#include "driver_fixture.h"
 
 namespace {
 
-unsigned char g_statusBlock[70000];
-unsigned char g_rcpBuffer[4096];
-QMutex g_hostMutex;
-
-void initDriver(const char* initString = "1#0#0#3#64")
-{
-    int mode = 0;
-    intf_initProperty(g_statusBlock, nullptr, g_rcpBuffer, &mode, initString, &g_hostMutex);
-}
-
-QString L(const char* s) { return QString::fromLatin1(s); }
+using adstest::initDriver;
+using adstest::L;
+using adstest::makeKey;
 
 // Every index of driver.dataAreaList holding the three keys (scanned by the test itself).
 std::vector<int> areasWith(int keyNo, const QString& name, int address)
@@ -52,22 +45,6 @@ _DATA_ makeArea(int keyNo, const char* name, int address)
     std::memset(d.value, 0, sizeof d.value);
     std::memset(d.writeValue, 0, sizeof d.writeValue);
     return d;
-}
-
-KEY_ADDRESS makeKey(int keyNo, const char* reg, int address, int length)
-{
-    KEY_ADDRESS k;
-    k.hostText = QString();
-    k.hostNumber = 0;
-    k.rcpDataIndex = 0;
-    k.keyNo = keyNo;
-    k.regName = L(reg);
-    k.hostText2 = QString();
-    k.address = address;
-    k.unitMark = 0;
-    k.length = length;
-    std::memset(k.data, 0, sizeof k.data);
-    return k;
 }
 
 class DataAreas : public ::testing::Test {

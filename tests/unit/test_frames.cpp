@@ -16,34 +16,16 @@
 #include <vector>
 
 #include "ads_ethernet.h"
+#include "driver_fixture.h"
 
 namespace {
 
 typedef std::vector<uint8_t> Bytes;
 
 std::string S(const QString& s) { return s.toStdString(); }
-QString Q(const char* s) { return QString::fromLatin1(s); }
+using adstest::initDriver;
+using adstest::L;
 
-struct HostMemory {
-    std::vector<unsigned char> status;
-    std::vector<unsigned char> recipe;
-    QMutex mutex;
-    int mode;
-    HostMemory() : status(60200, 0), recipe(4096, 0), mode(0) {}
-};
-
-HostMemory& host()
-{
-    static HostMemory h;
-    return h;
-}
-
-int initDriver(const char* text)
-{
-    std::fill(host().status.begin(), host().status.end(), 0);
-    return intf_initProperty(host().status.data(), nullptr, host().recipe.data(), &host().mode, text,
-                             &host().mutex);
-}
 
 void append(Bytes& b, std::initializer_list<int> v)
 {
@@ -114,17 +96,7 @@ void expectImage(const unsigned char* frame, const Bytes& expected, const char* 
 
 VARIABLE makeVar(const char* reg, int address, int length, std::initializer_list<int> data = {})
 {
-    VARIABLE v;
-    v.kind = 0;
-    v.keyNo = 0;
-    v.regName = Q(reg);
-    v.address = address;
-    v.length = length;
-    std::memset(v.data, 0, sizeof v.data);
-    int i = 0;
-    for (int x : data)
-        v.data[i++] = static_cast<unsigned char>(x);
-    return v;
+    return adstest::makeVariable(0, 0, reg, address, length, data);
 }
 
 QList<VARIABLE> one(const VARIABLE& v)
@@ -657,7 +629,7 @@ TEST_F(Frames, BitWriteIsPatchedFromTheReadReply)
 {
     handshake();
     unsigned char data[1] = {1};
-    ASSERT_EQ(1, intf_setData(0, Q("Q_bit"), 3, 1, data, 0));
+    ASSERT_EQ(1, intf_setData(0, L("Q_bit"), 3, 1, data, 0));
 
     FRAME_PRO out;
     ASSERT_EQ(1, intf_getSendFrame(&out));
@@ -695,7 +667,7 @@ TEST_F(Frames, BitWriteClearsAndSetsBitsOfTheByteRead)
 {
     handshake();
     unsigned char data[2] = {0, 1};
-    ASSERT_EQ(1, intf_setData(0, Q("I_bit"), 9, 2, data, 0));
+    ASSERT_EQ(1, intf_setData(0, L("I_bit"), 9, 2, data, 0));
     FRAME_PRO out;
     ASSERT_EQ(1, intf_getSendFrame(&out));
     expectImage(out.frame, readImage(0xF020, 1, 1), "read half of I_bit 9");
@@ -712,7 +684,7 @@ TEST_F(Frames, BitWriteAcrossTwoBytesPatchesBoth)
 {
     handshake();
     unsigned char data[4] = {1, 0, 1, 0};
-    ASSERT_EQ(1, intf_setData(0, Q("M_bit"), 6, 4, data, 0));
+    ASSERT_EQ(1, intf_setData(0, L("M_bit"), 6, 4, data, 0));
     FRAME_PRO out;
     ASSERT_EQ(1, intf_getSendFrame(&out));
     expectImage(out.frame, readImage(0x4020, 0, 2), "read half of M_bit 6 length 4");

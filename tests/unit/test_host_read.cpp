@@ -9,40 +9,21 @@
 #include <vector>
 
 #include "ads_ethernet.h"
+#include "driver_fixture.h"
 #include "test_plc.h"
 
 using namespace adstest;
 
 namespace {
 
-const QString M = QStringLiteral("M");
-const QString M_W = QStringLiteral("M_W");
-const QString M_bit = QStringLiteral("M_bit");
-const QString I_W = QStringLiteral("I_W");
-const QString I_bit = QStringLiteral("I_bit");
-const QString MINUS_ONE = QStringLiteral("-1");
-
 using Bytes = std::vector<uint8_t>;
 
-class HostRead : public ::testing::Test {
+class HostRead : public HostTest {
 protected:
-    void SetUp() override { h.reset(new Host()); }
-    void TearDown() override { h.reset(); }
-
-    int idx(const QString& area, int address, int keyNo = 1)
-    {
-        return getIndexOfDataArea(keyNo, area, address, driver.dataAreaList);
-    }
     void setValue(const QString& area, int address, uint8_t v, int keyNo = 1)
     {
-        driver.dataAreaList[idx(area, address, keyNo)].value[0] = v;
+        ref(area, address, keyNo).value[0] = v;
     }
-    _DATA_ at(const QString& area, int address, int keyNo = 1)
-    {
-        return driver.dataAreaList.at(idx(area, address, keyNo));
-    }
-
-    std::unique_ptr<Host> h;
 };
 
 // ------------------------------------------------------------------ intf_getData

@@ -7,42 +7,18 @@
 #include <vector>
 
 #include "ads_ethernet.h"
+#include "driver_fixture.h"
 #include "test_plc.h"
 
 using namespace adstest;
 
 namespace {
 
-const QString M = QStringLiteral("M");
-const QString M_W = QStringLiteral("M_W");
-const QString M_B = QStringLiteral("M_B");
-const QString M_D = QStringLiteral("M_D");
-const QString M_bit = QStringLiteral("M_bit");
-
 using Bytes = std::vector<uint8_t>;
 
 Bytes dataOf(const VARIABLE& v, int n) { return Bytes(v.data, v.data + n); }
 
-class HostWrite : public ::testing::Test {
-protected:
-    void SetUp() override { h.reset(new Host()); }
-    void TearDown() override { h.reset(); }
-
-    int idx(const QString& area, int address, int keyNo = 1)
-    {
-        return getIndexOfDataArea(keyNo, area, address, driver.dataAreaList);
-    }
-    _DATA_& ref(const QString& area, int address, int keyNo = 1)
-    {
-        return driver.dataAreaList[idx(area, address, keyNo)];
-    }
-    _DATA_ at(const QString& area, int address, int keyNo = 1)
-    {
-        return driver.dataAreaList.at(idx(area, address, keyNo));
-    }
-
-    std::unique_ptr<Host> h;
-};
+class HostWrite : public HostTest {};
 
 // ------------------------------------------------------------------ queueing
 

@@ -6,27 +6,16 @@
 #include <vector>
 
 #include "ads_ethernet.h"
+#include "driver_fixture.h"
 #include "test_plc.h"
 
 using namespace adstest;
 
 namespace {
 
-const QString M_W = QStringLiteral("M_W");
-const QString M_bit = QStringLiteral("M_bit");
-const QString Q_W = QStringLiteral("Q_W");
-const QString I_W = QStringLiteral("I_W");
-const QString RWI = QStringLiteral("RWI");
-const QString MINUS_ONE = QStringLiteral("-1");
-
 using Bytes = std::vector<uint8_t>;
 
-class PollingCycle : public ::testing::Test {
-protected:
-    void SetUp() override { h.reset(new Host()); }
-    void TearDown() override { h.reset(); }
-    std::unique_ptr<Host> h;
-};
+class PollingCycle : public HostTest {};
 
 TEST_F(PollingCycle, TheHandshakeIsAnAddDeviceNotificationToPort100)
 {

@@ -6,34 +6,14 @@
 #include <vector>
 
 #include "ads_ethernet.h"
+#include "driver_fixture.h"
 
 namespace {
 
-unsigned char g_statusBlock[70000];
-unsigned char g_rcpBuffer[4096];
-QMutex g_hostMutex;
-
-void initDriver(const char* initString = "1#0#0#3#64")
-{
-    int mode = 0;
-    intf_initProperty(g_statusBlock, nullptr, g_rcpBuffer, &mode, initString, &g_hostMutex);
-}
-
-QString L(const char* s) { return QString::fromLatin1(s); }
-
-_RCP_VAR_PRO makeVar(int driverNo, int keyNo, const char* reg, int address, int length, int rcpDataIndex,
-                     int hostField = 0)
-{
-    _RCP_VAR_PRO v;
-    v.driverNo = driverNo;
-    v.keyNo = keyNo;
-    v.regName = L(reg);
-    v.address = address;
-    v.length = length;
-    v.rcpDataIndex = rcpDataIndex;
-    v.hostField = hostField;
-    return v;
-}
+using adstest::hostMemory;
+using adstest::initDriver;
+using adstest::L;
+using adstest::makeRcpVar;
 
 struct Rcp {
     int keyNo;
@@ -66,7 +46,7 @@ protected:
     void SetUp() override
     {
         initDriver();
-        for (int i = 0; i < 4096; ++i) g_rcpBuffer[i] = static_cast<unsigned char>((i * 13 + 5) & 0xFF);
+        for (int i = 0; i < 4096; ++i) hostMemory().recipe[i] = static_cast<unsigned char>((i * 13 + 5) & 0xFF);
     }
 };
 
@@ -77,8 +57,8 @@ protected:
 TEST_F(RecipeAddress, ContiguousWordVariablesBecomeOneBlock)
 {
     QVector<_RCP_VAR_PRO> vars;
-    vars.append(makeVar(1, 0, "M_W", 0, 2, 0));
-    vars.append(makeVar(1, 0, "M_W", 4, 2, 2));
+    vars.append(makeRcpVar(1, 0, "M_W", 0, 2, 0));
+    vars.append(makeRcpVar(1, 0, "M_W", 4, 2, 2));
     EXPECT_EQ(intf_setRcpAddress(&vars), 2);
     EXPECT_EQ(listOf(driver.rcpTransferList), (std::vector<Rcp>{{0, "M_W", 0, 8, 0}}));
     EXPECT_EQ(driver.rcpBlockStartList, (QList<int>{0}));
@@ -90,8 +70,8 @@ TEST_F(RecipeAddress, GapIsNeverBridgedWhateverMaxMergeGap)
     for (const char* init : {"1#0#0#3#64", "1#0#0#3#0", "1#0#0#3#1000"}) {
         initDriver(init);
         QVector<_RCP_VAR_PRO> vars;
-        vars.append(makeVar(1, 0, "M_W", 0, 2, 0));
-        vars.append(makeVar(1, 0, "M_W", 6, 1, 2));
+        vars.append(makeRcpVar(1, 0, "M_W", 0, 2, 0));
+        vars.append(makeRcpVar(1, 0, "M_W", 6, 1, 2));
         EXPECT_EQ(intf_setRcpAddress(&vars), 2) << init;
         EXPECT_EQ(listOf(driver.rcpTransferList), (std::vector<Rcp>{{0, "M_W", 0, 4, 0}, {0, "M_W", 6, 2, 2}}))
             << init;
@@ -102,10 +82,10 @@ TEST_F(RecipeAddress, GapIsNeverBridgedWhateverMaxMergeGap)
 TEST_F(RecipeAddress, OtherInstancesVariablesAreIgnored)
 {
     QVector<_RCP_VAR_PRO> vars;
-    vars.append(makeVar(2, 0, "M_W", 2, 1, 50));
-    vars.append(makeVar(1, 0, "M_W", 0, 1, 0));
-    vars.append(makeVar(0, 0, "M_W", 4, 1, 60));
-    vars.append(makeVar(1, 0, "M_W", 10, 1, 1));
+    vars.append(makeRcpVar(2, 0, "M_W", 2, 1, 50));
+    vars.append(makeRcpVar(1, 0, "M_W", 0, 1, 0));
+    vars.append(makeRcpVar(0, 0, "M_W", 4, 1, 60));
+    vars.append(makeRcpVar(1, 0, "M_W", 10, 1, 1));
     EXPECT_EQ(intf_setRcpAddress(&vars), 2);
     EXPECT_EQ(listOf(driver.rcpVarList), (std::vector<Rcp>{{0, "M_W", 0, 1, 0}, {0, "M_W", 10, 1, 1}}));
     EXPECT_EQ(listOf(driver.rcpTransferList), (std::vector<Rcp>{{0, "M_W", 0, 2, 0}, {0, "M_W", 10, 2, 1}}));
@@ -116,8 +96,8 @@ TEST_F(RecipeAddress, CallBackContextSelectsTheInstance)
 {
     initDriver("7#0#0#3#64");
     QVector<_RCP_VAR_PRO> vars;
-    vars.append(makeVar(1, 0, "M_W", 0, 1, 0));
-    vars.append(makeVar(7, 0, "Q_W", 20, 3, 9));
+    vars.append(makeRcpVar(1, 0, "M_W", 0, 1, 0));
+    vars.append(makeRcpVar(7, 0, "Q_W", 20, 3, 9));
     EXPECT_EQ(intf_setRcpAddress(&vars), 1);
     EXPECT_EQ(listOf(driver.rcpTransferList), (std::vector<Rcp>{{0, "Q_W", 20, 6, 9}}));
 }
@@ -125,7 +105,7 @@ TEST_F(RecipeAddress, CallBackContextSelectsTheInstance)
 TEST_F(RecipeAddress, BitVariableStaysInBits)
 {
     QVector<_RCP_VAR_PRO> vars;
-    vars.append(makeVar(1, 0, "M_bit", 3, 10, 4));
+    vars.append(makeRcpVar(1, 0, "M_bit", 3, 10, 4));
     EXPECT_EQ(intf_setRcpAddress(&vars), 1);
     EXPECT_EQ(listOf(driver.rcpTransferList), (std::vector<Rcp>{{0, "M_bit", 3, 10, 4}}));
     EXPECT_EQ(driver.rcpBlockStartList, (QList<int>{0}));
@@ -134,12 +114,12 @@ TEST_F(RecipeAddress, BitVariableStaysInBits)
 TEST_F(RecipeAddress, NothingOfThisInstanceKeepsOldTransferLists)
 {
     QVector<_RCP_VAR_PRO> vars;
-    vars.append(makeVar(1, 0, "M_W", 0, 2, 0));
-    vars.append(makeVar(1, 0, "M_W", 6, 1, 2));
+    vars.append(makeRcpVar(1, 0, "M_W", 0, 2, 0));
+    vars.append(makeRcpVar(1, 0, "M_W", 6, 1, 2));
     ASSERT_EQ(intf_setRcpAddress(&vars), 2);
 
     QVector<_RCP_VAR_PRO> foreign;
-    foreign.append(makeVar(3, 0, "I_W", 0, 1, 0));
+    foreign.append(makeRcpVar(3, 0, "I_W", 0, 1, 0));
     EXPECT_EQ(intf_setRcpAddress(&foreign), 0);
     EXPECT_EQ(listOf(driver.rcpTransferList), (std::vector<Rcp>{{0, "M_W", 0, 4, 0}, {0, "M_W", 6, 2, 2}}));
     EXPECT_EQ(driver.rcpBlockStartList, (QList<int>{0, 1}));
@@ -155,11 +135,11 @@ TEST_F(RecipeAddress, NothingOfThisInstanceKeepsOldTransferLists)
 TEST_F(RecipeAddress, NewCallReplacesTransferLists)
 {
     QVector<_RCP_VAR_PRO> first;
-    first.append(makeVar(1, 0, "M_W", 0, 2, 0));
-    first.append(makeVar(1, 0, "M_W", 6, 1, 2));
+    first.append(makeRcpVar(1, 0, "M_W", 0, 2, 0));
+    first.append(makeRcpVar(1, 0, "M_W", 6, 1, 2));
     intf_setRcpAddress(&first);
     QVector<_RCP_VAR_PRO> second;
-    second.append(makeVar(1, 1, "I_W", 8, 1, 5));
+    second.append(makeRcpVar(1, 1, "I_W", 8, 1, 5));
     EXPECT_EQ(intf_setRcpAddress(&second), 1);
     EXPECT_EQ(listOf(driver.rcpTransferList), (std::vector<Rcp>{{1, "I_W", 8, 2, 5}}));
     EXPECT_EQ(driver.rcpBlockStartList, (QList<int>{0}));
@@ -169,7 +149,7 @@ TEST_F(RecipeAddress, NewCallReplacesTransferLists)
 TEST_F(RecipeAddress, InitLeavesRecipeListsInPlace)
 {
     QVector<_RCP_VAR_PRO> vars;
-    vars.append(makeVar(1, 0, "M_W", 0, 2, 0));
+    vars.append(makeRcpVar(1, 0, "M_W", 0, 2, 0));
     intf_setRcpAddress(&vars);
     initDriver();
     EXPECT_EQ(listOf(driver.rcpTransferList), (std::vector<Rcp>{{0, "M_W", 0, 4, 0}}));
@@ -180,8 +160,8 @@ TEST_F(RecipeAddress, InitLeavesRecipeListsInPlace)
 TEST_F(RecipeAddress, VariablesAreSortedByWeightAndBlockTakesFirstVariablesIndex)
 {
     QVector<_RCP_VAR_PRO> vars;
-    vars.append(makeVar(1, 0, "M_W", 4, 2, 2, 20));
-    vars.append(makeVar(1, 0, "M_W", 0, 2, 0, 10));
+    vars.append(makeRcpVar(1, 0, "M_W", 4, 2, 2, 20));
+    vars.append(makeRcpVar(1, 0, "M_W", 0, 2, 0, 10));
     EXPECT_EQ(intf_setRcpAddress(&vars), 2);
     EXPECT_EQ(listOf(driver.rcpVarList), (std::vector<Rcp>{{0, "M_W", 0, 2, 0}, {0, "M_W", 4, 2, 2}}));
     EXPECT_EQ(driver.rcpVarList.at(0).hostField, 10);
@@ -192,11 +172,11 @@ TEST_F(RecipeAddress, VariablesAreSortedByWeightAndBlockTakesFirstVariablesIndex
 TEST_F(RecipeAddress, SortOrdersByKeyThenRegisterThenAddress)
 {
     QVector<_RCP_VAR_PRO> vars;
-    vars.append(makeVar(1, 1, "I_W", 0, 1, 0));
-    vars.append(makeVar(1, 0, "M_W", 10, 1, 1));
-    vars.append(makeVar(1, 0, "Q_W", 100, 1, 2));
-    vars.append(makeVar(1, 0, "I_W", 50, 1, 3));
-    vars.append(makeVar(1, 0, "M_W", 2, 1, 4));
+    vars.append(makeRcpVar(1, 1, "I_W", 0, 1, 0));
+    vars.append(makeRcpVar(1, 0, "M_W", 10, 1, 1));
+    vars.append(makeRcpVar(1, 0, "Q_W", 100, 1, 2));
+    vars.append(makeRcpVar(1, 0, "I_W", 50, 1, 3));
+    vars.append(makeRcpVar(1, 0, "M_W", 2, 1, 4));
     EXPECT_EQ(intf_setRcpAddress(&vars), 5);
     EXPECT_EQ(listOf(driver.rcpVarList), (std::vector<Rcp>{{0, "I_W", 50, 1, 3},
                                                           {0, "Q_W", 100, 1, 2},
@@ -211,10 +191,10 @@ TEST_F(RecipeAddress, BitAddressesRunIntoFollowingRegistersWeights)
     // "I_bit" 70000 weighs 70000, more than "Q_bit" 0 (65535); "I_bit" 200000 weighs more
     // than "I_W" 0 (196605). Bits are not converted before sorting.
     QVector<_RCP_VAR_PRO> vars;
-    vars.append(makeVar(1, 0, "I_bit", 200000, 1, 0));
-    vars.append(makeVar(1, 0, "I_bit", 70000, 1, 1));
-    vars.append(makeVar(1, 0, "I_W", 0, 1, 2));
-    vars.append(makeVar(1, 0, "Q_bit", 0, 1, 3));
+    vars.append(makeRcpVar(1, 0, "I_bit", 200000, 1, 0));
+    vars.append(makeRcpVar(1, 0, "I_bit", 70000, 1, 1));
+    vars.append(makeRcpVar(1, 0, "I_W", 0, 1, 2));
+    vars.append(makeRcpVar(1, 0, "Q_bit", 0, 1, 3));
     EXPECT_EQ(intf_setRcpAddress(&vars), 4);
     EXPECT_EQ(listOf(driver.rcpVarList), (std::vector<Rcp>{{0, "Q_bit", 0, 1, 3},
                                                           {0, "I_bit", 70000, 1, 1},
@@ -225,9 +205,9 @@ TEST_F(RecipeAddress, BitAddressesRunIntoFollowingRegistersWeights)
 TEST_F(RecipeAddress, EqualWeightsKeepHostOrder)
 {
     QVector<_RCP_VAR_PRO> vars;
-    vars.append(makeVar(1, 0, "Q_W", 0, 1, 1));       // 4 x 65535
-    vars.append(makeVar(1, 0, "I_W", 65535, 1, 2));   // 3 x 65535 + 65535
-    vars.append(makeVar(1, 0, "M_bit", 131070, 1, 3));  // 2 x 65535 + 131070
+    vars.append(makeRcpVar(1, 0, "Q_W", 0, 1, 1));       // 4 x 65535
+    vars.append(makeRcpVar(1, 0, "I_W", 65535, 1, 2));   // 3 x 65535 + 65535
+    vars.append(makeRcpVar(1, 0, "M_bit", 131070, 1, 3));  // 2 x 65535 + 131070
     EXPECT_EQ(intf_setRcpAddress(&vars), 3);
     EXPECT_EQ(listOf(driver.rcpVarList), (std::vector<Rcp>{{0, "Q_W", 0, 1, 1},
                                                           {0, "I_W", 65535, 1, 2},
@@ -237,10 +217,10 @@ TEST_F(RecipeAddress, EqualWeightsKeepHostOrder)
 TEST_F(RecipeAddress, OverlappingVariablesMergeAndLimitIs128Bytes)
 {
     QVector<_RCP_VAR_PRO> vars;
-    vars.append(makeVar(1, 0, "M_W", 0, 60, 0));    // 0..119
-    vars.append(makeVar(1, 0, "M_W", 2, 1, 1));     // inside
-    vars.append(makeVar(1, 0, "M_W", 120, 4, 60));  // 120..127: 128 in all
-    vars.append(makeVar(1, 0, "M_W", 128, 1, 64));  // would make 130
+    vars.append(makeRcpVar(1, 0, "M_W", 0, 60, 0));    // 0..119
+    vars.append(makeRcpVar(1, 0, "M_W", 2, 1, 1));     // inside
+    vars.append(makeRcpVar(1, 0, "M_W", 120, 4, 60));  // 120..127: 128 in all
+    vars.append(makeRcpVar(1, 0, "M_W", 128, 1, 64));  // would make 130
     EXPECT_EQ(intf_setRcpAddress(&vars), 4);
     EXPECT_EQ(listOf(driver.rcpTransferList), (std::vector<Rcp>{{0, "M_W", 0, 128, 0}, {0, "M_W", 128, 2, 64}}));
     EXPECT_EQ(driver.rcpBlockStartList, (QList<int>{0, 3}));
@@ -249,9 +229,9 @@ TEST_F(RecipeAddress, OverlappingVariablesMergeAndLimitIs128Bytes)
 TEST_F(RecipeAddress, DifferentRegistersAndKeysStaySeparateBlocks)
 {
     QVector<_RCP_VAR_PRO> vars;
-    vars.append(makeVar(1, 0, "M_bit", 0, 16, 0));
-    vars.append(makeVar(1, 0, "M_W", 2, 1, 1));
-    vars.append(makeVar(1, 1, "M_W", 4, 1, 2));
+    vars.append(makeRcpVar(1, 0, "M_bit", 0, 16, 0));
+    vars.append(makeRcpVar(1, 0, "M_W", 2, 1, 1));
+    vars.append(makeRcpVar(1, 1, "M_W", 4, 1, 2));
     EXPECT_EQ(intf_setRcpAddress(&vars), 3);
     EXPECT_EQ(listOf(driver.rcpTransferList),
               (std::vector<Rcp>{{0, "M_bit", 0, 16, 0}, {0, "M_W", 2, 2, 1}, {1, "M_W", 4, 2, 2}}));
@@ -261,7 +241,7 @@ TEST_F(RecipeAddress, DifferentRegistersAndKeysStaySeparateBlocks)
 TEST_F(RecipeAddress, RecipeDoesNotTouchReadListOrCache)
 {
     QVector<_RCP_VAR_PRO> vars;
-    vars.append(makeVar(1, 0, "M_W", 0, 2, 0));
+    vars.append(makeRcpVar(1, 0, "M_W", 0, 2, 0));
     intf_setRcpAddress(&vars);
     EXPECT_TRUE(driver.readList.isEmpty());
     EXPECT_TRUE(driver.dataAreaList.isEmpty());
@@ -280,7 +260,7 @@ TEST_F(RecipeAddress, ReadBlockCopiesKeysAndZeroesData)
     v.address = -1;
     v.length = -1;
     std::memset(v.data, 0xFF, sizeof v.data);
-    rcpAddrToVar(makeVar(0, 2, "M_W", 10, 8, 3), v, 0);
+    rcpAddrToVar(makeRcpVar(0, 2, "M_W", 10, 8, 3), v, 0);
     EXPECT_EQ(v.kind, 33);
     EXPECT_EQ(v.keyNo, 2);
     EXPECT_EQ(v.regName, L("M_W"));
@@ -294,20 +274,20 @@ TEST_F(RecipeAddress, WriteBlockCopiesLengthBytesFromRecipeBuffer)
     VARIABLE v;
     v.kind = 12;
     std::memset(v.data, 0xFF, sizeof v.data);
-    rcpAddrToVar(makeVar(0, 1, "M_W", 0, 8, 3), v, 1);
+    rcpAddrToVar(makeRcpVar(0, 1, "M_W", 0, 8, 3), v, 1);
     EXPECT_EQ(v.kind, 12);
     EXPECT_EQ(v.keyNo, 1);
     EXPECT_EQ(v.regName, L("M_W"));
     EXPECT_EQ(v.address, 0);
     EXPECT_EQ(v.length, 8);
-    for (int i = 0; i < 8; ++i) EXPECT_EQ(v.data[i], g_rcpBuffer[6 + i]) << i;
+    for (int i = 0; i < 8; ++i) EXPECT_EQ(v.data[i], hostMemory().recipe[6 + i]) << i;
     for (int i = 8; i < 1024; ++i) ASSERT_EQ(v.data[i], 0) << i;
 }
 
 TEST_F(RecipeAddress, WriteOfBitVariableCopiesTenBytes)
 {
     QVector<_RCP_VAR_PRO> vars;
-    vars.append(makeVar(1, 0, "M_bit", 3, 10, 5));
+    vars.append(makeRcpVar(1, 0, "M_bit", 3, 10, 5));
     ASSERT_EQ(intf_setRcpAddress(&vars), 1);
     ASSERT_EQ(driver.rcpTransferList.size(), 1);
     VARIABLE v;
@@ -317,21 +297,21 @@ TEST_F(RecipeAddress, WriteOfBitVariableCopiesTenBytes)
     EXPECT_EQ(v.regName, L("M_bit"));
     EXPECT_EQ(v.address, 3);
     EXPECT_EQ(v.length, 10);
-    for (int i = 0; i < 10; ++i) EXPECT_EQ(v.data[i], g_rcpBuffer[10 + i]) << i;
+    for (int i = 0; i < 10; ++i) EXPECT_EQ(v.data[i], hostMemory().recipe[10 + i]) << i;
     for (int i = 10; i < 1024; ++i) ASSERT_EQ(v.data[i], 0) << i;
 }
 
 TEST_F(RecipeAddress, WriteOfMergedBlockTakesOneContiguousRun)
 {
     QVector<_RCP_VAR_PRO> vars;
-    vars.append(makeVar(1, 0, "Q_W", 20, 2, 7));
-    vars.append(makeVar(1, 0, "Q_W", 24, 3, 9));
+    vars.append(makeRcpVar(1, 0, "Q_W", 20, 2, 7));
+    vars.append(makeRcpVar(1, 0, "Q_W", 24, 3, 9));
     ASSERT_EQ(intf_setRcpAddress(&vars), 2);
     ASSERT_EQ(listOf(driver.rcpTransferList), (std::vector<Rcp>{{0, "Q_W", 20, 10, 7}}));
     VARIABLE v;
     std::memset(v.data, 0xFF, sizeof v.data);
     rcpAddrToVar(driver.rcpTransferList.at(0), v, 1);
-    for (int i = 0; i < 10; ++i) EXPECT_EQ(v.data[i], g_rcpBuffer[14 + i]) << i;
+    for (int i = 0; i < 10; ++i) EXPECT_EQ(v.data[i], hostMemory().recipe[14 + i]) << i;
     EXPECT_EQ(v.data[10], 0);
 }
 
@@ -340,18 +320,18 @@ TEST_F(RecipeAddress, WriteUsesCurrentRecipeBufferOfInit)
     unsigned char other[64];
     for (int i = 0; i < 64; ++i) other[i] = static_cast<unsigned char>(0xC0 + i);
     int mode = 0;
-    intf_initProperty(g_statusBlock, nullptr, other, &mode, "1#0#0#3#64", &g_hostMutex);
+    intf_initProperty(hostMemory().status.data(), nullptr, other, &mode, "1#0#0#3#64", &hostMemory().mutex);
     VARIABLE v;
-    rcpAddrToVar(makeVar(0, 0, "I_W", 0, 4, 1), v, 1);
+    rcpAddrToVar(makeRcpVar(0, 0, "I_W", 0, 4, 1), v, 1);
     for (int i = 0; i < 4; ++i) EXPECT_EQ(v.data[i], other[2 + i]) << i;
 }
 
 TEST_F(RecipeAddress, AnyNonZeroWithDataIsAWrite)
 {
     VARIABLE v;
-    rcpAddrToVar(makeVar(0, 0, "I_W", 0, 2, 0), v, 2);
-    EXPECT_EQ(v.data[0], g_rcpBuffer[0]);
-    EXPECT_EQ(v.data[1], g_rcpBuffer[1]);
+    rcpAddrToVar(makeRcpVar(0, 0, "I_W", 0, 2, 0), v, 2);
+    EXPECT_EQ(v.data[0], hostMemory().recipe[0]);
+    EXPECT_EQ(v.data[1], hostMemory().recipe[1]);
 }
 
 }  // namespace

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "ads_ethernet.h"
+#include "driver_fixture.h"
 
 namespace {
 
@@ -34,19 +35,7 @@ void fillVariable(VARIABLE& v, int seed)
         v.data[i] = pattern(i, seed);
 }
 
-struct HostMemory {
-    std::vector<unsigned char> status;
-    std::vector<unsigned char> recipe;
-    QMutex mutex;
-    int mode;
-    HostMemory() : status(60200, 0), recipe(4096, 0), mode(0) {}
-};
-
-HostMemory& host()
-{
-    static HostMemory h;
-    return h;
-}
+using adstest::initDriver;
 
 }  // namespace
 
@@ -152,14 +141,7 @@ TEST(Records, CopiedKeyAddressOwnsItsBufferAndCarriesTheHostFields)
 
 TEST(Records, RecipeVariableInAVectorIsIndependentOfItsSource)
 {
-    _RCP_VAR_PRO r;
-    r.driverNo = 1;
-    r.keyNo = 2;
-    r.regName = QString::fromLatin1("M_W");
-    r.address = 3;
-    r.length = 4;
-    r.rcpDataIndex = 5;
-    r.hostField = 6;
+    _RCP_VAR_PRO r = adstest::makeRcpVar(1, 2, "M_W", 3, 4, 5, 6);
     QVector<_RCP_VAR_PRO> v;
     v.append(r);
     r.regName[0] = QChar('I');
@@ -239,8 +221,7 @@ TEST(Records, CopiedFrameOwnsItsFrameAndVariableBuffers)
 
 TEST(Records, SendFrameCarriesAllBytesWhateverSendLenSays)
 {
-    ASSERT_EQ(1, intf_initProperty(host().status.data(), nullptr, host().recipe.data(), &host().mode,
-                                   "1#0#0#3#64", &host().mutex));
+    ASSERT_EQ(1, initDriver("1#0#0#3#64"));
 
     std::unique_ptr<FRAME_PRO> head(new FRAME_PRO);
     for (int i = 0; i < 1024; ++i)
@@ -290,8 +271,7 @@ TEST(Records, SendFrameCarriesAllBytesWhateverSendLenSays)
 
 TEST(Records, SendFrameCopiesTheHandshakeBytesBeyondSendLen)
 {
-    ASSERT_EQ(1, intf_initProperty(host().status.data(), nullptr, host().recipe.data(), &host().mode,
-                                   "1#0#0#3#64", &host().mutex));
+    ASSERT_EQ(1, initDriver("1#0#0#3#64"));
     std::unique_ptr<FRAME_PRO> out(new FRAME_PRO);
     std::memset(out->frame, 0xEE, sizeof out->frame);
     ASSERT_EQ(1, intf_getSendFrame(out.get()));

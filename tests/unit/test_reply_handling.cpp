@@ -9,36 +9,20 @@
 #include <vector>
 
 #include "ads_ethernet.h"
+#include "driver_fixture.h"
 #include "test_plc.h"
 
 using namespace adstest;
 
 namespace {
 
-const QString M_W = QStringLiteral("M_W");
-const QString M_bit = QStringLiteral("M_bit");
-const QString RWI = QStringLiteral("RWI");
-
-class ReplyHandling : public ::testing::Test {
+class ReplyHandling : public HostTest {
 protected:
-    void SetUp() override { h.reset(new Host()); }
-    void TearDown() override { h.reset(); }
-
     void startWithReadBlock(int address = 100, int words = 1)
     {
         ASSERT_TRUE(h->handshake());
         ASSERT_GE(h->addrMerge({Host::key(1, M_W, address, words)}), 1);
     }
-    int areaIndex(const QString& area, int address, int keyNo = 1)
-    {
-        return getIndexOfDataArea(keyNo, area, address, driver.dataAreaList);
-    }
-    _DATA_ area(const QString& a, int address, int keyNo = 1)
-    {
-        return driver.dataAreaList.at(areaIndex(a, address, keyNo));
-    }
-
-    std::unique_ptr<Host> h;
 };
 
 TEST_F(ReplyHandling, NoFrameInFlightGivesZeroAndAnEmptyText)
@@ -169,7 +153,7 @@ TEST_F(ReplyHandling, TheAdsResultOfAWriteReplyIsNotExamined)
     EXPECT_EQ(h->cycle(Fault::AdsError), 1);
     EXPECT_EQ(h->lastReply.size(), 42);
     EXPECT_EQ(h->plc.bytes(kMemory, 10, 2), (std::vector<uint8_t>{0, 0}));  // not carried out
-    EXPECT_EQ(area(QStringLiteral("M"), 10).value[0], 0x34);             // but settled as done
+    EXPECT_EQ(at(QStringLiteral("M"), 10).value[0], 0x34);             // but settled as done
     EXPECT_TRUE(driver.writeList.isEmpty());
 }
 
@@ -177,11 +161,11 @@ TEST_F(ReplyHandling, AnAcknowledgedWriteIsSettledAsSuccess)
 {
     ASSERT_TRUE(h->handshake());
     h->setData(1, M_W, 10, {0x34, 0x12});
-    EXPECT_EQ(area(QStringLiteral("M"), 10).writeFlag, 1);
+    EXPECT_EQ(at(QStringLiteral("M"), 10).writeFlag, 1);
     EXPECT_EQ(h->cycle(), 1);
     EXPECT_EQ(h->lastReply.size(), 42);
-    const _DATA_& a10 = area(QStringLiteral("M"), 10);
-    const _DATA_& a11 = area(QStringLiteral("M"), 11);
+    const _DATA_& a10 = at(QStringLiteral("M"), 10);
+    const _DATA_& a11 = at(QStringLiteral("M"), 11);
     EXPECT_EQ(a10.writeFlag, 0);
     EXPECT_EQ(a11.writeFlag, 0);
     EXPECT_EQ(a10.value[0], 0x34);
@@ -201,7 +185,7 @@ TEST_F(ReplyHandling, AWriteThatFailsForGoodIsSettledAsFailureAndDropped)
     EXPECT_EQ(h->cycle(Fault::Short), 8);
     EXPECT_EQ(h->cycle(Fault::Short), 2);
     EXPECT_TRUE(driver.writeList.isEmpty());
-    const _DATA_& a10 = area(QStringLiteral("M"), 10);
+    const _DATA_& a10 = at(QStringLiteral("M"), 10);
     EXPECT_EQ(a10.writeFlag, 0);
     EXPECT_EQ(a10.value[0], 0);
     // The word is reported so that the host redraws the old value: once per unit.
@@ -216,7 +200,7 @@ TEST_F(ReplyHandling, ABitWriteWhoseReadFailsForGoodIsSettledAndItsWriteDiscarde
     driver.readList.clear();
     h->plc.setBytes(kMemory, 10, {0xF0});
     h->setData(1, M_bit, 83, {1});
-    EXPECT_EQ(area(QStringLiteral("M"), 10).writeFlag, 1);
+    EXPECT_EQ(at(QStringLiteral("M"), 10).writeFlag, 1);
     h->clearReports();
     h->plc.clearLog();
     EXPECT_EQ(h->cycle(Fault::NoReply), 8);
@@ -228,7 +212,7 @@ TEST_F(ReplyHandling, ABitWriteWhoseReadFailsForGoodIsSettledAndItsWriteDiscarde
     EXPECT_EQ(h->fetch(), 0);  // the write frame is gone
     for (const Request& r : h->plc.requests()) EXPECT_EQ(r.command, kCmdRead);
     EXPECT_EQ(h->plc.byteAt(kMemory, 10), 0xF0);
-    const _DATA_& a = area(QStringLiteral("M"), 10);
+    const _DATA_& a = at(QStringLiteral("M"), 10);
     EXPECT_EQ(a.writeFlag, 0);
     EXPECT_EQ(a.value[0] & 0x08, 0);
     // Settled as failed: the monitored bit is reported for a redraw.
@@ -244,7 +228,7 @@ TEST_F(ReplyHandling, AReadReplyCarryingTheCachedValueCallsNoChangeRoutine)
     h->clearReports();
     ASSERT_EQ(h->cycle(), 1);
     EXPECT_TRUE(h->reports.empty());
-    EXPECT_EQ(area(QStringLiteral("M"), 10).value[0], 0x05);
+    EXPECT_EQ(at(QStringLiteral("M"), 10).value[0], 0x05);
 }
 
 TEST_F(ReplyHandling, ADifferentReadValueHidesTheWrittenOneUnlessBitWritesAreQueued)
@@ -257,23 +241,23 @@ TEST_F(ReplyHandling, ADifferentReadValueHidesTheWrittenOneUnlessBitWritesAreQue
     v.length = 2;
     std::memset(v.data, 0, sizeof v.data);
     for (int a : {10, 11}) {
-        _DATA_& d = driver.dataAreaList[areaIndex(QStringLiteral("M"), a)];
+        _DATA_& d = driver.dataAreaList[idx(QStringLiteral("M"), a)];
         d.writeFlag = 1;
         d.writeValue[0] = 0x77;
     }
-    driver.dataAreaList[areaIndex(QStringLiteral("M"), 10)].bitWriteState = 1;
+    driver.dataAreaList[idx(QStringLiteral("M"), 10)].bitWriteState = 1;
     h->setData(1, M_W, 200, {1, 1});  // the write list is not empty
     driver.curFrameKind = 4;
     analyzeFrameOfVal(readReply({0x55, 0x66}), 2, 46, v);
-    EXPECT_EQ(area(QStringLiteral("M"), 10).writeFlag, 1);  // queued bit write: kept
-    EXPECT_EQ(area(QStringLiteral("M"), 11).writeFlag, 0);
-    EXPECT_EQ(area(QStringLiteral("M"), 10).value[0], 0x55);
-    EXPECT_EQ(area(QStringLiteral("M"), 11).value[0], 0x66);
+    EXPECT_EQ(at(QStringLiteral("M"), 10).writeFlag, 1);  // queued bit write: kept
+    EXPECT_EQ(at(QStringLiteral("M"), 11).writeFlag, 0);
+    EXPECT_EQ(at(QStringLiteral("M"), 10).value[0], 0x55);
+    EXPECT_EQ(at(QStringLiteral("M"), 11).value[0], 0x66);
     // With no write queued the flag goes as well.
     driver.writeList.clear();
     analyzeFrameOfVal(readReply({0x56, 0x66}), 2, 46, v);
-    EXPECT_EQ(area(QStringLiteral("M"), 10).writeFlag, 0);
-    EXPECT_EQ(area(QStringLiteral("M"), 10).value[0], 0x56);
+    EXPECT_EQ(at(QStringLiteral("M"), 10).writeFlag, 0);
+    EXPECT_EQ(at(QStringLiteral("M"), 10).value[0], 0x56);
 }
 
 TEST_F(ReplyHandling, TheReadOfABitWriteDoesNotUpdateTheCache)
@@ -285,12 +269,12 @@ TEST_F(ReplyHandling, TheReadOfABitWriteDoesNotUpdateTheCache)
     h->setData(1, M_bit, 83, {1});
     h->clearReports();
     ASSERT_EQ(h->cycle(), 1);  // the read half
-    EXPECT_EQ(area(QStringLiteral("M"), 10).value[0], 0x00);
+    EXPECT_EQ(at(QStringLiteral("M"), 10).value[0], 0x00);
     EXPECT_TRUE(h->reports.empty());
     ASSERT_EQ(h->cycle(), 1);  // the write half, acknowledged: only bit 3 is taken over
     EXPECT_EQ(h->plc.byteAt(kMemory, 10), 0xF8);
-    EXPECT_EQ(area(QStringLiteral("M"), 10).value[0], 0x08);
-    EXPECT_EQ(area(QStringLiteral("M"), 10).writeFlag, 0);
+    EXPECT_EQ(at(QStringLiteral("M"), 10).value[0], 0x08);
+    EXPECT_EQ(at(QStringLiteral("M"), 10).writeFlag, 0);
 }
 
 TEST_F(ReplyHandling, EveryReplyByteIsStoredInItsUnit)
@@ -298,7 +282,7 @@ TEST_F(ReplyHandling, EveryReplyByteIsStoredInItsUnit)
     startWithReadBlock(20, 3);  // bytes 20..25
     h->plc.setBytes(kMemory, 20, {1, 2, 3, 4, 5, 6});
     ASSERT_EQ(h->cycle(), 1);
-    for (int i = 0; i < 6; ++i) EXPECT_EQ(area(QStringLiteral("M"), 20 + i).value[0], i + 1) << i;
+    for (int i = 0; i < 6; ++i) EXPECT_EQ(at(QStringLiteral("M"), 20 + i).value[0], i + 1) << i;
 }
 
 TEST_F(ReplyHandling, GivingUpOnACyclicReadStillTurnsTheReadList)
@@ -336,7 +320,7 @@ TEST_F(ReplyHandling, RecipeReadCopiesIntoTheHostBufferAndReportsEachByte)
     EXPECT_EQ(h->reports, expected);
     EXPECT_EQ(h->recipeReadFlag(), 0);
     // The recipe read refreshes the cache like any read.
-    EXPECT_EQ(area(QStringLiteral("M"), 7).value[0], 0x17);
+    EXPECT_EQ(at(QStringLiteral("M"), 7).value[0], 0x17);
 }
 
 TEST_F(ReplyHandling, RecipeReplyBytesBeyondTheEndOfTheReplyAreTakenAsZero)
@@ -473,7 +457,7 @@ TEST_F(ReplyRobustness, OversizedReplyToAReadIsRejectedWithoutTouchingTheCache)
         EXPECT_TRUE(r == 8 || r == 2) << len;
     }
     EXPECT_EQ(driver.dataAreaList.size(), before);
-    EXPECT_EQ(area(QStringLiteral("M"), 10).value[0], 0);
+    EXPECT_EQ(at(QStringLiteral("M"), 10).value[0], 0);
 }
 
 }  // namespace

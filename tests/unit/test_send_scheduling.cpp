@@ -9,20 +9,15 @@
 #include <vector>
 
 #include "ads_ethernet.h"
+#include "driver_fixture.h"
 #include "test_plc.h"
 
 using namespace adstest;
 
 namespace {
 
-const QString M_W = QStringLiteral("M_W");
-const QString M_bit = QStringLiteral("M_bit");
-
-class SendScheduling : public ::testing::Test {
+class SendScheduling : public HostTest {
 protected:
-    void SetUp() override { h.reset(new Host()); }
-    void TearDown() override { h.reset(); }
-
     // Handshake answered, one cyclic read block "M_W" 0, one word.
     void startWithOneReadBlock()
     {
@@ -50,8 +45,6 @@ protected:
         }
         return kinds;
     }
-
-    std::unique_ptr<Host> h;
 };
 
 TEST_F(SendScheduling, FirstFrameAfterInitialisationIsTheHandshakeAndIsRepeatedUntilAnswered)

@@ -13,26 +13,13 @@
 #include <vector>
 
 #include "ads_ethernet.h"
+#include "driver_fixture.h"
 
 namespace {
 
-unsigned char g_statusBlock[70000];
-unsigned char g_rcpBuffer[4096];
-QMutex g_hostMutex;
-
-void initDriver(const char* initString = "1#0#0#3#64")
-{
-    int mode = 0;
-    intf_initProperty(g_statusBlock, nullptr, g_rcpBuffer, &mode, initString, &g_hostMutex);
-}
-
-void initWithGap(int gap)
-{
-    std::string s = "1#0#0#3#" + std::to_string(gap);
-    initDriver(s.c_str());
-}
-
-QString L(const char* s) { return QString::fromLatin1(s); }
+using adstest::initDriver;
+using adstest::initWithGap;
+using adstest::L;
 
 // ---------------------------------------------------------------------------------------
 // Oracles, written as the algorithms read
@@ -240,19 +227,11 @@ QList<KEY_ADDRESS> oracleMergeModeOne(QList<KEY_ADDRESS> keys, int maxMergeGap)
 // Helpers
 // ---------------------------------------------------------------------------------------
 
+// A key whose host number (and a recipe index derived from it) tells the keys apart after sorting.
 KEY_ADDRESS makeKey(int keyNo, const QString& reg, int address, int length, int hostNumber)
 {
-    KEY_ADDRESS k;
-    k.hostText = QString();
-    k.hostNumber = hostNumber;
+    KEY_ADDRESS k = adstest::makeKey(keyNo, reg, address, length, hostNumber);
     k.rcpDataIndex = hostNumber * 3;
-    k.keyNo = keyNo;
-    k.regName = reg;
-    k.hostText2 = QString();
-    k.address = address;
-    k.unitMark = 0;
-    k.length = length;
-    std::memset(k.data, 0, sizeof k.data);
     return k;
 }
 

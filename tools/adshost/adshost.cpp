@@ -2,6 +2,7 @@
 
 #include "ads_ethernet.h"
 #include "pcap_writer.h"
+#include "text_util.h"
 
 #include <arpa/inet.h>
 #include <dlfcn.h>
@@ -32,10 +33,7 @@
 
 namespace adshost {
 
-int64_t nowMs() {
-    using namespace std::chrono;
-    return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
-}
+int64_t nowMs() { return util::nowMs(); }
 
 namespace {
 
@@ -58,20 +56,7 @@ bool parseInt(const std::string& text, long long& out) {
     return true;
 }
 
-std::vector<std::string> split(const std::string& s, char sep) {
-    std::vector<std::string> out;
-    std::string cur;
-    for (char c : s) {
-        if (c == sep) {
-            out.push_back(cur);
-            cur.clear();
-        } else {
-            cur += c;
-        }
-    }
-    out.push_back(cur);
-    return out;
-}
+using util::split;
 
 const char* const kRegisters[] = {"I_bit", "Q_bit", "M_bit", "I_W", "Q_W", "M_W"};
 

@@ -1,6 +1,7 @@
 // adshost: drives an ads_ethernet driver plugin against a PLC as a panel runtime does.
 #include "adshost.h"
 #include "probe.h"
+#include "text_util.h"
 
 #include <unistd.h>
 
@@ -61,15 +62,7 @@ int fail(const std::string& why) {
     return 1;
 }
 
-bool toInt(const std::string& s, long long lo, long long hi, long long& out) {
-    if (s.empty()) return false;
-    char* end = nullptr;
-    errno = 0;
-    const long long v = std::strtoll(s.c_str(), &end, 10);
-    if (errno || *end || v < lo || v > hi) return false;
-    out = v;
-    return true;
-}
+using adshost::util::toInt;
 
 std::string hex16(const std::vector<uint8_t>& b, size_t i) {
     char buf[16];

@@ -1,4 +1,5 @@
 #include "probe.h"
+#include "text_util.h"
 
 #include <arpa/inet.h>
 #include <ifaddrs.h>
@@ -48,25 +49,8 @@ const char* const kHelp =
     "4 connected but no answer (no route), 5 no such AMS port or Net ID,\n"
     "6 ADS error result, 7 the PLC is not in RUN, 8 a malformed reply.\n";
 
-int64_t nowMs() {
-    using namespace std::chrono;
-    return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
-}
-
-std::vector<std::string> split(const std::string& s, char sep) {
-    std::vector<std::string> out;
-    std::string cur;
-    for (char c : s) {
-        if (c == sep) {
-            out.push_back(cur);
-            cur.clear();
-        } else {
-            cur += c;
-        }
-    }
-    out.push_back(cur);
-    return out;
-}
+using util::nowMs;
+using util::split;
 
 std::string hex(uint32_t v) {
     char buf[16];
@@ -505,15 +489,7 @@ private:
     uint8_t source[6] = {};
 };
 
-bool toInt(const std::string& s, long long lo, long long hi, long long& out) {
-    if (s.empty()) return false;
-    char* end = nullptr;
-    errno = 0;
-    const long long v = std::strtoll(s.c_str(), &end, 10);
-    if (errno || *end || v < lo || v > hi) return false;
-    out = v;
-    return true;
-}
+using util::toInt;
 
 int usage(const std::string& why) {
     std::fprintf(stderr, "adshost: %s (try --probe --help)\n", why.c_str());

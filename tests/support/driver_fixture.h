@@ -1,0 +1,204 @@
+// Set-up shared by the unit tests (header-only).
+//
+// Two ways into the driver:
+// - tests that call the entry points and internal functions directly use one process-wide
+//   HostMemory (status block, recipe buffer, host mutex) through initDriver();
+// - tests that play whole polling turns derive their fixture from HostTest, which owns a Host
+//   (test_plc.h) per test.
+// Beside them: the records built field by field as the host builds them (KEY_ADDRESS,
+// VARIABLE, _RCP_VAR_PRO), the names of the registers and areas, and the look-up of a cached
+// unit for reading it back.
+#ifndef ADS_DRIVER_FIXTURE_H
+#define ADS_DRIVER_FIXTURE_H
+
+#include <gtest/gtest.h>
+
+#include <QtCore/QMutex>
+#include <QtCore/QString>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstring>
+#include <initializer_list>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "ads_ethernet.h"
+#include "test_plc.h"
+
+namespace adstest {
+
+// Callback context 1, writes go to the PLC, retry limit 3, gaps up to 64 bytes bridged.
+constexpr const char* kDefaultInit = "1#0#0#3#64";
+
+inline QString L(const char* s) { return QString::fromLatin1(s); }
+
+// Register and area names.
+inline const QString M = QStringLiteral("M");
+inline const QString M_W = QStringLiteral("M_W");
+inline const QString M_B = QStringLiteral("M_B");
+inline const QString M_D = QStringLiteral("M_D");
+inline const QString M_bit = QStringLiteral("M_bit");
+inline const QString I_W = QStringLiteral("I_W");
+inline const QString I_bit = QStringLiteral("I_bit");
+inline const QString Q_W = QStringLiteral("Q_W");
+inline const QString RWI = QStringLiteral("RWI");
+inline const QString MINUS_ONE = QStringLiteral("-1");
+
+// ------------------------------------------------------------------ host memory
+
+// What the host hands to intf_initProperty: a status block reaching past the recipe flags
+// (bytes 60115 and 60116), a recipe buffer and the host's mutex.
+struct HostMemory {
+    std::vector<unsigned char> status;
+    std::vector<unsigned char> recipe;
+    QMutex mutex;
+    int mode = 0;
+
+    explicit HostMemory(std::size_t statusSize = 65536, std::size_t recipeSize = 4096)
+        : status(statusSize, 0), recipe(recipeSize, 0)
+    {
+    }
+    HostMemory(const HostMemory&) = delete;
+    HostMemory& operator=(const HostMemory&) = delete;
+
+    // Clears the status block and initialises the driver with it; the result of
+    // intf_initProperty. The recipe buffer is left as the test filled it.
+    int init(const char* initString = kDefaultInit)
+    {
+        std::fill(status.begin(), status.end(), 0);
+        mode = 0;
+        return intf_initProperty(status.data(), nullptr, recipe.data(), &mode, initString, &mutex);
+    }
+};
+
+// The host memory of the tests that initialise the driver directly.
+inline HostMemory& hostMemory()
+{
+    static HostMemory h;
+    return h;
+}
+
+inline int initDriver(const char* initString = kDefaultInit) { return hostMemory().init(initString); }
+
+// The default settings with another largest bridged gap.
+inline int initWithGap(int gap)
+{
+    const std::string s = "1#0#0#3#" + std::to_string(gap);
+    return initDriver(s.c_str());
+}
+
+// intf_initProperty keeps the recipe lists and cursor on purpose; a new panel starts
+// without them.
+inline void clearRecipeState()
+{
+    driver.rcpVarList.clear();
+    driver.rcpTransferList.clear();
+    driver.rcpBlockStartList.clear();
+    driver.rcpIndex = 0;
+}
+
+// ------------------------------------------------------------------ records
+
+// A monitored address as the host hands it to intf_addrMerge: texts empty, no recipe index,
+// data zero.
+inline KEY_ADDRESS makeKey(int keyNo, const QString& reg, int address, int length, int hostNumber = 0,
+                           int unitMark = 0)
+{
+    KEY_ADDRESS k;
+    k.hostText = QString();
+    k.hostNumber = hostNumber;
+    k.rcpDataIndex = 0;
+    k.keyNo = keyNo;
+    k.regName = reg;
+    k.hostText2 = QString();
+    k.address = address;
+    k.unitMark = unitMark;
+    k.length = length;
+    std::memset(k.data, 0, sizeof k.data);
+    return k;
+}
+
+inline KEY_ADDRESS makeKey(int keyNo, const char* reg, int address, int length, int hostNumber = 0,
+                           int unitMark = 0)
+{
+    return makeKey(keyNo, L(reg), address, length, hostNumber, unitMark);
+}
+
+// A queued read or write item; the data bytes given first, the rest zero.
+inline VARIABLE makeVariable(int kind, int keyNo, const QString& reg, int address, int length,
+                             std::initializer_list<int> data = {})
+{
+    VARIABLE v;
+    v.kind = kind;
+    v.keyNo = keyNo;
+    v.regName = reg;
+    v.address = address;
+    v.length = length;
+    std::memset(v.data, 0, sizeof v.data);
+    int i = 0;
+    for (int x : data) v.data[i++] = static_cast<unsigned char>(x);
+    return v;
+}
+
+inline VARIABLE makeVariable(int kind, int keyNo, const char* reg, int address, int length,
+                             std::initializer_list<int> data = {})
+{
+    return makeVariable(kind, keyNo, L(reg), address, length, data);
+}
+
+// A recipe variable as the host hands it to intf_setRcpAddress.
+inline _RCP_VAR_PRO makeRcpVar(int driverNo, int keyNo, const QString& reg, int address, int length,
+                               int rcpDataIndex, int hostField = 0)
+{
+    _RCP_VAR_PRO v;
+    v.driverNo = driverNo;
+    v.keyNo = keyNo;
+    v.regName = reg;
+    v.address = address;
+    v.length = length;
+    v.rcpDataIndex = rcpDataIndex;
+    v.hostField = hostField;
+    return v;
+}
+
+inline _RCP_VAR_PRO makeRcpVar(int driverNo, int keyNo, const char* reg, int address, int length,
+                               int rcpDataIndex, int hostField = 0)
+{
+    return makeRcpVar(driverNo, keyNo, L(reg), address, length, rcpDataIndex, hostField);
+}
+
+// ------------------------------------------------------------------ cached units
+
+// The index of the cached unit of `area` at byte `address` (created when missing).
+inline int unitIndex(const QString& area, int address, int keyNo = 1)
+{
+    return getIndexOfDataArea(keyNo, area, address, driver.dataAreaList);
+}
+
+// ------------------------------------------------------------------ Host fixture
+
+// A fresh Host (and so a freshly initialised driver) for every test.
+class HostTest : public ::testing::Test {
+protected:
+    void SetUp() override { h.reset(new Host()); }
+    void TearDown() override { h.reset(); }
+
+    // The cached unit of `area` at `address`: its index, the unit itself, a copy.
+    int idx(const QString& area, int address, int keyNo = 1) { return unitIndex(area, address, keyNo); }
+    _DATA_& ref(const QString& area, int address, int keyNo = 1)
+    {
+        return driver.dataAreaList[idx(area, address, keyNo)];
+    }
+    _DATA_ at(const QString& area, int address, int keyNo = 1)
+    {
+        return driver.dataAreaList.at(idx(area, address, keyNo));
+    }
+
+    std::unique_ptr<Host> h;
+};
+
+}  // namespace adstest
+
+#endif  // ADS_DRIVER_FIXTURE_H
