@@ -429,6 +429,27 @@ TEST_F(HostE2E, LateReplyIsDrainedBeforeTheNextFrame) {
     EXPECT_EQ(session->read(addr("M_W:0:2")), bytes({0x55, 0x66, 0x77, 0x88}));
 }
 
+// A reply that never comes after a time-out: before the next request the host waits once
+// more for it, then starts a new connection, so that no late reply can be taken for the
+// answer to another request.
+TEST_F(HostE2E, OwedReplyThatNeverComesCostsTheConnectionNotAMixup) {
+    ASSERT_TRUE(sim.set(M, 0, bytes({0x21, 0x22, 0x23, 0x24})));
+    cfg.watches = {addr("M_W:0:2")};
+    cfg.replyTimeoutMs = 100;
+    openAndConnect();
+    handshake();
+    const uint64_t reconnectsBefore = session->stats().reconnects;
+    ASSERT_TRUE(sim.fault("noreply", 1));
+    const Exchange lost = session->step();
+    EXPECT_TRUE(lost.timedOut);
+    EXPECT_EQ(lost.result, 8);
+    const Exchange next = session->step();
+    EXPECT_EQ(next.result, 1);
+    EXPECT_EQ(session->stats().reconnects, reconnectsBefore + 1);
+    EXPECT_EQ(session->stats().staleBytes, 0u);
+    EXPECT_EQ(session->read(addr("M_W:0:2")), bytes({0x21, 0x22, 0x23, 0x24}));
+}
+
 TEST_F(HostE2E, LostConnectionIsReestablishedAndTheFrameRepeated) {
     ASSERT_TRUE(sim.set(M, 0, bytes({0x01, 0x02, 0x03, 0x04})));
     cfg.watches = {addr("M_W:0:2")};

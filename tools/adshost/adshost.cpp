@@ -357,6 +357,8 @@ struct Session::Impl {
         }
         fd = -1;
         localPort = 0;
+        owedReplies = 0;  // a new connection carries no old replies
+        pending.clear();
     }
 
     bool connectOnce(std::string& why) {
@@ -449,6 +451,32 @@ struct Session::Impl {
     bool mayHaveStale = true;
     std::unique_ptr<FRAME_PRO> frame{new FRAME_PRO()};
     QString errorText;
+
+    // Replies the PLC still owes for requests that timed out on this connection. The driver
+    // matches a reply to its request by length alone, so a late reply must never reach it
+    // as the answer to a later request (a bit write would write back another byte's bits).
+    int owedReplies = 0;
+
+    // Before a new request: read and drop each owed reply, waiting at most the reply
+    // time-out for each. One that does not come (or a stream out of step) costs the
+    // connection: a new one carries no old replies.
+    void settleOwedReplies() {
+        while (owedReplies > 0 && fd >= 0) {
+            std::vector<uint8_t> late;
+            Exchange scratch;
+            receive(late, scratch);
+            if (scratch.timedOut || scratch.connectionLost || late.size() <= 6) {
+                if (!late.empty()) pcap.plcToHost(late.data(), late.size());
+                closeSocket(true);
+                break;
+            }
+            pcap.plcToHost(late.data(), late.size());
+            std::lock_guard<std::mutex> g(lock);
+            stats.staleBytes += uint64_t(late.size());
+            --owedReplies;
+        }
+        owedReplies = 0;
+    }
 
     void drain() {
         if (!pending.empty()) {
@@ -680,6 +708,8 @@ Exchange Session::step() {
     Exchange ex;
     if (!s.opened) return ex;
     if (s.fd < 0 && !s.reconnect()) return ex;
+    s.settleOwedReplies();
+    if (s.fd < 0 && !s.reconnect()) return ex;
     if (s.pollStart == 0) s.pollStart = nowSec();
 
     const bool recipeUp = s.recipeFlagsUp();
@@ -727,7 +757,16 @@ Exchange Session::step() {
     ex.errorText = errorText.toStdString();
     if (!ex.timedOut && !ex.connectionLost) ex.rttMs = (t1 - t0) * 1000.0;
     if (ex.result != 1 || ex.timedOut || ex.connectionLost) s.mayHaveStale = true;
-    if (ex.connectionLost) s.closeSocket(false);
+    if (ex.connectionLost) {
+        s.closeSocket(false);
+    } else if (ex.timedOut) {
+        // Nothing came: the reply may still come, and is owed. Part of a reply came: the
+        // stream cannot be trusted any more; start a new connection.
+        if (reply.empty())
+            ++s.owedReplies;
+        else
+            s.closeSocket(true);
+    }
 
     {
         std::lock_guard<std::mutex> g(s.lock);
