@@ -77,6 +77,24 @@ QByteArray readReply(int fd, int timeoutMs)
     return reply;
 }
 
+// Connects with TCP_NODELAY; -1 on failure.
+int connectTo(const char* host, const char* port)
+{
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in addr;
+    std::memset(&addr, 0, sizeof(addr));
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(static_cast<uint16_t>(std::atoi(port)));
+    inet_pton(AF_INET, host, &addr.sin_addr);
+    if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
+        close(fd);
+        return -1;
+    }
+    int one = 1;
+    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
+    return fd;
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -128,18 +146,11 @@ int main(int argc, char** argv)
     std::printf("read blocks: %d\n", d.addrMerge(keys));
 
     // 5. Connect.
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in addr;
-    std::memset(&addr, 0, sizeof(addr));
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(static_cast<uint16_t>(std::atoi(argv[3])));
-    inet_pton(AF_INET, argv[2], &addr.sin_addr);
-    if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
+    int fd = connectTo(argv[2], argv[3]);
+    if (fd < 0) {
         std::perror("minimal_host: connect");
         return 1;
     }
-    int one = 1;
-    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
 
     // 6. A write: the value shows in the cache at once and is queued for the PLC.
     unsigned char word[2] = {0x34, 0x12}; // 0x1234, low byte first as in PLC memory
@@ -159,6 +170,17 @@ int main(int argc, char** argv)
         QByteArray reply = readReply(fd, 1000);
         QString errorText;
         int result = d.dealRcvFrame(reply, errorText);
+        if (reply.size() < 6 || reply.size() < 6 + static_cast<unsigned char>(reply[2]) + 256 * static_cast<unsigned char>(reply[3])) {
+            // A time-out: the reply may still come later. The driver matches replies by
+            // length alone, so it must never get that late reply as the answer to the next
+            // frame: start a new connection (or read and drop the late reply first).
+            close(fd);
+            fd = connectTo(argv[2], argv[3]);
+            if (fd < 0) {
+                std::perror("minimal_host: reconnect");
+                return 1;
+            }
+        }
         if (result == 1)
             ++accepted;
         else if (result == 2)
