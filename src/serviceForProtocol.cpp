@@ -1582,6 +1582,23 @@ int intf_getSendFrame(FRAME_PRO* out)
  * ================================================================================== */
 
 namespace {
+/* Appends the decimal text of v at buf + n; returns the new length. */
+int appendDecimal(char* buf, int n, long long v)
+{
+    char digits[24];
+    int count = 0;
+    unsigned long long u = v < 0 ? 0ULL - static_cast<unsigned long long>(v) : static_cast<unsigned long long>(v);
+    do {
+        digits[count++] = static_cast<char>('0' + u % 10);
+        u /= 10;
+    } while (u != 0);
+    if (v < 0)
+        buf[n++] = '-';
+    while (count > 0)
+        buf[n++] = digits[--count];
+    return n;
+}
+
 /* The error text of the frame in flight, "key#REGISTERaddress(length)(reply size)", into a
  * character buffer of at least 160 bytes; its length, 0 when the frame names no register
  * (the handshake). Built without the heap: it runs for every reply. */
@@ -1593,24 +1610,32 @@ int formatErrorInfo(int replySize, char* buf)
     int row = getIndexFromRegName(v.regName);
     if (row == 6 || row == -1)
         return 0;
-    int n = snprintf(buf, 16, "%d#", v.keyNo);
+    int n = appendDecimal(buf, 0, v.keyNo);
+    buf[n++] = '#';
     for (int i = 0; i < v.regName.size() && n < 100; ++i)
         buf[n++] = v.regName.at(i).toLatin1();
     if (v.regName.right(4) == QLatin1String("_bit")) {
         /* As addr_int2str writes it: byte, point, bit (truncating division). */
-        n += snprintf(buf + n, 32, "%d.%d", v.address / 8, v.address % 8);
+        n = appendDecimal(buf, n, v.address / 8);
+        buf[n++] = '.';
+        n = appendDecimal(buf, n, v.address % 8);
     } else {
         const QString& format = ADDRESS_RANGE_PRO[row][0];
         QChar c = format.isEmpty() ? QChar() : format.at(0);
         unsigned int a = static_cast<unsigned int>(v.address);
         if (c == QLatin1Char('D'))
-            n += snprintf(buf + n, 32, "%u", a);
+            n = appendDecimal(buf, n, a);
         else if (c == QLatin1Char('H'))
             n += snprintf(buf + n, 32, "%x", a);
         else if (c == QLatin1Char('O'))
             n += snprintf(buf + n, 32, "%o", a);
     }
-    n += snprintf(buf + n, 28, "(%d)(%d)", v.length, replySize);
+    buf[n++] = '(';
+    n = appendDecimal(buf, n, v.length);
+    buf[n++] = ')';
+    buf[n++] = '(';
+    n = appendDecimal(buf, n, replySize);
+    buf[n++] = ')';
     return n;
 }
 } // namespace
