@@ -40,14 +40,10 @@ const int kBitBase = 128;           // "M_bit" 128..143 (bytes 16, 17) monitored
 const int kCallbackWordAddress = 40;   // written from inside the callback (communication thread)
 const int kScreenCallbackAddress = 44; // written from inside the callback (screen thread)
 
-// The register names the host hands in live as long as the test: the driver keeps copies of
-// them in its queues, and a QString's last reference may then be dropped on the other
-// thread. Qt is not built for ThreadSanitizer, so the acquiring half of QString's reference
-// count (inside libQt5Core) is invisible to it and such a hand-over is reported as a race
-// on the string's free. A host that names registers with long-lived strings (as a panel
-// runtime does, from its configuration) never frees them while polling.
-// ADS_TSAN_HOST_TEMPORARIES=1 makes the host pass a new string on every call instead; that
-// run shows the report (see the notes at the end of this file).
+// The register names the host hands in live as long as the test, as a panel runtime's
+// names from its configuration do. ADS_TSAN_HOST_TEMPORARIES=1 makes the host pass a new
+// string on every call instead: the driver queues its own copy of the register table's
+// name, so no string of the host's is freed on the other thread (see the note at the end).
 const QString kMW = QString::fromLatin1("M_W");
 const QString kMbit = QString::fromLatin1("M_bit");
 bool gTemporaries = false;
@@ -319,12 +315,9 @@ TEST_F(Concurrency, PollingAndHostWritesOnTwoThreadsSettleToTheLastWrittenValues
 
 } // namespace
 
-// Notes. With ADS_TSAN_HOST_TEMPORARIES=1 ThreadSanitizer reports
-//   free by the communication thread in QString::operator= (libQt5Core), called from
-//   intf_getSendFrame when it copies the head frame (and its var.regName) into the host's
-//   FRAME_PRO, against a previous atomic write (the reference count) by the screen thread.
-// The string is the register name that intf_setData queued on writeList; the screen thread
-// drops its reference, the communication thread the last one. Qt's reference count is
-// atomic, but its acquiring decrement runs inside libQt5Core, which is not instrumented, so
-// the free looks unordered. The driver could avoid the hand-over by keeping its own copy of
-// the table's name (REG_LIST) in queued variables instead of the host's string.
+// Note. Had the driver queued the host's own register-name string, the last reference to a
+// host temporary would be dropped on the communication thread (when intf_getSendFrame copies
+// the head frame into the host's FRAME_PRO). Qt's reference count is atomic, but its
+// acquiring decrement runs inside libQt5Core, which is not built for ThreadSanitizer, so the
+// free would look unordered and be reported. The driver queues the register table's own
+// name instead; the host-temporaries run (a test of its own) keeps it so.
