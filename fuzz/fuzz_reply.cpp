@@ -276,17 +276,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         int count = 0;
         if (!hostAddress(reg, raw, lengthByte, address, count))
             continue;
-        KEY_ADDRESS* k = new KEY_ADDRESS();
-        k->hostNumber = i;
-        k->rcpDataIndex = 0;
-        k->keyNo = keyNo;
-        k->regName = QString::fromLatin1(kRegs[reg]);
-        k->address = address;
-        k->unitMark = reg < 3 ? -1 : 0;
-        k->length = count;
-        memset(k->data, 0, sizeof(k->data));
-        keys.append(*k);
-        delete k;
+        KEY_ADDRESS k = KEY_ADDRESS();
+        k.hostNumber = i;
+        k.keyNo = keyNo;
+        k.regName = QString::fromLatin1(kRegs[reg]);
+        k.address = address;
+        k.unitMark = reg < 3 ? -1 : 0;
+        k.length = count;
+        keys.append(k);
     }
     intf_addrMerge(keys);
 

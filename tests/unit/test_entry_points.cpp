@@ -120,6 +120,16 @@ protected:
 // The driver object as the constructor leaves it.
 // ---------------------------------------------------------------------------------------
 
+// The five numeric settings taken from the initialisation string.
+static void expectInitFields(int context, int param1, int param2, int retries, int gap)
+{
+    EXPECT_EQ(context, driver.callBackContext);
+    EXPECT_EQ(param1, driver.initParam1);
+    EXPECT_EQ(param2, driver.initParam2);
+    EXPECT_EQ(retries, driver.initParam3);
+    EXPECT_EQ(gap, driver.maxMergeGap);
+}
+
 TEST(DriverObject, ConstructorCopiesTheSixRegisterNamesInTableOrder)
 {
     ASSERT_EQ(6, driver.regNameList.size());
@@ -224,11 +234,7 @@ TEST_F(EntryPoints, InitWithFiveFieldsSetsContextGapAndBlockLimits)
     EXPECT_EQ(1, intf_initProperty(host().status.data(), nullptr, host().recipe.data(), &mode, "1#0#0#0#64",
                                    &host().mutex));
     EXPECT_EQ(2, mode);
-    EXPECT_EQ(1, driver.callBackContext);
-    EXPECT_EQ(0, driver.initParam1);
-    EXPECT_EQ(0, driver.initParam2);
-    EXPECT_EQ(0, driver.initParam3);
-    EXPECT_EQ(64, driver.maxMergeGap);
+    expectInitFields(1, 0, 0, 0, 64);
     EXPECT_EQ(64, driver.maxBlockUnits);
     EXPECT_EQ(512, driver.maxBlockBits);
 }
@@ -236,11 +242,7 @@ TEST_F(EntryPoints, InitWithFiveFieldsSetsContextGapAndBlockLimits)
 TEST_F(EntryPoints, InitFieldsAreTakenInOrder)
 {
     EXPECT_EQ(1, initDriver("9#8#7#6#5"));
-    EXPECT_EQ(9, driver.callBackContext);
-    EXPECT_EQ(8, driver.initParam1);
-    EXPECT_EQ(7, driver.initParam2);
-    EXPECT_EQ(6, driver.initParam3);
-    EXPECT_EQ(5, driver.maxMergeGap);
+    expectInitFields(9, 8, 7, 6, 5);
     EXPECT_EQ(5, driver.maxBlockUnits);
     EXPECT_EQ(40, driver.maxBlockBits);
     EXPECT_EQ(2, host().mode);
@@ -279,11 +281,7 @@ TEST_F(EntryPoints, InitWithFourFieldsKeepsTheNumbersButStillResets)
     EXPECT_EQ(1, intf_initProperty(host().status.data(), nullptr, host().recipe.data(), &mode, "1#2#3#4",
                                    &host().mutex));
     EXPECT_EQ(2, mode);
-    EXPECT_EQ(9, driver.callBackContext);
-    EXPECT_EQ(8, driver.initParam1);
-    EXPECT_EQ(7, driver.initParam2);
-    EXPECT_EQ(6, driver.initParam3);
-    EXPECT_EQ(5, driver.maxMergeGap);
+    expectInitFields(9, 8, 7, 6, 5);
     EXPECT_EQ(5, driver.maxBlockUnits);
     EXPECT_EQ(40, driver.maxBlockBits);
 
@@ -300,11 +298,7 @@ TEST_F(EntryPoints, InitWithNonNumericFieldsSetsAllFiveToZero)
 {
     ASSERT_EQ(1, initDriver("9#8#7#6#5"));
     EXPECT_EQ(1, initDriver("a#b#c#d#e"));
-    EXPECT_EQ(0, driver.callBackContext);
-    EXPECT_EQ(0, driver.initParam1);
-    EXPECT_EQ(0, driver.initParam2);
-    EXPECT_EQ(0, driver.initParam3);
-    EXPECT_EQ(0, driver.maxMergeGap);
+    expectInitFields(0, 0, 0, 0, 0);
     EXPECT_EQ(0, driver.maxBlockUnits);
     EXPECT_EQ(0, driver.maxBlockBits);
 }
@@ -314,21 +308,13 @@ TEST_F(EntryPoints, InitKeepsEmptyFieldsAsZero)
     ASSERT_EQ(1, initDriver("9#8#7#6#5"));
     // "#2##4#" splits into five parts: "", "2", "", "4", "".
     EXPECT_EQ(1, initDriver("#2##4#"));
-    EXPECT_EQ(0, driver.callBackContext);
-    EXPECT_EQ(2, driver.initParam1);
-    EXPECT_EQ(0, driver.initParam2);
-    EXPECT_EQ(4, driver.initParam3);
-    EXPECT_EQ(0, driver.maxMergeGap);
+    expectInitFields(0, 2, 0, 4, 0);
 }
 
 TEST_F(EntryPoints, InitIgnoresFieldsBeyondTheFifth)
 {
     EXPECT_EQ(1, initDriver("11#12#13#14#15#16#17"));
-    EXPECT_EQ(11, driver.callBackContext);
-    EXPECT_EQ(12, driver.initParam1);
-    EXPECT_EQ(13, driver.initParam2);
-    EXPECT_EQ(14, driver.initParam3);
-    EXPECT_EQ(15, driver.maxMergeGap);
+    expectInitFields(11, 12, 13, 14, 15);
     EXPECT_EQ(15, driver.maxBlockUnits);
     EXPECT_EQ(120, driver.maxBlockBits);
 }
@@ -336,11 +322,8 @@ TEST_F(EntryPoints, InitIgnoresFieldsBeyondTheFifth)
 TEST_F(EntryPoints, InitReadsNumbersAsDecimal)
 {
     EXPECT_EQ(1, initDriver("010#0x10#-3#007#08"));
-    EXPECT_EQ(10, driver.callBackContext);
-    EXPECT_EQ(0, driver.initParam1);  // not a decimal number
-    EXPECT_EQ(-3, driver.initParam2);
-    EXPECT_EQ(7, driver.initParam3);
-    EXPECT_EQ(8, driver.maxMergeGap);
+    // initParam1 "0x10" is not a decimal number.
+    expectInitFields(10, 0, -3, 7, 8);
 }
 
 TEST_F(EntryPoints, InitResetsRunStateAndDropsPendingFrames)
