@@ -40,7 +40,7 @@ inline void noteFreed(void* p)
     if (p)
         g_liveBytes.fetch_sub(static_cast<long long>(malloc_usable_size(p)), std::memory_order_relaxed);
 }
-} // namespace
+}  // namespace
 
 namespace adsbench {
 HeapSnapshot heapNow()
@@ -50,7 +50,7 @@ HeapSnapshot heapNow()
     s.liveBytes = g_liveBytes.load(std::memory_order_relaxed);
     return s;
 }
-} // namespace adsbench
+}  // namespace adsbench
 
 extern "C" {
 
@@ -72,8 +72,8 @@ void* realloc(void* p, size_t size)
     if (!q)
         return nullptr; /* p is untouched */
     g_allocations.fetch_add(1, std::memory_order_relaxed);
-    g_liveBytes.fetch_add(static_cast<long long>(malloc_usable_size(q)) - static_cast<long long>(before),
-                          std::memory_order_relaxed);
+    g_liveBytes.fetch_add(
+        static_cast<long long>(malloc_usable_size(q)) - static_cast<long long>(before), std::memory_order_relaxed);
     return q;
 }
 
@@ -102,7 +102,7 @@ void* valloc(size_t size) { return noteAllocated(__libc_valloc(size)); }
 
 void* pvalloc(size_t size) { return noteAllocated(__libc_pvalloc(size)); }
 
-} // extern "C"
+}  // extern "C"
 
 /* operator new/delete on top of the counted malloc/free, so that each is counted once. */
 void* operator new(size_t size)

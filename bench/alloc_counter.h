@@ -17,6 +17,6 @@ struct HeapSnapshot {
 
 HeapSnapshot heapNow();
 
-} // namespace adsbench
+}  // namespace adsbench
 
 #endif

@@ -58,7 +58,8 @@ void BM_CyclicRead(benchmark::State& state)
     state.counters["callbacks_per_cycle"] = static_cast<double>(callbackCount() - callbacksBefore) / n;
     state.counters["cached_units"] = cachedUnits();
     state.counters["blocks"] = blocks;
-    state.counters["bytes_per_s"] = benchmark::Counter(static_cast<double>(kBlockBytes) * n, benchmark::Counter::kIsRate);
+    state.counters["bytes_per_s"]
+        = benchmark::Counter(static_cast<double>(kBlockBytes) * n, benchmark::Counter::kIsRate);
     if (changing && callbackCount() - callbacksBefore != static_cast<long long>(n) * kBlockBytes)
         state.SkipWithError("not every byte was reported");
     delete frame;
@@ -98,8 +99,8 @@ void BM_SetData_Coalesce(benchmark::State& state)
     for (auto _ : state)
         writes.writeNext();
     HeapSnapshot h1 = heapNow();
-    state.counters["allocs_per_call"] =
-        static_cast<double>(h1.allocations - h0.allocations) / static_cast<double>(state.iterations());
+    state.counters["allocs_per_call"]
+        = static_cast<double>(h1.allocations - h0.allocations) / static_cast<double>(state.iterations());
     state.counters["queued"] = driver.writeList.size();
 }
 BENCHMARK(BM_SetData_Coalesce)->Name("BM_SetData/coalesce");
@@ -121,8 +122,8 @@ void BM_SetData_QueueFull(benchmark::State& state)
         address = address == 2 * 600 ? 2 * 601 : 2 * 600;
     }
     HeapSnapshot h1 = heapNow();
-    state.counters["allocs_per_call"] =
-        static_cast<double>(h1.allocations - h0.allocations) / static_cast<double>(state.iterations());
+    state.counters["allocs_per_call"]
+        = static_cast<double>(h1.allocations - h0.allocations) / static_cast<double>(state.iterations());
     state.counters["queued"] = driver.writeList.size();
 }
 BENCHMARK(BM_SetData_QueueFull)->Name("BM_SetData/queue_full");
@@ -140,8 +141,8 @@ void BM_GetData(benchmark::State& state)
         address = (address + 2) & 511;
     }
     HeapSnapshot h1 = heapNow();
-    state.counters["allocs_per_call"] =
-        static_cast<double>(h1.allocations - h0.allocations) / static_cast<double>(state.iterations());
+    state.counters["allocs_per_call"]
+        = static_cast<double>(h1.allocations - h0.allocations) / static_cast<double>(state.iterations());
 }
 BENCHMARK(BM_GetData)->Name("BM_GetData/word");
 
@@ -194,6 +195,6 @@ void BM_Memory_PerQueuedWrite(benchmark::State& state)
 }
 BENCHMARK(BM_Memory_PerQueuedWrite)->Name("BM_Memory/per_queued_write")->Iterations(1);
 
-} // namespace
+}  // namespace
 
 BENCHMARK_MAIN();

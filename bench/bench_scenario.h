@@ -55,7 +55,7 @@ struct HostMemory {
     std::vector<unsigned char> statusBlock;
     std::vector<unsigned char> recipeBuffer;
     QMutex mutex;
-    HostMemory() : statusBlock(65536, 0), recipeBuffer(65536, 0) {}
+    HostMemory() : statusBlock(65536, 0), recipeBuffer(65536, 0) { }
 };
 
 inline HostMemory& hostMemory()
@@ -192,7 +192,7 @@ inline void cycle(FRAME_PRO& frame, QByteArray& reply, QString& error)
 struct CycleReplies {
     QByteArray a;
     QByteArray b;
-    CycleReplies() : a(readReply(0x55)), b(readReply(0xAA)) {}
+    CycleReplies() : a(readReply(0x55)), b(readReply(0xAA)) { }
     QByteArray& pick(bool changing, long long cycleNo, int blocks)
     {
         if (!changing)
@@ -203,8 +203,8 @@ struct CycleReplies {
 
 /* Before measuring: two full rounds of the read list, so that every block has been read and
  * the lists have grown. Counts the cycles in cycleNo. */
-inline void warmUp(FRAME_PRO& frame, CycleReplies& replies, bool changing, int blocks, QString& error,
-                   long long& cycleNo)
+inline void warmUp(
+    FRAME_PRO& frame, CycleReplies& replies, bool changing, int blocks, QString& error, long long& cycleNo)
 {
     for (int i = 0; i < 2 * blocks; ++i, ++cycleNo)
         cycle(frame, replies.pick(changing, cycleNo, blocks), error);
@@ -217,7 +217,7 @@ struct CoalescingWrite {
     const QString reg;
     unsigned char values[2][2];
     int flip;
-    CoalescingWrite() : reg(QString::fromLatin1("M_W")), values{{0x11, 0x22}, {0x33, 0x44}}, flip(0)
+    CoalescingWrite() : reg(QString::fromLatin1("M_W")), values {{0x11, 0x22}, {0x33, 0x44}}, flip(0)
     {
         initDriver();
         QList<KEY_ADDRESS> keys = wordKeys(64, false);
@@ -233,6 +233,6 @@ struct CoalescingWrite {
     }
 };
 
-} // namespace adsbench
+}  // namespace adsbench
 
 #endif

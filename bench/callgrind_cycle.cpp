@@ -44,8 +44,8 @@ int main(int argc, char** argv)
         for (int i = 0; i < cycles; ++i, ++cycleNo)
             cycle(frame, replies.pick(changing, cycleNo, blocks), error);
         CALLGRIND_STOP_INSTRUMENTATION;
-        std::printf("cycles=%d callbacks=%lld cached_units=%d blocks=%d\n", cycles,
-                    callbackCount() - callbacksBefore, cachedUnits(), blocks);
+        std::printf("cycles=%d callbacks=%lld cached_units=%d blocks=%d\n", cycles, callbackCount() - callbacksBefore,
+            cachedUnits(), blocks);
         return 0;
     }
     if (std::strcmp(what, "merge") == 0 && argc >= 4) {

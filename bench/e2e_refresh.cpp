@@ -58,9 +58,9 @@ public:
             return false;
         int one = 1;
         ::setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-        timeval tv{2, 0};
+        timeval tv {2, 0};
         ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-        sockaddr_in a{};
+        sockaddr_in a {};
         a.sin_family = AF_INET;
         a.sin_port = htons(port);
         a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -105,7 +105,7 @@ int fail(const std::string& why)
     return 1;
 }
 
-} // namespace
+}  // namespace
 
 int main(int argc, char** argv)
 {
@@ -174,7 +174,7 @@ int main(int argc, char** argv)
         return fail("raw client could not connect");
 
     std::printf("screen: %d addresses in %d read blocks; plcsim on 127.0.0.1:%u\n", addresses, blocks,
-                static_cast<unsigned>(sim.port()));
+        static_cast<unsigned>(sim.port()));
     Turn hostTotal, rawTotal;
     for (int t = 0; t < turns; ++t) {
         adshost::Stats s0 = host.stats();
@@ -202,9 +202,9 @@ int main(int argc, char** argv)
     }
     adshost::Stats s = host.stats();
     std::printf("host: %.1f full refreshes/s (%llu in %.2f s), median round trip %.3f ms\n", hostTotal.rate(),
-                hostTotal.refreshes, hostTotal.seconds, s.rttMedianMs);
-    std::printf("raw:  %.1f full refreshes/s (%llu in %.2f s)\n", rawTotal.rate(), rawTotal.refreshes,
-                rawTotal.seconds);
+        hostTotal.refreshes, hostTotal.seconds, s.rttMedianMs);
+    std::printf(
+        "raw:  %.1f full refreshes/s (%llu in %.2f s)\n", rawTotal.rate(), rawTotal.refreshes, rawTotal.seconds);
     std::printf("ratio host/raw: %.3f\n", rawTotal.rate() > 0 ? hostTotal.rate() / rawTotal.rate() : 0.0);
     host.disconnect();
     int status = sim.stop();

@@ -95,7 +95,7 @@ int connectTo(const char* host, const char* port)
     return fd;
 }
 
-} // namespace
+}  // namespace
 
 int main(int argc, char** argv)
 {
@@ -109,10 +109,12 @@ int main(int argc, char** argv)
         return 1;
     }
     Driver d;
-    if (!resolve(lib, "intf_initProperty", d.initProperty) || !resolve(lib, "intf_SetDriverPropertyPage", d.setPropertyPage) ||
-        !resolve(lib, "intf_setAddrValueChangeCallBack", d.setCallback) || !resolve(lib, "intf_addrMerge", d.addrMerge) ||
-        !resolve(lib, "intf_getSendFrame", d.getSendFrame) || !resolve(lib, "intf_dealRcvFrame", d.dealRcvFrame) ||
-        !resolve(lib, "intf_getData", d.getData) || !resolve(lib, "intf_setData", d.setData))
+    if (!resolve(lib, "intf_initProperty", d.initProperty)
+        || !resolve(lib, "intf_SetDriverPropertyPage", d.setPropertyPage)
+        || !resolve(lib, "intf_setAddrValueChangeCallBack", d.setCallback)
+        || !resolve(lib, "intf_addrMerge", d.addrMerge) || !resolve(lib, "intf_getSendFrame", d.getSendFrame)
+        || !resolve(lib, "intf_dealRcvFrame", d.dealRcvFrame) || !resolve(lib, "intf_getData", d.getData)
+        || !resolve(lib, "intf_setData", d.setData))
         return 1;
 
     // 1. Initialise: the host owns the status block (recipe flags at bytes 60115 and 60116),
@@ -153,7 +155,7 @@ int main(int argc, char** argv)
     }
 
     // 6. A write: the value shows in the cache at once and is queued for the PLC.
-    unsigned char word[2] = {0x34, 0x12}; // 0x1234, low byte first as in PLC memory
+    unsigned char word[2] = {0x34, 0x12};  // 0x1234, low byte first as in PLC memory
     d.setData(0, QString::fromLatin1("M_W"), 10, 1, word, 0);
 
     // 7. The polling cycle: one request in flight at a time.
@@ -162,7 +164,7 @@ int main(int argc, char** argv)
     for (int i = 0; i < cycles; ++i) {
         FRAME_PRO frame;
         if (!d.getSendFrame(&frame))
-            continue; // nothing to send now
+            continue;  // nothing to send now
         if (send(fd, frame.frame, static_cast<size_t>(frame.sendLen), 0) != frame.sendLen) {
             std::fprintf(stderr, "minimal_host: connection lost\n");
             return 1;
@@ -170,7 +172,8 @@ int main(int argc, char** argv)
         QByteArray reply = readReply(fd, 1000);
         QString errorText;
         int result = d.dealRcvFrame(reply, errorText);
-        if (reply.size() < 6 || reply.size() < 6 + static_cast<unsigned char>(reply[2]) + 256 * static_cast<unsigned char>(reply[3])) {
+        if (reply.size() < 6
+            || reply.size() < 6 + static_cast<unsigned char>(reply[2]) + 256 * static_cast<unsigned char>(reply[3])) {
             // A time-out: the reply may still come later. The driver matches replies by
             // length alone, so it must never get that late reply as the answer to the next
             // frame: start a new connection (or read and drop the late reply first).

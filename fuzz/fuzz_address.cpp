@@ -58,8 +58,8 @@ Parts split(const uint8_t* data, size_t size)
     for (int i = 0; i < 4 && pos < size; ++i, ++pos)
         n |= static_cast<uint32_t>(data[pos]) << (8 * i);
     p.number = static_cast<int32_t>(n);
-    QByteArray rest(reinterpret_cast<const char*>(data + (pos < size ? pos : size)),
-                    static_cast<int>(pos < size ? size - pos : 0));
+    QByteArray rest(
+        reinterpret_cast<const char*>(data + (pos < size ? pos : size)), static_cast<int>(pos < size ? size - pos : 0));
     p.texts = rest.split('\0');
     return p;
 }
@@ -149,8 +149,8 @@ void multiCopy(const Parts& p)
     QString reg = regNameFrom(p, 0);
     int start = p.number;
     int count = p.selector % 65;
-    int interval = p.texts.size() > 1 && p.texts.at(1).size() >= 1 ? static_cast<int8_t>(p.texts.at(1).at(0))
-                                                                    : (p.number >> 8);
+    int interval
+        = p.texts.size() > 1 && p.texts.at(1).size() >= 1 ? static_cast<int8_t>(p.texts.at(1).at(0)) : (p.number >> 8);
     QVector<QString> texts;
     QVector<int> numbers;
     texts.append(QString::fromLatin1("kept"));
@@ -166,7 +166,7 @@ void multiCopy(const Parts& p)
         fail("intf_multiCopy changed items it was handed");
 }
 
-} // namespace
+}  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv)
 {

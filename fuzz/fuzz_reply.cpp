@@ -38,22 +38,26 @@
 
 namespace {
 
-const int kStatusSize = 65536;   // the host's status block: covers bytes 60115 and 60116
-const int kRecipeSize = 16384;   // index up to 255 * 8 words, 128 bytes of data, 1024 copied
+const int kStatusSize = 65536;  // the host's status block: covers bytes 60115 and 60116
+const int kRecipeSize = 16384;  // index up to 255 * 8 words, 128 bytes of data, 1024 copied
 const int kMaxOps = 400;
 const int kMaxReply = 2000;
 
 std::vector<unsigned char> gStatus(kStatusSize);
 std::vector<unsigned char> gRecipe(kRecipeSize);
 QMutex gHostMutex;
-bool gTrace = false;   // ADS_FUZZ_TRACE=1: print every turn (to check seeds)
+bool gTrace = false;  // ADS_FUZZ_TRACE=1: print every turn (to check seeds)
 
 class Input {
 public:
-    Input(const uint8_t* data, size_t size) : data_(data), size_(size), pos_(0) {}
+    Input(const uint8_t* data, size_t size) : data_(data), size_(size), pos_(0) { }
     bool atEnd() const { return pos_ >= size_; }
     uint8_t byte() { return pos_ < size_ ? data_[pos_++] : 0; }
-    int u16() { int lo = byte(); return lo | (byte() << 8); }
+    int u16()
+    {
+        int lo = byte();
+        return lo | (byte() << 8);
+    }
     // n bytes from the input, zeros once it has run out.
     void bytes(unsigned char* out, int n)
     {
@@ -80,8 +84,9 @@ int callback(int context, int keyNo, QString text, int address)
     // The host reads the reported item back, as a screen does.
     if (text.endsWith(QLatin1String("_bit"))) {
         intf_getData(keyNo, text, address, 2, out);
-    } else if (text.size() >= 2 && (text.at(0) == QLatin1Char('I') || text.at(0) == QLatin1Char('Q') ||
-                                    text.at(0) == QLatin1Char('M')) && text.at(1) == QLatin1Char('_')) {
+    } else if (text.size() >= 2
+        && (text.at(0) == QLatin1Char('I') || text.at(0) == QLatin1Char('Q') || text.at(0) == QLatin1Char('M'))
+        && text.at(1) == QLatin1Char('_')) {
         intf_getData(keyNo, text.left(1) + QLatin1String("_W"), address, 2, out);
     }
     return 0;
@@ -97,12 +102,12 @@ bool hostAddress(int reg, int raw, int lengthByte, int& address, int& count)
     int dataType;
     if (reg < 3) {
         address = (raw << 3) | (lengthByte & 7);
-        count = 1 + (lengthByte >> 3);                  // 1..32 bits
+        count = 1 + (lengthByte >> 3);  // 1..32 bits
         text = QString::number(address / 8) + QLatin1Char('.') + QString::number(address % 8);
         dataType = -1;
     } else {
         address = raw;
-        count = 1 + (lengthByte % 64);                   // 1..64 words
+        count = 1 + (lengthByte % 64);  // 1..64 words
         text = QString::number(address);
         dataType = 3;
     }
@@ -114,7 +119,11 @@ bool hostAddress(int reg, int raw, int lengthByte, int& address, int& count)
     return true;
 }
 
-void putLe16(unsigned char* p, unsigned v) { p[0] = v & 0xFF; p[1] = (v >> 8) & 0xFF; }
+void putLe16(unsigned char* p, unsigned v)
+{
+    p[0] = v & 0xFF;
+    p[1] = (v >> 8) & 0xFF;
+}
 void putLe32(unsigned char* p, unsigned v)
 {
     for (int i = 0; i < 4; ++i)
@@ -141,7 +150,7 @@ QByteArray wellFormed(const FRAME_PRO& f, int size, Input& in)
     if (f.readLen > 0)
         putLe32(&b[42], static_cast<unsigned>(f.readLen));
     else if (f.frame[22] == 6)
-        putLe32(&b[42], 1);           // notification handle
+        putLe32(&b[42], 1);  // notification handle
     if (size > 46)
         in.bytes(&b[46], size - 46);
     memcpy(r.data(), b.data(), static_cast<size_t>(size));
@@ -164,7 +173,7 @@ QByteArray makeReply(const FRAME_PRO& f, Input& in)
     case 1:
         return wellFormed(f, expected, in);
     case 2: {
-        QByteArray r = wellFormed(f, 1024, in);   // a full receive buffer
+        QByteArray r = wellFormed(f, 1024, in);  // a full receive buffer
         return r;
     }
     case 3:
@@ -196,7 +205,7 @@ void checkFrame(const FRAME_PRO& f)
 
 void pollTurn(Input& in, bool answer)
 {
-    FRAME_PRO* f = new FRAME_PRO;   // on the heap: AddressSanitizer sees copies past its end
+    FRAME_PRO* f = new FRAME_PRO;  // on the heap: AddressSanitizer sees copies past its end
     int got = intf_getSendFrame(f);
     if (got != 0 && got != 1)
         fail("intf_getSendFrame result");
@@ -207,8 +216,8 @@ void pollTurn(Input& in, bool answer)
             QString errorText;
             int r = intf_dealRcvFrame(reply, errorText);
             if (gTrace)
-                fprintf(stderr, "turn: sent %d bytes (cmd %d), reply %d bytes -> %d %s\n", f->sendLen,
-                        f->frame[22], reply.size(), r, errorText.toLatin1().constData());
+                fprintf(stderr, "turn: sent %d bytes (cmd %d), reply %d bytes -> %d %s\n", f->sendLen, f->frame[22],
+                    reply.size(), r, errorText.toLatin1().constData());
             if (r != 0 && r != 1 && r != 2 && r != 3 && r != 8)
                 fail("intf_dealRcvFrame result");
         }
@@ -230,7 +239,7 @@ void resetRecipeState()
     driver.lastVar.length = 0;
 }
 
-} // namespace
+}  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv)
 {
@@ -296,17 +305,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         int lengthByte = in.byte();
         int index = in.byte() * 8;
         _RCP_VAR_PRO v;
-        v.driverNo = (lengthByte & 0x80) && (i & 1) ? 2 : 1;   // now and then another instance's
+        v.driverNo = (lengthByte & 0x80) && (i & 1) ? 2 : 1;  // now and then another instance's
         v.keyNo = keyNo;
         v.regName = QString::fromLatin1(kRegs[reg]);
         if (reg < 3) {
-            v.address = raw;                      // a bit number
-            v.length = 1 + lengthByte % 128;      // bits
+            v.address = raw;                  // a bit number
+            v.length = 1 + lengthByte % 128;  // bits
             if (v.address + v.length > 524288)
                 continue;
         } else {
             v.address = raw;
-            v.length = 1 + lengthByte % 64;       // words
+            v.length = 1 + lengthByte % 64;  // words
             if (v.address + 2 * v.length > 65536)
                 continue;
         }

@@ -60,8 +60,8 @@ void clearFrame(FRAME_PRO& f)
 
 /* The 38 header bytes shared by every request. The length fields are written by the
  * caller, since a write sets only their low bytes. */
-void fillAmsHeader(unsigned char* f, unsigned short targetPort, unsigned short sourcePort,
-                   unsigned short command, unsigned int invokeId)
+void fillAmsHeader(unsigned char* f, unsigned short targetPort, unsigned short sourcePort, unsigned short command,
+    unsigned int invokeId)
 {
     f[0] = 0;
     f[1] = 0;
@@ -77,10 +77,7 @@ void fillAmsHeader(unsigned char* f, unsigned short targetPort, unsigned short s
     putLe32(f + 34, invokeId);
 }
 
-bool endsWithBit(const QString& regName)
-{
-    return regName.right(4) == QLatin1String("_bit");
-}
+bool endsWithBit(const QString& regName) { return regName.right(4) == QLatin1String("_bit"); }
 
 /* The register a request names, and the bytes it covers. A bit item is read and written
  * as the whole bytes that hold its bits, from the word register of the same area. */
@@ -108,7 +105,7 @@ unsigned int indexGroupOf(const QString& reg)
     return 0x4020; /* "M_W" and anything else */
 }
 
-} // namespace
+}  // namespace
 
 void handShakeFrame()
 {
@@ -188,7 +185,8 @@ int getReadFrame(QList<VARIABLE> list)
     putLe32(f + 42, static_cast<unsigned int>(byteAddress));
     putLe32(f + 46, static_cast<unsigned int>(byteCount));
     fp.sendLen = 50;
-    fp.recvLen = static_cast<int>(static_cast<unsigned int>(kReadReplyDataStart) + static_cast<unsigned int>(byteCount));
+    fp.recvLen
+        = static_cast<int>(static_cast<unsigned int>(kReadReplyDataStart) + static_cast<unsigned int>(byteCount));
     fp.dataStart = kReadReplyDataStart;
     fp.readLen = byteCount;
     fp.var = v;
@@ -211,8 +209,7 @@ int allMix_GetDataStartPosition(QByteArray reply, QList<VARIABLE> list, int n)
 
 int allMix_GetRecvLenFromReadList(QList<VARIABLE> list)
 {
-    for (int i = 0; i < list.size(); ++i) {
-    }
+    for (int i = 0; i < list.size(); ++i) { }
     return 0;
 }
 

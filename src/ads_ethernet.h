@@ -36,61 +36,61 @@ class QHostAddress;
 
 /* One read or write request item. */
 struct VARIABLE {
-    int kind;                  /* 4 cyclic read; condition-read kind; write mode */
-    int keyNo;                 /* station / connection number */
-    QString regName;           /* one of REG_LIST; a word register after merging */
-    int address;               /* bit number for bit registers, else byte offset */
-    int length;                /* bits for bit registers, bytes for word registers */
-    unsigned char data[1024];  /* bytes to write, or recipe values */
+    int kind;                 /* 4 cyclic read; condition-read kind; write mode */
+    int keyNo;                /* station / connection number */
+    QString regName;          /* one of REG_LIST; a word register after merging */
+    int address;              /* bit number for bit registers, else byte offset */
+    int length;               /* bits for bit registers, bytes for word registers */
+    unsigned char data[1024]; /* bytes to write, or recipe values */
 };
 
 /* One address as the host hands it in. */
 struct KEY_ADDRESS {
-    QString hostText;          /* the host's; carried along */
-    int hostNumber;            /* the host's; carried along */
-    int rcpDataIndex;          /* recipe items: index in 16-bit words into the recipe buffer */
+    QString hostText; /* the host's; carried along */
+    int hostNumber;   /* the host's; carried along */
+    int rcpDataIndex; /* recipe items: index in 16-bit words into the recipe buffer */
     int keyNo;
     QString regName;
-    QString hostText2;         /* the host's; carried along */
-    int address;               /* in the register's own units */
-    int unitMark;              /* -1: units are bits, one byte per unit in data */
-    int length;                /* number of units */
+    QString hostText2; /* the host's; carried along */
+    int address;       /* in the register's own units */
+    int unitMark;      /* -1: units are bits, one byte per unit in data */
+    int length;        /* number of units */
     unsigned char data[1024];
 };
 
 /* One recipe variable. */
 struct _RCP_VAR_PRO {
-    int driverNo;              /* only entries equal to callBackContext are taken */
+    int driverNo; /* only entries equal to callBackContext are taken */
     int keyNo;
     QString regName;
     int address;
     int length;
-    int rcpDataIndex;          /* index in 16-bit words into the host's recipe buffer */
-    int hostField;             /* the host's; carried along */
+    int rcpDataIndex; /* index in 16-bit words into the host's recipe buffer */
+    int hostField;    /* the host's; carried along */
 };
 
 /* One cached unit of PLC memory. */
 struct _DATA_ {
     unsigned char spare;
-    unsigned char writeFlag;       /* 1: show writeValue instead of value */
-    unsigned int bitWriteState;    /* two bits per bit of the unit: queued bit writes */
-    unsigned int monitorFlag;      /* monitored whole items touching this unit */
-    unsigned int bitMonitorMask;   /* monitored single bits of this unit */
+    unsigned char writeFlag;     /* 1: show writeValue instead of value */
+    unsigned int bitWriteState;  /* two bits per bit of the unit: queued bit writes */
+    unsigned int monitorFlag;    /* monitored whole items touching this unit */
+    unsigned int bitMonitorMask; /* monitored single bits of this unit */
     int keyNo;
-    QString areaName;              /* "I", "Q" or "M" */
+    QString areaName; /* "I", "Q" or "M" */
     int address;
-    unsigned char value[4];        /* as last read or confirmed, low byte first */
-    unsigned char writeValue[4];   /* as last written by the host */
+    unsigned char value[4];      /* as last read or confirmed, low byte first */
+    unsigned char writeValue[4]; /* as last written by the host */
 };
 
 /* One prepared frame, with the variable it serves. */
 struct FRAME_PRO {
-    unsigned char frame[1024];     /* wire image, starting with the AMS/TCP header */
-    int sendLen;                   /* valid bytes in frame */
-    int recvLen;                   /* length the reply must have (handshake: minimum) */
-    int dataStart;                 /* data position in the reply (reads) or in frame (writes) */
-    int readLen;                   /* data bytes a read asks for; 0 for handshake and writes */
-    int spareField;                /* never set by the driver; carried along */
+    unsigned char frame[1024]; /* wire image, starting with the AMS/TCP header */
+    int sendLen;               /* valid bytes in frame */
+    int recvLen;               /* length the reply must have (handshake: minimum) */
+    int dataStart;             /* data position in the reply (reads) or in frame (writes) */
+    int readLen;               /* data bytes a read asks for; 0 for handshake and writes */
+    int spareField;            /* never set by the driver; carried along */
     VARIABLE var;
 };
 
@@ -100,36 +100,34 @@ typedef int (*VALUE_CHANGE_CALLBACK)(int context, int keyNo, QString addressText
  * Constant tables. Defined here so that each source module holds its own copy.
  * ---------------------------------------------------------------------------------- */
 
-static const QString REG_LIST[6] = {
-    QString::fromLatin1("I_bit"), QString::fromLatin1("Q_bit"), QString::fromLatin1("M_bit"),
-    QString::fromLatin1("I_W"),   QString::fromLatin1("Q_W"),   QString::fromLatin1("M_W")};
+static const QString REG_LIST[6] = {QString::fromLatin1("I_bit"), QString::fromLatin1("Q_bit"),
+    QString::fromLatin1("M_bit"), QString::fromLatin1("I_W"), QString::fromLatin1("Q_W"), QString::fromLatin1("M_W")};
 
 /* Columns: format mask, minimum, maximum, data width, access, address unit.
  * Row 6 is a spare copy of the word row: a name that matches no register looks up
  * index 6 and so still reads inside the table. */
-static const QString ADDRESS_RANGE_PRO[7][6] = {
-    {QString::fromLatin1("DDDDD.D"), QString::fromLatin1("0.0"), QString::fromLatin1("65535.7"),
-     QString::fromLatin1("1"), QString::fromLatin1("RW"), QString::fromLatin1("8")},
-    {QString::fromLatin1("DDDDD.D"), QString::fromLatin1("0.0"), QString::fromLatin1("65535.7"),
-     QString::fromLatin1("1"), QString::fromLatin1("RW"), QString::fromLatin1("8")},
-    {QString::fromLatin1("DDDDD.D"), QString::fromLatin1("0.0"), QString::fromLatin1("65535.7"),
-     QString::fromLatin1("1"), QString::fromLatin1("RW"), QString::fromLatin1("8")},
-    {QString::fromLatin1("DDDDD"), QString::fromLatin1("0"), QString::fromLatin1("65535"),
-     QString::fromLatin1("16"), QString::fromLatin1("RW"), QString::fromLatin1("8")},
-    {QString::fromLatin1("DDDDD"), QString::fromLatin1("0"), QString::fromLatin1("65535"),
-     QString::fromLatin1("16"), QString::fromLatin1("RW"), QString::fromLatin1("8")},
-    {QString::fromLatin1("DDDDD"), QString::fromLatin1("0"), QString::fromLatin1("65535"),
-     QString::fromLatin1("16"), QString::fromLatin1("RW"), QString::fromLatin1("8")},
-    {QString::fromLatin1("DDDDD"), QString::fromLatin1("0"), QString::fromLatin1("65535"),
-     QString::fromLatin1("16"), QString::fromLatin1("RW"), QString::fromLatin1("8")}};
+static const QString ADDRESS_RANGE_PRO[7][6]
+    = {{QString::fromLatin1("DDDDD.D"), QString::fromLatin1("0.0"), QString::fromLatin1("65535.7"),
+           QString::fromLatin1("1"), QString::fromLatin1("RW"), QString::fromLatin1("8")},
+        {QString::fromLatin1("DDDDD.D"), QString::fromLatin1("0.0"), QString::fromLatin1("65535.7"),
+            QString::fromLatin1("1"), QString::fromLatin1("RW"), QString::fromLatin1("8")},
+        {QString::fromLatin1("DDDDD.D"), QString::fromLatin1("0.0"), QString::fromLatin1("65535.7"),
+            QString::fromLatin1("1"), QString::fromLatin1("RW"), QString::fromLatin1("8")},
+        {QString::fromLatin1("DDDDD"), QString::fromLatin1("0"), QString::fromLatin1("65535"),
+            QString::fromLatin1("16"), QString::fromLatin1("RW"), QString::fromLatin1("8")},
+        {QString::fromLatin1("DDDDD"), QString::fromLatin1("0"), QString::fromLatin1("65535"),
+            QString::fromLatin1("16"), QString::fromLatin1("RW"), QString::fromLatin1("8")},
+        {QString::fromLatin1("DDDDD"), QString::fromLatin1("0"), QString::fromLatin1("65535"),
+            QString::fromLatin1("16"), QString::fromLatin1("RW"), QString::fromLatin1("8")},
+        {QString::fromLatin1("DDDDD"), QString::fromLatin1("0"), QString::fromLatin1("65535"),
+            QString::fromLatin1("16"), QString::fromLatin1("RW"), QString::fromLatin1("8")}};
 
 /* The identifiers below are spelled so on purpose: the rest of the driver uses them. */
 static const QString PROCOTOL_NAME = QString::fromLatin1("ads_ethernet");
 static const QString PROCOTOL_VERSION = QString::fromLatin1("2.0.0.0");
 static const QString PROCOTOL_DEFALT_COM_PAR = QString::fromLatin1("9600,8,NONE,1");
 static const QString PROCOTOL_DEFALT_IP_PAR = QString::fromLatin1("192.168.1.100,48898");
-static const QString PROCOTOL_PAR_HMI_SET_MODE =
-    QString::fromLatin1("2_0,AmsNetId_192.168.1.100.1.1,AdsPort_801");
+static const QString PROCOTOL_PAR_HMI_SET_MODE = QString::fromLatin1("2_0,AmsNetId_192.168.1.100.1.1,AdsPort_801");
 
 /* Positions of the recipe request flags in the host's status block. */
 enum { HOST_FLAG_RECIPE_WRITE = 60115, HOST_FLAG_RECIPE_READ = 60116 };
@@ -184,18 +182,18 @@ public:
 
     VALUE_CHANGE_CALLBACK valueChangeCallBack;
     int callBackContext;
-    int initParam1;            /* non-zero: writes only update the cache */
-    int initParam2;            /* stored only */
-    int initParam3;            /* retry limit */
-    int maxMergeGap;           /* largest gap in bytes bridged when merging */
+    int initParam1;  /* non-zero: writes only update the cache */
+    int initParam2;  /* stored only */
+    int initParam3;  /* retry limit */
+    int maxMergeGap; /* largest gap in bytes bridged when merging */
     unsigned char* hostStatusBlock;
     void* hostArg2;
     unsigned char* rcpBuffer;
     QMutex* hostMutex;
     QList<VARIABLE> readList;
-    QList<VARIABLE> writeList;           /* guarded by mutex */
+    QList<VARIABLE> writeList; /* guarded by mutex */
     QList<VARIABLE> conditionReadList;
-    QList<_DATA_> dataAreaList;          /* guarded by mutex */
+    QList<_DATA_> dataAreaList; /* guarded by mutex */
     QVector<_RCP_VAR_PRO> rcpVarList;
     QVector<_RCP_VAR_PRO> rcpTransferList;
     QList<int> rcpBlockStartList;
@@ -203,7 +201,7 @@ public:
     QList<QString> regNameList;
     VARIABLE curVar;
     QList<VARIABLE> curReadList;
-    int curFrameKind;          /* 0 idle, 1 handshake, 2 write, 3 condition read, 4 cyclic read,
+    int curFrameKind; /* 0 idle, 1 handshake, 2 write, 3 condition read, 4 cyclic read,
                                   5 recipe write, 6 recipe read */
     int priorityCount;
     int needHandShake;
@@ -226,8 +224,8 @@ public:
     /* Look-up index beside dataAreaList (guarded by mutex, like the list). */
     QList<AREA_NAME_TEXTS> areaNameTable;
     QHash<DATA_AREA_KEY, int> dataAreaIndex;
-    int dataAreaIndexedCount;              /* entries of dataAreaList in the index */
-    const _DATA_* dataAreaIndexedFirst;    /* where entry 0 lay when last indexed */
+    int dataAreaIndexedCount;           /* entries of dataAreaList in the index */
+    const _DATA_* dataAreaIndexedFirst; /* where entry 0 lay when last indexed */
 };
 
 extern Protocol driver;
@@ -239,27 +237,24 @@ extern "C" {
 ADS_EXPORT void intf_getProtocolType(int* type);
 ADS_EXPORT QString intf_getVersion();
 ADS_EXPORT void intf_setAddrValueChangeCallBack(VALUE_CHANGE_CALLBACK callback);
-ADS_EXPORT int intf_initProperty(void* hostStatusBlock, void* hostArg2, void* rcpBuffer, int* mode,
-                                 const char* initString, QMutex* hostMutex);
+ADS_EXPORT int intf_initProperty(
+    void* hostStatusBlock, void* hostArg2, void* rcpBuffer, int* mode, const char* initString, QMutex* hostMutex);
 ADS_EXPORT void intf_getDriverParameter(QString& parameter);
 ADS_EXPORT void intf_getDriverPropertyPage(QString& page);
 ADS_EXPORT void intf_SetDriverPropertyPage(QString settings);
 ADS_EXPORT int intf_getRegListByType(int type, QList<QString>& names);
 ADS_EXPORT int intf_getRegDiscription(QString regName, QList<QString>& description);
-ADS_EXPORT int intf_checkAddr(QString regName, QString addrText, int* address, int dataType, int count,
-                              int access);
-ADS_EXPORT int intf_checkAddrValidity(QString regName, QString addrText, int* address, int count,
-                                      int isWord);
+ADS_EXPORT int intf_checkAddr(QString regName, QString addrText, int* address, int dataType, int count, int access);
+ADS_EXPORT int intf_checkAddrValidity(QString regName, QString addrText, int* address, int count, int isWord);
 ADS_EXPORT int intf_getSendFrame(FRAME_PRO* out);
 ADS_EXPORT int intf_dealRcvFrame(QByteArray& reply, QString& errorText);
 ADS_EXPORT int intf_getData(int keyNo, QString regName, int address, int count, unsigned char* out);
-ADS_EXPORT int intf_setData(int keyNo, QString regName, int address, int count, unsigned char* data,
-                            int mode);
+ADS_EXPORT int intf_setData(int keyNo, QString regName, int address, int count, unsigned char* data, int mode);
 ADS_EXPORT int intf_addrMerge(QList<KEY_ADDRESS>& keys);
 ADS_EXPORT int intf_addConditionRead(KEY_ADDRESS* key, int kind);
 ADS_EXPORT int intf_setRcpAddress(QVector<_RCP_VAR_PRO>* vars);
-ADS_EXPORT int intf_multiCopy(QString* regName, int start, int count, int interval,
-                              QVector<QString>* texts, QVector<int>* numbers);
+ADS_EXPORT int intf_multiCopy(
+    QString* regName, int start, int count, int interval, QVector<QString>* texts, QVector<int>* numbers);
 }
 
 /* ------------------------------------------------------------------------------------
@@ -315,6 +310,6 @@ int judgeAddrMerge(KEY_ADDRESS block, KEY_ADDRESS next, int gapMode);
 void groupingKey(KEY_ADDRESS& key, int maxLen, QList<KEY_ADDRESS>& out, int copyData);
 void rcpAddrToVar(_RCP_VAR_PRO item, VARIABLE& var, int mode);
 int multiCp(QString regName, QString format, int start, int count, int interval, QVector<QString>& texts,
-            QVector<int>& numbers, int maxNumber, QString maxText);
+    QVector<int>& numbers, int maxNumber, QString maxText);
 
 #endif /* ADS_ETHERNET_H */

@@ -19,9 +19,9 @@ Protocol driver;
 
 Protocol::Protocol()
     : valueChangeCallBack(0), callBackContext(0), initParam1(0), initParam2(0), initParam3(0), maxMergeGap(0),
-      hostStatusBlock(0), hostArg2(0), rcpBuffer(0), hostMutex(0), curFrameKind(0), priorityCount(0),
-      needHandShake(0), errorCount(0), maxBlockBits(0), maxBlockUnits(0), commFailed(0), curFrameIndex(0),
-      initDone(0), rcpIndex(0), framesBuilt(0), targetAmsPort(0), dataAreaIndexedCount(0), dataAreaIndexedFirst(0)
+      hostStatusBlock(0), hostArg2(0), rcpBuffer(0), hostMutex(0), curFrameKind(0), priorityCount(0), needHandShake(0),
+      errorCount(0), maxBlockBits(0), maxBlockUnits(0), commFailed(0), curFrameIndex(0), initDone(0), rcpIndex(0),
+      framesBuilt(0), targetAmsPort(0), dataAreaIndexedCount(0), dataAreaIndexedFirst(0)
 {
     dataAreaList.clear();
     curVar.kind = 0;
@@ -50,9 +50,18 @@ const int kMaxQueued = 512; /* lists hold at most 513 entries; the newest replac
 const int kMaxBlock = 128;  /* largest read block in bytes */
 
 /* Host values are trusted to be sensible, but arithmetic on them must never be undefined. */
-inline int wrapAdd(int a, int b) { return static_cast<int>(static_cast<unsigned int>(a) + static_cast<unsigned int>(b)); }
-inline int wrapSub(int a, int b) { return static_cast<int>(static_cast<unsigned int>(a) - static_cast<unsigned int>(b)); }
-inline int wrapMul(int a, int b) { return static_cast<int>(static_cast<unsigned int>(a) * static_cast<unsigned int>(b)); }
+inline int wrapAdd(int a, int b)
+{
+    return static_cast<int>(static_cast<unsigned int>(a) + static_cast<unsigned int>(b));
+}
+inline int wrapSub(int a, int b)
+{
+    return static_cast<int>(static_cast<unsigned int>(a) - static_cast<unsigned int>(b));
+}
+inline int wrapMul(int a, int b)
+{
+    return static_cast<int>(static_cast<unsigned int>(a) * static_cast<unsigned int>(b));
+}
 
 inline int clampInt(int v, int lo, int hi) { return v < lo ? lo : (v > hi ? hi : v); }
 
@@ -259,9 +268,9 @@ int findOrCreateArea(int keyNo, int nameId, int address)
         int idx = it.value();
         if (idx < list.size()) {
             const _DATA_& d = list.at(idx);
-            if (d.keyNo == keyNo && d.address == address &&
-                (d.areaName.isSharedWith(driver.areaNameTable.at(nameId).name) ||
-                 d.areaName == driver.areaNameTable.at(nameId).name))
+            if (d.keyNo == keyNo && d.address == address
+                && (d.areaName.isSharedWith(driver.areaNameTable.at(nameId).name)
+                    || d.areaName == driver.areaNameTable.at(nameId).name))
                 return idx;
         }
         /* An entry was changed in place behind the index's back: index again. */
@@ -289,8 +298,8 @@ int findOrCreateNextArea(int previous, int keyNo, int nameId, int address)
 {
     const QList<_DATA_>& list = driver.dataAreaList;
     int next = previous + 1;
-    if (previous >= 0 && next < list.size() && !g_areaDuplicates && list.size() == driver.dataAreaIndexedCount &&
-        &list.at(0) == driver.dataAreaIndexedFirst) {
+    if (previous >= 0 && next < list.size() && !g_areaDuplicates && list.size() == driver.dataAreaIndexedCount
+        && &list.at(0) == driver.dataAreaIndexedFirst) {
         const _DATA_& d = list.at(next);
         if (d.keyNo == keyNo && d.address == address && d.areaName.isSharedWith(driver.areaNameTable.at(nameId).name))
             return next;
@@ -327,7 +336,7 @@ struct Report {
  * so that the host's callback may call back into the driver. */
 class Reports {
 public:
-    Reports() : count_(0) {}
+    Reports() : count_(0) { }
     void add(int keyNo, const QString& text, int address)
     {
         if (count_ < kCapacity) {
@@ -370,8 +379,8 @@ const AREA_NAME_TEXTS& textsOf(const _DATA_& d) { return driver.areaNameTable.at
 /* Bits in ascending order, then the byte, then words, then double words from the nearest
  * start downward. Whole items are reported without comparing values: a word whose two
  * bytes change is reported twice, once from each byte. */
-void collectByteReports(const _DATA_& d, const unsigned char* oldValue, const unsigned char* newValue, int noBits,
-                        Reports& r)
+void collectByteReports(
+    const _DATA_& d, const unsigned char* oldValue, const unsigned char* newValue, int noBits, Reports& r)
 {
     const AREA_NAME_TEXTS& t = textsOf(d);
     if (!noBits && d.bitMonitorMask != 0) {
@@ -411,8 +420,8 @@ void collectWordReports(const _DATA_& d, const int* oldValue, const int* newValu
             unsigned int m = 1u << i;
             if (!(d.bitMonitorMask & m))
                 continue;
-            if (!oldValue || !newValue ||
-                ((static_cast<unsigned int>(*oldValue) & m) != (static_cast<unsigned int>(*newValue) & m)))
+            if (!oldValue || !newValue
+                || ((static_cast<unsigned int>(*oldValue) & m) != (static_cast<unsigned int>(*newValue) & m)))
                 r.add(d.keyNo, t.bitText, wrapAdd(wrapMul(d.address, 16), i));
         }
     }
@@ -435,8 +444,8 @@ void collectDwordReports(const _DATA_& d, const int* oldValue, const int* newVal
             unsigned int m = 1u << i;
             if (!(d.bitMonitorMask & m))
                 continue;
-            if (!oldValue || !newValue ||
-                ((static_cast<unsigned int>(*oldValue) & m) != (static_cast<unsigned int>(*newValue) & m)))
+            if (!oldValue || !newValue
+                || ((static_cast<unsigned int>(*oldValue) & m) != (static_cast<unsigned int>(*newValue) & m)))
                 r.add(d.keyNo, t.bitText, wrapAdd(wrapMul(d.address, 32), i));
         }
     }
@@ -535,7 +544,7 @@ int pieceCount(int length, int limit)
     return length / limit + (length % limit != 0 ? 1 : 0);
 }
 
-} // namespace
+}  // namespace
 
 /* ====================================================================================
  * Register table and address syntax
@@ -555,8 +564,8 @@ int getRegAddressWeight(int keyNo, QString regName, int address, int spare)
     int n = driver.regNameList.size();
     int idx = driver.regNameList.indexOf(regName);
     /* The step is 65535, not 65536, on purpose; merging relies on these exact values. */
-    unsigned int w = static_cast<unsigned int>(keyNo) * static_cast<unsigned int>(n) * 65535u +
-                     static_cast<unsigned int>(idx) * 65535u + static_cast<unsigned int>(address);
+    unsigned int w = static_cast<unsigned int>(keyNo) * static_cast<unsigned int>(n) * 65535u
+        + static_cast<unsigned int>(idx) * 65535u + static_cast<unsigned int>(address);
     return static_cast<int>(w);
 }
 
@@ -600,8 +609,8 @@ int uchar2int16(unsigned char low, unsigned char high) { return low + high * 256
 
 int uchar2int32(unsigned char b0, unsigned char b1, unsigned char b2, unsigned char b3)
 {
-    unsigned int v = static_cast<unsigned int>(b0) | (static_cast<unsigned int>(b1) << 8) |
-                     (static_cast<unsigned int>(b2) << 16) | (static_cast<unsigned int>(b3) << 24);
+    unsigned int v = static_cast<unsigned int>(b0) | (static_cast<unsigned int>(b1) << 8)
+        | (static_cast<unsigned int>(b2) << 16) | (static_cast<unsigned int>(b3) << 24);
     return static_cast<int>(v);
 }
 
@@ -616,7 +625,7 @@ int nibbleOf(int code)
         return 0;
     return (code - 55) % 16;
 }
-} // namespace
+}  // namespace
 
 int asc2hex(QByteArray text, int pos)
 {
@@ -626,12 +635,11 @@ int asc2hex(QByteArray text, int pos)
     return (hi * 16 + lo) & 0xFF;
 }
 
-
 namespace {
 /* Parses an address text and the row's limits in the row's syntax; false when the text
  * does not fit. `address` receives what a2i leaves in it. */
-bool parseWithRow(int row, const QString& regName, const QString& addrText, int& address, double& minimum,
-                  double& maximum)
+bool parseWithRow(
+    int row, const QString& regName, const QString& addrText, int& address, double& minimum, double& maximum)
 {
     const QString& format = ADDRESS_RANGE_PRO[row][0];
     if (a2i(addrText, address, format, regName) == -1)
@@ -646,8 +654,8 @@ bool parseWithRow(int row, const QString& regName, const QString& addrText, int&
 }
 
 /* The range test of both checks, then the unknown-register result; this order is kept. */
-int finishAddressCheck(int row, const QString& regName, int& address, int count, double factor, double minimum,
-                       double maximum)
+int finishAddressCheck(
+    int row, const QString& regName, int& address, int count, double factor, double minimum, double maximum)
 {
     if (address < minimum)
         return 2;
@@ -658,7 +666,7 @@ int finishAddressCheck(int row, const QString& regName, int& address, int count,
     address = addrOffset(regName, address);
     return 0;
 }
-} // namespace
+}  // namespace
 
 int intf_checkAddr(QString regName, QString addrText, int* address, int dataType, int count, int access)
 {
@@ -674,8 +682,7 @@ int intf_checkAddr(QString regName, QString addrText, int* address, int dataType
             return 1;
         if (is(ADDRESS_RANGE_PRO[row][4], "R") && (access == 1 || access == 2))
             return 6;
-        if (is(widthOf(row), "32") && dataType != 1 && dataType != 3 && dataType != 5 && dataType != 6 &&
-            dataType != 9)
+        if (is(widthOf(row), "32") && dataType != 1 && dataType != 3 && dataType != 5 && dataType != 6 && dataType != 9)
             return 5;
         if (!parseWithRow(row, regName, addrText, addr, minimum, maximum))
             return 4;
@@ -754,8 +761,8 @@ QString intf_getVersion() { return PROCOTOL_VERSION; }
 
 void intf_setAddrValueChangeCallBack(VALUE_CHANGE_CALLBACK callback) { driver.valueChangeCallBack = callback; }
 
-int intf_initProperty(void* hostStatusBlock, void* hostArg2, void* rcpBuffer, int* mode, const char* initString,
-                      QMutex* hostMutex)
+int intf_initProperty(
+    void* hostStatusBlock, void* hostArg2, void* rcpBuffer, int* mode, const char* initString, QMutex* hostMutex)
 {
     if (mode)
         *mode = 2;
@@ -877,7 +884,7 @@ void markArea(int keyNo, int nameId, int address, unsigned int flags, unsigned i
     d.monitorFlag |= flags;
     d.bitMonitorMask |= bitMask;
 }
-} // namespace
+}  // namespace
 
 int _setDataAreaMonitorFlag(int keyNo, QString regName, int address, int count)
 {
@@ -954,7 +961,7 @@ void reportUnit(int index, Collect collect)
     }
     r.fire();
 }
-} // namespace
+}  // namespace
 
 void _byteDataChange(unsigned char* oldValue, unsigned char* newValue, int index, int noBits)
 {
@@ -1032,8 +1039,7 @@ int intf_getData(int keyNo, QString regName, int address, int count, unsigned ch
             if (is(u, "8")) {
                 int a = wrapAdd(address, wrapMul(4, j));
                 for (int k = 0; k < 4; ++k)
-                    out[4 * j + k] =
-                        shownByte(driver.dataAreaList.at(findOrCreateArea(keyNo, area, wrapAdd(a, k))), 0);
+                    out[4 * j + k] = shownByte(driver.dataAreaList.at(findOrCreateArea(keyNo, area, wrapAdd(a, k))), 0);
             } else if (is(u, "16")) {
                 int a = wrapAdd(address, wrapMul(2, j));
                 for (int h = 0; h < 2; ++h) {
@@ -1064,8 +1070,8 @@ void dealListWhenFinish()
         if (!driver.conditionReadList.isEmpty()) {
             const VARIABLE& head = driver.conditionReadList.first();
             const VARIABLE& last = driver.lastVar;
-            if (head.keyNo == last.keyNo && head.regName == last.regName && head.address == last.address &&
-                head.length == last.length && driver.valueChangeCallBack) {
+            if (head.keyNo == last.keyNo && head.regName == last.regName && head.address == last.address
+                && head.length == last.length && driver.valueChangeCallBack) {
                 /* The one report that names no area: the end of the host's condition read. */
                 driver.valueChangeCallBack(-1, -1, QString::fromLatin1("-1"), driver.commFailed ? -1 : 0);
             }
@@ -1182,8 +1188,8 @@ void storeWrittenBitInByte(int keyNo, int nameId, int bitNumber, bool on)
 }
 
 /* One bit of a word-addressed bit register, with the marks of queued bit writes. */
-void storeWrittenBitInWord(int keyNo, int nameId, int bitNumber, bool on, const QString& regName, int address,
-                           int count)
+void storeWrittenBitInWord(
+    int keyNo, int nameId, int bitNumber, bool on, const QString& regName, int address, int count)
 {
     DriverLock lock;
     Reports r;
@@ -1260,7 +1266,7 @@ void queueWrite(const VARIABLE& v)
         list.append(v);
 }
 
-} // namespace
+}  // namespace
 
 void write_saveDataToArea(int keyNo, QString regName, int address, int count, unsigned char* data)
 {
@@ -1350,8 +1356,8 @@ int intf_setData(int keyNo, QString regName, int address, int count, unsigned ch
                 /* More than the key's 1024 bytes: the pieces take their share straight from
                  * the host's bytes, which hold all of them. */
                 long long perUnit = 2;
-                boundedCopy(v.data, data, bytes, perUnit * p * (bitRegister ? driver.maxBlockBits : driver.maxBlockUnits),
-                            perUnit * piece.length);
+                boundedCopy(v.data, data, bytes,
+                    perUnit * p * (bitRegister ? driver.maxBlockBits : driver.maxBlockUnits), perUnit * piece.length);
             }
             if (!bitRegister && unitBits > 0) {
                 /* Words to bytes; each piece starts where the ones before it ended. */
@@ -1509,7 +1515,7 @@ bool repeatLastKind()
     }
 }
 
-} // namespace
+}  // namespace
 
 int intf_getSendFrame(FRAME_PRO* out)
 {
@@ -1638,7 +1644,7 @@ int formatErrorInfo(int replySize, char* buf)
     buf[n++] = ')';
     return n;
 }
-} // namespace
+}  // namespace
 
 QString getErrorInfo(QByteArray reply)
 {
@@ -1710,7 +1716,7 @@ void applyWriteFlagRule(_DATA_& d)
         d.writeFlag = 0;
 }
 
-} // namespace
+}  // namespace
 
 void analyzeFrameOfVal(QByteArray reply, int readLen, int dataStart, VARIABLE var)
 {
@@ -1786,10 +1792,10 @@ void analyzeFrameOfVal(QByteArray reply, int readLen, int dataStart, VARIABLE va
         int area = areaNameId(areaOf(var.regName));
         long long bits = static_cast<long long>(readLen) * 8;
         for (long long k = 0; k < bits; ++k) {
-            unsigned char bit = static_cast<unsigned char>(
-                (bytes.at(static_cast<long long>(dataStart) + k / 8) >> (k % 8)) & 1);
-            _DATA_& d = driver.dataAreaList[findOrCreateArea(var.keyNo, area,
-                                                             wrapAdd(var.address, static_cast<int>(k)))];
+            unsigned char bit
+                = static_cast<unsigned char>((bytes.at(static_cast<long long>(dataStart) + k / 8) >> (k % 8)) & 1);
+            _DATA_& d
+                = driver.dataAreaList[findOrCreateArea(var.keyNo, area, wrapAdd(var.address, static_cast<int>(k)))];
             if (d.value[0] != bit) {
                 applyWriteFlagRule(d);
                 d.value[0] = bit;
@@ -1810,7 +1816,8 @@ void analyzeFrameOfVal(QByteArray reply, int readLen, int dataStart, VARIABLE va
         const _RCP_VAR_PRO item = driver.rcpVarList.at(e);
         long long bytesOfItem = 2LL * item.length;
         for (long long j = 0; j < bytesOfItem; ++j) {
-            long long from = static_cast<long long>(dataStart) + (static_cast<long long>(item.address) - firstAddress) + j;
+            long long from
+                = static_cast<long long>(dataStart) + (static_cast<long long>(item.address) - firstAddress) + j;
             long long to = 2LL * item.rcpDataIndex + j;
             if (to < 0)
                 continue;
@@ -1834,8 +1841,8 @@ int intf_dealRcvFrame(QByteArray& reply, QString& errorText)
     errorText.resize(0);
     for (int i = 0; i < textLength; ++i)
         errorText.append(QLatin1Char(text[i]));
-    int r = check_rcv_data(reinterpret_cast<unsigned char*>(const_cast<char*>(reply.constData())),
-                           driver.curReadList, reply.size());
+    int r = check_rcv_data(
+        reinterpret_cast<unsigned char*>(const_cast<char*>(reply.constData())), driver.curReadList, reply.size());
     if (r == 1) {
         driver.commFailed = 0;
         dealReadFrameReturnSaveData(reply);
@@ -2016,7 +2023,7 @@ QList<KEY_ADDRESS> bridgeGaps(const QList<KEY_ADDRESS>& blocks)
     return merged;
 }
 
-} // namespace
+}  // namespace
 
 void addrMerge(QList<KEY_ADDRESS>& keys, int mode)
 {
@@ -2204,7 +2211,7 @@ void rcpAddrToVar(_RCP_VAR_PRO item, VARIABLE& var, int mode)
  * ================================================================================== */
 
 int multiCp(QString regName, QString format, int start, int count, int interval, QVector<QString>& texts,
-            QVector<int>& numbers, int maxNumber, QString maxText)
+    QVector<int>& numbers, int maxNumber, QString maxText)
 {
     bool mixed = false;
     for (int i = 1; i < format.size(); ++i)
@@ -2212,8 +2219,8 @@ int multiCp(QString regName, QString format, int start, int count, int interval,
             mixed = true;
     if (count < 1)
         return 1;
-    bool bitRegister = regName == QLatin1String("I_bit") || regName == QLatin1String("Q_bit") ||
-                       regName == QLatin1String("M_bit");
+    bool bitRegister
+        = regName == QLatin1String("I_bit") || regName == QLatin1String("Q_bit") || regName == QLatin1String("M_bit");
     int u = toIntOrZero(unitOf(rowOf(regName)));
     int result = 1;
     for (int i = 0; i < count; ++i) {
@@ -2253,8 +2260,7 @@ int multiCp(QString regName, QString format, int start, int count, int interval,
     return result;
 }
 
-int intf_multiCopy(QString* regName, int start, int count, int interval, QVector<QString>* texts,
-                   QVector<int>* numbers)
+int intf_multiCopy(QString* regName, int start, int count, int interval, QVector<QString>* texts, QVector<int>* numbers)
 {
     if (!regName || !texts || !numbers)
         return 0;

@@ -31,14 +31,11 @@
 
 namespace {
 
-const char* const kEntryPoints[] = {
-    "intf_getProtocolType",       "intf_getVersion",           "intf_setAddrValueChangeCallBack",
-    "intf_initProperty",          "intf_getDriverParameter",   "intf_getDriverPropertyPage",
-    "intf_SetDriverPropertyPage", "intf_getRegListByType",     "intf_getRegDiscription",
-    "intf_checkAddr",             "intf_checkAddrValidity",    "intf_getSendFrame",
-    "intf_dealRcvFrame",          "intf_getData",              "intf_setData",
-    "intf_addrMerge",             "intf_addConditionRead",     "intf_setRcpAddress",
-    "intf_multiCopy"};
+const char* const kEntryPoints[] = {"intf_getProtocolType", "intf_getVersion", "intf_setAddrValueChangeCallBack",
+    "intf_initProperty", "intf_getDriverParameter", "intf_getDriverPropertyPage", "intf_SetDriverPropertyPage",
+    "intf_getRegListByType", "intf_getRegDiscription", "intf_checkAddr", "intf_checkAddrValidity", "intf_getSendFrame",
+    "intf_dealRcvFrame", "intf_getData", "intf_setData", "intf_addrMerge", "intf_addConditionRead",
+    "intf_setRcpAddress", "intf_multiCopy"};
 
 // Names that the static linker itself defines in every shared object and that may show up
 // in the dynamic symbol table whatever the version script says:
@@ -47,8 +44,8 @@ const char* const kEntryPoints[] = {
 //  - __bss_start__, __bss_end__, _bss_end__, __end__: the same markers as the ARM EABI
 //    linker scripts spell them.
 // exports.map is an anonymous version script, so no version-node name appears either.
-const char* const kLinkerSymbols[] = {"_init",         "_fini",       "__bss_start", "_edata",  "_end",
-                                      "__bss_start__", "__bss_end__", "_bss_end__",  "__end__"};
+const char* const kLinkerSymbols[]
+    = {"_init", "_fini", "__bss_start", "_edata", "_end", "__bss_start__", "__bss_end__", "_bss_end__", "__end__"};
 
 bool isEntryPoint(const std::string& name)
 {
@@ -103,8 +100,8 @@ bool readDynamicSymbols(const std::vector<char>& file, std::vector<DynamicSymbol
     }
     Ehdr eh;
     std::memcpy(&eh, file.data(), sizeof eh);
-    if (eh.e_shoff == 0 || eh.e_shentsize != sizeof(Shdr) ||
-        eh.e_shoff + static_cast<std::size_t>(eh.e_shnum) * sizeof(Shdr) > file.size()) {
+    if (eh.e_shoff == 0 || eh.e_shentsize != sizeof(Shdr)
+        || eh.e_shoff + static_cast<std::size_t>(eh.e_shnum) * sizeof(Shdr) > file.size()) {
         why = "no usable section header table";
         return false;
     }
@@ -189,12 +186,12 @@ TEST(PluginAbi, DriverInternalsDoNotResolve)
     Plugin p;
     ASSERT_NE(nullptr, p.handle) << p.error;
     const char* internals[] = {
-        "driver",                   // the driver object
-        "_Z14handShakeFramev",      // handShakeFrame()
-        "_Z15computate_checkPht",   // computate_check(unsigned char*, unsigned short)
-        "_Z12_setBitValueiii",      // _setBitValue(int, int, int)
-        "_Z11uchar2int16hh",        // uchar2int16(unsigned char, unsigned char)
-        "_ZN8ProtocolC1Ev",         // Protocol::Protocol()
+        "driver",                  // the driver object
+        "_Z14handShakeFramev",     // handShakeFrame()
+        "_Z15computate_checkPht",  // computate_check(unsigned char*, unsigned short)
+        "_Z12_setBitValueiii",     // _setBitValue(int, int, int)
+        "_Z11uchar2int16hh",       // uchar2int16(unsigned char, unsigned char)
+        "_ZN8ProtocolC1Ev",        // Protocol::Protocol()
     };
     for (const char* name : internals)
         EXPECT_EQ(nullptr, dlsym(p.handle, name)) << name << " is visible to the host";
@@ -228,8 +225,8 @@ TEST(PluginAbi, HarmlessEntryPointsWorkThroughThePointers)
 
     QString parameter;
     getParameter(parameter);
-    EXPECT_EQ("0,9600,8,NONE,1,0,1,192.168.1.100,48898,ads_ethernet,I_bit,Q_bit,M_bit,I_W,Q_W,M_W",
-              parameter.toStdString());
+    EXPECT_EQ(
+        "0,9600,8,NONE,1,0,1,192.168.1.100,48898,ads_ethernet,I_bit,Q_bit,M_bit,I_W,Q_W,M_W", parameter.toStdString());
 
     QString page;
     getPage(page);

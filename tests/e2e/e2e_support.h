@@ -18,7 +18,8 @@
 
 namespace e2e {
 
-inline std::string hexOf(const std::vector<uint8_t>& b) {
+inline std::string hexOf(const std::vector<uint8_t>& b)
+{
     static const char* digits = "0123456789abcdef";
     std::string s;
     for (uint8_t x : b) {
@@ -31,47 +32,58 @@ inline std::string hexOf(const std::vector<uint8_t>& b) {
 // The plcsim executable with its control connection.
 class Sim {
 public:
-    bool start(const std::vector<std::string>& extra = {"--no-program"}) {
+    bool start(const std::vector<std::string>& extra = {"--no-program"})
+    {
         static int serial = 0;
-        log_ = ::testing::TempDir() + "plcsim_e2e_" + std::to_string(::getpid()) + "_" +
-               std::to_string(serial++) + ".log";
+        log_ = ::testing::TempDir() + "plcsim_e2e_" + std::to_string(::getpid()) + "_" + std::to_string(serial++)
+            + ".log";
         std::vector<std::string> args = {"--listen", "127.0.0.1:0", "--control", "127.0.0.1:0", "--log", log_};
         args.insert(args.end(), extra.begin(), extra.end());
-        if (!proc_.start(PLCSIM_EXE, args)) return false;
+        if (!proc_.start(PLCSIM_EXE, args))
+            return false;
         return ctl_.connect("127.0.0.1", proc_.controlPort());
     }
     uint16_t port() const { return proc_.port(); }
     pid_t pid() const { return proc_.pid(); }
-    int stop() {
+    int stop()
+    {
         ctl_.close();
         return proc_.stop(3000);
     }
     std::string command(const std::string& line) { return ctl_.command(line, 3000); }
     // "get GROUP OFFSET LEN" -> bytes; empty on an error reply.
-    std::vector<uint8_t> get(unsigned group, unsigned offset, unsigned len) {
-        const std::string r = command("get " + std::to_string(group) + " " + std::to_string(offset) + " " +
-                                      std::to_string(len));
+    std::vector<uint8_t> get(unsigned group, unsigned offset, unsigned len)
+    {
+        const std::string r
+            = command("get " + std::to_string(group) + " " + std::to_string(offset) + " " + std::to_string(len));
         std::vector<uint8_t> out;
-        if (r.compare(0, 3, "ok ") != 0) return out;
+        if (r.compare(0, 3, "ok ") != 0)
+            return out;
         const std::string hex = r.substr(3);
-        for (size_t i = 0; i + 1 < hex.size(); i += 2) out.push_back(uint8_t(std::stoul(hex.substr(i, 2), nullptr, 16)));
+        for (size_t i = 0; i + 1 < hex.size(); i += 2)
+            out.push_back(uint8_t(std::stoul(hex.substr(i, 2), nullptr, 16)));
         return out;
     }
-    bool set(unsigned group, unsigned offset, const std::vector<uint8_t>& bytes) {
+    bool set(unsigned group, unsigned offset, const std::vector<uint8_t>& bytes)
+    {
         return command("set " + std::to_string(group) + " " + std::to_string(offset) + " " + hexOf(bytes)) == "ok";
     }
-    bool fault(const std::string& kind, int count) {
+    bool fault(const std::string& kind, int count)
+    {
         return command("fault " + kind + " " + std::to_string(count)) == "ok";
     }
     // One counter of the "counters" reply, -1 when absent.
-    long counter(const std::string& name) {
+    long counter(const std::string& name)
+    {
         const std::string r = command("counters");
         const std::string key = " " + name + "=";
         const size_t at = r.find(key);
-        if (at == std::string::npos) return -1;
+        if (at == std::string::npos)
+            return -1;
         return std::stol(r.substr(at + key.size()));
     }
-    std::string logText() const {
+    std::string logText() const
+    {
         std::ifstream f(log_);
         std::stringstream s;
         s << f.rdbuf();
@@ -90,7 +102,8 @@ struct RunResult {
     std::string out, err;
 };
 
-inline std::string readWhole(const std::string& path) {
+inline std::string readWhole(const std::string& path)
+{
     std::ifstream f(path);
     std::stringstream s;
     s << f.rdbuf();
@@ -98,14 +111,16 @@ inline std::string readWhole(const std::string& path) {
 }
 
 // Runs a program with stdout and stderr in files; kills it after timeoutMs.
-inline RunResult runProgram(const std::vector<std::string>& argv, int timeoutMs) {
+inline RunResult runProgram(const std::vector<std::string>& argv, int timeoutMs)
+{
     static int serial = 0;
-    const std::string base = ::testing::TempDir() + "e2e_run_" + std::to_string(::getpid()) + "_" +
-                             std::to_string(serial++);
+    const std::string base
+        = ::testing::TempDir() + "e2e_run_" + std::to_string(::getpid()) + "_" + std::to_string(serial++);
     const std::string outPath = base + ".out", errPath = base + ".err";
     RunResult rr;
     const pid_t pid = ::fork();
-    if (pid < 0) return rr;
+    if (pid < 0)
+        return rr;
     if (pid == 0) {
         const int o = ::open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
         const int e = ::open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
@@ -114,7 +129,8 @@ inline RunResult runProgram(const std::vector<std::string>& argv, int timeoutMs)
         ::dup2(e, 2);
         ::dup2(in, 0);
         std::vector<char*> args;
-        for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+        for (const std::string& a : argv)
+            args.push_back(const_cast<char*>(a.c_str()));
         args.push_back(nullptr);
         ::execv(args[0], args.data());
         ::_exit(127);
@@ -122,7 +138,8 @@ inline RunResult runProgram(const std::vector<std::string>& argv, int timeoutMs)
     const int64_t deadline = plcsim::detail::nowMs() + timeoutMs;
     int st = 0;
     pid_t r = 0;
-    while ((r = ::waitpid(pid, &st, WNOHANG)) == 0 && plcsim::detail::nowMs() < deadline) ::usleep(10000);
+    while ((r = ::waitpid(pid, &st, WNOHANG)) == 0 && plcsim::detail::nowMs() < deadline)
+        ::usleep(10000);
     if (r == 0) {
         rr.timedOut = true;
         ::kill(pid, SIGKILL);
@@ -136,18 +153,21 @@ inline RunResult runProgram(const std::vector<std::string>& argv, int timeoutMs)
     return rr;
 }
 
-inline std::vector<std::string> lines(const std::string& text) {
+inline std::vector<std::string> lines(const std::string& text)
+{
     std::vector<std::string> out;
     std::stringstream s(text);
     std::string l;
-    while (std::getline(s, l)) out.push_back(l);
+    while (std::getline(s, l))
+        out.push_back(l);
     return out;
 }
 
 // A TCP port on 127.0.0.1 on which nothing listens (bound once, then released).
-inline uint16_t closedPort() {
+inline uint16_t closedPort()
+{
     const int s = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
+    sockaddr_in a {};
     a.sin_family = AF_INET;
     a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     a.sin_port = 0;

@@ -20,41 +20,50 @@ namespace {
 
 const unsigned I = 0xF020, Q = 0xF030, M = 0x4020;
 
-Address addr(const std::string& text) {
+Address addr(const std::string& text)
+{
     Address a;
     std::string why;
     EXPECT_TRUE(adshost::parseAddress(text, a, why)) << why;
     return a;
 }
 
-adshost::Write wr(const std::string& text) {
+adshost::Write wr(const std::string& text)
+{
     adshost::Write w;
     std::string why;
     EXPECT_TRUE(adshost::parseWrite(text, w, why)) << why;
     return w;
 }
 
-std::vector<uint8_t> bytes(std::initializer_list<int> v) {
+std::vector<uint8_t> bytes(std::initializer_list<int> v)
+{
     std::vector<uint8_t> out;
-    for (int x : v) out.push_back(uint8_t(x));
+    for (int x : v)
+        out.push_back(uint8_t(x));
     return out;
 }
 
-bool hasChange(const std::vector<Change>& cs, const std::string& text, int address) {
+bool hasChange(const std::vector<Change>& cs, const std::string& text, int address)
+{
     for (const Change& c : cs)
-        if (c.text == text && c.address == address) return true;
+        if (c.text == text && c.address == address)
+            return true;
     return false;
 }
 
-int countChange(const std::vector<Change>& cs, const std::string& text, int address) {
+int countChange(const std::vector<Change>& cs, const std::string& text, int address)
+{
     int n = 0;
-    for (const Change& c : cs) n += c.text == text && c.address == address;
+    for (const Change& c : cs)
+        n += c.text == text && c.address == address;
     return n;
 }
 
 class HostE2E : public ::testing::Test {
 protected:
-    void SetUp() override {
+    void SetUp() override
+    {
         ASSERT_TRUE(sim.start({"--no-program"})) << "plcsim did not start";
         cfg.driverPath = ADS_PLUGIN;
         cfg.plcHost = "127.0.0.1";
@@ -66,24 +75,28 @@ protected:
         cfg.replyTimeoutMs = 200;
         cfg.connectTimeoutMs = 1000;
     }
-    void TearDown() override {
+    void TearDown() override
+    {
         session.reset();
         EXPECT_EQ(sim.stop(), 0) << "plcsim did not exit cleanly on SIGTERM";
     }
-    void openAndConnect() {
+    void openAndConnect()
+    {
         session.reset(new Session);
         std::string why;
         ASSERT_TRUE(session->open(cfg, why)) << why;
         ASSERT_TRUE(session->connect(why)) << why;
     }
     // Steps through the handshake; the next frame is the first regular one.
-    void handshake() {
+    void handshake()
+    {
         const Exchange ex = session->step();
         ASSERT_EQ(ex.commandId, 6);
         ASSERT_EQ(ex.result, 1);
     }
     // Polls until n more full refreshes (bounded).
-    void refreshes(uint64_t n, int ms = 5000) {
+    void refreshes(uint64_t n, int ms = 5000)
+    {
         const uint64_t target = session->stats().fullRefreshes + n;
         session->run(0, ms, [&] { return session->stats().fullRefreshes >= target; });
         ASSERT_GE(session->stats().fullRefreshes, target) << "screen not refreshed in time";
@@ -94,14 +107,15 @@ protected:
     std::unique_ptr<Session> session;
 };
 
-TEST_F(HostE2E, HandshakeIsTheFirstFrameAndTheSimulatorAcceptsIt) {
+TEST_F(HostE2E, HandshakeIsTheFirstFrameAndTheSimulatorAcceptsIt)
+{
     cfg.watches = {addr("M_W:0:2")};
     openAndConnect();
     const Exchange ex = session->step();
     ASSERT_EQ(ex.sent, 1);
     EXPECT_EQ(ex.commandId, 6);  // AddDeviceNotification
     ASSERT_EQ(ex.sendLen, 78);
-    EXPECT_EQ(ex.frame[2], 72);                       // AMS/TCP length
+    EXPECT_EQ(ex.frame[2], 72);                        // AMS/TCP length
     EXPECT_EQ(ex.frame[12] | ex.frame[13] << 8, 100);  // target port of the hello
     EXPECT_EQ(ex.frame[20] | ex.frame[21] << 8, 0x80BB);
     EXPECT_EQ(ex.frame[34], 7);  // invoke id
@@ -120,16 +134,17 @@ TEST_F(HostE2E, HandshakeIsTheFirstFrameAndTheSimulatorAcceptsIt) {
     EXPECT_EQ(sim.counter("read"), 1);
 }
 
-TEST_F(HostE2E, ScreenWithGapsInAllThreeAreasShowsTheSimulatorsMemoryAndReportsChanges) {
+TEST_F(HostE2E, ScreenWithGapsInAllThreeAreasShowsTheSimulatorsMemoryAndReportsChanges)
+{
     ASSERT_TRUE(sim.set(I, 0, bytes({0x34, 0x12, 0x78, 0x56, 0x00, 0x05})));  // I byte 5: bits 0 and 2
-    ASSERT_TRUE(sim.set(Q, 3, bytes({0x80})));                                 // Q_bit 3.7 set
+    ASSERT_TRUE(sim.set(Q, 3, bytes({0x80})));                                // Q_bit 3.7 set
     ASSERT_TRUE(sim.set(Q, 10, bytes({0xCD, 0xAB})));
     ASSERT_TRUE(sim.set(M, 0, bytes({0x01, 0x02, 0x03, 0x04})));
     ASSERT_TRUE(sim.set(M, 20, bytes({0x11, 0x22})));
     ASSERT_TRUE(sim.set(M, 40, bytes({0x05})));   // M_bit 40.0..40.3 = 1 0 1 0
     ASSERT_TRUE(sim.set(M, 100, bytes({0x08})));  // M_bit 100.3 set
-    cfg.watches = {addr("I_W:0:2"), addr("I_bit:5.0:3"), addr("Q_W:10"),      addr("Q_bit:3.7"),
-                   addr("M_W:0:2"), addr("M_W:20"),      addr("M_bit:100.3"), addr("M_bit:40.0:4")};
+    cfg.watches = {addr("I_W:0:2"), addr("I_bit:5.0:3"), addr("Q_W:10"), addr("Q_bit:3.7"), addr("M_W:0:2"),
+        addr("M_W:20"), addr("M_bit:100.3"), addr("M_bit:40.0:4")};
     openAndConnect();
     // I: bytes 0..3 and 5 bridged (gap 1); Q: bytes 3 and 10..11 bridged (gap 6 <= 8);
     // M: 0..3, 20..21, 40 and 100 stay apart (gaps 16, 18 and 59 > 8).
@@ -137,7 +152,8 @@ TEST_F(HostE2E, ScreenWithGapsInAllThreeAreasShowsTheSimulatorsMemoryAndReportsC
     handshake();
     refreshes(2);
 
-    for (const Exchange& ex : session->exchanges()) EXPECT_EQ(ex.result, 1);
+    for (const Exchange& ex : session->exchanges())
+        EXPECT_EQ(ex.result, 1);
     EXPECT_EQ(session->read(addr("I_W:0:2")), bytes({0x34, 0x12, 0x78, 0x56}));
     EXPECT_EQ(session->read(addr("I_bit:5.0:3")), bytes({1, 0, 1}));
     EXPECT_EQ(session->read(addr("Q_W:10")), bytes({0xCD, 0xAB}));
@@ -190,7 +206,8 @@ TEST_F(HostE2E, ScreenWithGapsInAllThreeAreasShowsTheSimulatorsMemoryAndReportsC
     EXPECT_EQ(third[0].address, 321);
 }
 
-TEST_F(HostE2E, WordAndBitWritesFromASecondThreadLandInTheSimulatorAndLeaveNeighboursAlone) {
+TEST_F(HostE2E, WordAndBitWritesFromASecondThreadLandInTheSimulatorAndLeaveNeighboursAlone)
+{
     ASSERT_TRUE(sim.set(M, 28, bytes({0xA1, 0xA2, 0x00, 0x00, 0xA3, 0xA4})));
     ASSERT_TRUE(sim.set(M, 39, bytes({0xAA, 0xF1, 0x55})));
     ASSERT_TRUE(sim.set(Q, 2, bytes({0x11, 0xFF, 0x22})));
@@ -200,7 +217,7 @@ TEST_F(HostE2E, WordAndBitWritesFromASecondThreadLandInTheSimulatorAndLeaveNeigh
     handshake();
     refreshes(1);
 
-    std::atomic<bool> writesDone{false};
+    std::atomic<bool> writesDone {false};
     std::thread writer([&] {
         session->write(wr("M_W:30=0x1234"));
         session->write(wr("M_bit:40.2=1"));
@@ -213,10 +230,11 @@ TEST_F(HostE2E, WordAndBitWritesFromASecondThreadLandInTheSimulatorAndLeaveNeigh
     int64_t lastCheck = 0;
     bool landed = false;
     session->run(0, 5000, [&] {
-        if (!writesDone || adshost::nowMs() - lastCheck < 20) return false;
+        if (!writesDone || adshost::nowMs() - lastCheck < 20)
+            return false;
         lastCheck = adshost::nowMs();
-        landed = sim.get(M, 30, 2) == bytes({0x34, 0x12}) && sim.get(M, 40, 1) == bytes({0xF4}) &&
-                 sim.get(Q, 3, 1) == bytes({0x7F}) && sim.get(Q, 10, 2) == bytes({0x5A, 0xA5});
+        landed = sim.get(M, 30, 2) == bytes({0x34, 0x12}) && sim.get(M, 40, 1) == bytes({0xF4})
+            && sim.get(Q, 3, 1) == bytes({0x7F}) && sim.get(Q, 10, 2) == bytes({0x5A, 0xA5});
         return landed;
     });
     writer.join();
@@ -239,7 +257,8 @@ TEST_F(HostE2E, WordAndBitWritesFromASecondThreadLandInTheSimulatorAndLeaveNeigh
     EXPECT_EQ(sim.counter("write"), 5);
 }
 
-TEST_F(HostE2E, RecipeIsWrittenAndReadThroughTheFlagBytesOfTheStatusBlock) {
+TEST_F(HostE2E, RecipeIsWrittenAndReadThroughTheFlagBytesOfTheStatusBlock)
+{
     adshost::RecipeVar a, b, c;
     a.addr = addr("M_W:500:2");
     a.rcpDataIndex = 0;
@@ -262,12 +281,14 @@ TEST_F(HostE2E, RecipeIsWrittenAndReadThroughTheFlagBytesOfTheStatusBlock) {
     EXPECT_EQ(sim.get(M, 500, 6), bytes({0x11, 0x11, 0x22, 0x22, 0x33, 0x33}));
     EXPECT_EQ(sim.get(Q, 100, 4), bytes({0x44, 0x44, 0x55, 0x55}));
     int writeFrames = 0;
-    for (const Exchange& ex : session->exchanges()) writeFrames += ex.commandId == 3;
+    for (const Exchange& ex : session->exchanges())
+        writeFrames += ex.commandId == 3;
     EXPECT_EQ(writeFrames, 2);  // M_W 500..505 is one block, Q_W 100..103 the other
 
     ASSERT_TRUE(sim.set(M, 500, bytes({0x01, 0xA0, 0x02, 0xA0, 0x03, 0xA0})));
     ASSERT_TRUE(sim.set(Q, 100, bytes({0x04, 0xB0, 0x05, 0xB0})));
-    for (int k = 0; k < 5; ++k) session->setRecipeWord(k, 0);
+    for (int k = 0; k < 5; ++k)
+        session->setRecipeWord(k, 0);
     session->takeChanges();
     session->requestRecipeRead();
     session->run(0, 5000, [&] { return !session->recipeReadPending(); });
@@ -280,17 +301,19 @@ TEST_F(HostE2E, RecipeIsWrittenAndReadThroughTheFlagBytesOfTheStatusBlock) {
     // The recipe buffer reports: context 0, key -1, "RWI", once per byte.
     std::vector<int> rwi;
     for (const Change& ch : session->takeChanges()) {
-        if (ch.text != "RWI") continue;
+        if (ch.text != "RWI")
+            continue;
         EXPECT_EQ(ch.context, 0);
         EXPECT_EQ(ch.keyNo, -1);
         rwi.push_back(ch.address);
     }
     // The recipe variables are sorted by key, register (Q_W before M_W) and address, so the
     // Q_W block (words 3 and 4 of the buffer) is read first.
-    EXPECT_EQ(rwi, (std::vector<int>{3, 3, 4, 4, 0, 0, 1, 1, 2, 2}));
+    EXPECT_EQ(rwi, (std::vector<int> {3, 3, 4, 4, 0, 0, 1, 1, 2, 2}));
 }
 
-TEST_F(HostE2E, ConditionReadIsServedBeforeTheScreenAndReportsMinusOne) {
+TEST_F(HostE2E, ConditionReadIsServedBeforeTheScreenAndReportsMinusOne)
+{
     ASSERT_TRUE(sim.set(M, 300, bytes({0xDE, 0xAD, 0xBE, 0xEF})));
     cfg.watches = {addr("M_W:0")};
     cfg.conditions = {addr("M_W:300:2")};
@@ -306,7 +329,8 @@ TEST_F(HostE2E, ConditionReadIsServedBeforeTheScreenAndReportsMinusOne) {
     std::vector<Change> cs = session->takeChanges();
     int reports = 0;
     for (const Change& c : cs) {
-        if (c.text != "-1") continue;
+        if (c.text != "-1")
+            continue;
         ++reports;
         EXPECT_EQ(c.context, -1);
         EXPECT_EQ(c.keyNo, -1);
@@ -318,7 +342,8 @@ TEST_F(HostE2E, ConditionReadIsServedBeforeTheScreenAndReportsMinusOne) {
     EXPECT_EQ(session->step().varAddress, 0);
 }
 
-TEST_F(HostE2E, FailedConditionReadReportsMinusOneWithFailure) {
+TEST_F(HostE2E, FailedConditionReadReportsMinusOneWithFailure)
+{
     cfg.watches = {addr("M_W:0")};
     openAndConnect();
     handshake();
@@ -339,7 +364,8 @@ TEST_F(HostE2E, FailedConditionReadReportsMinusOneWithFailure) {
     EXPECT_EQ(cs[0].address, -1);  // failed
 }
 
-TEST_F(HostE2E, SplitReplyIsReassembledAndAccepted) {
+TEST_F(HostE2E, SplitReplyIsReassembledAndAccepted)
+{
     ASSERT_TRUE(sim.set(M, 0, bytes({0x10, 0x20, 0x30, 0x40})));
     cfg.watches = {addr("M_W:0:2")};
     openAndConnect();
@@ -359,9 +385,10 @@ struct BadReply {
     int replyBytes;
 };
 
-class BadReplyE2E : public HostE2E, public ::testing::WithParamInterface<BadReply> {};
+class BadReplyE2E : public HostE2E, public ::testing::WithParamInterface<BadReply> { };
 
-TEST_P(BadReplyE2E, IsRejectedThenTheSameFrameIsRepeatedAndAccepted) {
+TEST_P(BadReplyE2E, IsRejectedThenTheSameFrameIsRepeatedAndAccepted)
+{
     ASSERT_TRUE(sim.set(M, 0, bytes({0x11, 0x22, 0x33, 0x44})));
     cfg.watches = {addr("M_W:0:2")};
     openAndConnect();
@@ -379,11 +406,12 @@ TEST_P(BadReplyE2E, IsRejectedThenTheSameFrameIsRepeatedAndAccepted) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Faults, BadReplyE2E,
-                         ::testing::Values(BadReply{"noreply", 0}, BadReply{"short", 49}, BadReply{"long", 51},
-                                           BadReply{"adserror", 46}),
-                         [](const ::testing::TestParamInfo<BadReply>& i) { return std::string(i.param.kind); });
+    ::testing::Values(
+        BadReply {"noreply", 0}, BadReply {"short", 49}, BadReply {"long", 51}, BadReply {"adserror", 46}),
+    [](const ::testing::TestParamInfo<BadReply>& i) { return std::string(i.param.kind); });
 
-TEST_F(HostE2E, RetryLimitGivesUpWithAnErrorTextAndCommunicationRecovers) {
+TEST_F(HostE2E, RetryLimitGivesUpWithAnErrorTextAndCommunicationRecovers)
+{
     cfg.watches = {addr("M_W:0:2")};
     openAndConnect();
     handshake();
@@ -394,7 +422,7 @@ TEST_F(HostE2E, RetryLimitGivesUpWithAnErrorTextAndCommunicationRecovers) {
     EXPECT_EQ(c.result, 2);
     EXPECT_EQ(a.frame, c.frame);
     EXPECT_EQ(c.errorText, "1#M_W0(4)(49)");
-    EXPECT_EQ(session->errorTexts(), std::vector<std::string>{"1#M_W0(4)(49)"});
+    EXPECT_EQ(session->errorTexts(), std::vector<std::string> {"1#M_W0(4)(49)"});
 
     ASSERT_TRUE(sim.set(M, 0, bytes({0x0A, 0x0B, 0x0C, 0x0D})));
     const Exchange d = session->step();
@@ -411,7 +439,8 @@ TEST_F(HostE2E, RetryLimitGivesUpWithAnErrorTextAndCommunicationRecovers) {
     EXPECT_EQ(st.timeouts, 2u);
 }
 
-TEST_F(HostE2E, LateReplyIsDrainedBeforeTheNextFrame) {
+TEST_F(HostE2E, LateReplyIsDrainedBeforeTheNextFrame)
+{
     ASSERT_TRUE(sim.set(M, 0, bytes({0x55, 0x66, 0x77, 0x88})));
     cfg.watches = {addr("M_W:0:2")};
     cfg.replyTimeoutMs = 100;
@@ -432,7 +461,8 @@ TEST_F(HostE2E, LateReplyIsDrainedBeforeTheNextFrame) {
 // A reply that never comes after a time-out: before the next request the host waits once
 // more for it, then starts a new connection, so that no late reply can be taken for the
 // answer to another request.
-TEST_F(HostE2E, OwedReplyThatNeverComesCostsTheConnectionNotAMixup) {
+TEST_F(HostE2E, OwedReplyThatNeverComesCostsTheConnectionNotAMixup)
+{
     ASSERT_TRUE(sim.set(M, 0, bytes({0x21, 0x22, 0x23, 0x24})));
     cfg.watches = {addr("M_W:0:2")};
     cfg.replyTimeoutMs = 100;
@@ -450,7 +480,8 @@ TEST_F(HostE2E, OwedReplyThatNeverComesCostsTheConnectionNotAMixup) {
     EXPECT_EQ(session->read(addr("M_W:0:2")), bytes({0x21, 0x22, 0x23, 0x24}));
 }
 
-TEST_F(HostE2E, LostConnectionIsReestablishedAndTheFrameRepeated) {
+TEST_F(HostE2E, LostConnectionIsReestablishedAndTheFrameRepeated)
+{
     ASSERT_TRUE(sim.set(M, 0, bytes({0x01, 0x02, 0x03, 0x04})));
     cfg.watches = {addr("M_W:0:2")};
     openAndConnect();
@@ -471,13 +502,13 @@ TEST_F(HostE2E, LostConnectionIsReestablishedAndTheFrameRepeated) {
     EXPECT_EQ(sim.counter("connections"), 1);  // connections open now: the old one is gone
     const std::string log = sim.logText();
     EXPECT_NE(log.find("fault close: closing 127.0.0.1:" + std::to_string(firstPort)), std::string::npos) << log;
-    EXPECT_NE(log.find("connection from 127.0.0.1:" + std::to_string(session->localPort())), std::string::npos)
-        << log;
+    EXPECT_NE(log.find("connection from 127.0.0.1:" + std::to_string(session->localPort())), std::string::npos) << log;
     EXPECT_EQ(session->read(addr("M_W:0:2")), bytes({0x09, 0x08, 0x07, 0x06}));
     refreshes(3);
 }
 
-TEST_F(HostE2E, ConnectionThatCannotBeReestablishedEndsTheRunWithAReason) {
+TEST_F(HostE2E, ConnectionThatCannotBeReestablishedEndsTheRunWithAReason)
+{
     cfg.watches = {addr("M_W:0:2")};
     cfg.reconnectAttempts = 3;
     cfg.reconnectBackoffMs = 10;
@@ -490,8 +521,7 @@ TEST_F(HostE2E, ConnectionThatCannotBeReestablishedEndsTheRunWithAReason) {
     EXPECT_FALSE(session->run(100, 5000));
     EXPECT_LT(adshost::nowMs() - t0, 3000);
     EXPECT_TRUE(session->failedForGood());
-    EXPECT_NE(session->failure().find("not re-established after 3 attempts"), std::string::npos)
-        << session->failure();
+    EXPECT_NE(session->failure().find("not re-established after 3 attempts"), std::string::npos) << session->failure();
     ASSERT_TRUE(sim.start({"--no-program"}));  // for TearDown
 }
 
@@ -501,37 +531,44 @@ struct PcapPacket {
     std::vector<uint8_t> data;
 };
 
-std::vector<PcapPacket> readPcap(const std::string& path, uint32_t& linkType) {
+std::vector<PcapPacket> readPcap(const std::string& path, uint32_t& linkType)
+{
     std::ifstream f(path, std::ios::binary);
     std::vector<uint8_t> all((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
     std::vector<PcapPacket> out;
     auto le32 = [&](size_t at) {
-        return uint32_t(all[at]) | uint32_t(all[at + 1]) << 8 | uint32_t(all[at + 2]) << 16 |
-               uint32_t(all[at + 3]) << 24;
+        return uint32_t(all[at]) | uint32_t(all[at + 1]) << 8 | uint32_t(all[at + 2]) << 16
+            | uint32_t(all[at + 3]) << 24;
     };
-    if (all.size() < 24 || le32(0) != 0xa1b2c3d4u) return out;
+    if (all.size() < 24 || le32(0) != 0xa1b2c3d4u)
+        return out;
     linkType = le32(20);
     size_t at = 24;
     while (at + 16 <= all.size()) {
         const uint32_t len = le32(at + 8);
-        if (at + 16 + len > all.size()) break;
-        out.push_back(PcapPacket{std::vector<uint8_t>(all.begin() + long(at + 16), all.begin() + long(at + 16 + len))});
+        if (at + 16 + len > all.size())
+            break;
+        out.push_back(
+            PcapPacket {std::vector<uint8_t>(all.begin() + long(at + 16), all.begin() + long(at + 16 + len))});
         at += 16 + len;
     }
     return out;
 }
 
-class CaptureE2E : public HostE2E, public ::testing::WithParamInterface<bool> {};
+class CaptureE2E : public HostE2E, public ::testing::WithParamInterface<bool> { };
 
-TEST_P(CaptureE2E, EveryFrameIsOnePacketWithConsistentTcpSequenceNumbers) {
+TEST_P(CaptureE2E, EveryFrameIsOnePacketWithConsistentTcpSequenceNumbers)
+{
     const bool raw = GetParam();
-    cfg.pcapPath = ::testing::TempDir() + "adshost_e2e_" + std::to_string(::getpid()) + (raw ? "_raw" : "_eth") + ".pcap";
+    cfg.pcapPath
+        = ::testing::TempDir() + "adshost_e2e_" + std::to_string(::getpid()) + (raw ? "_raw" : "_eth") + ".pcap";
     cfg.pcapRaw = raw;
     cfg.watches = {addr("M_W:0:2"), addr("Q_bit:1.1")};
     openAndConnect();
     session->write(wr("M_bit:7.7=1"));
     const uint16_t hostPort = uint16_t(session->localPort());
-    for (int i = 0; i < 10; ++i) ASSERT_EQ(session->step().result, 1);
+    for (int i = 0; i < 10; ++i)
+        ASSERT_EQ(session->step().result, 1);
     session->disconnect();
 
     uint32_t link = 0;
@@ -573,27 +610,30 @@ TEST_P(CaptureE2E, EveryFrameIsOnePacketWithConsistentTcpSequenceNumbers) {
     if (std::system("command -v tshark >/dev/null 2>&1") != 0) {
         GTEST_SKIP() << "tshark not installed: the dissector check is left out";
     }
-    const std::string cmd = "tshark -r " + cfg.pcapPath + " -d tcp.port==" + std::to_string(sim.port()) +
-                            ",ams -Y ams -T fields -e ams.cmdid -e ams.stateflags 2>/dev/null";
+    const std::string cmd = "tshark -r " + cfg.pcapPath + " -d tcp.port==" + std::to_string(sim.port())
+        + ",ams -Y ams -T fields -e ams.cmdid -e ams.stateflags 2>/dev/null";
     FILE* pipe = ::popen(cmd.c_str(), "r");
     ASSERT_NE(pipe, nullptr);
     std::string out;
     char buf[256];
-    while (std::fgets(buf, sizeof buf, pipe)) out += buf;
+    while (std::fgets(buf, sizeof buf, pipe))
+        out += buf;
     ::pclose(pipe);
     const std::vector<std::string> ls = e2e::lines(out);
     ASSERT_EQ(ls.size(), 20u) << out;
     EXPECT_EQ(ls[0], "6\t0x0004");
     EXPECT_EQ(ls[1], "6\t0x0005");
     int writes = 0;
-    for (const std::string& l : ls) writes += l == "3\t0x0004";
+    for (const std::string& l : ls)
+        writes += l == "3\t0x0004";
     EXPECT_EQ(writes, 1);  // the bit write: a read of byte 7, then this write
 }
 
 INSTANTIATE_TEST_SUITE_P(LinkTypes, CaptureE2E, ::testing::Values(false, true),
-                         [](const ::testing::TestParamInfo<bool>& i) { return i.param ? "Raw" : "Ethernet"; });
+    [](const ::testing::TestParamInfo<bool>& i) { return i.param ? "Raw" : "Ethernet"; });
 
-TEST(HostE2EOpen, MissingEntryPointIsNamed) {
+TEST(HostE2EOpen, MissingEntryPointIsNamed)
+{
     Session s;
     adshost::Config cfg;
     cfg.driverPath = INCOMPLETE_PLUGIN;
@@ -605,7 +645,8 @@ TEST(HostE2EOpen, MissingEntryPointIsNamed) {
     EXPECT_EQ(why.find("intf_getVersion"), std::string::npos) << why;  // that one is there
 }
 
-TEST(HostE2EOpen, AddressTheDriverRejectsStopsTheSession) {
+TEST(HostE2EOpen, AddressTheDriverRejectsStopsTheSession)
+{
     Session s;
     adshost::Config cfg;
     cfg.driverPath = ADS_PLUGIN;

@@ -10,15 +10,18 @@ namespace {
 
 const unsigned M = 0x4020;
 
-std::map<std::string, std::string> figures(const std::string& out) {
+std::map<std::string, std::string> figures(const std::string& out)
+{
     std::map<std::string, std::string> f;
     for (const std::string& l : e2e::lines(out)) {
-        if (l.compare(0, 9, "figures: ") != 0) continue;
+        if (l.compare(0, 9, "figures: ") != 0)
+            continue;
         std::stringstream s(l.substr(9));
         std::string kv;
         while (s >> kv) {
             const size_t eq = kv.find('=');
-            if (eq != std::string::npos) f[kv.substr(0, eq)] = kv.substr(eq + 1);
+            if (eq != std::string::npos)
+                f[kv.substr(0, eq)] = kv.substr(eq + 1);
         }
     }
     return f;
@@ -28,18 +31,21 @@ class ProgramE2E : public ::testing::Test {
 protected:
     void SetUp() override { ASSERT_TRUE(sim.start({"--no-program"})); }
     void TearDown() override { EXPECT_EQ(sim.stop(), 0); }
-    std::vector<std::string> base() {
-        return {ADSHOST_EXE, "--driver", ADS_PLUGIN, "--plc", "127.0.0.1:" + std::to_string(sim.port()),
-                "--netid", "192.168.1.100.1.1", "--ams-port", "851"};
+    std::vector<std::string> base()
+    {
+        return {ADSHOST_EXE, "--driver", ADS_PLUGIN, "--plc", "127.0.0.1:" + std::to_string(sim.port()), "--netid",
+            "192.168.1.100.1.1", "--ams-port", "851"};
     }
     e2e::Sim sim;
 };
 
-TEST_F(ProgramE2E, RunsTheGivenCyclesAndPrintsItsFigures) {
+TEST_F(ProgramE2E, RunsTheGivenCyclesAndPrintsItsFigures)
+{
     ASSERT_TRUE(sim.set(M, 0, {0x34, 0x12, 0x00, 0x00}));
     ASSERT_TRUE(sim.set(M, 2, {0x01}));
     std::vector<std::string> args = base();
-    for (const char* a : {"--watch", "M_W:0:2", "--watch", "M_bit:2.0", "--cycles", "40"}) args.push_back(a);
+    for (const char* a : {"--watch", "M_W:0:2", "--watch", "M_bit:2.0", "--cycles", "40"})
+        args.push_back(a);
     const e2e::RunResult r = e2e::runProgram(args, 20000);
     ASSERT_FALSE(r.timedOut);
     EXPECT_EQ(r.exitCode, 0) << r.err;
@@ -58,18 +64,19 @@ TEST_F(ProgramE2E, RunsTheGivenCyclesAndPrintsItsFigures) {
     EXPECT_EQ(sim.counter("read"), 39);
 }
 
-TEST_F(ProgramE2E, WritesAndRecipeOfARunLandInTheSimulator) {
+TEST_F(ProgramE2E, WritesAndRecipeOfARunLandInTheSimulator)
+{
     ASSERT_TRUE(sim.set(M, 20, {0xF0}));
     std::vector<std::string> args = base();
     for (const char* a : {"--watch", "M_W:0:2", "--write", "M_W:10=0x1234", "--write", "M_bit:20.3=1", "--recipe",
-                          "M_W:200:2=0x1111,0x2222", "--duration", "1", "--quiet"})
+             "M_W:200:2=0x1111,0x2222", "--duration", "1", "--quiet"})
         args.push_back(a);
     const e2e::RunResult r = e2e::runProgram(args, 20000);
     ASSERT_FALSE(r.timedOut);
     EXPECT_EQ(r.exitCode, 0) << r.err;
-    EXPECT_EQ(sim.get(M, 10, 2), (std::vector<uint8_t>{0x34, 0x12}));
-    EXPECT_EQ(sim.get(M, 20, 1), (std::vector<uint8_t>{0xF8}));
-    EXPECT_EQ(sim.get(M, 200, 4), (std::vector<uint8_t>{0x11, 0x11, 0x22, 0x22}));
+    EXPECT_EQ(sim.get(M, 10, 2), (std::vector<uint8_t> {0x34, 0x12}));
+    EXPECT_EQ(sim.get(M, 20, 1), (std::vector<uint8_t> {0xF8}));
+    EXPECT_EQ(sim.get(M, 200, 4), (std::vector<uint8_t> {0x11, 0x11, 0x22, 0x22}));
     EXPECT_NE(r.out.find("recipe read: done M_W:200:2=0x1111,0x2222 (matches the download)"), std::string::npos)
         << r.out;
     EXPECT_EQ(r.out.find("value "), std::string::npos);  // --quiet leaves the values out
@@ -78,10 +85,12 @@ TEST_F(ProgramE2E, WritesAndRecipeOfARunLandInTheSimulator) {
     EXPECT_GT(std::stol(f["refreshes"]), 10);
 }
 
-TEST_F(ProgramE2E, MissingPluginFailsWithOneLine) {
+TEST_F(ProgramE2E, MissingPluginFailsWithOneLine)
+{
     std::vector<std::string> args = base();
     args[2] = "/nonexistent/libads_ethernet.so";
-    for (const char* a : {"--watch", "M_W:0", "--cycles", "3"}) args.push_back(a);
+    for (const char* a : {"--watch", "M_W:0", "--cycles", "3"})
+        args.push_back(a);
     const e2e::RunResult r = e2e::runProgram(args, 10000);
     EXPECT_EQ(r.exitCode, 1);
     ASSERT_EQ(e2e::lines(r.err).size(), 1u) << r.err;
@@ -89,36 +98,42 @@ TEST_F(ProgramE2E, MissingPluginFailsWithOneLine) {
     EXPECT_EQ(r.out, "");
 }
 
-TEST_F(ProgramE2E, PluginWithoutEntryPointsFailsWithOneLine) {
+TEST_F(ProgramE2E, PluginWithoutEntryPointsFailsWithOneLine)
+{
     std::vector<std::string> args = base();
     args[2] = INCOMPLETE_PLUGIN;
-    for (const char* a : {"--watch", "M_W:0", "--cycles", "3"}) args.push_back(a);
+    for (const char* a : {"--watch", "M_W:0", "--cycles", "3"})
+        args.push_back(a);
     const e2e::RunResult r = e2e::runProgram(args, 10000);
     EXPECT_EQ(r.exitCode, 1);
     ASSERT_EQ(e2e::lines(r.err).size(), 1u) << r.err;
     EXPECT_NE(r.err.find("lacks entry points: intf_setAddrValueChangeCallBack"), std::string::npos) << r.err;
 }
 
-TEST_F(ProgramE2E, RefusedConnectionFailsWithOneLine) {
+TEST_F(ProgramE2E, RefusedConnectionFailsWithOneLine)
+{
     const uint16_t port = e2e::closedPort();
-    std::vector<std::string> args = {ADSHOST_EXE, "--driver", ADS_PLUGIN, "--plc",
-                                     "127.0.0.1:" + std::to_string(port), "--watch", "M_W:0", "--cycles", "3"};
+    std::vector<std::string> args = {ADSHOST_EXE, "--driver", ADS_PLUGIN, "--plc", "127.0.0.1:" + std::to_string(port),
+        "--watch", "M_W:0", "--cycles", "3"};
     const e2e::RunResult r = e2e::runProgram(args, 10000);
     EXPECT_EQ(r.exitCode, 1);
     ASSERT_EQ(e2e::lines(r.err).size(), 1u) << r.err;
     EXPECT_EQ(r.err, "adshost: cannot connect to 127.0.0.1:" + std::to_string(port) + ": Connection refused\n");
 }
 
-TEST_F(ProgramE2E, AddressTheDriverRejectsFailsWithOneLine) {
+TEST_F(ProgramE2E, AddressTheDriverRejectsFailsWithOneLine)
+{
     std::vector<std::string> args = base();
-    for (const char* a : {"--watch", "M_W:0", "--watch", "I_W:65535", "--cycles", "3"}) args.push_back(a);
+    for (const char* a : {"--watch", "M_W:0", "--watch", "I_W:65535", "--cycles", "3"})
+        args.push_back(a);
     const e2e::RunResult r = e2e::runProgram(args, 10000);
     EXPECT_EQ(r.exitCode, 1);
     EXPECT_EQ(r.err, "adshost: address I_W:65535 rejected by the driver (check result 2)\n");
     EXPECT_EQ(sim.counter("connections"), 0);  // checked before connecting
 }
 
-TEST_F(ProgramE2E, CommunicationErrorIsShownWithTheDriversText) {
+TEST_F(ProgramE2E, CommunicationErrorIsShownWithTheDriversText)
+{
     ASSERT_TRUE(sim.command("fault-prob noreply 1") == "ok");
     std::vector<std::string> args = base();
     for (const char* a : {"--watch", "M_W:100:3", "--cycles", "4", "--timeout-ms", "50", "--retries", "2"})
@@ -133,26 +148,28 @@ TEST_F(ProgramE2E, CommunicationErrorIsShownWithTheDriversText) {
     EXPECT_EQ(f["timeouts"], "4");
 }
 
-TEST(ProgramE2EUsage, HelpFitsEightyColumnsAndVersionIsPrinted) {
+TEST(ProgramE2EUsage, HelpFitsEightyColumnsAndVersionIsPrinted)
+{
     const e2e::RunResult h = e2e::runProgram({ADSHOST_EXE, "--help"}, 5000);
     EXPECT_EQ(h.exitCode, 0);
     ASSERT_GT(e2e::lines(h.out).size(), 10u);
-    for (const std::string& l : e2e::lines(h.out)) EXPECT_LE(l.size(), 80u) << l;
+    for (const std::string& l : e2e::lines(h.out))
+        EXPECT_LE(l.size(), 80u) << l;
     EXPECT_NE(h.out.find("--driver PATH"), std::string::npos);
     const e2e::RunResult v = e2e::runProgram({ADSHOST_EXE, "--version"}, 5000);
     EXPECT_EQ(v.exitCode, 0);
     EXPECT_EQ(v.out, "adshost 1.0.0\n");
 }
 
-TEST(ProgramE2EUsage, MalformedArgumentsAreUsageErrors) {
-    const e2e::RunResult a = e2e::runProgram({ADSHOST_EXE, "--driver", ADS_PLUGIN, "--plc", "127.0.0.1:1",
-                                              "--watch", "M_bit:10", "--cycles", "1"},
-                                             5000);
+TEST(ProgramE2EUsage, MalformedArgumentsAreUsageErrors)
+{
+    const e2e::RunResult a = e2e::runProgram(
+        {ADSHOST_EXE, "--driver", ADS_PLUGIN, "--plc", "127.0.0.1:1", "--watch", "M_bit:10", "--cycles", "1"}, 5000);
     EXPECT_EQ(a.exitCode, 2);
     EXPECT_EQ(e2e::lines(a.err).size(), 1u);
     EXPECT_NE(a.err.find("is not BYTE.BIT"), std::string::npos) << a.err;
-    const e2e::RunResult b =
-        e2e::runProgram({ADSHOST_EXE, "--driver", ADS_PLUGIN, "--plc", "127.0.0.1:1", "--watch", "M_W:0"}, 5000);
+    const e2e::RunResult b
+        = e2e::runProgram({ADSHOST_EXE, "--driver", ADS_PLUGIN, "--plc", "127.0.0.1:1", "--watch", "M_W:0"}, 5000);
     EXPECT_EQ(b.exitCode, 2);
     EXPECT_NE(b.err.find("give --cycles or --duration"), std::string::npos) << b.err;
 }

@@ -40,8 +40,8 @@ int main(int argc, char** argv)
     intf_SetDriverPropertyPage(QString::fromLatin1(argv[1]));
 
     std::printf("sourceIp=%d.%d.%d.%d targetAmsNetId=%d.%d.%d.%d.%d.%d targetAmsPort=%d\n", driver.sourceIp[0],
-                driver.sourceIp[1], driver.sourceIp[2], driver.sourceIp[3], driver.targetAmsNetId[0],
-                driver.targetAmsNetId[1], driver.targetAmsNetId[2], driver.targetAmsNetId[3],
-                driver.targetAmsNetId[4], driver.targetAmsNetId[5], driver.targetAmsPort);
+        driver.sourceIp[1], driver.sourceIp[2], driver.sourceIp[3], driver.targetAmsNetId[0], driver.targetAmsNetId[1],
+        driver.targetAmsNetId[2], driver.targetAmsNetId[3], driver.targetAmsNetId[4], driver.targetAmsNetId[5],
+        driver.targetAmsPort);
     return 0;
 }

@@ -22,7 +22,8 @@ using namespace plcsim;
 
 namespace {
 
-NetId id(const char* text) {
+NetId id(const char* text)
+{
     NetId n;
     NetId::parse(text, n);
     return n;
@@ -31,21 +32,25 @@ NetId id(const char* text) {
 const NetId kPlc = id("192.168.1.100.1.1");
 const NetId kPanel = id("127.0.0.1.1.1");
 
-std::vector<uint8_t> request(uint16_t cmd, const std::vector<uint8_t>& data, uint32_t invoke = 1,
-                             const NetId& source = kPanel) {
+std::vector<uint8_t> request(
+    uint16_t cmd, const std::vector<uint8_t>& data, uint32_t invoke = 1, const NetId& source = kPanel)
+{
     return buildRequest(kPlc, 851, source, 33095, cmd, invoke, data);
 }
 
 int64_t now() { return detail::nowMs(); }
 
 // Runs plcsim with the given extra options; stdout is captured, exit status returned.
-int runPlcsim(const std::string& args, std::string& out) {
+int runPlcsim(const std::string& args, std::string& out)
+{
     const std::string cmd = std::string("timeout 10 ") + PLCSIM_EXE + " " + args + " 2>/dev/null";
     FILE* p = popen(cmd.c_str(), "r");
-    if (!p) return -1;
+    if (!p)
+        return -1;
     char buf[512];
     out.clear();
-    while (fgets(buf, sizeof buf, p)) out += buf;
+    while (fgets(buf, sizeof buf, p))
+        out += buf;
     const int st = pclose(p);
     return WIFEXITED(st) ? WEXITSTATUS(st) : -1;
 }
@@ -53,16 +58,18 @@ int runPlcsim(const std::string& args, std::string& out) {
 class Loopback : public ::testing::Test {
 protected:
     void SetUp() override { start({"--no-program"}); }
-    void TearDown() override {
+    void TearDown() override
+    {
         ctl.close();
         ams.close();
         if (sim.pid() > 0) {
             EXPECT_EQ(sim.stop(5000), 0) << "plcsim did not exit cleanly on SIGTERM";
         }
     }
-    void start(std::vector<std::string> extra) {
-        logFile = ::testing::TempDir() + "plcsim_" +
-                  ::testing::UnitTest::GetInstance()->current_test_info()->name() + ".log";
+    void start(std::vector<std::string> extra)
+    {
+        logFile = ::testing::TempDir() + "plcsim_" + ::testing::UnitTest::GetInstance()->current_test_info()->name()
+            + ".log";
         std::vector<std::string> args = {"--listen", "127.0.0.1:0", "--control", "127.0.0.1:0", "--log", logFile};
         args.insert(args.end(), extra.begin(), extra.end());
         ASSERT_TRUE(sim.start(PLCSIM_EXE, args, 5000)) << "plcsim did not start";
@@ -72,13 +79,17 @@ protected:
         ASSERT_TRUE(ams.connect("127.0.0.1", sim.port()));
     }
     // Sends one request and returns its reply frame (empty on time-out).
-    std::vector<uint8_t> roundTrip(const std::vector<uint8_t>& frame, int timeoutMs = 2000) {
+    std::vector<uint8_t> roundTrip(const std::vector<uint8_t>& frame, int timeoutMs = 2000)
+    {
         std::vector<uint8_t> reply;
-        if (!ams.sendAll(frame)) return {};
-        if (!ams.readFrame(reply, timeoutMs)) return {};
+        if (!ams.sendAll(frame))
+            return {};
+        if (!ams.readFrame(reply, timeoutMs))
+            return {};
         return reply;
     }
-    std::string logText() {
+    std::string logText()
+    {
         std::ifstream in(logFile);
         std::stringstream ss;
         ss << in.rdbuf();
@@ -93,7 +104,8 @@ protected:
 
 }  // namespace
 
-TEST_F(Loopback, WriteThenReadOverTcp) {
+TEST_F(Loopback, WriteThenReadOverTcp)
+{
     auto r = roundTrip(request(CmdWrite, writeData(GroupMemory, 100, {0x34, 0x12}), 5));
     ASSERT_EQ(r.size(), 42u);
     ParsedFrame f = parseFrame(r);
@@ -112,7 +124,8 @@ TEST_F(Loopback, WriteThenReadOverTcp) {
     EXPECT_EQ(ctl.command("get 0x4020 100 2"), "ok 3412");
 }
 
-TEST_F(Loopback, SeveralFramesInOneSegmentAndOneFrameInPieces) {
+TEST_F(Loopback, SeveralFramesInOneSegmentAndOneFrameInPieces)
+{
     std::vector<uint8_t> both = request(CmdRead, readData(GroupMemory, 0, 1), 1);
     const auto second = request(CmdReadState, {}, 2);
     both.insert(both.end(), second.begin(), second.end());
@@ -127,18 +140,23 @@ TEST_F(Loopback, SeveralFramesInOneSegmentAndOneFrameInPieces) {
     const auto frame = request(CmdReadState, {}, 3);
     for (size_t i = 0; i < frame.size(); ++i) {
         ASSERT_TRUE(ams.sendAll(&frame[i], 1));
-        if (i % 10 == 0) usleep(1000);
+        if (i % 10 == 0)
+            usleep(1000);
     }
     ASSERT_TRUE(ams.readFrame(a));
     EXPECT_EQ(parseFrame(a).invokeId, 3u);
 }
 
-TEST_F(Loopback, WriteWithLowByteLengthFieldsIsFramedByItsWriteLength) {
+TEST_F(Loopback, WriteWithLowByteLengthFieldsIsFramedByItsWriteLength)
+{
     std::vector<uint8_t> bytes(300);
-    for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = uint8_t(i * 7);
+    for (size_t i = 0; i < bytes.size(); ++i)
+        bytes[i] = uint8_t(i * 7);
     std::vector<uint8_t> f = request(CmdWrite, writeData(GroupMemory, 2000, bytes), 0);
-    f[2] = uint8_t(344 & 0xFF); f[3] = f[4] = f[5] = 0;      // 44 + 300
-    f[26] = uint8_t(312 & 0xFF); f[27] = f[28] = f[29] = 0;  // 12 + 300
+    f[2] = uint8_t(344 & 0xFF);
+    f[3] = f[4] = f[5] = 0;  // 44 + 300
+    f[26] = uint8_t(312 & 0xFF);
+    f[27] = f[28] = f[29] = 0;  // 12 + 300
     const auto next = request(CmdRead, readData(GroupMemory, 2000, 4), 9);
     f.insert(f.end(), next.begin(), next.end());
     ASSERT_TRUE(ams.sendAll(f));
@@ -154,7 +172,8 @@ TEST_F(Loopback, WriteWithLowByteLengthFieldsIsFramedByItsWriteLength) {
     EXPECT_NE(ctl.command("counters").find("lengthfixups=1"), std::string::npos);
 }
 
-TEST_F(Loopback, SplitReplyIsReassembledByItsLength) {
+TEST_F(Loopback, SplitReplyIsReassembledByItsLength)
+{
     ASSERT_EQ(ctl.command("fault split 1"), "ok");
     const int64_t t0 = now();
     const auto r = roundTrip(request(CmdRead, readData(GroupMemory, 0, 16), 4));
@@ -165,7 +184,8 @@ TEST_F(Loopback, SplitReplyIsReassembledByItsLength) {
     EXPECT_NE(logText().find("fault=split"), std::string::npos);
 }
 
-TEST_F(Loopback, DelayFault) {
+TEST_F(Loopback, DelayFault)
+{
     ASSERT_EQ(ctl.command("delay 200"), "ok");
     ASSERT_EQ(ctl.command("fault delay 1"), "ok");
     const int64_t t0 = now();
@@ -179,7 +199,8 @@ TEST_F(Loopback, DelayFault) {
     EXPECT_EQ(parseFrame(r).invokeId, 2u);
 }
 
-TEST_F(Loopback, CloseFault) {
+TEST_F(Loopback, CloseFault)
+{
     ASSERT_EQ(ctl.command("fault close 1"), "ok");
     ASSERT_TRUE(ams.sendAll(request(CmdReadState, {})));
     EXPECT_TRUE(ams.waitClosed(2000));
@@ -189,7 +210,8 @@ TEST_F(Loopback, CloseFault) {
     EXPECT_EQ(roundTrip(request(CmdReadState, {})).size(), 46u);
 }
 
-TEST_F(Loopback, ShapeFaultsOverTcp) {
+TEST_F(Loopback, ShapeFaultsOverTcp)
+{
     ASSERT_EQ(ctl.command("fault short 1"), "ok");
     auto r = roundTrip(request(CmdRead, readData(GroupMemory, 0, 4)));
     EXPECT_EQ(r.size(), 49u);
@@ -212,7 +234,8 @@ TEST_F(Loopback, ShapeFaultsOverTcp) {
     EXPECT_EQ(parseFrame(last).invokeId, 78u);
 }
 
-TEST_F(Loopback, ControlProtocol) {
+TEST_F(Loopback, ControlProtocol)
+{
     EXPECT_EQ(ctl.command("set 0xF030 10 a1b2c3"), "ok");
     EXPECT_EQ(ctl.command("get 0xf030 10 3"), "ok a1b2c3");
     EXPECT_EQ(ctl.command("get 61472 0 2"), "ok 0000");
@@ -240,7 +263,8 @@ TEST_F(Loopback, ControlProtocol) {
     EXPECT_EQ(roundTrip(request(CmdReadState, {})).size(), 46u);
 }
 
-TEST_F(Loopback, ProgramRunsWhenSwitchedOn) {
+TEST_F(Loopback, ProgramRunsWhenSwitchedOn)
+{
     EXPECT_EQ(ctl.command("get 0x4020 0 2"), "ok 0000");
     EXPECT_EQ(ctl.command("program on"), "ok");
     usleep(450 * 1000);
@@ -256,7 +280,8 @@ TEST_F(Loopback, ProgramRunsWhenSwitchedOn) {
     EXPECT_EQ(ctl.command("get 0x4020 0 2"), a);  // still while off
 }
 
-TEST_F(Loopback, SeveralClientsAtOnce) {
+TEST_F(Loopback, SeveralClientsAtOnce)
+{
     TcpClient c2, c3;
     ASSERT_TRUE(c2.connect("127.0.0.1", sim.port()));
     ASSERT_TRUE(c3.connect("127.0.0.1", sim.port()));
@@ -273,17 +298,20 @@ TEST_F(Loopback, SeveralClientsAtOnce) {
     EXPECT_NE(ctl.command("counters").find("connections=3"), std::string::npos);
 }
 
-TEST_F(Loopback, PortRegistrationOverTcp) {
+TEST_F(Loopback, PortRegistrationOverTcp)
+{
     const auto r = roundTrip(portRequest(0));
     ASSERT_EQ(r.size(), 14u);
     EXPECT_EQ(getU16(&r[0]), 0x1000);
     EXPECT_EQ(std::memcmp(&r[6], kPlc.b, 6), 0);
 }
 
-TEST(LoopbackOptions, RoutesNetIdAndOneConnectionPerPeer) {
+TEST(LoopbackOptions, RoutesNetIdAndOneConnectionPerPeer)
+{
     Process sim;
-    ASSERT_TRUE(sim.start(PLCSIM_EXE, {"--listen", "127.0.0.1:0", "--netid", "5.6.7.8.1.1", "--route",
-                                       "127.0.0.1.1.1", "--one-connection-per-peer", "--no-program"}));
+    ASSERT_TRUE(sim.start(PLCSIM_EXE,
+        {"--listen", "127.0.0.1:0", "--netid", "5.6.7.8.1.1", "--route", "127.0.0.1.1.1", "--one-connection-per-peer",
+            "--no-program"}));
     TcpClient a;
     ASSERT_TRUE(a.connect("127.0.0.1", sim.port()));
     const NetId plc = id("5.6.7.8.1.1");
@@ -303,24 +331,28 @@ TEST(LoopbackOptions, RoutesNetIdAndOneConnectionPerPeer) {
     EXPECT_EQ(sim.stop(5000), 0);
 }
 
-TEST(LoopbackOptions, SigintStopsCleanly) {
+TEST(LoopbackOptions, SigintStopsCleanly)
+{
     Process sim;
     ASSERT_TRUE(sim.start(PLCSIM_EXE, {"--listen", "127.0.0.1:0"}));
     ASSERT_TRUE(sim.running());
     ASSERT_EQ(kill(sim.pid(), SIGINT), 0);
     int status = -1;
-    for (int i = 0; i < 200 && sim.running(); ++i) usleep(10000);
+    for (int i = 0; i < 200 && sim.running(); ++i)
+        usleep(10000);
     status = sim.stop(1000);
     EXPECT_EQ(status, 0);
 }
 
-TEST(LoopbackOptions, HelpVersionAndBadArguments) {
+TEST(LoopbackOptions, HelpVersionAndBadArguments)
+{
     std::string out;
     EXPECT_EQ(runPlcsim("--help", out), 0);
     EXPECT_NE(out.find("--listen"), std::string::npos);
     EXPECT_NE(out.find("0x4020"), std::string::npos);
     std::istringstream lines(out);
-    for (std::string line; std::getline(lines, line);) EXPECT_LE(line.size(), 80u) << line;
+    for (std::string line; std::getline(lines, line);)
+        EXPECT_LE(line.size(), 80u) << line;
     EXPECT_EQ(runPlcsim("--version", out), 0);
     EXPECT_EQ(out.rfind("plcsim ", 0), 0u);
     EXPECT_EQ(runPlcsim("--listen 127.0.0.1:0 --bogus", out), 2);

@@ -11,7 +11,8 @@ using namespace plcsim;
 
 namespace {
 
-NetId id(const char* text) {
+NetId id(const char* text)
+{
     NetId n;
     EXPECT_TRUE(NetId::parse(text, n)) << text;
     return n;
@@ -22,16 +23,19 @@ const NetId kPanel = id("192.168.1.10.1.1");
 constexpr uint16_t kPanelPort = 0x8147;
 
 std::vector<uint8_t> request(uint16_t cmd, const std::vector<uint8_t>& data, uint16_t port = 851,
-                             uint32_t invoke = 0x12345678, const NetId& source = kPanel) {
+    uint32_t invoke = 0x12345678, const NetId& source = kPanel)
+{
     return buildRequest(kPlc, port, source, kPanelPort, cmd, invoke, data);
 }
 
-uint32_t result(const std::vector<uint8_t>& reply) {
+uint32_t result(const std::vector<uint8_t>& reply)
+{
     return reply.size() >= HeadersSize + 4 ? getU32(&reply[HeadersSize]) : 0xFFFFFFFFu;
 }
 
 // Length fields of a reply agree with its size.
-void expectConsistent(const std::vector<uint8_t>& reply) {
+void expectConsistent(const std::vector<uint8_t>& reply)
+{
     ASSERT_GE(reply.size(), HeadersSize);
     EXPECT_EQ(getU32(&reply[2]), reply.size() - TcpHeaderSize);
     EXPECT_EQ(getU32(&reply[26]), reply.size() - HeadersSize);
@@ -42,18 +46,20 @@ const uint32_t kGroups[] = {GroupInputs, GroupOutputs, GroupMemory};
 
 }  // namespace
 
-TEST(NetIdTest, ParseAndPrint) {
+TEST(NetIdTest, ParseAndPrint)
+{
     NetId n;
     ASSERT_TRUE(NetId::parse("5.12.0.255.1.1", n));
     EXPECT_EQ(n.b[0], 5);
     EXPECT_EQ(n.b[3], 255);
     EXPECT_EQ(n.str(), "5.12.0.255.1.1");
     for (const char* bad : {"", "1.2.3.4.5", "1.2.3.4.5.6.7", "1.2.3.4.5.256", "1.2.3.4.5.x", "1..3.4.5.6",
-                            "1.2.3.4.5.6 ", "0001.2.3.4.5.6"})
+             "1.2.3.4.5.6 ", "0001.2.3.4.5.6"})
         EXPECT_FALSE(NetId::parse(bad, n)) << bad;
 }
 
-TEST(PlcCore, ReplyHeaderSwapsAddressesAndKeepsInvokeId) {
+TEST(PlcCore, ReplyHeaderSwapsAddressesAndKeepsInvokeId)
+{
     Plc plc;
     const auto reply = plc.handle(request(CmdReadState, {}, 851, 0xA1B2C3D4));
     ASSERT_EQ(reply.size(), HeadersSize + 8);
@@ -75,20 +81,20 @@ TEST(PlcCore, ReplyHeaderSwapsAddressesAndKeepsInvokeId) {
     EXPECT_EQ(getU16(&f.data[6]), 0);
 }
 
-TEST(PlcCore, HandshakeOnPort100) {
+TEST(PlcCore, HandshakeOnPort100)
+{
     // AddDeviceNotification as the panel driver sends it first: group 1, offset
     // 0xFFFF, length 1024, mode 3, to port 100 with invoke id 7. Written out byte
     // by byte so that the frame does not depend on buildRequest.
-    const std::vector<uint8_t> frame = {
-        0x00, 0x00, 0x48, 0x00, 0x00, 0x00,              // AMS/TCP: length 72
-        0xC0, 0xA8, 0x01, 0x64, 0x01, 0x01, 0x64, 0x00,  // target 192.168.1.100.1.1:100
-        0xC0, 0xA8, 0x01, 0x0A, 0x01, 0x01, 0xBB, 0x80,  // source 192.168.1.10.1.1:32955
-        0x06, 0x00, 0x04, 0x00,                          // cmd 6, flags 4
-        0x28, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,  // data length 40, error 0
-        0x07, 0x00, 0x00, 0x00,                          // invoke 7
-        0x01, 0x00, 0x00, 0x00, 0xFF, 0xFF, 0x00, 0x00,  // group 1, offset 0xFFFF
-        0x00, 0x04, 0x00, 0x00, 0x03, 0x00, 0x00, 0x00,  // length 1024, mode 3
-        0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,  // max delay, cycle time
+    const std::vector<uint8_t> frame = {0x00, 0x00, 0x48, 0x00, 0x00, 0x00,  // AMS/TCP: length 72
+        0xC0, 0xA8, 0x01, 0x64, 0x01, 0x01, 0x64, 0x00,                      // target 192.168.1.100.1.1:100
+        0xC0, 0xA8, 0x01, 0x0A, 0x01, 0x01, 0xBB, 0x80,                      // source 192.168.1.10.1.1:32955
+        0x06, 0x00, 0x04, 0x00,                                              // cmd 6, flags 4
+        0x28, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,                      // data length 40, error 0
+        0x07, 0x00, 0x00, 0x00,                                              // invoke 7
+        0x01, 0x00, 0x00, 0x00, 0xFF, 0xFF, 0x00, 0x00,                      // group 1, offset 0xFFFF
+        0x00, 0x04, 0x00, 0x00, 0x03, 0x00, 0x00, 0x00,                      // length 1024, mode 3
+        0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,                      // max delay, cycle time
         0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
     ASSERT_EQ(frame.size(), 78u);
     Plc plc;
@@ -105,13 +111,13 @@ TEST(PlcCore, HandshakeOnPort100) {
     EXPECT_NE(getU32(&f.data[4]), 0u);
 }
 
-TEST(PlcCore, DriverStyleReadFrame) {
+TEST(PlcCore, DriverStyleReadFrame)
+{
     // Read of 4 bytes at 0xF030:100 to port 801, invoke id 0.
-    const std::vector<uint8_t> frame = {
-        0x00, 0x00, 0x2C, 0x00, 0x00, 0x00, 0xC0, 0xA8, 0x01, 0x64, 0x01, 0x01, 0x21, 0x03,
-        0xC0, 0xA8, 0x01, 0x0A, 0x01, 0x01, 0x47, 0x81, 0x02, 0x00, 0x04, 0x00, 0x0C, 0x00,
-        0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x30, 0xF0, 0x00, 0x00,
-        0x64, 0x00, 0x00, 0x00, 0x04, 0x00, 0x00, 0x00};
+    const std::vector<uint8_t> frame
+        = {0x00, 0x00, 0x2C, 0x00, 0x00, 0x00, 0xC0, 0xA8, 0x01, 0x64, 0x01, 0x01, 0x21, 0x03, 0xC0, 0xA8, 0x01, 0x0A,
+            0x01, 0x01, 0x47, 0x81, 0x02, 0x00, 0x04, 0x00, 0x0C, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,
+            0x00, 0x00, 0x30, 0xF0, 0x00, 0x00, 0x64, 0x00, 0x00, 0x00, 0x04, 0x00, 0x00, 0x00};
     ASSERT_EQ(frame.size(), 50u);
     Plc plc;
     std::memcpy(plc.memory(GroupOutputs) + 100, "\x11\x22\x33\x44", 4);
@@ -121,15 +127,17 @@ TEST(PlcCore, DriverStyleReadFrame) {
     EXPECT_EQ(getU16(&reply[20]), 801);
     EXPECT_EQ(getU32(&reply[38]), 0u);
     EXPECT_EQ(getU32(&reply[42]), 4u);
-    EXPECT_EQ(std::vector<uint8_t>(reply.begin() + 46, reply.end()), (std::vector<uint8_t>{0x11, 0x22, 0x33, 0x44}));
+    EXPECT_EQ(std::vector<uint8_t>(reply.begin() + 46, reply.end()), (std::vector<uint8_t> {0x11, 0x22, 0x33, 0x44}));
 }
 
-TEST(PlcCore, ReadEachGroup) {
+TEST(PlcCore, ReadEachGroup)
+{
     Plc plc;
     for (uint32_t g : kGroups) {
         uint8_t* m = plc.memory(g);
         ASSERT_NE(m, nullptr);
-        for (int i = 0; i < 8; ++i) m[500 + i] = uint8_t(g + i);
+        for (int i = 0; i < 8; ++i)
+            m[500 + i] = uint8_t(g + i);
         const auto reply = plc.handle(request(CmdRead, readData(g, 500, 8)));
         ASSERT_EQ(reply.size(), 46u + 8);
         expectConsistent(reply);
@@ -141,7 +149,8 @@ TEST(PlcCore, ReadEachGroup) {
     EXPECT_EQ(plc.counters().byCommand[CmdRead], 3u);
 }
 
-TEST(PlcCore, WriteEachGroup) {
+TEST(PlcCore, WriteEachGroup)
+{
     Plc plc;
     for (uint32_t g : kGroups) {
         const std::vector<uint8_t> bytes = {0xDE, 0xAD, uint8_t(g >> 8)};
@@ -153,7 +162,8 @@ TEST(PlcCore, WriteEachGroup) {
     }
 }
 
-TEST(PlcCore, ReadWriteEachGroup) {
+TEST(PlcCore, ReadWriteEachGroup)
+{
     Plc plc;
     for (uint32_t g : kGroups) {
         const auto reply = plc.handle(request(CmdReadWrite, readWriteData(g, 10, 4, {1, 2})));
@@ -161,11 +171,12 @@ TEST(PlcCore, ReadWriteEachGroup) {
         expectConsistent(reply);
         EXPECT_EQ(result(reply), 0u);
         EXPECT_EQ(getU32(&reply[42]), 4u);
-        EXPECT_EQ(std::vector<uint8_t>(reply.begin() + 46, reply.end()), (std::vector<uint8_t>{1, 2, 0, 0}));
+        EXPECT_EQ(std::vector<uint8_t>(reply.begin() + 46, reply.end()), (std::vector<uint8_t> {1, 2, 0, 0}));
     }
 }
 
-TEST(PlcCore, ZeroLengthReadAndWrite) {
+TEST(PlcCore, ZeroLengthReadAndWrite)
+{
     Plc plc;
     auto r = plc.handle(request(CmdRead, readData(GroupMemory, 0, 0)));
     ASSERT_EQ(r.size(), 46u);
@@ -175,7 +186,8 @@ TEST(PlcCore, ZeroLengthReadAndWrite) {
     EXPECT_EQ(result(r), 0u);
 }
 
-TEST(PlcCore, UnknownIndexGroup) {
+TEST(PlcCore, UnknownIndexGroup)
+{
     Plc plc;
     auto r = plc.handle(request(CmdRead, readData(0x4021, 0, 2)));
     ASSERT_EQ(r.size(), 46u);  // result and a zero length
@@ -190,7 +202,8 @@ TEST(PlcCore, UnknownIndexGroup) {
     EXPECT_EQ(result(r), ErrInvalidGroup);
 }
 
-TEST(PlcCore, OutOfRange) {
+TEST(PlcCore, OutOfRange)
+{
     Plc plc;
     auto r = plc.handle(request(CmdRead, readData(GroupMemory, 0x10000, 1)));
     ASSERT_EQ(r.size(), 46u);
@@ -209,7 +222,8 @@ TEST(PlcCore, OutOfRange) {
     EXPECT_EQ(result(r), ErrInvalidOffset);
 }
 
-TEST(PlcCore, WriteWhoseLengthDisagreesWithItsData) {
+TEST(PlcCore, WriteWhoseLengthDisagreesWithItsData)
+{
     Plc plc;
     std::vector<uint8_t> d = writeData(GroupMemory, 0, {1, 2, 3});
     d[8] = 5;  // says 5 bytes, carries 3
@@ -219,7 +233,8 @@ TEST(PlcCore, WriteWhoseLengthDisagreesWithItsData) {
     EXPECT_EQ(plc.memory(GroupMemory)[0], 0);
 }
 
-TEST(PlcCore, UnknownCommandGetsAmsError) {
+TEST(PlcCore, UnknownCommandGetsAmsError)
+{
     Plc plc;
     for (uint16_t cmd : {uint16_t(0), uint16_t(CmdNotification), uint16_t(10), uint16_t(0x1234)}) {
         const auto r = plc.handle(request(cmd, {1, 2, 3, 4}));
@@ -232,7 +247,8 @@ TEST(PlcCore, UnknownCommandGetsAmsError) {
     }
 }
 
-TEST(PlcCore, WrongPortAndWrongTarget) {
+TEST(PlcCore, WrongPortAndWrongTarget)
+{
     Plc plc;
     auto r = plc.handle(request(CmdRead, readData(GroupMemory, 0, 2), 852));
     ASSERT_EQ(r.size(), HeadersSize);
@@ -242,8 +258,8 @@ TEST(PlcCore, WrongPortAndWrongTarget) {
     // 801 and 851 are runtime ports by default; the set can be changed.
     EXPECT_EQ(plc.handle(request(CmdRead, readData(GroupMemory, 0, 2), 801)).size(), 48u);
     plc.setRuntimePorts({851});
-    EXPECT_EQ(parseFrame(plc.handle(request(CmdRead, readData(GroupMemory, 0, 2), 801))).errorCode,
-              ErrTargetPortNotFound);
+    EXPECT_EQ(
+        parseFrame(plc.handle(request(CmdRead, readData(GroupMemory, 0, 2), 801))).errorCode, ErrTargetPortNotFound);
 
     // Port 100 takes AddDeviceNotification only.
     r = plc.handle(request(CmdRead, readData(GroupMemory, 0, 2), 100));
@@ -256,7 +272,8 @@ TEST(PlcCore, WrongPortAndWrongTarget) {
     EXPECT_EQ(parseFrame(r).errorCode, ErrTargetMachineNotFound);
 }
 
-TEST(PlcCore, PortRegistration) {
+TEST(PlcCore, PortRegistration)
+{
     Plc plc;
     auto r = plc.handle(portRequest(0));
     ASSERT_EQ(r.size(), 14u);
@@ -273,7 +290,8 @@ TEST(PlcCore, PortRegistration) {
     EXPECT_EQ(plc.counters().requests, 0u);
 }
 
-TEST(PlcCore, Routes) {
+TEST(PlcCore, Routes)
+{
     Plc plc;
     const NetId stranger = id("10.0.0.5.1.1");
     EXPECT_FALSE(plc.handle(request(CmdReadState, {}, 851, 1, stranger)).empty());  // no routes: all answered
@@ -286,7 +304,8 @@ TEST(PlcCore, Routes) {
     EXPECT_FALSE(plc.handle(request(CmdReadState, {}, 851, 1, stranger)).empty());
 }
 
-TEST(PlcCore, DeviceInfo) {
+TEST(PlcCore, DeviceInfo)
+{
     Plc plc;
     const auto r = plc.handle(request(CmdReadDeviceInfo, {}));
     ASSERT_EQ(r.size(), HeadersSize + 24);
@@ -295,7 +314,8 @@ TEST(PlcCore, DeviceInfo) {
     EXPECT_STREQ(reinterpret_cast<const char*>(&r[HeadersSize + 8]), "Plc30 App");
 }
 
-TEST(PlcCore, StateAndWriteControl) {
+TEST(PlcCore, StateAndWriteControl)
+{
     Plc plc;
     auto control = [&](uint16_t state) {
         std::vector<uint8_t> d;
@@ -317,7 +337,8 @@ TEST(PlcCore, StateAndWriteControl) {
     EXPECT_EQ(state(), AdsStateRun);
 }
 
-TEST(PlcCore, Notifications) {
+TEST(PlcCore, Notifications)
+{
     Plc plc;
     std::vector<uint8_t> d = readData(GroupMemory, 0, 2);
     putU32(d, 4);
@@ -341,17 +362,20 @@ TEST(PlcCore, Notifications) {
     EXPECT_EQ(result(r), ErrInvalidGroup);
 }
 
-TEST(PlcCore, ProgramStep) {
+TEST(PlcCore, ProgramStep)
+{
     Plc plc;
     uint8_t* m = plc.memory(GroupMemory);
     const uint16_t sine0 = getU16(plc.memory(GroupInputs));
-    for (int i = 0; i < 4; ++i) plc.programStep();
+    for (int i = 0; i < 4; ++i)
+        plc.programStep();
     EXPECT_EQ(getU16(m), 4);
     EXPECT_EQ(m[2] & 1, 0);
     plc.programStep();
     EXPECT_EQ(m[2] & 1, 1);
     EXPECT_NE(getU16(plc.memory(GroupInputs)), sine0);
-    for (int i = 0; i < 5; ++i) plc.programStep();
+    for (int i = 0; i < 5; ++i)
+        plc.programStep();
     EXPECT_EQ(m[2] & 1, 0);
     EXPECT_EQ(getU16(m), 10);
     plc.setAdsState(AdsStateStop);
@@ -359,7 +383,8 @@ TEST(PlcCore, ProgramStep) {
     EXPECT_EQ(getU16(m), 10);
 }
 
-TEST(PlcCore, FaultNoReplyStillCarriesOutTheRequest) {
+TEST(PlcCore, FaultNoReplyStillCarriesOutTheRequest)
+{
     Plc plc;
     plc.injectFault(Fault::NoReply, 1);
     EXPECT_TRUE(plc.handle(request(CmdWrite, writeData(GroupMemory, 0, {7}))).empty());
@@ -371,7 +396,8 @@ TEST(PlcCore, FaultNoReplyStillCarriesOutTheRequest) {
     EXPECT_EQ(plc.counters().unanswered, 1u);
 }
 
-TEST(PlcCore, FaultShortAndLongKeepLengthFieldsConsistent) {
+TEST(PlcCore, FaultShortAndLongKeepLengthFieldsConsistent)
+{
     Plc plc;
     const auto good = plc.handle(request(CmdRead, readData(GroupMemory, 0, 4)));
     ASSERT_EQ(good.size(), 50u);
@@ -395,7 +421,8 @@ TEST(PlcCore, FaultShortAndLongKeepLengthFieldsConsistent) {
     expectConsistent(shortWrite);
 }
 
-TEST(PlcCore, FaultAdsError) {
+TEST(PlcCore, FaultAdsError)
+{
     Plc plc;
     plc.injectFault(Fault::AdsError, 2);
     auto r = plc.handle(request(CmdRead, readData(GroupMemory, 0, 4)));
@@ -414,7 +441,8 @@ TEST(PlcCore, FaultAdsError) {
     EXPECT_EQ(result(plc.handle(request(CmdRead, readData(GroupMemory, 0, 4)))), 0u);
 }
 
-TEST(PlcCore, TransportFaultsAreReported) {
+TEST(PlcCore, TransportFaultsAreReported)
+{
     Plc plc;
     const auto good = plc.handle(request(CmdRead, readData(GroupMemory, 0, 4)));
     plc.injectFault(Fault::Split, 1);
@@ -430,24 +458,28 @@ TEST(PlcCore, TransportFaultsAreReported) {
     EXPECT_EQ(plc.lastFault(), Fault::None);
 }
 
-TEST(PlcCore, InjectedFaultCountsAndPortFramesAreNotFaulted) {
+TEST(PlcCore, InjectedFaultCountsAndPortFramesAreNotFaulted)
+{
     Plc plc;
     plc.injectFault(Fault::NoReply, 3);
     EXPECT_FALSE(plc.handle(portRequest(0)).empty());
     int unanswered = 0;
     for (int i = 0; i < 10; ++i)
-        if (plc.handle(request(CmdReadState, {})).empty()) ++unanswered;
+        if (plc.handle(request(CmdReadState, {})).empty())
+            ++unanswered;
     EXPECT_EQ(unanswered, 3);
     EXPECT_EQ(plc.counters().faults, 3u);
 }
 
-TEST(PlcCore, RandomFaultsAreSeeded) {
+TEST(PlcCore, RandomFaultsAreSeeded)
+{
     auto run = [](uint64_t seed, double p) {
         Plc plc;
         plc.setSeed(seed);
         plc.setFaultProbability(Fault::NoReply, p);
         std::string pattern;
-        for (int i = 0; i < 1000; ++i) pattern += plc.handle(request(CmdReadState, {})).empty() ? 'x' : '.';
+        for (int i = 0; i < 1000; ++i)
+            pattern += plc.handle(request(CmdReadState, {})).empty() ? 'x' : '.';
         return pattern;
     };
     const std::string a = run(42, 0.5), b = run(42, 0.5), c = run(43, 0.5);
@@ -465,15 +497,19 @@ TEST(PlcCore, RandomFaultsAreSeeded) {
     EXPECT_EQ(plc.handle(request(CmdReadState, {})).size(), HeadersSize + 8);
 }
 
-TEST(PlcCore, WriteWithLowByteLengthFields) {
+TEST(PlcCore, WriteWithLowByteLengthFields)
+{
     // A write of 220 bytes whose AMS/TCP length and AMS data length carry only
     // the low byte of the true value (264 -> 0x08, 232 -> 0xE8).
     std::vector<uint8_t> bytes(220);
-    for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = uint8_t(i);
+    for (size_t i = 0; i < bytes.size(); ++i)
+        bytes[i] = uint8_t(i);
     std::vector<uint8_t> f = request(CmdWrite, writeData(GroupMemory, 1000, bytes), 851, 0);
     ASSERT_EQ(f.size(), 270u);
-    f[2] = 0x08; f[3] = f[4] = f[5] = 0;
-    f[26] = 0xE8; f[27] = f[28] = f[29] = 0;
+    f[2] = 0x08;
+    f[3] = f[4] = f[5] = 0;
+    f[26] = 0xE8;
+    f[27] = f[28] = f[29] = 0;
     bool fixed = false;
     EXPECT_EQ(frameLength(f.data(), f.size(), &fixed), 270u);
     EXPECT_TRUE(fixed);
@@ -506,7 +542,8 @@ TEST(PlcCore, WriteWithLowByteLengthFields) {
     EXPECT_EQ(plc.counters().lengthFixups, 1u);
 }
 
-TEST(PlcCore, WritesUpTo211BytesHaveTrueLengths) {
+TEST(PlcCore, WritesUpTo211BytesHaveTrueLengths)
+{
     Plc plc;
     const std::vector<uint8_t> bytes(211, 0x5A);
     const auto f = request(CmdWrite, writeData(GroupMemory, 0, bytes));
@@ -518,7 +555,8 @@ TEST(PlcCore, WritesUpTo211BytesHaveTrueLengths) {
     EXPECT_EQ(plc.counters().lengthFixups, 0u);
 }
 
-TEST(PlcCore, StreamFraming) {
+TEST(PlcCore, StreamFraming)
+{
     std::vector<uint8_t> stream = request(CmdRead, readData(GroupMemory, 0, 2));
     const size_t first = stream.size();
     const auto second = request(CmdWrite, writeData(GroupMemory, 0, {1, 2, 3}));
@@ -532,7 +570,8 @@ TEST(PlcCore, StreamFraming) {
     EXPECT_EQ(frameLength(port.data(), port.size()), 8u);
 }
 
-TEST(PlcCore, MalformedFramesAreDropped) {
+TEST(PlcCore, MalformedFramesAreDropped)
+{
     Plc plc;
     auto f = request(CmdRead, readData(GroupMemory, 0, 2));
     auto longer = f;
@@ -552,7 +591,8 @@ TEST(PlcCore, MalformedFramesAreDropped) {
     EXPECT_EQ(plc.counters().unanswered, 3u);
 }
 
-TEST(PlcCore, LogHasOneLinePerRequest) {
+TEST(PlcCore, LogHasOneLinePerRequest)
+{
     Plc plc;
     std::vector<std::string> log;
     plc.setLogSink([&](const std::string& l) { log.push_back(l); });
@@ -564,7 +604,8 @@ TEST(PlcCore, LogHasOneLinePerRequest) {
     EXPECT_NE(log[1].find("result=0x702"), std::string::npos) << log[1];
 }
 
-TEST(PlcCore, FaultNames) {
+TEST(PlcCore, FaultNames)
+{
     Fault f;
     EXPECT_TRUE(parseFault("AdsError", f));
     EXPECT_EQ(f, Fault::AdsError);
@@ -574,7 +615,8 @@ TEST(PlcCore, FaultNames) {
     EXPECT_STREQ(faultName(Fault::Split), "split");
 }
 
-TEST(PlcCore, MutatedFramesGetNoReplyOrAConsistentOne) {
+TEST(PlcCore, MutatedFramesGetNoReplyOrAConsistentOne)
+{
     // Bounded: 5000 frames from a fixed seed.
     Plc plc;
     uint64_t s = 12345;
@@ -584,18 +626,22 @@ TEST(PlcCore, MutatedFramesGetNoReplyOrAConsistentOne) {
         s ^= s << 17;
         return s;
     };
-    const std::vector<std::vector<uint8_t>> seeds = {
-        request(CmdRead, readData(GroupMemory, 10, 4)), request(CmdWrite, writeData(GroupOutputs, 5, {1, 2, 3})),
-        request(CmdReadWrite, readWriteData(GroupInputs, 0, 2, {9})), request(CmdReadState, {}), portRequest(0)};
+    const std::vector<std::vector<uint8_t>> seeds
+        = {request(CmdRead, readData(GroupMemory, 10, 4)), request(CmdWrite, writeData(GroupOutputs, 5, {1, 2, 3})),
+            request(CmdReadWrite, readWriteData(GroupInputs, 0, 2, {9})), request(CmdReadState, {}), portRequest(0)};
     for (int i = 0; i < 5000; ++i) {
         std::vector<uint8_t> f = seeds[rnd() % seeds.size()];
         const int flips = 1 + int(rnd() % 3);
-        for (int k = 0; k < flips; ++k) f[rnd() % f.size()] = uint8_t(rnd());
-        if (rnd() % 4 == 0) f.resize(rnd() % (f.size() + 1));
+        for (int k = 0; k < flips; ++k)
+            f[rnd() % f.size()] = uint8_t(rnd());
+        if (rnd() % 4 == 0)
+            f.resize(rnd() % (f.size() + 1));
         const auto r = plc.handle(f);
-        if (r.empty()) continue;
+        if (r.empty())
+            continue;
         ASSERT_GE(r.size(), TcpHeaderSize);
         EXPECT_EQ(getU32(&r[2]), r.size() - TcpHeaderSize);
-        if (getU16(r.data()) == 0) expectConsistent(r);
+        if (getU16(r.data()) == 0)
+            expectConsistent(r);
     }
 }

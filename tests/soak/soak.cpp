@@ -106,18 +106,23 @@ using adshost::Session;
 
 namespace {
 
-int64_t nowUs() {
+int64_t nowUs()
+{
     using namespace std::chrono;
     return duration_cast<microseconds>(steady_clock::now().time_since_epoch()).count();
 }
 
-uint32_t u32(const uint8_t* p) { return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24; }
+uint32_t u32(const uint8_t* p)
+{
+    return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24;
+}
 uint16_t u16(const uint8_t* p) { return uint16_t(p[0] | p[1] << 8); }
 
 struct SplitMix {
     uint64_t s;
-    explicit SplitMix(uint64_t seed) : s(seed) {}
-    uint64_t next() {
+    explicit SplitMix(uint64_t seed) : s(seed) { }
+    uint64_t next()
+    {
         uint64_t z = (s += 0x9E3779B97F4A7C15ull);
         z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
         z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
@@ -145,44 +150,48 @@ struct Options {
     std::string plcsim = PLCSIM_EXE;
     std::string logPath;  // simulator's request log; a temporary file by default
     bool keepLog = false;
-    bool corrupt = false;  // self-test of the checks: change the PLC's memory behind the driver's back
+    bool corrupt = false;                // self-test of the checks: change the PLC's memory behind the driver's back
     bool tolerateLateReplies = false;    // a late reply taken for another request's: a note, not a mismatch
     bool reconnectAfterTimeout = false;  // host policy: drop the connection after every reply time-out
 };
 
-int usage(const char* why) {
+int usage(const char* why)
+{
     std::fprintf(stderr,
-                 "soak: %s\n"
-                 "usage: soak [--requests N] [--fault-prob P] [--seed N] [--max-seconds S]\n"
-                 "            [--write-interval-ms MS] [--reply-timeout-ms MS] [--delay-short-ms MS]\n"
-                 "            [--delay-long-ms MS] [--delay-switch N] [--split-pause-ms MS] [--retries N]\n"
-                 "            [--plugin PATH] [--plcsim PATH] [--log FILE] [--keep-log] [--corrupt-memory]\n"
-                 "            [--tolerate-late-replies] [--reconnect-after-timeout]\n"
-                 "--corrupt-memory: before the checks, change one written word and one untouched bit in\n"
-                 "the PLC behind the driver's back (the run must then fail: a self-test of the checks)\n"
-                 "--tolerate-late-replies: a late reply that the driver accepted as the reply to another\n"
-                 "request is printed as a note instead of counting as a mismatch (what it corrupted is\n"
-                 "still checked)\n"
-                 "--reconnect-after-timeout: after every reply time-out the soak drops the connection\n"
-                 "before the next step, so that no late reply can reach a later request\n",
-                 why);
+        "soak: %s\n"
+        "usage: soak [--requests N] [--fault-prob P] [--seed N] [--max-seconds S]\n"
+        "            [--write-interval-ms MS] [--reply-timeout-ms MS] [--delay-short-ms MS]\n"
+        "            [--delay-long-ms MS] [--delay-switch N] [--split-pause-ms MS] [--retries N]\n"
+        "            [--plugin PATH] [--plcsim PATH] [--log FILE] [--keep-log] [--corrupt-memory]\n"
+        "            [--tolerate-late-replies] [--reconnect-after-timeout]\n"
+        "--corrupt-memory: before the checks, change one written word and one untouched bit in\n"
+        "the PLC behind the driver's back (the run must then fail: a self-test of the checks)\n"
+        "--tolerate-late-replies: a late reply that the driver accepted as the reply to another\n"
+        "request is printed as a note instead of counting as a mismatch (what it corrupted is\n"
+        "still checked)\n"
+        "--reconnect-after-timeout: after every reply time-out the soak drops the connection\n"
+        "before the next step, so that no late reply can reach a later request\n",
+        why);
     return 2;
 }
 
-bool parseOptions(int argc, char** argv, Options& o, int& rc) {
+bool parseOptions(int argc, char** argv, Options& o, int& rc)
+{
     for (int i = 1; i < argc; ++i) {
         const std::string a = argv[i];
         auto val = [&]() -> const char* { return i + 1 < argc ? argv[++i] : nullptr; };
         auto num = [&](long long lo, long long hi, long long& out) {
             const char* v = val();
-            if (!v) return false;
+            if (!v)
+                return false;
             char* end = nullptr;
             out = std::strtoll(v, &end, 0);
             return *v && !*end && out >= lo && out <= hi;
         };
         long long n = 0;
         if (a == "--requests") {
-            if (!num(1, 100000000, n)) return rc = usage("--requests needs a positive number"), false;
+            if (!num(1, 100000000, n))
+                return rc = usage("--requests needs a positive number"), false;
             o.requests = uint64_t(n);
         } else if (a == "--fault-prob") {
             const char* v = val();
@@ -191,43 +200,55 @@ bool parseOptions(int argc, char** argv, Options& o, int& rc) {
             if (!v || *end || o.faultProb < 0 || o.faultProb > 0.1)
                 return rc = usage("--fault-prob needs a probability from 0 to 0.1"), false;
         } else if (a == "--seed") {
-            if (!num(0, (1ll << 62), n)) return rc = usage("--seed needs a number"), false;
+            if (!num(0, (1ll << 62), n))
+                return rc = usage("--seed needs a number"), false;
             o.seed = uint64_t(n);
         } else if (a == "--max-seconds") {
-            if (!num(1, 36000, n)) return rc = usage("--max-seconds needs seconds"), false;
+            if (!num(1, 36000, n))
+                return rc = usage("--max-seconds needs seconds"), false;
             o.maxSeconds = int(n);
         } else if (a == "--write-interval-ms") {
-            if (!num(1, 10000, n)) return rc = usage("--write-interval-ms needs milliseconds"), false;
+            if (!num(1, 10000, n))
+                return rc = usage("--write-interval-ms needs milliseconds"), false;
             o.writeIntervalMs = int(n);
         } else if (a == "--reply-timeout-ms") {
-            if (!num(5, 10000, n)) return rc = usage("--reply-timeout-ms needs milliseconds"), false;
+            if (!num(5, 10000, n))
+                return rc = usage("--reply-timeout-ms needs milliseconds"), false;
             o.replyTimeoutMs = int(n);
         } else if (a == "--delay-short-ms") {
-            if (!num(0, 10000, n)) return rc = usage("--delay-short-ms needs milliseconds"), false;
+            if (!num(0, 10000, n))
+                return rc = usage("--delay-short-ms needs milliseconds"), false;
             o.delayShortMs = int(n);
         } else if (a == "--delay-long-ms") {
-            if (!num(0, 10000, n)) return rc = usage("--delay-long-ms needs milliseconds"), false;
+            if (!num(0, 10000, n))
+                return rc = usage("--delay-long-ms needs milliseconds"), false;
             o.delayLongMs = int(n);
         } else if (a == "--delay-switch") {
-            if (!num(1, 100000000, n)) return rc = usage("--delay-switch needs a number"), false;
+            if (!num(1, 100000000, n))
+                return rc = usage("--delay-switch needs a number"), false;
             o.delaySwitch = int(n);
         } else if (a == "--split-pause-ms") {
-            if (!num(0, 10000, n)) return rc = usage("--split-pause-ms needs milliseconds"), false;
+            if (!num(0, 10000, n))
+                return rc = usage("--split-pause-ms needs milliseconds"), false;
             o.splitPauseMs = int(n);
         } else if (a == "--retries") {
-            if (!num(1, 100, n)) return rc = usage("--retries needs a number"), false;
+            if (!num(1, 100, n))
+                return rc = usage("--retries needs a number"), false;
             o.retries = int(n);
         } else if (a == "--plugin") {
             const char* v = val();
-            if (!v) return rc = usage("--plugin needs a path"), false;
+            if (!v)
+                return rc = usage("--plugin needs a path"), false;
             o.plugin = v;
         } else if (a == "--plcsim") {
             const char* v = val();
-            if (!v) return rc = usage("--plcsim needs a path"), false;
+            if (!v)
+                return rc = usage("--plcsim needs a path"), false;
             o.plcsim = v;
         } else if (a == "--log") {
             const char* v = val();
-            if (!v) return rc = usage("--log needs a file name"), false;
+            if (!v)
+                return rc = usage("--log needs a file name"), false;
             o.logPath = v;
             o.keepLog = true;
         } else if (a == "--tolerate-late-replies") {
@@ -248,7 +269,8 @@ bool parseOptions(int argc, char** argv, Options& o, int& rc) {
     }
     if (o.delayShortMs >= o.replyTimeoutMs || o.delayLongMs <= o.replyTimeoutMs)
         return rc = usage("--delay-short-ms must lie below and --delay-long-ms above --reply-timeout-ms"), false;
-    if (o.splitPauseMs >= o.replyTimeoutMs) return rc = usage("--split-pause-ms must lie below --reply-timeout-ms"), false;
+    if (o.splitPauseMs >= o.replyTimeoutMs)
+        return rc = usage("--split-pause-ms must lie below --reply-timeout-ms"), false;
     return true;
 }
 
@@ -266,7 +288,7 @@ struct TapRequest {
     int replies = 0;            // replies that came back with this tag
     int replySize = 0;          // size of the first reply
     bool hasResult = false;
-    uint32_t result = 0;        // ADS result of the first reply (Read/Write replies of >= 42 bytes)
+    uint32_t result = 0;  // ADS result of the first reply (Read/Write replies of >= 42 bytes)
 };
 
 // A reply passed on to the host.
@@ -281,10 +303,11 @@ class WireTap {
 public:
     ~WireTap() { stop(); }
 
-    bool start(uint16_t simPort, std::string& why) {
+    bool start(uint16_t simPort, std::string& why)
+    {
         simPort_ = simPort;
         lfd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-        sockaddr_in a{};
+        sockaddr_in a {};
         a.sin_family = AF_INET;
         a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         if (lfd_ < 0 || ::bind(lfd_, reinterpret_cast<sockaddr*>(&a), sizeof a) < 0 || ::listen(lfd_, 8) < 0) {
@@ -298,31 +321,40 @@ public:
         return true;
     }
     uint16_t port() const { return port_; }
-    void stop() {
+    void stop()
+    {
         stop_ = true;
-        if (thread_.joinable()) thread_.join();
-        for (auto& p : pairs_) closePair(*p);
+        if (thread_.joinable())
+            thread_.join();
+        for (auto& p : pairs_)
+            closePair(*p);
         pairs_.clear();
-        if (lfd_ >= 0) ::close(lfd_);
+        if (lfd_ >= 0)
+            ::close(lfd_);
         lfd_ = -1;
     }
-    std::vector<TapRequest> requests() {
+    std::vector<TapRequest> requests()
+    {
         std::lock_guard<std::mutex> g(lock_);
         return requests_;
     }
-    std::vector<TapReply> replies() {
+    std::vector<TapReply> replies()
+    {
         std::lock_guard<std::mutex> g(lock_);
         return replies_;
     }
-    uint64_t unknownReplies() {
+    uint64_t unknownReplies()
+    {
         std::lock_guard<std::mutex> g(lock_);
         return unknownReplies_;
     }
-    uint64_t connections() {
+    uint64_t connections()
+    {
         std::lock_guard<std::mutex> g(lock_);
         return connections_;
     }
-    std::vector<std::string> problems() {
+    std::vector<std::string> problems()
+    {
         std::lock_guard<std::mutex> g(lock_);
         return problems_;
     }
@@ -331,13 +363,14 @@ private:
     struct Pair {
         int host = -1, sim = -1;
         int id = 0;
-        bool raw = false;               // stream no longer understood: forwarded as it is
-        std::vector<uint8_t> up;        // host -> simulator, partial request
-        std::vector<uint8_t> cur;       // simulator -> host, the reply being passed on
-        size_t need = 0;                // its full size once its header is known
+        bool raw = false;          // stream no longer understood: forwarded as it is
+        std::vector<uint8_t> up;   // host -> simulator, partial request
+        std::vector<uint8_t> cur;  // simulator -> host, the reply being passed on
+        size_t need = 0;           // its full size once its header is known
     };
 
-    static bool sendAll(int fd, const uint8_t* p, size_t n) {
+    static bool sendAll(int fd, const uint8_t* p, size_t n)
+    {
         const int64_t deadline = adshost::nowMs() + 2000;
         while (n > 0) {
             const ssize_t r = ::send(fd, p, n, MSG_NOSIGNAL);
@@ -346,39 +379,49 @@ private:
                 n -= size_t(r);
                 continue;
             }
-            if (r < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) return false;
-            pollfd pf{fd, POLLOUT, 0};
+            if (r < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)
+                return false;
+            pollfd pf {fd, POLLOUT, 0};
             const int64_t left = deadline - adshost::nowMs();
-            if (left <= 0 || ::poll(&pf, 1, int(left)) < 0) return false;
+            if (left <= 0 || ::poll(&pf, 1, int(left)) < 0)
+                return false;
         }
         return true;
     }
 
-    void problem(const std::string& p) {
+    void problem(const std::string& p)
+    {
         std::lock_guard<std::mutex> g(lock_);
-        if (problems_.size() < 50) problems_.push_back(p);
+        if (problems_.size() < 50)
+            problems_.push_back(p);
     }
 
-    void closePair(Pair& p) {
-        if (p.host >= 0) ::close(p.host);
-        if (p.sim >= 0) ::close(p.sim);
+    void closePair(Pair& p)
+    {
+        if (p.host >= 0)
+            ::close(p.host);
+        if (p.sim >= 0)
+            ::close(p.sim);
         p.host = p.sim = -1;
     }
 
-    void accept() {
+    void accept()
+    {
         for (int i = 0; i < 8; ++i) {
             const int h = ::accept4(lfd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-            if (h < 0) return;
+            if (h < 0)
+                return;
             const int one = 1;
             ::setsockopt(h, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
             const int s = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-            sockaddr_in a{};
+            sockaddr_in a {};
             a.sin_family = AF_INET;
             a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
             a.sin_port = htons(simPort_);
             if (s < 0 || ::connect(s, reinterpret_cast<sockaddr*>(&a), sizeof a) < 0) {
                 problem(std::string("tap: cannot connect to the simulator: ") + std::strerror(errno));
-                if (s >= 0) ::close(s);
+                if (s >= 0)
+                    ::close(s);
                 ::close(h);
                 continue;
             }
@@ -396,12 +439,16 @@ private:
     }
 
     // Host -> simulator: whole requests, each with a fresh invoke id.
-    bool fromHost(Pair& p) {
+    bool fromHost(Pair& p)
+    {
         uint8_t buf[8192];
         const ssize_t n = ::recv(p.host, buf, sizeof buf, 0);
-        if (n == 0 || (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)) return false;
-        if (n < 0) return true;
-        if (p.raw) return sendAll(p.sim, buf, size_t(n));
+        if (n == 0 || (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR))
+            return false;
+        if (n < 0)
+            return true;
+        if (p.raw)
+            return sendAll(p.sim, buf, size_t(n));
         p.up.insert(p.up.end(), buf, buf + n);
         while (p.up.size() >= 6) {
             const uint32_t len = u32(&p.up[2]);
@@ -412,7 +459,8 @@ private:
                 p.up.clear();
                 return ok;
             }
-            if (p.up.size() < 6 + size_t(len)) break;
+            if (p.up.size() < 6 + size_t(len))
+                break;
             std::vector<uint8_t> f(p.up.begin(), p.up.begin() + 6 + long(len));
             p.up.erase(p.up.begin(), p.up.begin() + 6 + long(len));
             TapRequest r;
@@ -424,12 +472,14 @@ private:
                     r.tag = nextTag_++;
                     original_[r.tag] = orig;
                 }
-                for (int i = 0; i < 4; ++i) f[34 + size_t(i)] = uint8_t(r.tag >> (8 * i));
+                for (int i = 0; i < 4; ++i)
+                    f[34 + size_t(i)] = uint8_t(r.tag >> (8 * i));
                 if ((r.cmd == 2 || r.cmd == 3) && f.size() >= 50) {
                     r.group = u32(&f[38]);
                     r.offset = u32(&f[42]);
                     r.length = u32(&f[46]);
-                    if (r.cmd == 3) r.data.assign(f.begin() + 50, f.end());
+                    if (r.cmd == 3)
+                        r.data.assign(f.begin() + 50, f.end());
                 }
             }
             r.conn = p.id;
@@ -441,18 +491,23 @@ private:
                 index_[r.tag] = requests_.size();
                 requests_.push_back(std::move(r));
             }
-            if (!delivered) return false;
+            if (!delivered)
+                return false;
         }
         return true;
     }
 
     // Simulator -> host: bytes passed on as they come, the invoke id put back.
-    bool fromSim(Pair& p) {
+    bool fromSim(Pair& p)
+    {
         uint8_t buf[8192];
         const ssize_t n = ::recv(p.sim, buf, sizeof buf, 0);
-        if (n == 0 || (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)) return false;
-        if (n < 0) return true;
-        if (p.raw) return sendAll(p.host, buf, size_t(n));
+        if (n == 0 || (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR))
+            return false;
+        if (n < 0)
+            return true;
+        if (p.raw)
+            return sendAll(p.host, buf, size_t(n));
         std::vector<uint8_t> out;
         out.reserve(size_t(n));
         for (ssize_t i = 0; i < n; ++i) {
@@ -470,20 +525,24 @@ private:
                 }
                 p.need = 6 + len;
             }
-            if (pos < 34 || pos > 37) out.push_back(buf[i]);
+            if (pos < 34 || pos > 37)
+                out.push_back(buf[i]);
             if (pos == 37) {  // the whole invoke id is here: put the original back
                 const uint32_t tag = u32(&p.cur[34]);
                 uint32_t orig = tag;
                 {
                     std::lock_guard<std::mutex> g(lock_);
                     auto it = original_.find(tag);
-                    if (it != original_.end()) orig = it->second;
+                    if (it != original_.end())
+                        orig = it->second;
                 }
-                for (int k = 0; k < 4; ++k) out.push_back(uint8_t(orig >> (8 * k)));
+                for (int k = 0; k < 4; ++k)
+                    out.push_back(uint8_t(orig >> (8 * k)));
             }
             if (p.need && p.cur.size() == p.need) {
                 if (p.cur.size() < 38)  // too short to hold an invoke id: pass on what was held
-                    for (size_t k = 34; k < p.cur.size(); ++k) out.push_back(p.cur[k]);
+                    for (size_t k = 34; k < p.cur.size(); ++k)
+                        out.push_back(p.cur[k]);
                 finishReply(p.cur, p.id);
                 p.cur.clear();
                 p.need = 0;
@@ -492,11 +551,14 @@ private:
         return out.empty() || sendAll(p.host, out.data(), out.size());
     }
 
-    void finishReply(const std::vector<uint8_t>& f, int conn) {
-        if (f.size() < 38 || u16(&f[0]) != 0) return;
+    void finishReply(const std::vector<uint8_t>& f, int conn)
+    {
+        if (f.size() < 38 || u16(&f[0]) != 0)
+            return;
         const uint32_t tag = u32(&f[34]);
         std::lock_guard<std::mutex> g(lock_);
-        if (replies_.size() < 2000000) replies_.push_back(TapReply{tag, conn, int(f.size()), nowUs()});
+        if (replies_.size() < 2000000)
+            replies_.push_back(TapReply {tag, conn, int(f.size()), nowUs()});
         auto it = index_.find(tag);
         if (it == index_.end()) {
             ++unknownReplies_;
@@ -513,7 +575,8 @@ private:
         }
     }
 
-    void loop() {
+    void loop()
+    {
         std::vector<pollfd> fds;
         while (!stop_) {
             fds.clear();
@@ -523,26 +586,33 @@ private:
                 fds.push_back({p->sim, POLLIN, 0});
             }
             const int r = ::poll(fds.data(), fds.size(), 20);
-            if (r < 0 && errno != EINTR) break;
-            if (r <= 0) continue;
-            if (fds[0].revents & POLLIN) accept();
+            if (r < 0 && errno != EINTR)
+                break;
+            if (r <= 0)
+                continue;
+            if (fds[0].revents & POLLIN)
+                accept();
             const size_t n = (fds.size() - 1) / 2;
             for (size_t i = 0; i < n && i < pairs_.size(); ++i) {
                 Pair& p = *pairs_[i];
                 bool ok = true;
                 // Replies first: a simulator that closed after answering has its last bytes passed on.
-                if (ok && (fds[1 + 2 * i + 1].revents & (POLLIN | POLLHUP | POLLERR))) ok = fromSim(p);
-                if (ok && (fds[1 + 2 * i].revents & (POLLIN | POLLHUP | POLLERR))) ok = fromHost(p);
-                if (!ok) closePair(p);
+                if (ok && (fds[1 + 2 * i + 1].revents & (POLLIN | POLLHUP | POLLERR)))
+                    ok = fromSim(p);
+                if (ok && (fds[1 + 2 * i].revents & (POLLIN | POLLHUP | POLLERR)))
+                    ok = fromHost(p);
+                if (!ok)
+                    closePair(p);
             }
-            pairs_.erase(std::remove_if(pairs_.begin(), pairs_.end(), [](const std::unique_ptr<Pair>& p) { return p->host < 0; }),
-                         pairs_.end());
+            pairs_.erase(std::remove_if(
+                             pairs_.begin(), pairs_.end(), [](const std::unique_ptr<Pair>& p) { return p->host < 0; }),
+                pairs_.end());
         }
     }
 
     uint16_t simPort_ = 0, port_ = 0;
     int lfd_ = -1;
-    std::atomic<bool> stop_{false};
+    std::atomic<bool> stop_ {false};
     std::thread thread_;
     std::vector<std::unique_ptr<Pair>> pairs_;  // the tap thread's own
 
@@ -565,17 +635,18 @@ struct Item {
     Address addr;
     bool writable = true;
     unsigned group = 0;
-    unsigned byte = 0;     // first byte
-    int bit = -1;          // bit in that byte for bit items
+    unsigned byte = 0;       // first byte
+    int bit = -1;            // bit in that byte for bit items
     std::string changeText;  // "M_W" / "M_bit" as the callback names it
     int changeAddress = 0;
     std::string errorPrefix;  // "1#M_W100(2)(" as the driver's error text begins
     // Writes to it, oldest first (values: a word as low byte + 256 * high byte, a bit 0/1).
     std::vector<int> values;
-    std::atomic<int64_t> lastWriteUs{0};
+    std::atomic<int64_t> lastWriteUs {0};
 };
 
-Address parse(const std::string& text) {
+Address parse(const std::string& text)
+{
     Address a;
     std::string why;
     if (!adshost::parseAddress(text, a, why)) {
@@ -585,9 +656,12 @@ Address parse(const std::string& text) {
     return a;
 }
 
-unsigned groupOf(const std::string& reg) {
-    if (reg[0] == 'I') return GROUP_I;
-    if (reg[0] == 'Q') return GROUP_Q;
+unsigned groupOf(const std::string& reg)
+{
+    if (reg[0] == 'I')
+        return GROUP_I;
+    if (reg[0] == 'Q')
+        return GROUP_Q;
     return GROUP_M;
 }
 
@@ -600,10 +674,9 @@ const Region kRegions[] = {{GROUP_M, 0, 256}, {GROUP_Q, 0, 64}};
 
 // Written items: single words, single bits (several bits share a byte; no bit shares a byte
 // with a word item). Guards: words next to them that are watched and never written.
-const char* const kWritten[] = {
-    "M_W:10", "M_W:14", "M_W:30", "M_W:32", "M_W:60", "M_W:100", "M_W:102", "M_W:140", "M_W:200", "Q_W:4", "Q_W:20",
-    "M_bit:50.0", "M_bit:50.3", "M_bit:50.7", "M_bit:51.4", "M_bit:80.1", "M_bit:80.2", "M_bit:120.6", "M_bit:121.0",
-    "Q_bit:40.2", "Q_bit:40.5", "Q_bit:41.0"};
+const char* const kWritten[] = {"M_W:10", "M_W:14", "M_W:30", "M_W:32", "M_W:60", "M_W:100", "M_W:102", "M_W:140",
+    "M_W:200", "Q_W:4", "Q_W:20", "M_bit:50.0", "M_bit:50.3", "M_bit:50.7", "M_bit:51.4", "M_bit:80.1", "M_bit:80.2",
+    "M_bit:120.6", "M_bit:121.0", "Q_bit:40.2", "Q_bit:40.5", "Q_bit:41.0"};
 const char* const kGuards[] = {"M_W:12", "M_W:48", "M_W:52", "M_W:82", "M_W:122", "M_W:142", "Q_W:42"};
 
 // ------------------------------------------------------------------------------------------
@@ -617,8 +690,8 @@ struct Record {
     int address = 0, length = 0;
     bool cyclic = false;
     std::vector<uint8_t> data;  // a write frame's data bytes
-    int item = -1;               // the written item this frame serves (-1: none)
-    int replyBytes = 0;          // bytes handed to the driver
+    int item = -1;              // the written item this frame serves (-1: none)
+    int replyBytes = 0;         // bytes handed to the driver
 };
 
 struct Episode {
@@ -634,9 +707,11 @@ struct LogCounter {
     std::map<std::string, uint64_t> faults;
     std::map<uint32_t, std::string> faultOf;  // invoke id (the tap's tag) -> fault
     uint64_t delayInPhase = 0;
-    void poll() {
+    void poll()
+    {
         std::ifstream f(path, std::ios::binary);
-        if (!f) return;
+        if (!f)
+            return;
         f.seekg(pos);
         std::string chunk((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
         pos += std::streamoff(chunk.size());
@@ -644,20 +719,25 @@ struct LogCounter {
         size_t start = 0;
         for (size_t nl; (nl = partial.find('\n', start)) != std::string::npos; start = nl + 1) {
             const size_t at = partial.find(" fault=", start);
-            if (at == std::string::npos || at > nl) continue;
+            if (at == std::string::npos || at > nl)
+                continue;
             size_t e = at + 7;
-            while (e < nl && partial[e] != ' ') ++e;
+            while (e < nl && partial[e] != ' ')
+                ++e;
             const std::string kind = partial.substr(at + 7, e - at - 7);
             ++faults[kind];
             const size_t inv = partial.find(" invoke=", start);
-            if (inv != std::string::npos && inv < nl) faultOf[uint32_t(std::strtoul(partial.c_str() + inv + 8, nullptr, 10))] = kind;
-            if (kind == "delay") ++delayInPhase;
+            if (inv != std::string::npos && inv < nl)
+                faultOf[uint32_t(std::strtoul(partial.c_str() + inv + 8, nullptr, 10))] = kind;
+            if (kind == "delay")
+                ++delayInPhase;
         }
         partial.erase(0, start);
     }
 };
 
-std::string hex2(const std::vector<uint8_t>& b) {
+std::string hex2(const std::vector<uint8_t>& b)
+{
     static const char* d = "0123456789abcdef";
     std::string s;
     for (uint8_t x : b) {
@@ -667,38 +747,47 @@ std::string hex2(const std::vector<uint8_t>& b) {
     return s;
 }
 
-bool fromHex(const std::string& s, std::vector<uint8_t>& out) {
+bool fromHex(const std::string& s, std::vector<uint8_t>& out)
+{
     out.clear();
-    if (s.size() % 2) return false;
+    if (s.size() % 2)
+        return false;
     for (size_t i = 0; i < s.size(); i += 2) {
         const int hi = std::isxdigit(static_cast<unsigned char>(s[i])) ? std::stoi(s.substr(i, 1), nullptr, 16) : -1;
-        const int lo = std::isxdigit(static_cast<unsigned char>(s[i + 1])) ? std::stoi(s.substr(i + 1, 1), nullptr, 16) : -1;
-        if (hi < 0 || lo < 0) return false;
+        const int lo
+            = std::isxdigit(static_cast<unsigned char>(s[i + 1])) ? std::stoi(s.substr(i + 1, 1), nullptr, 16) : -1;
+        if (hi < 0 || lo < 0)
+            return false;
         out.push_back(uint8_t(hi * 16 + lo));
     }
     return true;
 }
 
-std::atomic<pid_t> g_simPid{-1};
+std::atomic<pid_t> g_simPid {-1};
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int main(int argc, char** argv)
+{
     Options opt;
     int rc = 0;
-    if (!parseOptions(argc, argv, opt, rc)) return rc;
+    if (!parseOptions(argc, argv, opt, rc))
+        return rc;
     std::signal(SIGPIPE, SIG_IGN);
     const int64_t startMs = adshost::nowMs();
 
     // A watchdog beyond the soak's own limit: a hang ends with the simulator stopped by PID.
-    std::atomic<bool> finished{false};
+    std::atomic<bool> finished {false};
     std::thread watchdog([&] {
         const int64_t deadline = startMs + int64_t(opt.maxSeconds + 60) * 1000;
-        while (!finished && adshost::nowMs() < deadline) std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        if (finished) return;
+        while (!finished && adshost::nowMs() < deadline)
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        if (finished)
+            return;
         std::fprintf(stderr, "soak: FAIL: still running %d s after the wall-clock limit; giving up\n", 60);
         const pid_t pid = g_simPid.load();
-        if (pid > 0) ::kill(pid, SIGKILL);
+        if (pid > 0)
+            ::kill(pid, SIGKILL);
         std::fflush(nullptr);
         ::_exit(3);
     });
@@ -711,9 +800,9 @@ int main(int argc, char** argv) {
         const char* tmp = std::getenv("TMPDIR");
         opt.logPath = std::string(tmp && *tmp ? tmp : "/tmp") + "/soak_plcsim_" + std::to_string(::getpid()) + ".log";
     }
-    std::vector<std::string> simArgs = {"--listen", "127.0.0.1:0", "--control", "127.0.0.1:0", "--no-program",
-                                        "--seed", std::to_string(opt.seed), "--delay", std::to_string(opt.delayShortMs),
-                                        "--split-pause", std::to_string(opt.splitPauseMs), "--log", opt.logPath};
+    std::vector<std::string> simArgs = {"--listen", "127.0.0.1:0", "--control", "127.0.0.1:0", "--no-program", "--seed",
+        std::to_string(opt.seed), "--delay", std::to_string(opt.delayShortMs), "--split-pause",
+        std::to_string(opt.splitPauseMs), "--log", opt.logPath};
     const char* kinds[] = {"noreply", "short", "long", "adserror", "split", "delay", "close"};
     char probText[64];
     std::snprintf(probText, sizeof probText, "%.6f", opt.faultProb);
@@ -728,13 +817,16 @@ int main(int argc, char** argv) {
     plcsim::ControlClient ctl;
     auto command = [&](const std::string& line) {
         const std::string r = ctl.command(line, 3000);
-        if (r.compare(0, 2, "ok") != 0) mismatch("control '" + line + "' answered '" + r + "'");
+        if (r.compare(0, 2, "ok") != 0)
+            mismatch("control '" + line + "' answered '" + r + "'");
         return r;
     };
     auto memory = [&](unsigned group, unsigned offset, unsigned len) {
         std::vector<uint8_t> out;
-        const std::string r = command("get " + std::to_string(group) + " " + std::to_string(offset) + " " + std::to_string(len));
-        if (r.size() < 3 || !fromHex(r.substr(3), out) || out.size() != len) out.assign(len, 0), mismatch("bad get reply");
+        const std::string r
+            = command("get " + std::to_string(group) + " " + std::to_string(offset) + " " + std::to_string(len));
+        if (r.size() < 3 || !fromHex(r.substr(3), out) || out.size() != len)
+            out.assign(len, 0), mismatch("bad get reply");
         return out;
     };
     if (!ctl.connect("127.0.0.1", sim.controlPort())) {
@@ -778,27 +870,33 @@ int main(int argc, char** argv) {
         }
         items.push_back(std::move(it));
     };
-    for (const char* t : kWritten) addItem(t, true);
-    for (const char* t : kGuards) addItem(t, false);
+    for (const char* t : kWritten)
+        addItem(t, true);
+    for (const char* t : kGuards)
+        addItem(t, false);
     // Bits of the regions that belong to an item (the rest must keep the pattern).
     std::set<std::tuple<unsigned, unsigned, int>> itemBits;  // group, byte, bit
     for (auto& it : items) {
-        if (!it->writable) continue;
+        if (!it->writable)
+            continue;
         if (it->bit >= 0) {
             itemBits.insert({it->group, it->byte, it->bit});
         } else {
-            for (int b = 0; b < 16; ++b) itemBits.insert({it->group, it->byte + unsigned(b / 8), b % 8});
+            for (int b = 0; b < 16; ++b)
+                itemBits.insert({it->group, it->byte + unsigned(b / 8), b % 8});
         }
     }
     auto initialValue = [&](const Item& it) {
         const uint8_t lo = pattern[{it.group, it.byte}];
-        if (it.bit >= 0) return (lo >> it.bit) & 1;
+        if (it.bit >= 0)
+            return (lo >> it.bit) & 1;
         return int(lo) | int(pattern[{it.group, it.byte + 1}]) << 8;
     };
     // Frames of written items: (reg, address, length) of the frame's variable -> item.
     std::map<std::tuple<std::string, int, int>, int> itemByVar;
     for (size_t i = 0; i < items.size(); ++i) {
-        if (!items[i]->writable) continue;
+        if (!items[i]->writable)
+            continue;
         const Item& it = *items[i];
         itemByVar[{it.addr.reg, it.addr.address, it.bit >= 0 ? 1 : 2}] = int(i);
     }
@@ -813,7 +911,8 @@ int main(int argc, char** argv) {
         watchdog.join();
         return 1;
     }
-    for (const char* k : kinds) command(std::string("fault-prob ") + k + " " + probText);
+    for (const char* k : kinds)
+        command(std::string("fault-prob ") + k + " " + probText);
 
     adshost::Config cfg;
     cfg.driverPath = opt.plugin;
@@ -828,7 +927,8 @@ int main(int argc, char** argv) {
     cfg.reconnectAttempts = 10;
     cfg.reconnectBackoffMs = 5;
     cfg.reconnectBackoffMaxMs = 200;
-    for (auto& it : items) cfg.watches.push_back(it->addr);
+    for (auto& it : items)
+        cfg.watches.push_back(it->addr);
 
     std::unique_ptr<Session> session(new Session);
     if (!session->open(cfg, why) || !session->connect(why)) {
@@ -843,12 +943,13 @@ int main(int argc, char** argv) {
     const int blocks = session->blocks();
 
     // ---- the writer thread
-    std::atomic<bool> stopWriter{false};
-    std::atomic<uint64_t> writesIssued{0};
+    std::atomic<bool> stopWriter {false};
+    std::atomic<uint64_t> writesIssued {0};
     std::mutex valuesLock;  // guards Item::values
     std::vector<size_t> writable;
     for (size_t i = 0; i < items.size(); ++i)
-        if (items[i]->writable) writable.push_back(i);
+        if (items[i]->writable)
+            writable.push_back(i);
     std::thread writer([&] {
         SplitMix wr(opt.seed * 104729 + 3);
         int64_t next = adshost::nowMs();
@@ -859,7 +960,8 @@ int main(int argc, char** argv) {
                 continue;
             }
             next += opt.writeIntervalMs;
-            if (next < now) next = now;  // no bursts after a stall
+            if (next < now)
+                next = now;  // no bursts after a stall
             Item& it = *items[writable[wr.below(unsigned(writable.size()))]];
             adshost::Write w;
             w.addr = it.addr;
@@ -899,9 +1001,12 @@ int main(int argc, char** argv) {
         const Exchange ex = session->step();
         rec.t1 = nowUs();
         std::vector<Change> changes = session->takeChanges();
-        if (session->failedForGood()) lostForGood = true;
-        if (opt.reconnectAfterTimeout && ex.timedOut) session->disconnect();
-        if (ex.sent != 1) return;
+        if (session->failedForGood())
+            lostForGood = true;
+        if (opt.reconnectAfterTimeout && ex.timedOut)
+            session->disconnect();
+        if (ex.sent != 1)
+            return;
         rec.cmd = ex.commandId;
         rec.result = ex.result;
         rec.reg = ex.varReg;
@@ -909,27 +1014,33 @@ int main(int argc, char** argv) {
         rec.length = ex.varLength;
         rec.cyclic = ex.cyclicRead;
         rec.replyBytes = ex.replyBytes;
-        if (ex.commandId == 3 && ex.frame.size() > 50) rec.data.assign(ex.frame.begin() + 50, ex.frame.end());
+        if (ex.commandId == 3 && ex.frame.size() > 50)
+            rec.data.assign(ex.frame.begin() + 50, ex.frame.end());
         const bool bitVar = rec.reg.size() > 4 && rec.reg.compare(rec.reg.size() - 4, 4, "_bit") == 0;
         if (ex.commandId == 3 || (ex.commandId == 2 && bitVar)) {
             auto f = itemByVar.find({rec.reg, rec.address, rec.length});
-            if (f != itemByVar.end()) rec.item = f->second;
-            else mismatch("a write frame for " + rec.reg + " " + std::to_string(rec.address) + " (" +
-                          std::to_string(rec.length) + ") that no item asked for");
+            if (f != itemByVar.end())
+                rec.item = f->second;
+            else
+                mismatch("a write frame for " + rec.reg + " " + std::to_string(rec.address) + " ("
+                    + std::to_string(rec.length) + ") that no item asked for");
         }
         if (ex.result == 2 && rec.item >= 0) {
             // A write given up: its item named in the error text and reported to the host.
             ++failureReports;
             const Item& it = *items[size_t(rec.item)];
             if (ex.errorText.compare(0, it.errorPrefix.size(), it.errorPrefix) != 0)
-                mismatch("write of " + it.addr.text() + " given up with error text '" + ex.errorText + "', expected '" +
-                         it.errorPrefix + "N)'");
+                mismatch("write of " + it.addr.text() + " given up with error text '" + ex.errorText + "', expected '"
+                    + it.errorPrefix + "N)'");
             bool reported = false;
-            for (const Change& c : changes) reported = reported || (c.text == it.changeText && c.address == it.changeAddress);
+            for (const Change& c : changes)
+                reported = reported || (c.text == it.changeText && c.address == it.changeAddress);
             if (!reported) {
-                if (it.lastWriteUs.load() >= rec.t0) ++failureUnverified;  // the writer may have caused a report
-                else mismatch("write of " + it.addr.text() + " given up without a change report (" + it.changeText + ", " +
-                              std::to_string(it.changeAddress) + ")");
+                if (it.lastWriteUs.load() >= rec.t0)
+                    ++failureUnverified;  // the writer may have caused a report
+                else
+                    mismatch("write of " + it.addr.text() + " given up without a change report (" + it.changeText + ", "
+                        + std::to_string(it.changeAddress) + ")");
             }
         }
         records.push_back(std::move(rec));
@@ -938,7 +1049,8 @@ int main(int argc, char** argv) {
     // Phase 1: faults, writes.
     while (!lostForGood) {
         const uint64_t sent = session->stats().requests;
-        if (sent >= opt.requests) break;
+        if (sent >= opt.requests)
+            break;
         if (adshost::nowMs() >= limitMs) {
             timeUp = true;
             break;
@@ -978,8 +1090,10 @@ int main(int argc, char** argv) {
             doStep();
             for (; from < records.size(); ++from) {
                 const Record& r = records[from];
-                if (r.cyclic && r.result == 1) ++cyclicInRow;
-                else cyclicInRow = 0;
+                if (r.cyclic && r.result == 1)
+                    ++cyclicInRow;
+                else
+                    cyclicInRow = 0;
             }
             if (cyclicInRow >= 2) {
                 drained = true;
@@ -988,7 +1102,8 @@ int main(int argc, char** argv) {
             }
         }
     }
-    if (!drained) mismatch("the write queue did not drain after the faults were switched off");
+    if (!drained)
+        mismatch("the write queue did not drain after the faults were switched off");
     // Phase 3: one full refresh.
     bool refreshed = false;
     {
@@ -998,8 +1113,10 @@ int main(int argc, char** argv) {
             doStep();
             for (; from < records.size(); ++from) {
                 const Record& r = records[from];
-                if (r.cmd == 3 || (r.cmd == 2 && !r.cyclic)) mismatch("a write frame after the queue had drained");
-                if (r.cyclic && r.result == 1) seen.insert({r.reg, r.address, r.length});
+                if (r.cmd == 3 || (r.cmd == 2 && !r.cyclic))
+                    mismatch("a write frame after the queue had drained");
+                if (r.cyclic && r.result == 1)
+                    seen.insert({r.reg, r.address, r.length});
             }
             if (int(seen.size()) >= blocks) {
                 refreshed = true;
@@ -1007,26 +1124,31 @@ int main(int argc, char** argv) {
             }
         }
     }
-    if (drained && !refreshed) mismatch("no full refresh after the queue had drained");
-    if (lostForGood) mismatch("the connection was lost for good: " + session->failure());
+    if (drained && !refreshed)
+        mismatch("no full refresh after the queue had drained");
+    if (lostForGood)
+        mismatch("the connection was lost for good: " + session->failure());
     (void)drainedAt;
 
     if (opt.corrupt) {
         command("set " + std::to_string(GROUP_M) + " 100 a5a5");  // the written word M_W 100
-        const Region& r = kRegions[0];                             // bit 1 of byte 0 (no item)
+        const Region& r = kRegions[0];                            // bit 1 of byte 0 (no item)
         command("set " + std::to_string(r.group) + " 0 " + hex2({uint8_t(pattern[{r.group, 0}] ^ 0x02)}));
     }
 
     // ---- checks: the cache against the simulator's memory
     std::map<unsigned, std::vector<uint8_t>> mem;
-    for (const Region& r : kRegions) mem[r.group] = memory(r.group, r.offset, r.size);
+    for (const Region& r : kRegions)
+        mem[r.group] = memory(r.group, r.offset, r.size);
     auto memWord = [&](const Item& it) { return int(mem[it.group][it.byte]) | int(mem[it.group][it.byte + 1]) << 8; };
     auto memBit = [&](const Item& it) { return (mem[it.group][it.byte] >> it.bit) & 1; };
     auto memValue = [&](const Item& it) { return it.bit >= 0 ? memBit(it) : memWord(it); };
     auto fmt = [](const Item& it, int v) {
         char b[16];
-        if (it.bit >= 0) std::snprintf(b, sizeof b, "%d", v);
-        else std::snprintf(b, sizeof b, "0x%04X", unsigned(v));
+        if (it.bit >= 0)
+            std::snprintf(b, sizeof b, "%d", v);
+        else
+            std::snprintf(b, sizeof b, "0x%04X", unsigned(v));
         return std::string(b);
     };
     for (auto& itp : items) {
@@ -1034,7 +1156,8 @@ int main(int argc, char** argv) {
         const std::vector<uint8_t> c = session->read(it.addr);
         const int cached = it.bit >= 0 ? int(c[0]) : int(c[0]) | int(c[1]) << 8;
         if (cached != memValue(it))
-            mismatch("cache of " + it.addr.text() + " is " + fmt(it, cached) + ", the PLC holds " + fmt(it, memValue(it)));
+            mismatch(
+                "cache of " + it.addr.text() + " is " + fmt(it, cached) + ", the PLC holds " + fmt(it, memValue(it)));
     }
     // Neighbours: every bit no item covers keeps the pattern.
     struct Clobbered {
@@ -1048,14 +1171,18 @@ int main(int argc, char** argv) {
             const uint8_t want = pattern[{r.group, byte}], got = mem[r.group][i];
             uint8_t untouched = 0;
             for (int b = 0; b < 8; ++b)
-                if (!itemBits.count({r.group, byte, b})) untouched |= uint8_t(1 << b);
-            if ((want ^ got) & untouched) clobbered.push_back({r.group, byte, untouched});
+                if (!itemBits.count({r.group, byte, b}))
+                    untouched |= uint8_t(1 << b);
+            if ((want ^ got) & untouched)
+                clobbered.push_back({r.group, byte, untouched});
             for (int b = 0; b < 8; ++b) {
-                if (itemBits.count({r.group, byte, b})) continue;
+                if (itemBits.count({r.group, byte, b}))
+                    continue;
                 if (((want ^ got) >> b) & 1) {
                     char t[160];
-                    std::snprintf(t, sizeof t, "untouched bit %u.%d of group 0x%X changed: pattern byte 0x%02X, now 0x%02X", byte,
-                                  b, r.group, want, got);
+                    std::snprintf(t, sizeof t,
+                        "untouched bit %u.%d of group 0x%X changed: pattern byte 0x%02X, now 0x%02X", byte, b, r.group,
+                        want, got);
                     mismatch(t);
                 }
             }
@@ -1074,32 +1201,39 @@ int main(int argc, char** argv) {
         }
         Episode& e = episodes.back();
         const Record& r = records[i];
-        if (r.cmd != e.cmd || r.item != e.item || r.reg != records[e.first].reg || r.address != records[e.first].address)
+        if (r.cmd != e.cmd || r.item != e.item || r.reg != records[e.first].reg
+            || r.address != records[e.first].address)
             mismatch("exchange " + std::to_string(i) + " sent another frame before the one in flight was settled");
         e.last = i;
-        if (r.result == 1 || r.result == 2) e.result = r.result;
-        else if (r.result != 8) mismatch("exchange " + std::to_string(i) + " gave result " + std::to_string(r.result));
+        if (r.result == 1 || r.result == 2)
+            e.result = r.result;
+        else if (r.result != 8)
+            mismatch("exchange " + std::to_string(i) + " gave result " + std::to_string(r.result));
     }
-    if (!episodes.empty() && episodes.back().result == 0) episodes.pop_back();  // unfinished at the end
+    if (!episodes.empty() && episodes.back().result == 0)
+        episodes.pop_back();  // unfinished at the end
 
     const std::vector<TapRequest> tapReqs = tap.requests();
     uint64_t itemsConfirmed = 0, itemsFailed = 0, itemsRefused = 0, itemsUnwritten = 0, writeTransactions = 0;
     std::vector<int> lastEpisode(items.size(), -1);
     for (size_t k = 0; k < episodes.size(); ++k) {
         const Episode& e = episodes[k];
-        if (e.item < 0) continue;
-        if (e.cmd == 3) ++writeTransactions;
+        if (e.item < 0)
+            continue;
+        if (e.cmd == 3)
+            ++writeTransactions;
         lastEpisode[size_t(e.item)] = int(k);
         // A bit write's read that was accepted is followed at once by its write.
         if (e.cmd == 2 && e.result == 1) {
             if (k + 1 >= episodes.size() || episodes[k + 1].cmd != 3 || episodes[k + 1].item != e.item)
-                mismatch("the read of bit write " + items[size_t(e.item)]->addr.text() + " (exchange " +
-                         std::to_string(e.first) + ") was not followed by its write");
+                mismatch("the read of bit write " + items[size_t(e.item)]->addr.text() + " (exchange "
+                    + std::to_string(e.first) + ") was not followed by its write");
         }
     }
     for (size_t i = 0; i < items.size(); ++i) {
         const Item& it = *items[i];
-        if (!it.writable) continue;
+        if (!it.writable)
+            continue;
         if (it.values.empty()) {
             ++itemsUnwritten;
             if (memValue(it) != initialValue(it))
@@ -1116,9 +1250,11 @@ int main(int argc, char** argv) {
         if (e.result == 2) {
             ++itemsFailed;
             bool known = m == initialValue(it);
-            for (int x : it.values) known = known || x == m;
+            for (int x : it.values)
+                known = known || x == m;
             if (!known)
-                mismatch(it.addr.text() + " holds " + fmt(it, m) + ", a value never written to it (its last write failed)");
+                mismatch(
+                    it.addr.text() + " holds " + fmt(it, m) + ", a value never written to it (its last write failed)");
             continue;
         }
         if (e.cmd != 3) {
@@ -1128,11 +1264,13 @@ int main(int argc, char** argv) {
         // The frame carries the last value.
         const Record& r = records[e.first];
         int carried = -1;
-        if (it.bit >= 0 && !r.data.empty()) carried = (r.data[0] >> it.bit) & 1;
-        if (it.bit < 0 && r.data.size() >= 2) carried = int(r.data[0]) | int(r.data[1]) << 8;
+        if (it.bit >= 0 && !r.data.empty())
+            carried = (r.data[0] >> it.bit) & 1;
+        if (it.bit < 0 && r.data.size() >= 2)
+            carried = int(r.data[0]) | int(r.data[1]) << 8;
         if (carried != v) {
-            mismatch("the last write frame of " + it.addr.text() + " carried " + fmt(it, carried) + ", the last value written is " +
-                     fmt(it, v));
+            mismatch("the last write frame of " + it.addr.text() + " carried " + fmt(it, carried)
+                + ", the last value written is " + fmt(it, v));
             continue;
         }
         if (m == v) {
@@ -1144,9 +1282,12 @@ int main(int argc, char** argv) {
         int delivered = 0, refused = 0;
         const uint32_t group = it.group, offset = it.byte;
         for (const TapRequest& q : tapReqs) {
-            if (q.cmd != 3 || q.group != group || q.offset != offset || q.data != r.data) continue;
-            if (q.tUs < records[e.first].t0 || q.tUs > records[e.last].t1) continue;
-            if (!q.delivered) continue;
+            if (q.cmd != 3 || q.group != group || q.offset != offset || q.data != r.data)
+                continue;
+            if (q.tUs < records[e.first].t0 || q.tUs > records[e.last].t1)
+                continue;
+            if (!q.delivered)
+                continue;
             ++delivered;
             refused += q.hasResult && q.result != 0;
         }
@@ -1154,9 +1295,9 @@ int main(int argc, char** argv) {
             ++itemsRefused;
             continue;
         }
-        mismatch("last write " + it.addr.text() + "=" + fmt(it, v) + " was accepted (exchanges " + std::to_string(e.first) + ".." +
-                 std::to_string(e.last) + ", " + std::to_string(delivered) + " requests reached the PLC, " +
-                 std::to_string(refused) + " refused) but the PLC holds " + fmt(it, m));
+        mismatch("last write " + it.addr.text() + "=" + fmt(it, v) + " was accepted (exchanges "
+            + std::to_string(e.first) + ".." + std::to_string(e.last) + ", " + std::to_string(delivered)
+            + " requests reached the PLC, " + std::to_string(refused) + " refused) but the PLC holds " + fmt(it, m));
     }
 
     // ---- the tap's view against the simulator's
@@ -1167,9 +1308,12 @@ int main(int argc, char** argv) {
         tapErrors += q.hasResult && q.result != 0;
         tapDoubleReplies += q.replies > 1;
     }
-    if (tap.unknownReplies()) mismatch(std::to_string(tap.unknownReplies()) + " replies carried an invoke id never sent");
-    if (tapDoubleReplies) mismatch(std::to_string(tapDoubleReplies) + " requests got more than one reply");
-    for (const std::string& p : tap.problems()) mismatch(p);
+    if (tap.unknownReplies())
+        mismatch(std::to_string(tap.unknownReplies()) + " replies carried an invoke id never sent");
+    if (tapDoubleReplies)
+        mismatch(std::to_string(tapDoubleReplies) + " requests got more than one reply");
+    for (const std::string& p : tap.problems())
+        mismatch(p);
 
     // Late replies: which reply did the host hand to the driver in each exchange? The first
     // one the tap passed on after it forwarded the exchange's request (the host drains what
@@ -1180,22 +1324,30 @@ int main(int argc, char** argv) {
     {
         const std::vector<TapReply> tapReplies = tap.replies();
         std::map<uint32_t, size_t> byTag;
-        for (size_t k = 0; k < tapReqs.size(); ++k) byTag[tapReqs[k].tag] = k;
+        for (size_t k = 0; k < tapReqs.size(); ++k)
+            byTag[tapReqs[k].tag] = k;
         auto sameFrame = [](const TapRequest& a, const TapRequest& b) {
-            return a.cmd == b.cmd && a.group == b.group && a.offset == b.offset && a.length == b.length && a.data == b.data;
+            return a.cmd == b.cmd && a.group == b.group && a.offset == b.offset && a.length == b.length
+                && a.data == b.data;
         };
         size_t qi = 0, yi = 0;
         for (size_t i = 0; i < records.size(); ++i) {
             const Record& r = records[i];
-            while (qi < tapReqs.size() && tapReqs[qi].tUs < r.t0) ++qi;
-            if (qi >= tapReqs.size() || tapReqs[qi].tUs > r.t1 || r.replyBytes == 0) continue;
+            while (qi < tapReqs.size() && tapReqs[qi].tUs < r.t0)
+                ++qi;
+            if (qi >= tapReqs.size() || tapReqs[qi].tUs > r.t1 || r.replyBytes == 0)
+                continue;
             const TapRequest& q = tapReqs[qi];
-            while (yi < tapReplies.size() && tapReplies[yi].tUs < q.tUs) ++yi;
-            if (yi >= tapReplies.size() || tapReplies[yi].tUs > r.t1) continue;
+            while (yi < tapReplies.size() && tapReplies[yi].tUs < q.tUs)
+                ++yi;
+            if (yi >= tapReplies.size() || tapReplies[yi].tUs > r.t1)
+                continue;
             const TapReply& y = tapReplies[yi];
-            if (y.tag == q.tag) continue;
+            if (y.tag == q.tag)
+                continue;
             auto f = byTag.find(y.tag);
-            if (f == byTag.end()) continue;
+            if (f == byTag.end())
+                continue;
             const TapRequest& owner = tapReqs[f->second];
             if (sameFrame(owner, q)) {
                 ++lateSameFrame;
@@ -1208,10 +1360,10 @@ int main(int argc, char** argv) {
             ++lateOtherAccepted;
             char t[320];
             std::snprintf(t, sizeof t,
-                          "exchange %zu (%s %d, cmd %d, request tag %u: group 0x%X offset %u length %u) accepted the late reply "
-                          "of tag %u (cmd %u group 0x%X offset %u length %u, fault %s) as its own",
-                          i, r.reg.c_str(), r.address, r.cmd, q.tag, q.group, q.offset, q.length, owner.tag, owner.cmd, owner.group,
-                          owner.offset, owner.length, "?");
+                "exchange %zu (%s %d, cmd %d, request tag %u: group 0x%X offset %u length %u) accepted the late reply "
+                "of tag %u (cmd %u group 0x%X offset %u length %u, fault %s) as its own",
+                i, r.reg.c_str(), r.address, r.cmd, q.tag, q.group, q.offset, q.length, owner.tag, owner.cmd,
+                owner.group, owner.offset, owner.length, "?");
             lateAccepted.push_back({t, owner.tag});
         }
     }
@@ -1229,30 +1381,37 @@ int main(int argc, char** argv) {
     tap.stop();
     const int simExit = sim.stop(3000);
     g_simPid = -1;
-    if (simExit != 0) mismatch("plcsim exited with " + std::to_string(simExit) + " on SIGTERM");
+    if (simExit != 0)
+        mismatch("plcsim exited with " + std::to_string(simExit) + " on SIGTERM");
     logc.poll();
     uint64_t faultsByLog = 0;
-    for (auto& kv : logc.faults) faultsByLog += kv.second;
+    for (auto& kv : logc.faults)
+        faultsByLog += kv.second;
     if (counter("faults") >= 0 && uint64_t(counter("faults")) != faultsByLog)
-        mismatch("faults by the log " + std::to_string(faultsByLog) + ", by the counters " + std::to_string(counter("faults")));
+        mismatch("faults by the log " + std::to_string(faultsByLog) + ", by the counters "
+            + std::to_string(counter("faults")));
     if (tapErrors != logc.faults["adserror"])
-        mismatch("ADS error replies seen on the wire " + std::to_string(tapErrors) + ", adserror faults " +
-                 std::to_string(logc.faults["adserror"]));
+        mismatch("ADS error replies seen on the wire " + std::to_string(tapErrors) + ", adserror faults "
+            + std::to_string(logc.faults["adserror"]));
     if (opt.faultProb > 0 && requestsWithFaults >= 20000)
         for (const char* k : kinds)
-            if (logc.faults[k] == 0) mismatch(std::string("no fault of kind ") + k + " was injected");
-    if (!opt.keepLog) std::remove(opt.logPath.c_str());
+            if (logc.faults[k] == 0)
+                mismatch(std::string("no fault of kind ") + k + " was injected");
+    if (!opt.keepLog)
+        std::remove(opt.logPath.c_str());
     // Listed first: a late reply taken for another request's is the likely cause of what follows.
     std::vector<std::string> lateTexts;
     for (auto& la : lateAccepted) {
         auto f = logc.faultOf.find(la.second);
         std::string t = la.first;
         const size_t at = t.rfind("fault ?");
-        if (at != std::string::npos) t.replace(at, 7, "fault " + (f == logc.faultOf.end() ? std::string("none") : f->second));
+        if (at != std::string::npos)
+            t.replace(at, 7, "fault " + (f == logc.faultOf.end() ? std::string("none") : f->second));
         lateTexts.push_back(t);
     }
     if (opt.tolerateLateReplies) {
-        for (size_t i = 0; i < lateTexts.size() && i < 5; ++i) std::fprintf(stderr, "soak: NOTE: %s\n", lateTexts[i].c_str());
+        for (size_t i = 0; i < lateTexts.size() && i < 5; ++i)
+            std::fprintf(stderr, "soak: NOTE: %s\n", lateTexts[i].c_str());
     } else {
         mismatches.insert(mismatches.begin(), lateTexts.begin(), lateTexts.end());
     }
@@ -1266,33 +1425,37 @@ int main(int argc, char** argv) {
         const std::vector<TapReply> tapReplies = tap.replies();
         for (size_t k = 0; k < tapReqs.size(); ++k) {
             const TapRequest& q = tapReqs[k];
-            if (q.cmd != 3 || q.group != c.group || q.offset != c.byte || q.data.empty() || !((q.data[0] ^ want) & c.untouchedMask))
+            if (q.cmd != 3 || q.group != c.group || q.offset != c.byte || q.data.empty()
+                || !((q.data[0] ^ want) & c.untouchedMask))
                 continue;
             auto faultOf = [&](uint32_t tag) {
                 auto f = logc.faultOf.find(tag);
                 return f == logc.faultOf.end() ? std::string("-") : f->second;
             };
-            std::fprintf(stderr, "soak: evidence: byte %u of group 0x%X (pattern 0x%02X) first clobbered by write tag %u data 0x%02X\n",
-                         c.byte, c.group, want, q.tag, q.data[0]);
+            std::fprintf(stderr,
+                "soak: evidence: byte %u of group 0x%X (pattern 0x%02X) first clobbered by write tag %u data 0x%02X\n",
+                c.byte, c.group, want, q.tag, q.data[0]);
             const size_t from = k >= 6 ? k - 6 : 0;
             for (size_t j = from; j <= k; ++j) {
                 const TapRequest& x = tapReqs[j];
                 std::fprintf(stderr,
-                             "soak: evidence:   request tag %u conn %d t=%.3f ms cmd %u group 0x%X offset %u length %u fault %s "
-                             "replies %d (size %d)\n",
-                             x.tag, x.conn, double(x.tUs - tapReqs[from].tUs) / 1000.0, x.cmd, x.group, x.offset, x.length,
-                             faultOf(x.tag).c_str(), x.replies, x.replySize);
+                    "soak: evidence:   request tag %u conn %d t=%.3f ms cmd %u group 0x%X offset %u length %u fault %s "
+                    "replies %d (size %d)\n",
+                    x.tag, x.conn, double(x.tUs - tapReqs[from].tUs) / 1000.0, x.cmd, x.group, x.offset, x.length,
+                    faultOf(x.tag).c_str(), x.replies, x.replySize);
             }
             for (const TapReply& y : tapReplies) {
-                if (y.tUs < tapReqs[from].tUs || y.tUs > q.tUs) continue;
-                std::fprintf(stderr, "soak: evidence:   reply to tag %u (size %d) passed to the host at t=%.3f ms\n", y.tag, y.size,
-                             double(y.tUs - tapReqs[from].tUs) / 1000.0);
+                if (y.tUs < tapReqs[from].tUs || y.tUs > q.tUs)
+                    continue;
+                std::fprintf(stderr, "soak: evidence:   reply to tag %u (size %d) passed to the host at t=%.3f ms\n",
+                    y.tag, y.size, double(y.tUs - tapReqs[from].tUs) / 1000.0);
             }
             for (const Record& r : records) {
-                if (r.t1 < tapReqs[from].tUs || r.t0 > q.tUs) continue;
+                if (r.t1 < tapReqs[from].tUs || r.t0 > q.tUs)
+                    continue;
                 std::fprintf(stderr, "soak: evidence:   host exchange t=%.3f..%.3f ms cmd %d %s %d (%d) result %d\n",
-                             double(r.t0 - tapReqs[from].tUs) / 1000.0, double(r.t1 - tapReqs[from].tUs) / 1000.0, r.cmd,
-                             r.reg.c_str(), r.address, r.length, r.result);
+                    double(r.t0 - tapReqs[from].tUs) / 1000.0, double(r.t1 - tapReqs[from].tUs) / 1000.0, r.cmd,
+                    r.reg.c_str(), r.address, r.length, r.result);
             }
             break;
         }
@@ -1300,7 +1463,9 @@ int main(int argc, char** argv) {
 
     const double seconds = double(adshost::nowMs() - startMs) / 1000.0;
     std::string line = "soak:";
-    auto add = [&line](const char* name, unsigned long long v) { line += std::string(" ") + name + "=" + std::to_string(v); };
+    auto add = [&line](const char* name, unsigned long long v) {
+        line += std::string(" ") + name + "=" + std::to_string(v);
+    };
     add("requests", st.requests);
     add("requests_with_faults", requestsWithFaults);
     add("plc_requests", (unsigned long long)counter("requests"));
@@ -1311,7 +1476,8 @@ int main(int argc, char** argv) {
     add("result3", st.results[3]);
     add("result0", st.results[0]);
     add("timeouts", st.timeouts);
-    for (const char* k : kinds) add((std::string("fault_") + k).c_str(), logc.faults[k]);
+    for (const char* k : kinds)
+        add((std::string("fault_") + k).c_str(), logc.faults[k]);
     add("delay_in_time", delayShortFaults);
     add("delay_late", delayLongFaults);
     add("faults_total", faultsByLog);
@@ -1334,11 +1500,14 @@ int main(int argc, char** argv) {
     std::snprintf(sec, sizeof sec, " seconds=%.1f", seconds);
     line += sec;
     add("mismatches", mismatches.size());
-    if (timeUp) line += " (wall-clock limit reached)";
+    if (timeUp)
+        line += " (wall-clock limit reached)";
     std::printf("%s\n", line.c_str());
     std::fflush(stdout);
-    for (size_t i = 0; i < mismatches.size() && i < 20; ++i) std::fprintf(stderr, "soak: MISMATCH: %s\n", mismatches[i].c_str());
-    if (mismatches.size() > 20) std::fprintf(stderr, "soak: ... and %zu more\n", mismatches.size() - 20);
+    for (size_t i = 0; i < mismatches.size() && i < 20; ++i)
+        std::fprintf(stderr, "soak: MISMATCH: %s\n", mismatches[i].c_str());
+    if (mismatches.size() > 20)
+        std::fprintf(stderr, "soak: ... and %zu more\n", mismatches.size() - 20);
     finished = true;
     watchdog.join();
     return mismatches.empty() ? 0 : 1;

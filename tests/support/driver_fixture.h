@@ -103,8 +103,7 @@ inline void clearRecipeState()
 
 // A monitored address as the host hands it to intf_addrMerge: texts empty, no recipe index,
 // data zero.
-inline KEY_ADDRESS makeKey(int keyNo, const QString& reg, int address, int length, int hostNumber = 0,
-                           int unitMark = 0)
+inline KEY_ADDRESS makeKey(int keyNo, const QString& reg, int address, int length, int hostNumber = 0, int unitMark = 0)
 {
     KEY_ADDRESS k;
     k.hostText = QString();
@@ -120,15 +119,14 @@ inline KEY_ADDRESS makeKey(int keyNo, const QString& reg, int address, int lengt
     return k;
 }
 
-inline KEY_ADDRESS makeKey(int keyNo, const char* reg, int address, int length, int hostNumber = 0,
-                           int unitMark = 0)
+inline KEY_ADDRESS makeKey(int keyNo, const char* reg, int address, int length, int hostNumber = 0, int unitMark = 0)
 {
     return makeKey(keyNo, L(reg), address, length, hostNumber, unitMark);
 }
 
 // A queued read or write item; the data bytes given first, the rest zero.
-inline VARIABLE makeVariable(int kind, int keyNo, const QString& reg, int address, int length,
-                             std::initializer_list<int> data = {})
+inline VARIABLE makeVariable(
+    int kind, int keyNo, const QString& reg, int address, int length, std::initializer_list<int> data = {})
 {
     VARIABLE v;
     v.kind = kind;
@@ -138,19 +136,20 @@ inline VARIABLE makeVariable(int kind, int keyNo, const QString& reg, int addres
     v.length = length;
     std::memset(v.data, 0, sizeof v.data);
     int i = 0;
-    for (int x : data) v.data[i++] = static_cast<unsigned char>(x);
+    for (int x : data)
+        v.data[i++] = static_cast<unsigned char>(x);
     return v;
 }
 
-inline VARIABLE makeVariable(int kind, int keyNo, const char* reg, int address, int length,
-                             std::initializer_list<int> data = {})
+inline VARIABLE makeVariable(
+    int kind, int keyNo, const char* reg, int address, int length, std::initializer_list<int> data = {})
 {
     return makeVariable(kind, keyNo, L(reg), address, length, data);
 }
 
 // A recipe variable as the host hands it to intf_setRcpAddress.
-inline _RCP_VAR_PRO makeRcpVar(int driverNo, int keyNo, const QString& reg, int address, int length,
-                               int rcpDataIndex, int hostField = 0)
+inline _RCP_VAR_PRO makeRcpVar(
+    int driverNo, int keyNo, const QString& reg, int address, int length, int rcpDataIndex, int hostField = 0)
 {
     _RCP_VAR_PRO v;
     v.driverNo = driverNo;
@@ -163,8 +162,8 @@ inline _RCP_VAR_PRO makeRcpVar(int driverNo, int keyNo, const QString& reg, int 
     return v;
 }
 
-inline _RCP_VAR_PRO makeRcpVar(int driverNo, int keyNo, const char* reg, int address, int length,
-                               int rcpDataIndex, int hostField = 0)
+inline _RCP_VAR_PRO makeRcpVar(
+    int driverNo, int keyNo, const char* reg, int address, int length, int rcpDataIndex, int hostField = 0)
 {
     return makeRcpVar(driverNo, keyNo, L(reg), address, length, rcpDataIndex, hostField);
 }

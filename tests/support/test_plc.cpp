@@ -23,12 +23,18 @@ namespace adstest {
 const char* faultName(Fault f)
 {
     switch (f) {
-    case Fault::None: return "none";
-    case Fault::NoReply: return "no reply";
-    case Fault::Short: return "one byte short";
-    case Fault::Long: return "one byte long";
-    case Fault::AdsError: return "ADS error";
-    case Fault::Full1024: return "1024 bytes";
+    case Fault::None:
+        return "none";
+    case Fault::NoReply:
+        return "no reply";
+    case Fault::Short:
+        return "one byte short";
+    case Fault::Long:
+        return "one byte long";
+    case Fault::AdsError:
+        return "ADS error";
+    case Fault::Full1024:
+        return "1024 bytes";
     }
     return "?";
 }
@@ -42,8 +48,10 @@ uint32_t u32(const unsigned char* p)
 QByteArray frameBytes(const FRAME_PRO& f)
 {
     int n = f.sendLen;
-    if (n < 0) n = 0;
-    if (n > 1024) n = 1024;
+    if (n < 0)
+        n = 0;
+    if (n > 1024)
+        n = 1024;
     return QByteArray(reinterpret_cast<const char*>(f.frame), n);
 }
 
@@ -51,12 +59,15 @@ QByteArray readReply(const std::vector<uint8_t>& data)
 {
     QByteArray r(46, '\0');
     const uint32_t amsLen = 32 + 8 + uint32_t(data.size());
-    for (int i = 0; i < 4; ++i) r[2 + i] = char((amsLen >> (8 * i)) & 0xFF);
-    r[22] = 2;     // Read
-    r[24] = 5;     // response
+    for (int i = 0; i < 4; ++i)
+        r[2 + i] = char((amsLen >> (8 * i)) & 0xFF);
+    r[22] = 2;  // Read
+    r[24] = 5;  // response
     const uint32_t dataLen = 8 + uint32_t(data.size());
-    for (int i = 0; i < 4; ++i) r[26 + i] = char((dataLen >> (8 * i)) & 0xFF);
-    for (int i = 0; i < 4; ++i) r[42 + i] = char((uint32_t(data.size()) >> (8 * i)) & 0xFF);
+    for (int i = 0; i < 4; ++i)
+        r[26 + i] = char((dataLen >> (8 * i)) & 0xFF);
+    for (int i = 0; i < 4; ++i)
+        r[42 + i] = char((uint32_t(data.size()) >> (8 * i)) & 0xFF);
     r.append(reinterpret_cast<const char*>(data.data()), int(data.size()));
     return r;
 }
@@ -64,13 +75,14 @@ QByteArray readReply(const std::vector<uint8_t>& data)
 QByteArray replyOfSize(int n, uint8_t filler)
 {
     QByteArray r(n, char(filler));
-    for (int i = 0; i < n && i < 38; ++i) r[i] = 0;
+    for (int i = 0; i < n && i < 38; ++i)
+        r[i] = 0;
     return r;
 }
 
 // ------------------------------------------------------------------------------ TestPlc
 
-TestPlc::TestPlc() : plc_(new plcsim::Plc()) {}
+TestPlc::TestPlc() : plc_(new plcsim::Plc()) { }
 TestPlc::~TestPlc() = default;
 
 void TestPlc::injectFault(Fault f, int n)
@@ -92,7 +104,8 @@ uint8_t* TestPlc::memory(uint32_t group) { return plc_->memory(group); }
 void TestPlc::setBytes(uint32_t group, int offset, const std::vector<uint8_t>& b)
 {
     uint8_t* m = memory(group);
-    for (size_t i = 0; i < b.size(); ++i) m[offset + int(i)] = b[i];
+    for (size_t i = 0; i < b.size(); ++i)
+        m[offset + int(i)] = b[i];
 }
 
 std::vector<uint8_t> TestPlc::bytes(uint32_t group, int offset, int count)
@@ -104,15 +117,18 @@ std::vector<uint8_t> TestPlc::bytes(uint32_t group, int offset, int count)
 std::vector<int> TestPlc::commands() const
 {
     std::vector<int> c;
-    for (const Request& r : log_) c.push_back(r.command);
+    for (const Request& r : log_)
+        c.push_back(r.command);
     return c;
 }
 
 QByteArray TestPlc::reply(const FRAME_PRO& frame, Fault fault)
 {
     int n = frame.sendLen;
-    if (n < 0) n = 0;
-    if (n > 1024) n = 1024;
+    if (n < 0)
+        n = 0;
+    if (n > 1024)
+        n = 1024;
     return reply(frame.frame, n, fault);
 }
 
@@ -120,7 +136,8 @@ QByteArray TestPlc::reply(const unsigned char* f, int len, Fault fault)
 {
     if (fault == Fault::None && faultsLeft_ > 0) {
         fault = pending_;
-        if (--faultsLeft_ == 0) pending_ = Fault::None;
+        if (--faultsLeft_ == 0)
+            pending_ = Fault::None;
     }
 
     Request req;
@@ -132,34 +149,47 @@ QByteArray TestPlc::reply(const unsigned char* f, int len, Fault fault)
         req.sourcePort = pf.sourcePort;
         req.command = pf.cmd;
     }
-    if (pf.data.size() >= 12 &&
-        (req.command == kCmdRead || req.command == kCmdWrite || req.command == kCmdAddNotification)) {
+    if (pf.data.size() >= 12
+        && (req.command == kCmdRead || req.command == kCmdWrite || req.command == kCmdAddNotification)) {
         req.group = plcsim::getU32(&pf.data[0]);
         req.offset = plcsim::getU32(&pf.data[4]);
         req.length = plcsim::getU32(&pf.data[8]);
         if (req.command == kCmdWrite && pf.data.size() > 12) {
             size_t n = pf.data.size() - 12;
-            if (n > req.length) n = req.length;
+            if (n > req.length)
+                n = req.length;
             req.data = QByteArray(reinterpret_cast<const char*>(&pf.data[12]), int(n));
         }
     }
 
     // The simulator applies the reply-shape faults itself; 1024 bytes is ours.
     switch (fault) {
-    case Fault::NoReply: plc_->injectFault(plcsim::Fault::NoReply, 1); break;
-    case Fault::Short: plc_->injectFault(plcsim::Fault::Short, 1); break;
-    case Fault::Long: plc_->injectFault(plcsim::Fault::Long, 1); break;
-    case Fault::AdsError: plc_->injectFault(plcsim::Fault::AdsError, 1); break;
+    case Fault::NoReply:
+        plc_->injectFault(plcsim::Fault::NoReply, 1);
+        break;
+    case Fault::Short:
+        plc_->injectFault(plcsim::Fault::Short, 1);
+        break;
+    case Fault::Long:
+        plc_->injectFault(plcsim::Fault::Long, 1);
+        break;
+    case Fault::AdsError:
+        plc_->injectFault(plcsim::Fault::AdsError, 1);
+        break;
     case Fault::None:
-    case Fault::Full1024: plc_->clearFaults(); break;
+    case Fault::Full1024:
+        plc_->clearFaults();
+        break;
     }
     std::vector<uint8_t> answer = plc_->handle(f, size_t(len));
     plc_->clearFaults();
 
     QByteArray r(reinterpret_cast<const char*>(answer.data()), int(answer.size()));
     if (fault == Fault::Full1024) {
-        if (r.size() > 1024) r.truncate(1024);
-        else r.append(QByteArray(1024 - r.size(), '\0'));
+        if (r.size() > 1024)
+            r.truncate(1024);
+        else
+            r.append(QByteArray(1024 - r.size(), '\0'));
     }
     req.replySize = r.size();
     log_.push_back(req);
@@ -190,12 +220,12 @@ Host* Host::current() { return g_current; }
 
 int Host::callback(int context, int keyNo, QString text, int address)
 {
-    if (g_current) g_current->reports.push_back(Report{context, keyNo, text, address});
+    if (g_current)
+        g_current->reports.push_back(Report {context, keyNo, text, address});
     return 0;
 }
 
-Host::Host(const char* initString, const char* settings)
-    : status(kStatusSize, 0), recipe(kRecipeSize, 0)
+Host::Host(const char* initString, const char* settings) : status(kStatusSize, 0), recipe(kRecipeSize, 0)
 {
     g_current = this;
     std::memset(frame.frame, 0, sizeof frame.frame);
@@ -206,7 +236,8 @@ Host::Host(const char* initString, const char* settings)
 
 Host::~Host()
 {
-    if (g_current == this) g_current = nullptr;
+    if (g_current == this)
+        g_current = nullptr;
 }
 
 void Host::init(const char* initString, const char* settings)
@@ -228,14 +259,16 @@ int Host::deliver(const QByteArray& reply)
 
 int Host::cycle(Fault fault)
 {
-    if (fetch() != 1) return -1;
+    if (fetch() != 1)
+        return -1;
     ++framesSent;
     return deliver(plc.reply(frame, fault));
 }
 
 int Host::cycleWithReply(const QByteArray& reply)
 {
-    if (fetch() != 1) return -1;
+    if (fetch() != 1)
+        return -1;
     ++framesSent;
     return deliver(reply);
 }
@@ -244,7 +277,8 @@ int Host::runUntilIdle(int maxCycles)
 {
     int n = 0;
     for (int i = 0; i < maxCycles; ++i) {
-        if (cycle() < 0) break;
+        if (cycle() < 0)
+            break;
         ++n;
     }
     return n;
@@ -252,8 +286,10 @@ int Host::runUntilIdle(int maxCycles)
 
 bool Host::handshake()
 {
-    if (fetch() != 1) return false;
-    if (frame.sendLen != 78) return false;
+    if (fetch() != 1)
+        return false;
+    if (frame.sendLen != 78)
+        return false;
     ++framesSent;
     return deliver(plc.reply(frame)) == 1;
 }
@@ -266,7 +302,8 @@ KEY_ADDRESS Host::key(int keyNo, const QString& regName, int address, int length
 int Host::addrMerge(const std::vector<KEY_ADDRESS>& keys)
 {
     QList<KEY_ADDRESS> list;
-    for (const KEY_ADDRESS& k : keys) list.append(k);
+    for (const KEY_ADDRESS& k : keys)
+        list.append(k);
     return intf_addrMerge(list);
 }
 
@@ -286,8 +323,7 @@ std::vector<uint8_t> Host::getData(int keyNo, const QString& regName, int addres
     return out;
 }
 
-_RCP_VAR_PRO Host::rcpVar(int driverNo, int keyNo, const QString& regName, int address, int length,
-                          int rcpDataIndex)
+_RCP_VAR_PRO Host::rcpVar(int driverNo, int keyNo, const QString& regName, int address, int length, int rcpDataIndex)
 {
     return makeRcpVar(driverNo, keyNo, regName, address, length, rcpDataIndex);
 }
@@ -295,7 +331,8 @@ _RCP_VAR_PRO Host::rcpVar(int driverNo, int keyNo, const QString& regName, int a
 int Host::setRcpAddress(const std::vector<_RCP_VAR_PRO>& vars)
 {
     QVector<_RCP_VAR_PRO> v;
-    for (const _RCP_VAR_PRO& x : vars) v.append(x);
+    for (const _RCP_VAR_PRO& x : vars)
+        v.append(x);
     return intf_setRcpAddress(&v);
 }
 
@@ -303,7 +340,8 @@ std::vector<Report> Host::reportsWithText(const QString& text) const
 {
     std::vector<Report> r;
     for (const Report& x : reports)
-        if (x.text == text) r.push_back(x);
+        if (x.text == text)
+            r.push_back(x);
     return r;
 }
 

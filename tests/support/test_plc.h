@@ -54,16 +54,16 @@ const char* faultName(Fault f);
 
 // One request as the PLC saw it.
 struct Request {
-    int command = 0;         // ADS command id (2 read, 3 write, 6 AddDeviceNotification)
-    int targetPort = 0;      // AMS target port
-    int sourcePort = 0;      // AMS source port
-    uint32_t group = 0;      // index group
-    uint32_t offset = 0;     // index offset
-    uint32_t length = 0;     // length field (read: bytes asked for; write: bytes written)
-    QByteArray data;         // write: the bytes written
-    QByteArray frame;        // the whole frame as sent
+    int command = 0;      // ADS command id (2 read, 3 write, 6 AddDeviceNotification)
+    int targetPort = 0;   // AMS target port
+    int sourcePort = 0;   // AMS source port
+    uint32_t group = 0;   // index group
+    uint32_t offset = 0;  // index offset
+    uint32_t length = 0;  // length field (read: bytes asked for; write: bytes written)
+    QByteArray data;      // write: the bytes written
+    QByteArray frame;     // the whole frame as sent
     Fault fault = Fault::None;
-    int replySize = 0;       // size of the reply handed back
+    int replySize = 0;  // size of the reply handed back
 };
 
 class TestPlc {
@@ -121,7 +121,7 @@ class Host {
 public:
     static constexpr const char* kInit = "1#0#0#3#64";
     static constexpr const char* kSettings = "2_0,192.168.1.100.1.1,801";
-    static constexpr int kStatusSize = 65536;   // covers the flag bytes 60115 and 60116
+    static constexpr int kStatusSize = 65536;  // covers the flag bytes 60115 and 60116
     static constexpr int kRecipeSize = 65536;
 
     explicit Host(const char* initString = kInit, const char* settings = kSettings);
@@ -152,12 +152,12 @@ public:
     int addrMerge(const std::vector<KEY_ADDRESS>& keys);
     static KEY_ADDRESS key(int keyNo, const QString& regName, int address, int length, int unitMark = 0);
     int setData(int keyNo, const QString& regName, int address, const std::vector<uint8_t>& data,
-                int mode = 0);  // count = bytes for bit registers, bytes / 2 for word registers
+        int mode = 0);  // count = bytes for bit registers, bytes / 2 for word registers
     std::vector<uint8_t> getData(int keyNo, const QString& regName, int address, int count, int outSize);
 
     // Recipe variables (QVector handed to intf_setRcpAddress); returns its result.
-    static _RCP_VAR_PRO rcpVar(int driverNo, int keyNo, const QString& regName, int address, int length,
-                               int rcpDataIndex);
+    static _RCP_VAR_PRO rcpVar(
+        int driverNo, int keyNo, const QString& regName, int address, int length, int rcpDataIndex);
     int setRcpAddress(const std::vector<_RCP_VAR_PRO>& vars);
 
     // Recipe request flags.
@@ -179,11 +179,11 @@ public:
     QMutex hostMutex;
     int mode = 0;
     TestPlc plc;
-    FRAME_PRO frame;           // the last frame fetched
-    QByteArray lastReply;      // the last reply delivered
-    QString errorText;         // errorText of the last intf_dealRcvFrame
-    int lastResult = 0;        // result of the last intf_dealRcvFrame
-    int framesSent = 0;        // turns that fetched a frame
+    FRAME_PRO frame;       // the last frame fetched
+    QByteArray lastReply;  // the last reply delivered
+    QString errorText;     // errorText of the last intf_dealRcvFrame
+    int lastResult = 0;    // result of the last intf_dealRcvFrame
+    int framesSent = 0;    // turns that fetched a frame
 };
 
 // Frame field readers (little-endian), for assertions on request bytes.

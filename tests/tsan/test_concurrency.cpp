@@ -31,14 +31,14 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-const int kCycles = 20000;          // polling turns of the communication thread at most
-const int kHostWrites = 20000;      // word and bit writes of the screen thread at most
+const int kCycles = 20000;      // polling turns of the communication thread at most
+const int kHostWrites = 20000;  // word and bit writes of the screen thread at most
 const auto kDeadline = std::chrono::seconds(90);
 
-const int kWordArea = 0;            // "M_W" 0..15 monitored: words written at 0, 2, 4, 6
-const int kBitBase = 128;           // "M_bit" 128..143 (bytes 16, 17) monitored and written
-const int kCallbackWordAddress = 40;   // written from inside the callback (communication thread)
-const int kScreenCallbackAddress = 44; // written from inside the callback (screen thread)
+const int kWordArea = 0;                // "M_W" 0..15 monitored: words written at 0, 2, 4, 6
+const int kBitBase = 128;               // "M_bit" 128..143 (bytes 16, 17) monitored and written
+const int kCallbackWordAddress = 40;    // written from inside the callback (communication thread)
+const int kScreenCallbackAddress = 44;  // written from inside the callback (screen thread)
 
 // The register names the host hands in live as long as the test, as a panel runtime's
 // names from its configuration do. ADS_TSAN_HOST_TEMPORARIES=1 makes the host pass a new
@@ -54,9 +54,9 @@ enum Role { kOther = 0, kComm = 1, kScreen = 2 };
 thread_local int tRole = kOther;
 thread_local int tDepth = 0;
 
-std::atomic<long> gCallbacks{0};
-std::atomic<long> gCallbackReads{0};
-std::atomic<long> gBadReadBack{0};
+std::atomic<long> gCallbacks {0};
+std::atomic<long> gCallbackReads {0};
+std::atomic<long> gBadReadBack {0};
 // Written only by the thread named in their name, read after both have joined.
 int gCommCallbackWrites = 0;
 int gCommCallbackLast = -1;
@@ -150,13 +150,13 @@ QByteArray answer(Plc& plc, const FRAME_PRO& f)
     unsigned offset = q[42] | (q[43] << 8) | (q[44] << 16) | (unsigned(q[45]) << 24);
     unsigned length = q[46] | (q[47] << 8) | (q[48] << 16) | (unsigned(q[49]) << 24);
     if (command == 6)
-        return QByteArray(46, '\0');                    // handshake: result and handle
+        return QByteArray(46, '\0');  // handshake: result and handle
     if (command == 3) {
         if (offset + length <= plc.memory.size())
             std::memcpy(&plc.memory[offset], q + 50, length);
-        return QByteArray(42, '\0');                    // write: the result alone
+        return QByteArray(42, '\0');  // write: the result alone
     }
-    QByteArray r(46, '\0');                             // read: result, length, data
+    QByteArray r(46, '\0');  // read: result, length, data
     r.append(reinterpret_cast<const char*>(&plc.memory[offset]), static_cast<int>(length));
     return r;
 }
@@ -174,8 +174,8 @@ protected:
         intf_SetDriverPropertyPage(QString::fromLatin1("2_0,192.168.1.100.1.1,801"));
         intf_setAddrValueChangeCallBack(callback);
         QList<KEY_ADDRESS> keys;
-        keys.append(makeKey("M_W", kWordArea, 8, 0));       // bytes 0..15
-        keys.append(makeKey("M_bit", kBitBase, 16, -1));    // bytes 16, 17
+        keys.append(makeKey("M_W", kWordArea, 8, 0));     // bytes 0..15
+        keys.append(makeKey("M_bit", kBitBase, 16, -1));  // bytes 16, 17
         keys.append(makeKey("M_W", kCallbackWordAddress, 1, 0));
         keys.append(makeKey("M_W", kScreenCallbackAddress, 1, 0));
         ASSERT_GE(intf_addrMerge(keys), 1);
@@ -203,7 +203,7 @@ TEST_F(Concurrency, PollingAndHostWritesOnTwoThreadsSettleToTheLastWrittenValues
 {
     Plc plc;
     const Clock::time_point deadline = Clock::now() + kDeadline;
-    std::atomic<bool> commDone{false};
+    std::atomic<bool> commDone {false};
     int commBadResults = 0;
     long commTurns = 0;
 
@@ -214,8 +214,8 @@ TEST_F(Concurrency, PollingAndHostWritesOnTwoThreadsSettleToTheLastWrittenValues
         ASSERT_EQ(0, driver.needHandShake);
     }
 
-    std::map<int, int> lastWord;   // address -> last value written by the screen thread
-    std::map<int, int> lastBit;    // bit number -> last value written by the screen thread
+    std::map<int, int> lastWord;  // address -> last value written by the screen thread
+    std::map<int, int> lastBit;   // bit number -> last value written by the screen thread
     long screenWrites = 0;
 
     std::thread comm([&] {
@@ -276,8 +276,8 @@ TEST_F(Concurrency, PollingAndHostWritesOnTwoThreadsSettleToTheLastWrittenValues
     RecordProperty("commTurns", static_cast<int>(commTurns));
     RecordProperty("screenWrites", static_cast<int>(screenWrites));
     std::printf("turns %ld, screen writes %ld, callbacks %ld (reads %ld), callback writes %d + %d, settle %d\n",
-                commTurns, screenWrites, gCallbacks.load(), gCallbackReads.load(), gCommCallbackWrites,
-                gScreenCallbackWrites, settleTurns);
+        commTurns, screenWrites, gCallbacks.load(), gCallbackReads.load(), gCommCallbackWrites, gScreenCallbackWrites,
+        settleTurns);
 
     EXPECT_GT(screenWrites, 100);
     EXPECT_GT(commTurns, 100);
@@ -313,7 +313,7 @@ TEST_F(Concurrency, PollingAndHostWritesOnTwoThreadsSettleToTheLastWrittenValues
     }
 }
 
-} // namespace
+}  // namespace
 
 // Note. Had the driver queued the host's own register-name string, the last reference to a
 // host temporary would be dropped on the communication thread (when intf_getSendFrame copies

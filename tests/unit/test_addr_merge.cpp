@@ -39,29 +39,32 @@ std::ostream& operator<<(std::ostream& os, const Block& b)
 std::vector<Block> blocksOf(const QList<KEY_ADDRESS>& keys)
 {
     std::vector<Block> out;
-    for (const KEY_ADDRESS& k : keys) out.push_back({k.keyNo, k.regName.toStdString(), k.address, k.length});
+    for (const KEY_ADDRESS& k : keys)
+        out.push_back({k.keyNo, k.regName.toStdString(), k.address, k.length});
     return out;
 }
 
 std::vector<Block> blocksOf(const QList<VARIABLE>& vars)
 {
     std::vector<Block> out;
-    for (const VARIABLE& v : vars) out.push_back({v.keyNo, v.regName.toStdString(), v.address, v.length});
+    for (const VARIABLE& v : vars)
+        out.push_back({v.keyNo, v.regName.toStdString(), v.address, v.length});
     return out;
 }
 
 int regIndex(const QString& name)
 {
     for (int i = 0; i < 6; ++i)
-        if (REG_LIST[i] == name) return i;
+        if (REG_LIST[i] == name)
+            return i;
     return -1;
 }
 
 // keyNo x 6 x 65535 + index x 65535 + address, wrapping in 32 bits.
 int weightOf(int keyNo, const QString& reg, int address)
 {
-    uint32_t w = static_cast<uint32_t>(keyNo) * 6u * 65535u + static_cast<uint32_t>(regIndex(reg)) * 65535u +
-                 static_cast<uint32_t>(address);
+    uint32_t w = static_cast<uint32_t>(keyNo) * 6u * 65535u + static_cast<uint32_t>(regIndex(reg)) * 65535u
+        + static_cast<uint32_t>(address);
     return static_cast<int>(w);
 }
 
@@ -94,7 +97,7 @@ TEST_F(AddrMerge, JudgeRefusesOtherRegisterNameCaseSensitively)
 
 TEST_F(AddrMerge, JudgeWithoutGapModeAllowsOnlyTouchingOrOverlapping)
 {
-    KEY_ADDRESS block = makeKey(0, "M_W", 10, 4);  // bytes 10..13
+    KEY_ADDRESS block = makeKey(0, "M_W", 10, 4);                      // bytes 10..13
     EXPECT_EQ(judgeAddrMerge(block, makeKey(0, "M_W", 14, 2), 0), 0);  // gap 0
     EXPECT_EQ(judgeAddrMerge(block, makeKey(0, "M_W", 15, 2), 0), 1);  // gap 1
     EXPECT_EQ(judgeAddrMerge(block, makeKey(0, "M_W", 12, 2), 0), 0);  // overlap
@@ -104,7 +107,7 @@ TEST_F(AddrMerge, JudgeWithoutGapModeAllowsOnlyTouchingOrOverlapping)
 TEST_F(AddrMerge, JudgeWithGapModeUsesMaxMergeGapInclusively)
 {
     initWithGap(5);
-    KEY_ADDRESS block = makeKey(0, "M_W", 10, 4);  // ends before 14
+    KEY_ADDRESS block = makeKey(0, "M_W", 10, 4);                      // ends before 14
     EXPECT_EQ(judgeAddrMerge(block, makeKey(0, "M_W", 19, 2), 1), 0);  // gap 5 = limit
     EXPECT_EQ(judgeAddrMerge(block, makeKey(0, "M_W", 20, 2), 1), 1);  // gap 6
     EXPECT_EQ(judgeAddrMerge(block, makeKey(0, "M_W", 20, 2), 7), 1);  // any non-zero mode
@@ -124,8 +127,8 @@ TEST_F(AddrMerge, JudgeWithNegativeMaxMergeGapRefusesTouching)
 {
     initWithGap(-1);
     KEY_ADDRESS block = makeKey(0, "Q_W", 0, 2);
-    EXPECT_EQ(judgeAddrMerge(block, makeKey(0, "Q_W", 2, 2), 1), 1);   // gap 0 > -1
-    EXPECT_EQ(judgeAddrMerge(block, makeKey(0, "Q_W", 1, 2), 1), 0);   // gap -1
+    EXPECT_EQ(judgeAddrMerge(block, makeKey(0, "Q_W", 2, 2), 1), 1);  // gap 0 > -1
+    EXPECT_EQ(judgeAddrMerge(block, makeKey(0, "Q_W", 1, 2), 1), 0);  // gap -1
 }
 
 // ---------------------------------------------------------------------------------------
@@ -137,28 +140,28 @@ TEST_F(AddrMerge, BitKeyBecomesWordKeyInBytes)
     QList<KEY_ADDRESS> keys;
     keys.append(makeKey(0, "M_bit", 21, 6));  // bits 21..26: bytes 2 and 3
     addrMerge(keys, 1);
-    EXPECT_EQ(blocksOf(keys), (std::vector<Block>{{0, "M_W", 2, 2}}));
+    EXPECT_EQ(blocksOf(keys), (std::vector<Block> {{0, "M_W", 2, 2}}));
 }
 
 TEST_F(AddrMerge, BitConversionRoundsUp)
 {
-    EXPECT_EQ(merged({makeKey(0, "I_bit", 16, 8)}, 1), (std::vector<Block>{{0, "I_W", 2, 1}}));
-    EXPECT_EQ(merged({makeKey(0, "Q_bit", 7, 2)}, 1), (std::vector<Block>{{0, "Q_W", 0, 2}}));
-    EXPECT_EQ(merged({makeKey(0, "M_bit", 0, 1)}, 1), (std::vector<Block>{{0, "M_W", 0, 1}}));
-    EXPECT_EQ(merged({makeKey(0, "M_bit", 23, 1)}, 1), (std::vector<Block>{{0, "M_W", 2, 1}}));
-    EXPECT_EQ(merged({makeKey(0, "M_bit", 8, 9)}, 1), (std::vector<Block>{{0, "M_W", 1, 2}}));
-    EXPECT_EQ(merged({makeKey(0, "M_bit", 524287, 1)}, 1), (std::vector<Block>{{0, "M_W", 65535, 1}}));
+    EXPECT_EQ(merged({makeKey(0, "I_bit", 16, 8)}, 1), (std::vector<Block> {{0, "I_W", 2, 1}}));
+    EXPECT_EQ(merged({makeKey(0, "Q_bit", 7, 2)}, 1), (std::vector<Block> {{0, "Q_W", 0, 2}}));
+    EXPECT_EQ(merged({makeKey(0, "M_bit", 0, 1)}, 1), (std::vector<Block> {{0, "M_W", 0, 1}}));
+    EXPECT_EQ(merged({makeKey(0, "M_bit", 23, 1)}, 1), (std::vector<Block> {{0, "M_W", 2, 1}}));
+    EXPECT_EQ(merged({makeKey(0, "M_bit", 8, 9)}, 1), (std::vector<Block> {{0, "M_W", 1, 2}}));
+    EXPECT_EQ(merged({makeKey(0, "M_bit", 524287, 1)}, 1), (std::vector<Block> {{0, "M_W", 65535, 1}}));
 }
 
 TEST_F(AddrMerge, WordKeyLengthBecomesBytes)
 {
-    EXPECT_EQ(merged({makeKey(0, "M_W", 5, 3)}, 1), (std::vector<Block>{{0, "M_W", 5, 6}}));
-    EXPECT_EQ(merged({makeKey(0, "I_W", 0, 64)}, 1), (std::vector<Block>{{0, "I_W", 0, 128}}));
+    EXPECT_EQ(merged({makeKey(0, "M_W", 5, 3)}, 1), (std::vector<Block> {{0, "M_W", 5, 6}}));
+    EXPECT_EQ(merged({makeKey(0, "I_W", 0, 64)}, 1), (std::vector<Block> {{0, "I_W", 0, 128}}));
 }
 
 TEST_F(AddrMerge, UnknownNameTakesWordPathOfSpareRow)
 {
-    EXPECT_EQ(merged({makeKey(0, "X_W", 4, 3)}, 1), (std::vector<Block>{{0, "X_W", 4, 6}}));
+    EXPECT_EQ(merged({makeKey(0, "X_W", 4, 3)}, 1), (std::vector<Block> {{0, "X_W", 4, 6}}));
 }
 
 TEST_F(AddrMerge, EmittedBlockIsFullCopyOfItsFirstKey)
@@ -169,7 +172,8 @@ TEST_F(AddrMerge, EmittedBlockIsFullCopyOfItsFirstKey)
     a.hostText2 = L("second");
     a.rcpDataIndex = 42;
     a.unitMark = 7;
-    for (int i = 0; i < 1024; ++i) a.data[i] = static_cast<unsigned char>(i * 7 + 1);
+    for (int i = 0; i < 1024; ++i)
+        a.data[i] = static_cast<unsigned char>(i * 7 + 1);
     KEY_ADDRESS b = makeKey(3, "M_W", 2, 1, 222);
     b.hostText = L("other");
     std::memset(b.data, 0xEE, sizeof b.data);
@@ -202,12 +206,9 @@ TEST_F(AddrMerge, OutOfOrderKeysComeOutSortedByKeyRegisterAddress)
     keys.append(makeKey(0, "Q_W", 50, 1));
     keys.append(makeKey(0, "I_W", 70, 1));
     keys.append(makeKey(0, "M_bit", 400, 1));  // byte 50 of "M"
-    EXPECT_EQ(merged(keys, 1), (std::vector<Block>{{0, "I_W", 70, 2},
-                                                   {0, "Q_W", 50, 2},
-                                                   {0, "M_W", 10, 2},
-                                                   {0, "M_W", 50, 1},
-                                                   {0, "M_W", 100, 2},
-                                                   {1, "I_W", 0, 2}}));
+    EXPECT_EQ(merged(keys, 1),
+        (std::vector<Block> {{0, "I_W", 70, 2}, {0, "Q_W", 50, 2}, {0, "M_W", 10, 2}, {0, "M_W", 50, 1},
+            {0, "M_W", 100, 2}, {1, "I_W", 0, 2}}));
 }
 
 TEST_F(AddrMerge, EqualWeightsKeepHostOrder)
@@ -284,7 +285,7 @@ TEST_F(AddrMerge, BitAndWordOfSameBytesMergeIntoOneBlock)
     keys.append(makeKey(0, "M_bit", 0, 1));
     keys.append(makeKey(0, "M_W", 0, 1));
     EXPECT_EQ(intf_addrMerge(keys), 1);
-    EXPECT_EQ(blocksOf(driver.readList), (std::vector<Block>{{0, "M_W", 0, 2}}));
+    EXPECT_EQ(blocksOf(driver.readList), (std::vector<Block> {{0, "M_W", 0, 2}}));
 }
 
 TEST_F(AddrMerge, AdjacentWordsMergeWithoutGap)
@@ -293,17 +294,17 @@ TEST_F(AddrMerge, AdjacentWordsMergeWithoutGap)
     QList<KEY_ADDRESS> keys;
     keys.append(makeKey(0, "M_W", 0, 1));
     keys.append(makeKey(0, "M_W", 2, 1));
-    EXPECT_EQ(merged(keys, 1), (std::vector<Block>{{0, "M_W", 0, 4}}));
+    EXPECT_EQ(merged(keys, 1), (std::vector<Block> {{0, "M_W", 0, 4}}));
 }
 
 TEST_F(AddrMerge, KeyInsidePrecedingBlockIsAbsorbed)
 {
     initWithGap(0);
     QList<KEY_ADDRESS> keys;
-    keys.append(makeKey(0, "M_W", 0, 10));  // bytes 0..19
-    keys.append(makeKey(0, "M_W", 4, 2));   // bytes 4..7
+    keys.append(makeKey(0, "M_W", 0, 10));     // bytes 0..19
+    keys.append(makeKey(0, "M_W", 4, 2));      // bytes 4..7
     keys.append(makeKey(0, "M_bit", 152, 8));  // byte 19
-    EXPECT_EQ(merged(keys, 1), (std::vector<Block>{{0, "M_W", 0, 20}}));
+    EXPECT_EQ(merged(keys, 1), (std::vector<Block> {{0, "M_W", 0, 20}}));
 }
 
 TEST_F(AddrMerge, OverlappingKeysExtendTheBlock)
@@ -312,7 +313,7 @@ TEST_F(AddrMerge, OverlappingKeysExtendTheBlock)
     QList<KEY_ADDRESS> keys;
     keys.append(makeKey(0, "Q_W", 0, 3));  // 0..5
     keys.append(makeKey(0, "Q_W", 4, 3));  // 4..9
-    EXPECT_EQ(merged(keys, 1), (std::vector<Block>{{0, "Q_W", 0, 10}}));
+    EXPECT_EQ(merged(keys, 1), (std::vector<Block> {{0, "Q_W", 0, 10}}));
 }
 
 TEST_F(AddrMerge, HundredWordKeyIsCutInto128And72)
@@ -320,16 +321,15 @@ TEST_F(AddrMerge, HundredWordKeyIsCutInto128And72)
     QList<KEY_ADDRESS> keys;
     keys.append(makeKey(0, "M_W", 40, 100));
     EXPECT_EQ(intf_addrMerge(keys), 2);
-    EXPECT_EQ(blocksOf(driver.readList), (std::vector<Block>{{0, "M_W", 40, 128}, {0, "M_W", 168, 72}}));
+    EXPECT_EQ(blocksOf(driver.readList), (std::vector<Block> {{0, "M_W", 40, 128}, {0, "M_W", 168, 72}}));
 }
 
 TEST_F(AddrMerge, LongKeyCutIntoSeveralPiecesAndRemainder)
 {
     initWithGap(0);
     EXPECT_EQ(merged({makeKey(0, "I_W", 0, 150)}, 1),
-              (std::vector<Block>{{0, "I_W", 0, 128}, {0, "I_W", 128, 128}, {0, "I_W", 256, 44}}));
-    EXPECT_EQ(merged({makeKey(0, "I_W", 0, 128)}, 1),
-              (std::vector<Block>{{0, "I_W", 0, 128}, {0, "I_W", 128, 128}}));
+        (std::vector<Block> {{0, "I_W", 0, 128}, {0, "I_W", 128, 128}, {0, "I_W", 256, 44}}));
+    EXPECT_EQ(merged({makeKey(0, "I_W", 0, 128)}, 1), (std::vector<Block> {{0, "I_W", 0, 128}, {0, "I_W", 128, 128}}));
 }
 
 TEST_F(AddrMerge, LongLastKeyAfterNewBlockIsCut)
@@ -338,10 +338,8 @@ TEST_F(AddrMerge, LongLastKeyAfterNewBlockIsCut)
     QList<KEY_ADDRESS> keys;
     keys.append(makeKey(0, "M_W", 0, 1));      // 0..1
     keys.append(makeKey(0, "M_W", 100, 150));  // 100..399
-    EXPECT_EQ(merged(keys, 1), (std::vector<Block>{{0, "M_W", 0, 2},
-                                                   {0, "M_W", 100, 128},
-                                                   {0, "M_W", 228, 128},
-                                                   {0, "M_W", 356, 44}}));
+    EXPECT_EQ(merged(keys, 1),
+        (std::vector<Block> {{0, "M_W", 0, 2}, {0, "M_W", 100, 128}, {0, "M_W", 228, 128}, {0, "M_W", 356, 44}}));
 }
 
 TEST_F(AddrMerge, LongMiddleKeyIsCutBeforeTheNextKey)
@@ -351,10 +349,8 @@ TEST_F(AddrMerge, LongMiddleKeyIsCutBeforeTheNextKey)
     keys.append(makeKey(0, "M_W", 0, 1));      // 0..1
     keys.append(makeKey(0, "M_W", 100, 100));  // 100..299
     keys.append(makeKey(0, "M_W", 400, 1));    // 400..401
-    EXPECT_EQ(merged(keys, 1), (std::vector<Block>{{0, "M_W", 0, 2},
-                                                   {0, "M_W", 100, 128},
-                                                   {0, "M_W", 228, 72},
-                                                   {0, "M_W", 400, 2}}));
+    EXPECT_EQ(merged(keys, 1),
+        (std::vector<Block> {{0, "M_W", 0, 2}, {0, "M_W", 100, 128}, {0, "M_W", 228, 72}, {0, "M_W", 400, 2}}));
 }
 
 TEST_F(AddrMerge, UnionOf129BytesStaysTwoBlocks)
@@ -363,7 +359,7 @@ TEST_F(AddrMerge, UnionOf129BytesStaysTwoBlocks)
     keys.append(makeKey(0, "M_bit", 0, 8));  // byte 0
     keys.append(makeKey(0, "M_W", 1, 64));   // bytes 1..128
     EXPECT_EQ(intf_addrMerge(keys), 2);
-    EXPECT_EQ(blocksOf(driver.readList), (std::vector<Block>{{0, "M_W", 0, 1}, {0, "M_W", 1, 128}}));
+    EXPECT_EQ(blocksOf(driver.readList), (std::vector<Block> {{0, "M_W", 0, 1}, {0, "M_W", 1, 128}}));
 }
 
 TEST_F(AddrMerge, UnionOfExactly128BytesIsOneBlock)
@@ -372,7 +368,7 @@ TEST_F(AddrMerge, UnionOfExactly128BytesIsOneBlock)
     keys.append(makeKey(0, "M_W", 0, 32));   // 0..63
     keys.append(makeKey(0, "M_W", 64, 32));  // 64..127
     EXPECT_EQ(intf_addrMerge(keys), 1);
-    EXPECT_EQ(blocksOf(driver.readList), (std::vector<Block>{{0, "M_W", 0, 128}}));
+    EXPECT_EQ(blocksOf(driver.readList), (std::vector<Block> {{0, "M_W", 0, 128}}));
 }
 
 TEST_F(AddrMerge, OverlappingKeyBeyondLimitStartsNewOverlappingBlock)
@@ -381,7 +377,7 @@ TEST_F(AddrMerge, OverlappingKeyBeyondLimitStartsNewOverlappingBlock)
     QList<KEY_ADDRESS> keys;
     keys.append(makeKey(0, "M_W", 0, 50));   // 0..99
     keys.append(makeKey(0, "M_W", 50, 50));  // 50..149: union 150
-    EXPECT_EQ(merged(keys, 1), (std::vector<Block>{{0, "M_W", 0, 100}, {0, "M_W", 50, 100}}));
+    EXPECT_EQ(merged(keys, 1), (std::vector<Block> {{0, "M_W", 0, 100}, {0, "M_W", 50, 100}}));
 }
 
 TEST_F(AddrMerge, DifferentRegistersAndKeysNeverMerge)
@@ -392,8 +388,7 @@ TEST_F(AddrMerge, DifferentRegistersAndKeysNeverMerge)
     keys.append(makeKey(0, "Q_W", 0, 1));
     keys.append(makeKey(0, "Q_W", 2, 1));
     keys.append(makeKey(1, "Q_W", 4, 1));
-    EXPECT_EQ(merged(keys, 1),
-              (std::vector<Block>{{0, "I_W", 0, 2}, {0, "Q_W", 0, 4}, {1, "Q_W", 4, 2}}));
+    EXPECT_EQ(merged(keys, 1), (std::vector<Block> {{0, "I_W", 0, 2}, {0, "Q_W", 0, 4}, {1, "Q_W", 4, 2}}));
 }
 
 // ---------------------------------------------------------------------------------------
@@ -406,11 +401,11 @@ TEST_F(AddrMerge, GapOfTwoBytesMergesOnlyWithMaxMergeGapTwo)
     keys.append(makeKey(0, "M_W", 0, 1));  // 0..1
     keys.append(makeKey(0, "M_W", 4, 1));  // 4..5
     initWithGap(1);
-    EXPECT_EQ(merged(keys, 1), (std::vector<Block>{{0, "M_W", 0, 2}, {0, "M_W", 4, 2}}));
+    EXPECT_EQ(merged(keys, 1), (std::vector<Block> {{0, "M_W", 0, 2}, {0, "M_W", 4, 2}}));
     initWithGap(2);
-    EXPECT_EQ(merged(keys, 1), (std::vector<Block>{{0, "M_W", 0, 6}}));
+    EXPECT_EQ(merged(keys, 1), (std::vector<Block> {{0, "M_W", 0, 6}}));
     initWithGap(0);
-    EXPECT_EQ(merged(keys, 1), (std::vector<Block>{{0, "M_W", 0, 2}, {0, "M_W", 4, 2}}));
+    EXPECT_EQ(merged(keys, 1), (std::vector<Block> {{0, "M_W", 0, 2}, {0, "M_W", 4, 2}}));
 }
 
 TEST_F(AddrMerge, BridgedBlockStillKeepsTheLimit)
@@ -419,33 +414,33 @@ TEST_F(AddrMerge, BridgedBlockStillKeepsTheLimit)
     QList<KEY_ADDRESS> keys;
     keys.append(makeKey(0, "M_W", 0, 60));   // 0..119
     keys.append(makeKey(0, "M_W", 125, 2));  // 125..128: union 129
-    EXPECT_EQ(merged(keys, 1), (std::vector<Block>{{0, "M_W", 0, 120}, {0, "M_W", 125, 4}}));
+    EXPECT_EQ(merged(keys, 1), (std::vector<Block> {{0, "M_W", 0, 120}, {0, "M_W", 125, 4}}));
     QList<KEY_ADDRESS> fits;
     fits.append(makeKey(0, "M_W", 0, 60));   // 0..119
     fits.append(makeKey(0, "M_W", 124, 2));  // 124..127: union 128
-    EXPECT_EQ(merged(fits, 1), (std::vector<Block>{{0, "M_W", 0, 128}}));
+    EXPECT_EQ(merged(fits, 1), (std::vector<Block> {{0, "M_W", 0, 128}}));
 }
 
 TEST_F(AddrMerge, SecondPassChainsSeveralGapsAndStartsAgainAfterRefusal)
 {
     initWithGap(4);
     QList<KEY_ADDRESS> keys;
-    keys.append(makeKey(0, "M_W", 0, 1));    // 0..1
-    keys.append(makeKey(0, "M_W", 6, 1));    // gap 4
-    keys.append(makeKey(0, "M_W", 12, 1));   // gap 4
-    keys.append(makeKey(0, "M_W", 19, 1));   // gap 5: refused
-    keys.append(makeKey(0, "M_W", 22, 1));   // gap 1
-    keys.append(makeKey(1, "M_W", 24, 1));   // other key
-    EXPECT_EQ(merged(keys, 1), (std::vector<Block>{{0, "M_W", 0, 14}, {0, "M_W", 19, 5}, {1, "M_W", 24, 2}}));
+    keys.append(makeKey(0, "M_W", 0, 1));   // 0..1
+    keys.append(makeKey(0, "M_W", 6, 1));   // gap 4
+    keys.append(makeKey(0, "M_W", 12, 1));  // gap 4
+    keys.append(makeKey(0, "M_W", 19, 1));  // gap 5: refused
+    keys.append(makeKey(0, "M_W", 22, 1));  // gap 1
+    keys.append(makeKey(1, "M_W", 24, 1));  // other key
+    EXPECT_EQ(merged(keys, 1), (std::vector<Block> {{0, "M_W", 0, 14}, {0, "M_W", 19, 5}, {1, "M_W", 24, 2}}));
 }
 
 TEST_F(AddrMerge, SecondPassBridgesGapAfterRemainderOfCutKey)
 {
     initWithGap(64);
     QList<KEY_ADDRESS> keys;
-    keys.append(makeKey(0, "M_W", 0, 70));    // 0..139: pieces 0+128, 128+12
-    keys.append(makeKey(0, "M_W", 150, 1));   // 150..151: joins the 12-byte remainder
-    EXPECT_EQ(merged(keys, 1), (std::vector<Block>{{0, "M_W", 0, 128}, {0, "M_W", 128, 24}}));
+    keys.append(makeKey(0, "M_W", 0, 70));   // 0..139: pieces 0+128, 128+12
+    keys.append(makeKey(0, "M_W", 150, 1));  // 150..151: joins the 12-byte remainder
+    EXPECT_EQ(merged(keys, 1), (std::vector<Block> {{0, "M_W", 0, 128}, {0, "M_W", 128, 24}}));
 }
 
 // ---------------------------------------------------------------------------------------
@@ -458,15 +453,15 @@ TEST_F(AddrMerge, ModeTwoKeepsHandedOrderAndRecordsBlockStarts)
     QList<KEY_ADDRESS> keys;
     keys.append(makeKey(0, "M_W", 10, 1));
     keys.append(makeKey(0, "I_W", 0, 1));
-    EXPECT_EQ(merged(keys, 2), (std::vector<Block>{{0, "M_W", 10, 2}, {0, "I_W", 0, 2}}));
-    EXPECT_EQ(driver.rcpBlockStartList, (QList<int>{0, 1}));
+    EXPECT_EQ(merged(keys, 2), (std::vector<Block> {{0, "M_W", 10, 2}, {0, "I_W", 0, 2}}));
+    EXPECT_EQ(driver.rcpBlockStartList, (QList<int> {0, 1}));
 }
 
 TEST_F(AddrMerge, ModeTwoLeavesBitItemsInBits)
 {
     driver.rcpBlockStartList.clear();
-    EXPECT_EQ(merged({makeKey(0, "M_bit", 3, 10)}, 2), (std::vector<Block>{{0, "M_bit", 3, 10}}));
-    EXPECT_EQ(driver.rcpBlockStartList, (QList<int>{0}));
+    EXPECT_EQ(merged({makeKey(0, "M_bit", 3, 10)}, 2), (std::vector<Block> {{0, "M_bit", 3, 10}}));
+    EXPECT_EQ(driver.rcpBlockStartList, (QList<int> {0}));
 }
 
 TEST_F(AddrMerge, ModeTwoNeverBridgesGaps)
@@ -477,21 +472,21 @@ TEST_F(AddrMerge, ModeTwoNeverBridgesGaps)
     keys.append(makeKey(0, "M_W", 0, 2));  // 0..3
     keys.append(makeKey(0, "M_W", 6, 1));  // 6..7
     keys.append(makeKey(0, "M_W", 8, 1));  // 8..9: contiguous
-    EXPECT_EQ(merged(keys, 2), (std::vector<Block>{{0, "M_W", 0, 4}, {0, "M_W", 6, 4}}));
-    EXPECT_EQ(driver.rcpBlockStartList, (QList<int>{0, 1}));
+    EXPECT_EQ(merged(keys, 2), (std::vector<Block> {{0, "M_W", 0, 4}, {0, "M_W", 6, 4}}));
+    EXPECT_EQ(driver.rcpBlockStartList, (QList<int> {0, 1}));
 }
 
 TEST_F(AddrMerge, ModeTwoLeavesUnknownNameUnconverted)
 {
     driver.rcpBlockStartList.clear();
-    EXPECT_EQ(merged({makeKey(0, "X_W", 4, 3)}, 2), (std::vector<Block>{{0, "X_W", 4, 3}}));
+    EXPECT_EQ(merged({makeKey(0, "X_W", 4, 3)}, 2), (std::vector<Block> {{0, "X_W", 4, 3}}));
 }
 
 TEST_F(AddrMerge, ModeTwoCutsLongKeyAndRecordsOneStart)
 {
     driver.rcpBlockStartList.clear();
-    EXPECT_EQ(merged({makeKey(0, "M_W", 0, 100)}, 2), (std::vector<Block>{{0, "M_W", 0, 128}, {0, "M_W", 128, 72}}));
-    EXPECT_EQ(driver.rcpBlockStartList, (QList<int>{0}));
+    EXPECT_EQ(merged({makeKey(0, "M_W", 0, 100)}, 2), (std::vector<Block> {{0, "M_W", 0, 128}, {0, "M_W", 128, 72}}));
+    EXPECT_EQ(driver.rcpBlockStartList, (QList<int> {0}));
 }
 
 TEST_F(AddrMerge, ModeTwoStartsNewBlockBeyondLimit)
@@ -501,8 +496,8 @@ TEST_F(AddrMerge, ModeTwoStartsNewBlockBeyondLimit)
     keys.append(makeKey(0, "M_W", 0, 60));   // 0..119
     keys.append(makeKey(0, "M_W", 120, 4));  // 120..127: union 128
     keys.append(makeKey(0, "M_W", 128, 1));  // union 130
-    EXPECT_EQ(merged(keys, 2), (std::vector<Block>{{0, "M_W", 0, 128}, {0, "M_W", 128, 2}}));
-    EXPECT_EQ(driver.rcpBlockStartList, (QList<int>{0, 2}));
+    EXPECT_EQ(merged(keys, 2), (std::vector<Block> {{0, "M_W", 0, 128}, {0, "M_W", 128, 2}}));
+    EXPECT_EQ(driver.rcpBlockStartList, (QList<int> {0, 2}));
 }
 
 TEST_F(AddrMerge, ModeOneLeavesBlockStartListAlone)
@@ -513,7 +508,7 @@ TEST_F(AddrMerge, ModeOneLeavesBlockStartListAlone)
     keys.append(makeKey(0, "M_W", 0, 1));
     keys.append(makeKey(0, "M_W", 100, 1));
     merged(keys, 1);
-    EXPECT_EQ(driver.rcpBlockStartList, (QList<int>{77}));
+    EXPECT_EQ(driver.rcpBlockStartList, (QList<int> {77}));
 }
 
 // ---------------------------------------------------------------------------------------
@@ -550,8 +545,9 @@ TEST_F(AddrMerge, ReadListItemsAreKindFourWithMergedKeys)
     keys.append(makeKey(2, "I_W", 8, 3));
     EXPECT_EQ(intf_addrMerge(keys), 2);
     ASSERT_EQ(driver.readList.size(), 2);
-    EXPECT_EQ(blocksOf(driver.readList), (std::vector<Block>{{2, "I_W", 8, 6}, {2, "Q_W", 2, 2}}));
-    for (const VARIABLE& v : driver.readList) EXPECT_EQ(v.kind, 4);
+    EXPECT_EQ(blocksOf(driver.readList), (std::vector<Block> {{2, "I_W", 8, 6}, {2, "Q_W", 2, 2}}));
+    for (const VARIABLE& v : driver.readList)
+        EXPECT_EQ(v.kind, 4);
 }
 
 TEST_F(AddrMerge, HostKeyListIsLeftUnchanged)
@@ -561,7 +557,7 @@ TEST_F(AddrMerge, HostKeyListIsLeftUnchanged)
     keys.append(makeKey(0, "M_bit", 21, 6, 6));
     intf_addrMerge(keys);
     ASSERT_EQ(keys.size(), 2);
-    EXPECT_EQ(blocksOf(keys), (std::vector<Block>{{0, "M_W", 100, 100}, {0, "M_bit", 21, 6}}));
+    EXPECT_EQ(blocksOf(keys), (std::vector<Block> {{0, "M_W", 100, 100}, {0, "M_bit", 21, 6}}));
     EXPECT_EQ(keys.at(0).hostNumber, 5);
     EXPECT_EQ(keys.at(1).hostNumber, 6);
 }
@@ -575,7 +571,7 @@ TEST_F(AddrMerge, SecondCallReplacesReadListWholly)
     QList<KEY_ADDRESS> second;
     second.append(makeKey(1, "Q_W", 6, 2));
     EXPECT_EQ(intf_addrMerge(second), 1);
-    EXPECT_EQ(blocksOf(driver.readList), (std::vector<Block>{{1, "Q_W", 6, 4}}));
+    EXPECT_EQ(blocksOf(driver.readList), (std::vector<Block> {{1, "Q_W", 6, 4}}));
 }
 
 TEST_F(AddrMerge, InitEmptiesReadListFilledByMerge)
@@ -596,7 +592,8 @@ TEST_F(AddrMerge, GroupingShortKeyIsAppendedUnchanged)
     QList<KEY_ADDRESS> out;
     out.append(makeKey(9, "I_W", 0, 1, 99));
     KEY_ADDRESS k = makeKey(1, "M_W", 10, 4, 7);
-    for (int i = 0; i < 1024; ++i) k.data[i] = static_cast<unsigned char>(i);
+    for (int i = 0; i < 1024; ++i)
+        k.data[i] = static_cast<unsigned char>(i);
     groupingKey(k, 4, out, 1);
     ASSERT_EQ(out.size(), 2);
     EXPECT_EQ(out.at(0).hostNumber, 99);
@@ -611,8 +608,9 @@ TEST_F(AddrMerge, GroupingCutsIntoPiecesWithRemainder)
     QList<KEY_ADDRESS> out;
     KEY_ADDRESS k = makeKey(1, "M_W", 10, 10, 3);
     groupingKey(k, 4, out, 0);
-    EXPECT_EQ(blocksOf(out), (std::vector<Block>{{1, "M_W", 10, 4}, {1, "M_W", 14, 4}, {1, "M_W", 18, 2}}));
-    for (const KEY_ADDRESS& p : out) EXPECT_EQ(p.hostNumber, 3);
+    EXPECT_EQ(blocksOf(out), (std::vector<Block> {{1, "M_W", 10, 4}, {1, "M_W", 14, 4}, {1, "M_W", 18, 2}}));
+    for (const KEY_ADDRESS& p : out)
+        EXPECT_EQ(p.hostNumber, 3);
 }
 
 TEST_F(AddrMerge, GroupingExactMultipleHasNoRemainderPiece)
@@ -620,7 +618,7 @@ TEST_F(AddrMerge, GroupingExactMultipleHasNoRemainderPiece)
     QList<KEY_ADDRESS> out;
     KEY_ADDRESS k = makeKey(0, "I_W", 0, 8);
     groupingKey(k, 4, out, 0);
-    EXPECT_EQ(blocksOf(out), (std::vector<Block>{{0, "I_W", 0, 4}, {0, "I_W", 4, 4}}));
+    EXPECT_EQ(blocksOf(out), (std::vector<Block> {{0, "I_W", 0, 4}, {0, "I_W", 4, 4}}));
 }
 
 TEST_F(AddrMerge, GroupingSplitsBitDataOneBytePerUnit)
@@ -628,10 +626,11 @@ TEST_F(AddrMerge, GroupingSplitsBitDataOneBytePerUnit)
     QList<KEY_ADDRESS> out;
     KEY_ADDRESS k = makeKey(0, "M_bit", 3, 10);
     k.unitMark = -1;
-    for (int i = 0; i < 1024; ++i) k.data[i] = static_cast<unsigned char>(i + 1);
+    for (int i = 0; i < 1024; ++i)
+        k.data[i] = static_cast<unsigned char>(i + 1);
     groupingKey(k, 4, out, 1);
     ASSERT_EQ(out.size(), 3);
-    EXPECT_EQ(blocksOf(out), (std::vector<Block>{{0, "M_bit", 3, 4}, {0, "M_bit", 7, 4}, {0, "M_bit", 11, 2}}));
+    EXPECT_EQ(blocksOf(out), (std::vector<Block> {{0, "M_bit", 3, 4}, {0, "M_bit", 7, 4}, {0, "M_bit", 11, 2}}));
     for (int p = 0; p < 3; ++p) {
         for (int b = 0; b < out.at(p).length; ++b) {
             EXPECT_EQ(out.at(p).data[b], k.data[p * 4 + b]) << "piece " << p << " byte " << b;
@@ -644,10 +643,11 @@ TEST_F(AddrMerge, GroupingSplitsWordDataTwoBytesPerUnit)
     QList<KEY_ADDRESS> out;
     KEY_ADDRESS k = makeKey(0, "Q_W", 0, 5);
     k.unitMark = 0;
-    for (int i = 0; i < 1024; ++i) k.data[i] = static_cast<unsigned char>(200 - i);
+    for (int i = 0; i < 1024; ++i)
+        k.data[i] = static_cast<unsigned char>(200 - i);
     groupingKey(k, 2, out, 1);
     ASSERT_EQ(out.size(), 3);
-    EXPECT_EQ(blocksOf(out), (std::vector<Block>{{0, "Q_W", 0, 2}, {0, "Q_W", 2, 2}, {0, "Q_W", 4, 1}}));
+    EXPECT_EQ(blocksOf(out), (std::vector<Block> {{0, "Q_W", 0, 2}, {0, "Q_W", 2, 2}, {0, "Q_W", 4, 1}}));
     for (int p = 0; p < 3; ++p) {
         for (int b = 0; b < out.at(p).length * 2; ++b) {
             EXPECT_EQ(out.at(p).data[b], k.data[p * 4 + b]) << "piece " << p << " byte " << b;
@@ -660,10 +660,12 @@ TEST_F(AddrMerge, GroupingWithoutDataCopyKeepsWholeBufferFromStart)
     for (int copyData : {0, 2}) {
         QList<KEY_ADDRESS> out;
         KEY_ADDRESS k = makeKey(0, "M_W", 0, 9);
-        for (int i = 0; i < 1024; ++i) k.data[i] = static_cast<unsigned char>(i * 3);
+        for (int i = 0; i < 1024; ++i)
+            k.data[i] = static_cast<unsigned char>(i * 3);
         groupingKey(k, 4, out, copyData);
         ASSERT_EQ(out.size(), 3);
-        for (const KEY_ADDRESS& p : out) EXPECT_EQ(std::memcmp(p.data, k.data, 1024), 0) << copyData;
+        for (const KEY_ADDRESS& p : out)
+            EXPECT_EQ(std::memcmp(p.data, k.data, 1024), 0) << copyData;
     }
 }
 
@@ -699,7 +701,8 @@ QList<KEY_ADDRESS> randomKeys(std::mt19937& rng, int maxKeys)
         bool bit = r < 3;
         int addr = bit ? bitAddr(rng) : wordAddr(rng);
         int len = bit ? bitLen(rng) : wordLen(rng);
-        if (small(rng) == 0) len = bit ? 1 + small(rng) : 1 + small(rng);  // many short items
+        if (small(rng) == 0)
+            len = bit ? 1 + small(rng) : 1 + small(rng);  // many short items
         keys.append(makeKey(keyNo(rng), kRegs[r], addr, len, i));
     }
     return keys;
@@ -714,9 +717,11 @@ std::set<ByteKey> monitoredBytes(const QList<KEY_ADDRESS>& keys)
         std::string name = k.regName.toStdString();
         std::string area = name.substr(0, name.find('_')) + "_W";
         if (name.size() > 4 && name.substr(name.size() - 4) == "_bit") {
-            for (int b = k.address / 8; b <= (k.address + k.length - 1) / 8; ++b) bytes.insert(ByteKey(k.keyNo, area, b));
+            for (int b = k.address / 8; b <= (k.address + k.length - 1) / 8; ++b)
+                bytes.insert(ByteKey(k.keyNo, area, b));
         } else {
-            for (int b = k.address; b < k.address + 2 * k.length; ++b) bytes.insert(ByteKey(k.keyNo, area, b));
+            for (int b = k.address; b < k.address + 2 * k.length; ++b)
+                bytes.insert(ByteKey(k.keyNo, area, b));
         }
     }
     return bytes;
@@ -770,16 +775,17 @@ TEST_F(AddrMerge, RandomSetsAreCoveredByBoundedOrderedBlocks)
         for (const ByteKey& bk : bytes) {
             bool covered = false;
             for (const Block& b : blocks) {
-                if (b.keyNo == std::get<0>(bk) && b.reg == std::get<1>(bk) && b.address <= std::get<2>(bk) &&
-                    std::get<2>(bk) < b.address + b.length) {
+                if (b.keyNo == std::get<0>(bk) && b.reg == std::get<1>(bk) && b.address <= std::get<2>(bk)
+                    && std::get<2>(bk) < b.address + b.length) {
                     covered = true;
                     break;
                 }
             }
-            EXPECT_TRUE(covered) << "round " << round << " byte " << std::get<0>(bk) << "/" << std::get<1>(bk)
-                                 << "/" << std::get<2>(bk);
+            EXPECT_TRUE(covered) << "round " << round << " byte " << std::get<0>(bk) << "/" << std::get<1>(bk) << "/"
+                                 << std::get<2>(bk);
         }
-        if (HasFailure()) return;
+        if (HasFailure())
+            return;
     }
 }
 
@@ -795,8 +801,10 @@ TEST_F(AddrMerge, RandomGroupingPiecesCoverKeyExactly)
         k.unitMark = (round % 2) ? -1 : 0;
         int maxLen = maxDist(rng);
         int bytesPerUnit = k.unitMark == -1 ? 1 : 2;
-        if (k.length * bytesPerUnit > 1024) k.length = 1024 / bytesPerUnit;
-        for (int i = 0; i < 1024; ++i) k.data[i] = static_cast<unsigned char>(byteDist(rng));
+        if (k.length * bytesPerUnit > 1024)
+            k.length = 1024 / bytesPerUnit;
+        for (int i = 0; i < 1024; ++i)
+            k.data[i] = static_cast<unsigned char>(byteDist(rng));
         QList<KEY_ADDRESS> out;
         groupingKey(k, maxLen, out, 1);
         SCOPED_TRACE(::testing::Message() << "round " << round << " len " << k.length << " max " << maxLen);
@@ -820,7 +828,8 @@ TEST_F(AddrMerge, RandomGroupingPiecesCoverKeyExactly)
             next = piece.address + piece.length;
         }
         EXPECT_EQ(next, k.address + k.length);
-        if (HasFailure()) return;
+        if (HasFailure())
+            return;
     }
 }
 

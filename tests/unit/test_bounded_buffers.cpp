@@ -70,7 +70,7 @@ protected:
     }
     void SetUp() override { init("1#0#0#3#64"); }
 
-    adstest::HostMemory host_{65536, 8192};
+    adstest::HostMemory host_ {65536, 8192};
     std::vector<unsigned char>& recipe_ = host_.recipe;
 };
 
@@ -117,7 +117,7 @@ TEST_F(BoundedBuffers, WriteFrameOfExactlyTheRoomLeftIsNotCut)
     var.keyNo = 1;
     var.regName = QString::fromLatin1("Q_W");
     var.address = 10;
-    var.length = 974;   // 50 + 974 = 1024
+    var.length = 974;  // 50 + 974 = 1024
     for (int i = 0; i < 1024; ++i)
         var.data[i] = pattern(i);
     driver.frameList.clear();
@@ -134,7 +134,7 @@ TEST_F(BoundedBuffers, WriteFrameOfExactlyTheRoomLeftIsNotCut)
 TEST_F(BoundedBuffers, WordWriteOf600WordsInOnePieceSendsAFullFrameAndCachesEveryWord)
 {
 #if defined(ADS_HAVE_TEST_PLC)
-    adstest::Host host("1#0#0#3#1000");   // a merge gap of 1000: 600 words stay one piece
+    adstest::Host host("1#0#0#3#1000");  // a merge gap of 1000: 600 words stay one piece
     ASSERT_TRUE(host.handshake());
 #else
     init("1#0#0#3#1000");
@@ -306,7 +306,7 @@ TEST_F(BoundedBuffers, GroupingKey600WordsInPiecesOf64NeverReadBehindTheKey)
 #if defined(ADS_HAVE_TEST_PLC)
 TEST_F(BoundedBuffers, BitWriteOf2000BitsWithACompleteReadReplyWritesTheBitsTheDataBufferHolds)
 {
-    adstest::Host host("1#0#0#3#1000");   // pieces of up to 8000 bits: one piece
+    adstest::Host host("1#0#0#3#1000");  // pieces of up to 8000 bits: one piece
     ASSERT_TRUE(host.handshake());
     std::vector<uint8_t> before(250);
     for (int i = 0; i < 250; ++i)
@@ -358,4 +358,4 @@ TEST_F(BoundedBuffers, BitWriteOf2000BitsWithACompleteReadReplyWritesTheBitsTheD
 }
 #endif
 
-} // namespace
+}  // namespace

@@ -31,7 +31,7 @@ protected:
 
 Report r(const QString& text, int address, int keyNo = 1, int context = 1)
 {
-    return Report{context, keyNo, text, address};
+    return Report {context, keyNo, text, address};
 }
 
 TEST_F(ChangeDetection, AChangedBitIsReportedBeforeTheWordHoldingIt)
@@ -41,7 +41,7 @@ TEST_F(ChangeDetection, AChangedBitIsReportedBeforeTheWordHoldingIt)
     h->plc.setBytes(kMemory, 10, {0x08});
     h->clearReports();
     ASSERT_EQ(h->cycle(), 1);
-    EXPECT_EQ(h->reports, (std::vector<Report>{r(M_bit, 83), r(M_W, 10)}));
+    EXPECT_EQ(h->reports, (std::vector<Report> {r(M_bit, 83), r(M_W, 10)}));
 }
 
 TEST_F(ChangeDetection, AWordWhoseTwoBytesChangeIsReportedTwiceFirstFromItsFirstByte)
@@ -51,7 +51,7 @@ TEST_F(ChangeDetection, AWordWhoseTwoBytesChangeIsReportedTwiceFirstFromItsFirst
     h->plc.setBytes(kMemory, 10, {0x08, 0x01});
     h->clearReports();
     ASSERT_EQ(h->cycle(), 1);
-    EXPECT_EQ(h->reports, (std::vector<Report>{r(M_bit, 83), r(M_W, 10), r(M_W, 10)}));
+    EXPECT_EQ(h->reports, (std::vector<Report> {r(M_bit, 83), r(M_W, 10), r(M_W, 10)}));
 }
 
 TEST_F(ChangeDetection, OnlyTheSecondByteChangingReportsTheWordOnce)
@@ -61,29 +61,30 @@ TEST_F(ChangeDetection, OnlyTheSecondByteChangingReportsTheWordOnce)
     h->plc.setBytes(kMemory, 11, {0x80});
     h->clearReports();
     ASSERT_EQ(h->cycle(), 1);
-    EXPECT_EQ(h->reports, (std::vector<Report>{r(M_W, 10)}));
+    EXPECT_EQ(h->reports, (std::vector<Report> {r(M_W, 10)}));
 }
 
 TEST_F(ChangeDetection, ReportOrderIsBitsThenByteThenWordsThenDoubleWordsFromTheNearestStartDown)
 {
     const int i = unit(10, 0x7F, 0x05);
     byteChange(i, 0x00, 0xFF);
-    EXPECT_EQ(h->reports, (std::vector<Report>{r(M_bit, 80), r(M_bit, 82), r(M_B, 10), r(M_W, 10), r(M_W, 9),
-                                               r(M_D, 10), r(M_D, 9), r(M_D, 8), r(M_D, 7)}));
+    EXPECT_EQ(h->reports,
+        (std::vector<Report> {r(M_bit, 80), r(M_bit, 82), r(M_B, 10), r(M_W, 10), r(M_W, 9), r(M_D, 10), r(M_D, 9),
+            r(M_D, 8), r(M_D, 7)}));
 }
 
 TEST_F(ChangeDetection, OnlyBitsThatChangedAreReported)
 {
     const int i = unit(10, 0, 0xFF);
     byteChange(i, 0x0F, 0x1E);  // bits 0 and 4 differ
-    EXPECT_EQ(h->reports, (std::vector<Report>{r(M_bit, 80), r(M_bit, 84)}));
+    EXPECT_EQ(h->reports, (std::vector<Report> {r(M_bit, 80), r(M_bit, 84)}));
 }
 
 TEST_F(ChangeDetection, WholeItemsAreReportedWithoutComparingValues)
 {
     const int i = unit(10, 0x02, 0x01);
     byteChange(i, 0x20, 0x20);
-    EXPECT_EQ(h->reports, (std::vector<Report>{r(M_W, 10)}));
+    EXPECT_EQ(h->reports, (std::vector<Report> {r(M_W, 10)}));
 }
 
 TEST_F(ChangeDetection, NoWordOrDoubleWordStartsBelowZero)
@@ -93,31 +94,31 @@ TEST_F(ChangeDetection, NoWordOrDoubleWordStartsBelowZero)
     EXPECT_TRUE(h->reports.empty());
     i = unit(1, 0x04 | 0x08 | 0x10 | 0x20 | 0x40, 0);
     byteChange(i, 0, 1);
-    EXPECT_EQ(h->reports, (std::vector<Report>{r(M_W, 0), r(M_D, 1), r(M_D, 0)}));
+    EXPECT_EQ(h->reports, (std::vector<Report> {r(M_W, 0), r(M_D, 1), r(M_D, 0)}));
 }
 
 TEST_F(ChangeDetection, NullValuesReportEveryMonitoredBit)
 {
     const int i = unit(10, 0x02, 0x81);
     _byteDataChange(nullptr, nullptr, i, 0);
-    EXPECT_EQ(h->reports, (std::vector<Report>{r(M_bit, 80), r(M_bit, 87), r(M_W, 10)}));
+    EXPECT_EQ(h->reports, (std::vector<Report> {r(M_bit, 80), r(M_bit, 87), r(M_W, 10)}));
     h->clearReports();
     unsigned char v = 0x01;
     _byteDataChange(nullptr, &v, i, 0);
-    EXPECT_EQ(h->reports, (std::vector<Report>{r(M_bit, 80), r(M_bit, 87), r(M_W, 10)}));
+    EXPECT_EQ(h->reports, (std::vector<Report> {r(M_bit, 80), r(M_bit, 87), r(M_W, 10)}));
     h->clearReports();
     _byteDataChange(&v, nullptr, i, 0);
-    EXPECT_EQ(h->reports, (std::vector<Report>{r(M_bit, 80), r(M_bit, 87), r(M_W, 10)}));
+    EXPECT_EQ(h->reports, (std::vector<Report> {r(M_bit, 80), r(M_bit, 87), r(M_W, 10)}));
 }
 
 TEST_F(ChangeDetection, WithNoBitsOnlyWholeItemsAreReported)
 {
     const int i = unit(10, 0x03, 0xFF);
     byteChange(i, 0x00, 0xFF, 1);
-    EXPECT_EQ(h->reports, (std::vector<Report>{r(M_B, 10), r(M_W, 10)}));
+    EXPECT_EQ(h->reports, (std::vector<Report> {r(M_B, 10), r(M_W, 10)}));
     h->clearReports();
     _byteDataChange(nullptr, nullptr, i, 1);
-    EXPECT_EQ(h->reports, (std::vector<Report>{r(M_B, 10), r(M_W, 10)}));
+    EXPECT_EQ(h->reports, (std::vector<Report> {r(M_B, 10), r(M_W, 10)}));
 }
 
 TEST_F(ChangeDetection, AnUnmonitoredUnitReportsNothing)
@@ -133,8 +134,8 @@ TEST_F(ChangeDetection, ReportsCarryTheContextTheAreaKeyAndTheAreaName)
     h->init("9#0#0#3#64");
     const int i = unit(3, 0x02, 0x10, 4, QStringLiteral("Q"));
     byteChange(i, 0x00, 0x10);
-    EXPECT_EQ(h->reports, (std::vector<Report>{Report{9, 4, QStringLiteral("Q_bit"), 28},
-                                               Report{9, 4, QStringLiteral("Q_W"), 3}}));
+    EXPECT_EQ(h->reports,
+        (std::vector<Report> {Report {9, 4, QStringLiteral("Q_bit"), 28}, Report {9, 4, QStringLiteral("Q_W"), 3}}));
 }
 
 std::vector<int> g_seenInCallback;
@@ -157,7 +158,7 @@ TEST_F(ChangeDetection, AReadReplyReportsAfterTheValueIsStored)
     h->plc.setBytes(kMemory, 10, {0x42});
     ASSERT_EQ(h->cycle(), 1);
     intf_setAddrValueChangeCallBack(&Host::callback);
-    EXPECT_EQ(g_seenInCallback, (std::vector<int>{0x42}));
+    EXPECT_EQ(g_seenInCallback, (std::vector<int> {0x42}));
 }
 
 // ---------------------------------------------------------- the word, double-word and bit units
@@ -167,7 +168,7 @@ TEST_F(ChangeDetection, WordUnitReportsSixteenBitsThenItselfThenDoubleWords)
     const int i = unit(5, 0x07, 0x00018001u);
     int oldV = 0, newV = 0x0001FFFF;
     _wordDataChange(&oldV, &newV, i, 0);
-    EXPECT_EQ(h->reports, (std::vector<Report>{r(M_bit, 80), r(M_bit, 95), r(M, 5), r(M_D, 5), r(M_D, 4)}));
+    EXPECT_EQ(h->reports, (std::vector<Report> {r(M_bit, 80), r(M_bit, 95), r(M, 5), r(M_D, 5), r(M_D, 4)}));
 }
 
 TEST_F(ChangeDetection, WordUnitAtZeroReportsNoDoubleWordAtMinusOne)
@@ -183,17 +184,17 @@ TEST_F(ChangeDetection, DoubleWordUnitReportsThirtyTwoBitsThenItself)
     const int i = unit(2, 0x01, 0x80000001u);
     int oldV = 0, newV = int(0x80000000u);
     _dwordDataChange(&oldV, &newV, i, 0);
-    EXPECT_EQ(h->reports, (std::vector<Report>{r(M_bit, 95), r(M, 2)}));
+    EXPECT_EQ(h->reports, (std::vector<Report> {r(M_bit, 95), r(M, 2)}));
     h->clearReports();
     _dwordDataChange(nullptr, nullptr, i, 0);
-    EXPECT_EQ(h->reports, (std::vector<Report>{r(M_bit, 64), r(M_bit, 95), r(M, 2)}));
+    EXPECT_EQ(h->reports, (std::vector<Report> {r(M_bit, 64), r(M_bit, 95), r(M, 2)}));
 }
 
 TEST_F(ChangeDetection, BitUnitReportsItselfWhenMonitored)
 {
     int i = unit(7, 0x01, 0xFF);
     _bitDataChange(i);
-    EXPECT_EQ(h->reports, (std::vector<Report>{r(M, 7)}));
+    EXPECT_EQ(h->reports, (std::vector<Report> {r(M, 7)}));
     h->clearReports();
     i = unit(8, 0x02, 0xFF);
     _bitDataChange(i);

@@ -45,7 +45,8 @@ Item itemOf(const VARIABLE& v) { return {v.kind, v.keyNo, v.regName.toStdString(
 std::vector<Item> items()
 {
     std::vector<Item> out;
-    for (const VARIABLE& v : driver.conditionReadList) out.push_back(itemOf(v));
+    for (const VARIABLE& v : driver.conditionReadList)
+        out.push_back(itemOf(v));
     return out;
 }
 
@@ -58,8 +59,8 @@ TEST_F(ConditionRead, WordKeyBecomesOneByteCountedItem)
 {
     KEY_ADDRESS k = makeKey(2, "M_W", 10, 3);
     EXPECT_EQ(intf_addConditionRead(&k, 7), 1);
-    EXPECT_EQ(items(), (std::vector<Item>{{7, 2, "M_W", 10, 6}}));
-    EXPECT_EQ(itemOf(driver.lastVar), (Item{7, 2, "M_W", 10, 6}));
+    EXPECT_EQ(items(), (std::vector<Item> {{7, 2, "M_W", 10, 6}}));
+    EXPECT_EQ(itemOf(driver.lastVar), (Item {7, 2, "M_W", 10, 6}));
 }
 
 TEST_F(ConditionRead, KeyIsNotChanged)
@@ -78,22 +79,22 @@ TEST_F(ConditionRead, LongKeyGivesOverlappingPiecesAtTenSeventyFourAndHundredThi
 {
     KEY_ADDRESS k = makeKey(0, "M_W", 10, 150);
     EXPECT_EQ(intf_addConditionRead(&k, 3), 1);
-    EXPECT_EQ(items(), (std::vector<Item>{{3, 0, "M_W", 10, 128}, {3, 0, "M_W", 74, 128}, {3, 0, "M_W", 138, 44}}));
-    EXPECT_EQ(itemOf(driver.lastVar), (Item{3, 0, "M_W", 138, 44}));
+    EXPECT_EQ(items(), (std::vector<Item> {{3, 0, "M_W", 10, 128}, {3, 0, "M_W", 74, 128}, {3, 0, "M_W", 138, 44}}));
+    EXPECT_EQ(itemOf(driver.lastVar), (Item {3, 0, "M_W", 138, 44}));
 }
 
 TEST_F(ConditionRead, LengthEqualToLimitIsOnePiece)
 {
     KEY_ADDRESS k = makeKey(0, "Q_W", 0, 64);
     intf_addConditionRead(&k, 1);
-    EXPECT_EQ(items(), (std::vector<Item>{{1, 0, "Q_W", 0, 128}}));
+    EXPECT_EQ(items(), (std::vector<Item> {{1, 0, "Q_W", 0, 128}}));
 }
 
 TEST_F(ConditionRead, ExactMultipleOfLimitHasNoRemainderPiece)
 {
     KEY_ADDRESS k = makeKey(0, "Q_W", 0, 128);
     intf_addConditionRead(&k, 1);
-    EXPECT_EQ(items(), (std::vector<Item>{{1, 0, "Q_W", 0, 128}, {1, 0, "Q_W", 64, 128}}));
+    EXPECT_EQ(items(), (std::vector<Item> {{1, 0, "Q_W", 0, 128}, {1, 0, "Q_W", 64, 128}}));
 }
 
 TEST_F(ConditionRead, LimitFollowsMaxMergeGap)
@@ -101,7 +102,7 @@ TEST_F(ConditionRead, LimitFollowsMaxMergeGap)
     initDriver("1#0#0#3#10");
     KEY_ADDRESS k = makeKey(4, "I_W", 100, 25);
     intf_addConditionRead(&k, 2);
-    EXPECT_EQ(items(), (std::vector<Item>{{2, 4, "I_W", 100, 20}, {2, 4, "I_W", 110, 20}, {2, 4, "I_W", 120, 10}}));
+    EXPECT_EQ(items(), (std::vector<Item> {{2, 4, "I_W", 100, 20}, {2, 4, "I_W", 110, 20}, {2, 4, "I_W", 120, 10}}));
 }
 
 TEST_F(ConditionRead, BitCountedWordKeyUsesBitLimit)
@@ -109,11 +110,11 @@ TEST_F(ConditionRead, BitCountedWordKeyUsesBitLimit)
     // unitMark -1 selects the limit maxBlockBits = 8 x 64 = 512 units.
     KEY_ADDRESS k = makeKey(0, "M_W", 0, 600, -1);
     intf_addConditionRead(&k, 1);
-    EXPECT_EQ(items(), (std::vector<Item>{{1, 0, "M_W", 0, 1024}, {1, 0, "M_W", 512, 176}}));
+    EXPECT_EQ(items(), (std::vector<Item> {{1, 0, "M_W", 0, 1024}, {1, 0, "M_W", 512, 176}}));
     KEY_ADDRESS s = makeKey(0, "Q_W", 0, 100, -1);
     intf_addConditionRead(&s, 1);
     EXPECT_EQ(driver.conditionReadList.size(), 3);
-    EXPECT_EQ(itemOf(driver.conditionReadList.at(2)), (Item{1, 0, "Q_W", 0, 200}));
+    EXPECT_EQ(itemOf(driver.conditionReadList.at(2)), (Item {1, 0, "Q_W", 0, 200}));
 }
 
 // ---------------------------------------------------------------------------------------
@@ -158,8 +159,8 @@ TEST_F(ConditionRead, RepeatedRequestWhileWaitingRefreshesInsteadOfQueuing)
     intf_addConditionRead(&q, 1);
     ASSERT_EQ(driver.conditionReadList.size(), 2);
     intf_addConditionRead(&q, 6);
-    EXPECT_EQ(items(), (std::vector<Item>{{1, 0, "I_W", 0, 2}, {6, 0, "Q_W", 8, 4}}));
-    EXPECT_EQ(itemOf(driver.lastVar), (Item{6, 0, "Q_W", 8, 4}));
+    EXPECT_EQ(items(), (std::vector<Item> {{1, 0, "I_W", 0, 2}, {6, 0, "Q_W", 8, 4}}));
+    EXPECT_EQ(itemOf(driver.lastVar), (Item {6, 0, "Q_W", 8, 4}));
 }
 
 TEST_F(ConditionRead, RefreshOverwritesTheWholeItemIncludingData)
@@ -174,7 +175,8 @@ TEST_F(ConditionRead, RefreshOverwritesTheWholeItemIncludingData)
     EXPECT_EQ(driver.conditionReadList.at(1).kind, 8);
     EXPECT_EQ(std::memcmp(driver.conditionReadList.at(1).data, driver.lastVar.data, 1024), 0);
     bool allA5 = true;
-    for (int i = 0; i < 1024; ++i) allA5 = allA5 && driver.conditionReadList.at(1).data[i] == 0xA5;
+    for (int i = 0; i < 1024; ++i)
+        allA5 = allA5 && driver.conditionReadList.at(1).data[i] == 0xA5;
     EXPECT_FALSE(allA5);
 }
 
@@ -183,10 +185,10 @@ TEST_F(ConditionRead, ItemBeingServedAtIndexZeroIsNeverRefreshed)
     KEY_ADDRESS q = makeKey(0, "Q_W", 8, 2);
     intf_addConditionRead(&q, 1);
     intf_addConditionRead(&q, 2);
-    EXPECT_EQ(items(), (std::vector<Item>{{1, 0, "Q_W", 8, 4}, {2, 0, "Q_W", 8, 4}}));
+    EXPECT_EQ(items(), (std::vector<Item> {{1, 0, "Q_W", 8, 4}, {2, 0, "Q_W", 8, 4}}));
     // A third request finds the waiting copy at index 1.
     intf_addConditionRead(&q, 3);
-    EXPECT_EQ(items(), (std::vector<Item>{{1, 0, "Q_W", 8, 4}, {3, 0, "Q_W", 8, 4}}));
+    EXPECT_EQ(items(), (std::vector<Item> {{1, 0, "Q_W", 8, 4}, {3, 0, "Q_W", 8, 4}}));
 }
 
 TEST_F(ConditionRead, SearchRunsFromTheEndAndRefreshesLastMatch)
@@ -197,8 +199,8 @@ TEST_F(ConditionRead, SearchRunsFromTheEndAndRefreshesLastMatch)
     driver.conditionReadList.append(makeVariable(4, 0, "Q_W", 8, 4));
     KEY_ADDRESS q = makeKey(0, "Q_W", 8, 2);
     intf_addConditionRead(&q, 9);
-    EXPECT_EQ(items(), (std::vector<Item>{{1, 0, "M_W", 0, 2}, {2, 0, "Q_W", 8, 4}, {3, 0, "I_W", 0, 2},
-                                          {9, 0, "Q_W", 8, 4}}));
+    EXPECT_EQ(items(),
+        (std::vector<Item> {{1, 0, "M_W", 0, 2}, {2, 0, "Q_W", 8, 4}, {3, 0, "I_W", 0, 2}, {9, 0, "Q_W", 8, 4}}));
 }
 
 TEST_F(ConditionRead, MatchNeedsAllFourKeys)
@@ -230,10 +232,9 @@ TEST_F(ConditionRead, EachPieceIsRegisteredOnItsOwn)
     intf_addConditionRead(&k, 1);
     ASSERT_EQ(driver.conditionReadList.size(), 4);
     intf_addConditionRead(&k, 2);  // all three pieces wait: refreshed in place
-    EXPECT_EQ(items(), (std::vector<Item>{{1, 0, "I_W", 0, 2},
-                                          {2, 0, "M_W", 10, 128},
-                                          {2, 0, "M_W", 74, 128},
-                                          {2, 0, "M_W", 138, 44}}));
+    EXPECT_EQ(items(),
+        (std::vector<Item> {
+            {1, 0, "I_W", 0, 2}, {2, 0, "M_W", 10, 128}, {2, 0, "M_W", 74, 128}, {2, 0, "M_W", 138, 44}}));
 }
 
 TEST_F(ConditionRead, ListGrowsTo513ThenNewestReplacesIndex512)
@@ -246,19 +247,19 @@ TEST_F(ConditionRead, ListGrowsTo513ThenNewestReplacesIndex512)
     KEY_ADDRESS k512 = makeKey(0, "M_W", 1024, 1);
     intf_addConditionRead(&k512, 1);  // list held 512: appended
     ASSERT_EQ(driver.conditionReadList.size(), 513);
-    EXPECT_EQ(itemOf(driver.conditionReadList.at(512)), (Item{1, 0, "M_W", 1024, 2}));
+    EXPECT_EQ(itemOf(driver.conditionReadList.at(512)), (Item {1, 0, "M_W", 1024, 2}));
 
     KEY_ADDRESS fresh = makeKey(3, "Q_W", 4000, 2);
     intf_addConditionRead(&fresh, 7);
     EXPECT_EQ(driver.conditionReadList.size(), 513);
-    EXPECT_EQ(itemOf(driver.conditionReadList.at(512)), (Item{7, 3, "Q_W", 4000, 4}));
-    EXPECT_EQ(itemOf(driver.conditionReadList.at(511)), (Item{1, 0, "M_W", 1022, 2}));
-    EXPECT_EQ(itemOf(driver.lastVar), (Item{7, 3, "Q_W", 4000, 4}));
+    EXPECT_EQ(itemOf(driver.conditionReadList.at(512)), (Item {7, 3, "Q_W", 4000, 4}));
+    EXPECT_EQ(itemOf(driver.conditionReadList.at(511)), (Item {1, 0, "M_W", 1022, 2}));
+    EXPECT_EQ(itemOf(driver.lastVar), (Item {7, 3, "Q_W", 4000, 4}));
 
     KEY_ADDRESS another = makeKey(4, "I_W", 0, 1);
     intf_addConditionRead(&another, 8);
     EXPECT_EQ(driver.conditionReadList.size(), 513);
-    EXPECT_EQ(itemOf(driver.conditionReadList.at(512)), (Item{8, 4, "I_W", 0, 2}));
+    EXPECT_EQ(itemOf(driver.conditionReadList.at(512)), (Item {8, 4, "I_W", 0, 2}));
 }
 
 TEST_F(ConditionRead, FullListStillRefreshesWaitingMatch)
@@ -271,8 +272,8 @@ TEST_F(ConditionRead, FullListStillRefreshesWaitingMatch)
     KEY_ADDRESS k5 = makeKey(0, "M_W", 10, 1);
     intf_addConditionRead(&k5, 4);
     EXPECT_EQ(driver.conditionReadList.size(), 513);
-    EXPECT_EQ(itemOf(driver.conditionReadList.at(5)), (Item{4, 0, "M_W", 10, 2}));
-    EXPECT_EQ(itemOf(driver.conditionReadList.at(512)), (Item{1, 0, "M_W", 1024, 2}));
+    EXPECT_EQ(itemOf(driver.conditionReadList.at(5)), (Item {4, 0, "M_W", 10, 2}));
+    EXPECT_EQ(itemOf(driver.conditionReadList.at(512)), (Item {1, 0, "M_W", 1024, 2}));
 }
 
 TEST_F(ConditionRead, PiecesOfLongKeyIntoFullListAllLandInLastSlot)
@@ -284,8 +285,8 @@ TEST_F(ConditionRead, PiecesOfLongKeyIntoFullListAllLandInLastSlot)
     KEY_ADDRESS k = makeKey(1, "I_W", 10, 150);
     intf_addConditionRead(&k, 2);
     EXPECT_EQ(driver.conditionReadList.size(), 513);
-    EXPECT_EQ(itemOf(driver.conditionReadList.at(512)), (Item{2, 1, "I_W", 138, 44}));
-    EXPECT_EQ(itemOf(driver.lastVar), (Item{2, 1, "I_W", 138, 44}));
+    EXPECT_EQ(itemOf(driver.conditionReadList.at(512)), (Item {2, 1, "I_W", 138, 44}));
+    EXPECT_EQ(itemOf(driver.lastVar), (Item {2, 1, "I_W", 138, 44}));
 }
 
 TEST_F(ConditionRead, InitEmptiesTheList)

@@ -19,7 +19,8 @@ std::vector<int> areasWith(int keyNo, const QString& name, int address)
     std::vector<int> found;
     for (int i = 0; i < driver.dataAreaList.size(); ++i) {
         const _DATA_& d = driver.dataAreaList.at(i);
-        if (d.keyNo == keyNo && d.areaName == name && d.address == address) found.push_back(i);
+        if (d.keyNo == keyNo && d.areaName == name && d.address == address)
+            found.push_back(i);
     }
     return found;
 }
@@ -27,7 +28,8 @@ std::vector<int> areasWith(int keyNo, const QString& name, int address)
 const _DATA_* area(int keyNo, const char* name, int address)
 {
     std::vector<int> found = areasWith(keyNo, L(name), address);
-    if (found.size() != 1) return nullptr;
+    if (found.size() != 1)
+        return nullptr;
     return &driver.dataAreaList.at(found[0]);
 }
 

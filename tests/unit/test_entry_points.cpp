@@ -27,7 +27,7 @@ struct HostMemory {
     std::vector<unsigned char> recipe;
     QMutex mutex;
     int mode;
-    HostMemory() : status(60200, 0), recipe(4096, 0), mode(-1) {}
+    HostMemory() : status(60200, 0), recipe(4096, 0), mode(-1) { }
 };
 
 HostMemory& host()
@@ -40,8 +40,7 @@ int initDriver(const char* text)
 {
     std::fill(host().status.begin(), host().status.end(), 0);
     host().mode = -1;
-    return intf_initProperty(host().status.data(), nullptr, host().recipe.data(), &host().mode, text,
-                             &host().mutex);
+    return intf_initProperty(host().status.data(), nullptr, host().recipe.data(), &host().mode, text, &host().mutex);
 }
 
 KEY_ADDRESS makeKey(int keyNo, const char* reg, int address, int length)
@@ -82,13 +81,13 @@ std::vector<Report> g_secondReports;
 
 int firstCallback(int context, int keyNo, QString text, int address)
 {
-    g_firstReports.push_back(Report{context, keyNo, S(text), address});
+    g_firstReports.push_back(Report {context, keyNo, S(text), address});
     return 0;
 }
 
 int secondCallback(int context, int keyNo, QString text, int address)
 {
-    g_secondReports.push_back(Report{context, keyNo, S(text), address});
+    g_secondReports.push_back(Report {context, keyNo, S(text), address});
     return 0;
 }
 
@@ -231,8 +230,8 @@ TEST_F(EntryPoints, InitWithFiveFieldsSetsContextGapAndBlockLimits)
 {
     host().mode = 0;
     int mode = 77;
-    EXPECT_EQ(1, intf_initProperty(host().status.data(), nullptr, host().recipe.data(), &mode, "1#0#0#0#64",
-                                   &host().mutex));
+    EXPECT_EQ(
+        1, intf_initProperty(host().status.data(), nullptr, host().recipe.data(), &mode, "1#0#0#0#64", &host().mutex));
     EXPECT_EQ(2, mode);
     expectInitFields(1, 0, 0, 0, 64);
     EXPECT_EQ(64, driver.maxBlockUnits);
@@ -278,8 +277,8 @@ TEST_F(EntryPoints, InitWithFourFieldsKeepsTheNumbersButStillResets)
     driver.needHandShake = 0;
 
     int mode = 0;
-    EXPECT_EQ(1, intf_initProperty(host().status.data(), nullptr, host().recipe.data(), &mode, "1#2#3#4",
-                                   &host().mutex));
+    EXPECT_EQ(
+        1, intf_initProperty(host().status.data(), nullptr, host().recipe.data(), &mode, "1#2#3#4", &host().mutex));
     EXPECT_EQ(2, mode);
     expectInitFields(9, 8, 7, 6, 5);
     EXPECT_EQ(5, driver.maxBlockUnits);

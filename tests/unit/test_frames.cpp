@@ -26,7 +26,6 @@ std::string S(const QString& s) { return s.toStdString(); }
 using adstest::initDriver;
 using adstest::L;
 
-
 void append(Bytes& b, std::initializer_list<int> v)
 {
     for (int x : v)
@@ -48,7 +47,7 @@ void appendLe32(Bytes& b, uint32_t v)
 // The 38 header bytes: AMS/TCP header and AMS header, as the driver writes them with the
 // target Net ID 192.168.1.100.1.1 and the panel address 192.168.1.10 of the fixture.
 Bytes header(uint32_t tcpLength, uint16_t targetPort, uint16_t sourcePort, uint16_t command, uint32_t dataLength,
-             uint32_t invokeId)
+    uint32_t invokeId)
 {
     Bytes b;
     append(b, {0, 0});

@@ -36,30 +36,31 @@ TEST_F(HostRead, AWordIsReadLowByteFirstAsInPlcMemory)
     ASSERT_EQ(h->cycle(), 1);
     unsigned char out[4] = {0xEE, 0xEE, 0xEE, 0xEE};
     EXPECT_EQ(intf_getData(1, M_W, 10, 1, out), 1);
-    EXPECT_EQ(Bytes(out, out + 4), (Bytes{0x34, 0x12, 0xEE, 0xEE}));
+    EXPECT_EQ(Bytes(out, out + 4), (Bytes {0x34, 0x12, 0xEE, 0xEE}));
 }
 
 TEST_F(HostRead, SeveralWordsComeFromConsecutiveByteUnits)
 {
-    for (int i = 0; i < 6; ++i) setValue(M, 20 + i, uint8_t(0x61 + i));
-    EXPECT_EQ(h->getData(1, M_W, 20, 3, 8), (Bytes{0x61, 0x62, 0x63, 0x64, 0x65, 0x66, 0xEE, 0xEE}));
+    for (int i = 0; i < 6; ++i)
+        setValue(M, 20 + i, uint8_t(0x61 + i));
+    EXPECT_EQ(h->getData(1, M_W, 20, 3, 8), (Bytes {0x61, 0x62, 0x63, 0x64, 0x65, 0x66, 0xEE, 0xEE}));
 }
 
 TEST_F(HostRead, BitsGiveOneBytePerBitAsZeroOrOne)
 {
     setValue(M, 10, 0x08);
-    EXPECT_EQ(h->getData(1, M_bit, 83, 2, 3), (Bytes{1, 0, 0xEE}));
+    EXPECT_EQ(h->getData(1, M_bit, 83, 2, 3), (Bytes {1, 0, 0xEE}));
     setValue(M, 10, 0x10);
-    EXPECT_EQ(h->getData(1, M_bit, 83, 2, 3), (Bytes{0, 1, 0xEE}));
+    EXPECT_EQ(h->getData(1, M_bit, 83, 2, 3), (Bytes {0, 1, 0xEE}));
     setValue(M, 10, 0x18);
-    EXPECT_EQ(h->getData(1, M_bit, 83, 2, 3), (Bytes{1, 1, 0xEE}));
+    EXPECT_EQ(h->getData(1, M_bit, 83, 2, 3), (Bytes {1, 1, 0xEE}));
 }
 
 TEST_F(HostRead, BitsRunOnIntoTheNextByte)
 {
     setValue(M, 10, 0x80);  // bit 7 of unit 10
     setValue(M, 11, 0x02);  // bit 1 of unit 11
-    EXPECT_EQ(h->getData(1, M_bit, 86, 4, 4), (Bytes{0, 1, 0, 1}));
+    EXPECT_EQ(h->getData(1, M_bit, 86, 4, 4), (Bytes {0, 1, 0, 1}));
 }
 
 TEST_F(HostRead, BitAndWordRegistersOfOneLetterShareTheirUnits)
@@ -68,9 +69,9 @@ TEST_F(HostRead, BitAndWordRegistersOfOneLetterShareTheirUnits)
     h->addrMerge({Host::key(1, M_W, 10, 1)});
     h->plc.setBytes(kMemory, 10, {0x08, 0x01});
     ASSERT_EQ(h->cycle(), 1);
-    EXPECT_EQ(h->getData(1, M_bit, 83, 1, 1), (Bytes{1}));
-    EXPECT_EQ(h->getData(1, M_bit, 88, 1, 1), (Bytes{1}));
-    EXPECT_EQ(h->getData(1, M_bit, 82, 1, 1), (Bytes{0}));
+    EXPECT_EQ(h->getData(1, M_bit, 83, 1, 1), (Bytes {1}));
+    EXPECT_EQ(h->getData(1, M_bit, 88, 1, 1), (Bytes {1}));
+    EXPECT_EQ(h->getData(1, M_bit, 82, 1, 1), (Bytes {0}));
 }
 
 TEST_F(HostRead, AreasAreSeparateByKeyAndByLetter)
@@ -81,15 +82,15 @@ TEST_F(HostRead, AreasAreSeparateByKeyAndByLetter)
     EXPECT_EQ(h->getData(1, M_W, 10, 1, 2)[0], 0x11);
     EXPECT_EQ(h->getData(2, M_W, 10, 1, 2)[0], 0x22);
     EXPECT_EQ(h->getData(1, I_W, 10, 1, 2)[0], 0x33);
-    EXPECT_EQ(h->getData(1, I_bit, 80, 2, 2), (Bytes{1, 1}));  // 0x33: bits 0 and 1
+    EXPECT_EQ(h->getData(1, I_bit, 80, 2, 2), (Bytes {1, 1}));  // 0x33: bits 0 and 1
 }
 
 TEST_F(HostRead, AnAddressNoReplyTouchedGivesZerosAndGetsAnArea)
 {
     const int before = driver.dataAreaList.size();
-    EXPECT_EQ(h->getData(1, M_W, 500, 1, 2), (Bytes{0, 0}));
+    EXPECT_EQ(h->getData(1, M_W, 500, 1, 2), (Bytes {0, 0}));
     EXPECT_EQ(driver.dataAreaList.size(), before + 2);
-    EXPECT_EQ(h->getData(1, M_bit, 8000, 3, 3), (Bytes{0, 0, 0}));
+    EXPECT_EQ(h->getData(1, M_bit, 8000, 3, 3), (Bytes {0, 0, 0}));
     EXPECT_EQ(driver.dataAreaList.size(), before + 3);
     // From then on the areas exist: no further growth.
     h->getData(1, M_W, 500, 1, 2);
@@ -104,7 +105,7 @@ TEST_F(HostRead, AnAddressNoReplyTouchedGivesZerosAndGetsAnArea)
 TEST_F(HostRead, ANegativeBitNumberGivesZero)
 {
     setValue(M, 0, 0xFF);
-    EXPECT_EQ(h->getData(1, M_bit, -1, 1, 2), (Bytes{0, 0xEE}));
+    EXPECT_EQ(h->getData(1, M_bit, -1, 1, 2), (Bytes {0, 0xEE}));
 }
 
 TEST_F(HostRead, AWrittenValueShowsUntilAReadReplyBringsADifferentValue)
@@ -117,15 +118,15 @@ TEST_F(HostRead, AWrittenValueShowsUntilAReadReplyBringsADifferentValue)
     ASSERT_EQ(h->cycle(), 1);
     h->setData(1, M_W, 10, {0xAA, 0xBB});
     EXPECT_TRUE(driver.writeList.isEmpty());
-    EXPECT_EQ(h->getData(1, M_W, 10, 1, 2), (Bytes{0xAA, 0xBB}));
+    EXPECT_EQ(h->getData(1, M_W, 10, 1, 2), (Bytes {0xAA, 0xBB}));
     // The PLC still holds the old value: the written bytes keep showing.
     ASSERT_EQ(h->cycle(), 1);
-    EXPECT_EQ(h->getData(1, M_W, 10, 1, 2), (Bytes{0xAA, 0xBB}));
+    EXPECT_EQ(h->getData(1, M_W, 10, 1, 2), (Bytes {0xAA, 0xBB}));
     // The low byte changes in the PLC: that unit shows the read value again, the other
     // unit keeps its written byte.
     h->plc.setBytes(kMemory, 10, {0x56});
     ASSERT_EQ(h->cycle(), 1);
-    EXPECT_EQ(h->getData(1, M_W, 10, 1, 2), (Bytes{0x56, 0xBB}));
+    EXPECT_EQ(h->getData(1, M_W, 10, 1, 2), (Bytes {0x56, 0xBB}));
     EXPECT_EQ(at(M, 10).writeFlag, 0);
     EXPECT_EQ(at(M, 11).writeFlag, 1);
 }
@@ -164,7 +165,7 @@ TEST_F(HostRead, FinishedConditionReadReportsZeroAndRemovesIt)
     driver.commFailed = 0;
     h->clearReports();
     dealListWhenFinish();
-    EXPECT_EQ(h->reports, (std::vector<Report>{Report{-1, -1, MINUS_ONE, 0}}));
+    EXPECT_EQ(h->reports, (std::vector<Report> {Report {-1, -1, MINUS_ONE, 0}}));
     EXPECT_TRUE(driver.conditionReadList.isEmpty());
 }
 
@@ -180,7 +181,7 @@ TEST_F(HostRead, FailedConditionReadReportsMinusOneAndEmptiesTheList)
     driver.commFailed = 1;
     h->clearReports();
     dealListWhenFinish();
-    EXPECT_EQ(h->reports, (std::vector<Report>{Report{-1, -1, MINUS_ONE, -1}}));
+    EXPECT_EQ(h->reports, (std::vector<Report> {Report {-1, -1, MINUS_ONE, -1}}));
     EXPECT_TRUE(driver.conditionReadList.isEmpty());
 }
 
@@ -198,7 +199,7 @@ TEST_F(HostRead, ConditionReadOtherThanTheLastQueuedIsRemovedWithoutAReport)
     ASSERT_EQ(driver.conditionReadList.size(), 1);
     EXPECT_EQ(driver.conditionReadList.first().address, 50);
     dealListWhenFinish();
-    EXPECT_EQ(h->reports, (std::vector<Report>{Report{-1, -1, MINUS_ONE, 0}}));
+    EXPECT_EQ(h->reports, (std::vector<Report> {Report {-1, -1, MINUS_ONE, 0}}));
     EXPECT_TRUE(driver.conditionReadList.isEmpty());
 }
 
@@ -237,7 +238,7 @@ TEST_F(HostRead, FinishedCyclicReadWithASingleBlockLeavesTheList)
     EXPECT_EQ(driver.readList.at(0).length, 4);
 }
 
-class RecipeFinish : public HostRead, public ::testing::WithParamInterface<int> {};
+class RecipeFinish : public HostRead, public ::testing::WithParamInterface<int> { };
 
 TEST_P(RecipeFinish, AdvancesTheCursorThenClearsItsOwnFlagOnly)
 {
@@ -265,8 +266,8 @@ TEST_P(RecipeFinish, AFailedTransferEndsAtOnce)
 {
     const int kind = GetParam();
     const int own = kind == 5 ? HOST_FLAG_RECIPE_WRITE : HOST_FLAG_RECIPE_READ;
-    h->setRcpAddress({Host::rcpVar(1, 1, M_W, 0, 1, 0), Host::rcpVar(1, 1, M_W, 10, 1, 1),
-                      Host::rcpVar(1, 1, M_W, 20, 1, 2)});
+    h->setRcpAddress(
+        {Host::rcpVar(1, 1, M_W, 0, 1, 0), Host::rcpVar(1, 1, M_W, 10, 1, 1), Host::rcpVar(1, 1, M_W, 20, 1, 2)});
     ASSERT_EQ(driver.rcpTransferList.size(), 3);
     h->status[size_t(own)] = 1;
     driver.rcpIndex = 1;
@@ -336,9 +337,9 @@ TEST_F(HostRead, ConditionReadDoneReportsZeroAndItsValueIsInTheCache)
     intf_addConditionRead(&k, 7);
     h->clearReports();
     EXPECT_EQ(h->cycle(), 1);
-    EXPECT_EQ(h->reportsWithText(MINUS_ONE), (std::vector<Report>{Report{-1, -1, MINUS_ONE, 0}}));
+    EXPECT_EQ(h->reportsWithText(MINUS_ONE), (std::vector<Report> {Report {-1, -1, MINUS_ONE, 0}}));
     EXPECT_TRUE(driver.conditionReadList.isEmpty());
-    EXPECT_EQ(h->getData(1, M_W, 40, 1, 2), (Bytes{0x78, 0x56}));
+    EXPECT_EQ(h->getData(1, M_W, 40, 1, 2), (Bytes {0x78, 0x56}));
 }
 
 TEST_F(HostRead, ConditionReadGivenUpReportsMinusOneAfterTheRetryLimit)
@@ -351,7 +352,7 @@ TEST_F(HostRead, ConditionReadGivenUpReportsMinusOneAfterTheRetryLimit)
     EXPECT_EQ(h->cycle(Fault::NoReply), 8);
     EXPECT_TRUE(h->reports.empty());
     EXPECT_EQ(h->cycle(Fault::NoReply), 2);
-    EXPECT_EQ(h->reports, (std::vector<Report>{Report{-1, -1, MINUS_ONE, -1}}));
+    EXPECT_EQ(h->reports, (std::vector<Report> {Report {-1, -1, MINUS_ONE, -1}}));
     EXPECT_TRUE(driver.conditionReadList.isEmpty());
 }
 
@@ -370,8 +371,8 @@ TEST_F(HostRead, RecipeWriteThroughTheFlagClearsItWhenAllBlocksAreDone)
     EXPECT_EQ(h->cycle(), 1);
     EXPECT_EQ(h->recipeWriteFlag(), 0);
     EXPECT_EQ(driver.rcpIndex, 0);
-    EXPECT_EQ(h->plc.bytes(kMemory, 0, 2), (Bytes{0x01, 0x02}));
-    EXPECT_EQ(h->plc.bytes(kMemory, 10, 2), (Bytes{0x03, 0x04}));
+    EXPECT_EQ(h->plc.bytes(kMemory, 0, 2), (Bytes {0x01, 0x02}));
+    EXPECT_EQ(h->plc.bytes(kMemory, 10, 2), (Bytes {0x03, 0x04}));
 }
 
 TEST_F(HostRead, RecipeReadGivenUpClearsItsFlag)

@@ -18,7 +18,7 @@ using Bytes = std::vector<uint8_t>;
 
 Bytes dataOf(const VARIABLE& v, int n) { return Bytes(v.data, v.data + n); }
 
-class HostWrite : public HostTest {};
+class HostWrite : public HostTest { };
 
 // ------------------------------------------------------------------ queueing
 
@@ -33,7 +33,7 @@ TEST_F(HostWrite, AWordWriteQueuesOneVariableCountedInBytes)
     EXPECT_EQ(v.regName, M_W);
     EXPECT_EQ(v.address, 10);
     EXPECT_EQ(v.length, 2);
-    EXPECT_EQ(dataOf(v, 2), (Bytes{0x34, 0x12}));
+    EXPECT_EQ(dataOf(v, 2), (Bytes {0x34, 0x12}));
 }
 
 TEST_F(HostWrite, ABitWriteQueuesOneBytePerBit)
@@ -45,14 +45,15 @@ TEST_F(HostWrite, ABitWriteQueuesOneBytePerBit)
     EXPECT_EQ(v.regName, M_bit);
     EXPECT_EQ(v.address, 83);
     EXPECT_EQ(v.length, 3);
-    EXPECT_EQ(dataOf(v, 3), (Bytes{1, 0, 1}));
+    EXPECT_EQ(dataOf(v, 3), (Bytes {1, 0, 1}));
 }
 
 TEST_F(HostWrite, ALongWordWriteIsCutIntoPiecesOnConsecutiveByteRanges)
 {
     // maxMergeGap 64: pieces of at most 64 words. 150 words from byte 10: 64, 64, 22.
     Bytes data(300);
-    for (size_t i = 0; i < data.size(); ++i) data[i] = uint8_t(i * 7 + 1);
+    for (size_t i = 0; i < data.size(); ++i)
+        data[i] = uint8_t(i * 7 + 1);
     h->setData(1, M_W, 10, data, 4);
     ASSERT_EQ(driver.writeList.size(), 3);
     const int addr[3] = {10, 138, 266};
@@ -75,7 +76,8 @@ TEST_F(HostWrite, LaterPiecesOfALongBitWriteTakeTheirDataFromTwiceTheOffset)
     h->init("1#0#0#3#4");
     ASSERT_EQ(driver.maxBlockBits, 32);
     Bytes data(80);
-    for (size_t i = 0; i < data.size(); ++i) data[i] = uint8_t(i + 1);
+    for (size_t i = 0; i < data.size(); ++i)
+        data[i] = uint8_t(i + 1);
     h->setData(1, M_bit, 0, data);
     ASSERT_EQ(driver.writeList.size(), 3);
     EXPECT_EQ(driver.writeList.at(0).address, 0);
@@ -92,7 +94,8 @@ TEST_F(HostWrite, ABitWriteThatFitsOnePieceKeepsItsData)
 {
     h->init("1#0#0#3#4");
     Bytes data(32);
-    for (size_t i = 0; i < data.size(); ++i) data[i] = uint8_t(i % 2);
+    for (size_t i = 0; i < data.size(); ++i)
+        data[i] = uint8_t(i % 2);
     h->setData(1, M_bit, 5, data);
     ASSERT_EQ(driver.writeList.size(), 1);
     EXPECT_EQ(dataOf(driver.writeList.at(0), 32), data);
@@ -100,13 +103,13 @@ TEST_F(HostWrite, ABitWriteThatFitsOnePieceKeepsItsData)
 
 TEST_F(HostWrite, RepeatedWritesToOneItemCoalesceIntoTheLatestValue)
 {
-    h->setData(1, M_W, 50, {5, 5});           // in flight
+    h->setData(1, M_W, 50, {5, 5});  // in flight
     h->setData(1, M_W, 10, {1, 1}, 3);
     h->setData(1, M_W, 10, {2, 2}, 9);
     ASSERT_EQ(driver.writeList.size(), 2);
     EXPECT_EQ(driver.writeList.at(0).address, 50);
     EXPECT_EQ(driver.writeList.at(1).address, 10);
-    EXPECT_EQ(dataOf(driver.writeList.at(1), 2), (Bytes{2, 2}));
+    EXPECT_EQ(dataOf(driver.writeList.at(1), 2), (Bytes {2, 2}));
     EXPECT_EQ(driver.writeList.at(1).kind, 9);
 }
 
@@ -115,12 +118,12 @@ TEST_F(HostWrite, AWriteEqualToTheOneInFlightIsAppended)
     h->setData(1, M_W, 10, {1, 1});
     h->setData(1, M_W, 10, {2, 2});
     ASSERT_EQ(driver.writeList.size(), 2);
-    EXPECT_EQ(dataOf(driver.writeList.at(0), 2), (Bytes{1, 1}));
-    EXPECT_EQ(dataOf(driver.writeList.at(1), 2), (Bytes{2, 2}));
+    EXPECT_EQ(dataOf(driver.writeList.at(0), 2), (Bytes {1, 1}));
+    EXPECT_EQ(dataOf(driver.writeList.at(1), 2), (Bytes {2, 2}));
     h->setData(1, M_W, 10, {3, 3});
     ASSERT_EQ(driver.writeList.size(), 2);
-    EXPECT_EQ(dataOf(driver.writeList.at(0), 2), (Bytes{1, 1}));
-    EXPECT_EQ(dataOf(driver.writeList.at(1), 2), (Bytes{3, 3}));
+    EXPECT_EQ(dataOf(driver.writeList.at(0), 2), (Bytes {1, 1}));
+    EXPECT_EQ(dataOf(driver.writeList.at(1), 2), (Bytes {3, 3}));
 }
 
 TEST_F(HostWrite, CoalescingSearchesFromTheLastEntryDown)
@@ -130,8 +133,8 @@ TEST_F(HostWrite, CoalescingSearchesFromTheLastEntryDown)
     driver.writeList.append(driver.writeList.at(1));  // two queued entries for one item
     h->setData(1, M_W, 10, {7, 7});
     ASSERT_EQ(driver.writeList.size(), 3);
-    EXPECT_EQ(dataOf(driver.writeList.at(1), 2), (Bytes{1, 1}));
-    EXPECT_EQ(dataOf(driver.writeList.at(2), 2), (Bytes{7, 7}));
+    EXPECT_EQ(dataOf(driver.writeList.at(1), 2), (Bytes {1, 1}));
+    EXPECT_EQ(dataOf(driver.writeList.at(2), 2), (Bytes {7, 7}));
 }
 
 TEST_F(HostWrite, AnItemDiffersByKeyRegisterAddressOrLength)
@@ -147,7 +150,8 @@ TEST_F(HostWrite, AnItemDiffersByKeyRegisterAddressOrLength)
 
 TEST_F(HostWrite, TheWriteListNeverGrowsBeyond513Entries)
 {
-    for (int i = 0; i < 512; ++i) h->setData(1, M_W, 2 * i, {uint8_t(i), 0});
+    for (int i = 0; i < 512; ++i)
+        h->setData(1, M_W, 2 * i, {uint8_t(i), 0});
     ASSERT_EQ(driver.writeList.size(), 512);
     h->setData(1, M_W, 2 * 512, {0xAB, 0});
     ASSERT_EQ(driver.writeList.size(), 513);
@@ -161,7 +165,7 @@ TEST_F(HostWrite, TheWriteListNeverGrowsBeyond513Entries)
     ASSERT_EQ(driver.writeList.size(), 513);
     EXPECT_EQ(driver.writeList.at(512).address, 4002);
     // The newest write is in the cache even so.
-    EXPECT_EQ(h->getData(1, M_W, 4000, 1, 2), (Bytes{0xCD, 0}));
+    EXPECT_EQ(h->getData(1, M_W, 4000, 1, 2), (Bytes {0xCD, 0}));
 }
 
 TEST_F(HostWrite, WithTheFirstInitialisationFlagWritesOnlyUpdateTheCache)
@@ -172,7 +176,7 @@ TEST_F(HostWrite, WithTheFirstInitialisationFlagWritesOnlyUpdateTheCache)
     EXPECT_EQ(at(M, 10).writeFlag, 1);
     EXPECT_EQ(at(M, 10).writeValue[0], 0x34);
     EXPECT_EQ(at(M, 11).writeValue[0], 0x12);
-    EXPECT_EQ(h->getData(1, M_W, 10, 1, 2), (Bytes{0x34, 0x12}));
+    EXPECT_EQ(h->getData(1, M_W, 10, 1, 2), (Bytes {0x34, 0x12}));
 }
 
 // ------------------------------------------------------------------ storing into the cache
@@ -182,14 +186,14 @@ TEST_F(HostWrite, AWordWriteIsReportedOncePerChangedByte)
     h->addrMerge({Host::key(1, M_W, 10, 1)});
     h->clearReports();
     h->setData(1, M_W, 10, {0x34, 0x12});
-    const Report w{1, 1, M_W, 10};
-    EXPECT_EQ(h->reports, (std::vector<Report>{w, w}));
+    const Report w {1, 1, M_W, 10};
+    EXPECT_EQ(h->reports, (std::vector<Report> {w, w}));
     EXPECT_EQ(at(M, 10).writeFlag, 1);
     EXPECT_EQ(at(M, 11).writeFlag, 1);
     EXPECT_EQ(at(M, 10).value[0], 0);  // the read value stays until settled
     h->clearReports();
     h->setData(1, M_W, 10, {0x34, 0x13});  // compared with the shown (written) bytes
-    EXPECT_EQ(h->reports, (std::vector<Report>{w}));
+    EXPECT_EQ(h->reports, (std::vector<Report> {w}));
     EXPECT_EQ(at(M, 11).writeValue[0], 0x13);
 }
 
@@ -210,13 +214,13 @@ TEST_F(HostWrite, ABitWriteComparesWithTheLastWrittenByteEvenWhenNoWriteIsShown)
 {
     h->addrMerge({Host::key(1, M_bit, 83, 2)});  // bits 3 and 4 of unit 10
     _DATA_& a = ref(M, 10);
-    a.value[0] = 0x08;     // bit 3 read as 1
-    a.writeValue[0] = 0;   // never written
+    a.value[0] = 0x08;    // bit 3 read as 1
+    a.writeValue[0] = 0;  // never written
     a.writeFlag = 0;
     h->clearReports();
     h->setData(1, M_bit, 84, {1});
     // New byte: shown 0x08 with bit 4 set = 0x18; old value for the report: 0x00.
-    EXPECT_EQ(h->reports, (std::vector<Report>{Report{1, 1, M_bit, 83}, Report{1, 1, M_bit, 84}}));
+    EXPECT_EQ(h->reports, (std::vector<Report> {Report {1, 1, M_bit, 83}, Report {1, 1, M_bit, 84}}));
     EXPECT_EQ(at(M, 10).writeValue[0], 0x18);
     EXPECT_EQ(at(M, 10).writeFlag, 1);
     EXPECT_EQ(at(M, 10).value[0], 0x08);
@@ -251,7 +255,7 @@ TEST_F(HostWrite, BitWritesAcrossUnitsEachSetTheirUnit)
     h->setData(1, M_bit, 86, {1, 1, 1, 0});
     EXPECT_EQ(at(M, 10).writeValue[0], 0xC0);
     EXPECT_EQ(at(M, 11).writeValue[0], 0x01);
-    EXPECT_EQ(h->getData(1, M_bit, 86, 4, 4), (Bytes{1, 1, 1, 0}));
+    EXPECT_EQ(h->getData(1, M_bit, 86, 4, 4), (Bytes {1, 1, 1, 0}));
 }
 
 // ------------------------------------------------------------------ settling
@@ -268,7 +272,7 @@ TEST_F(HostWrite, AnAcceptedWordWriteBecomesTheCachedValueWithoutAReport)
     EXPECT_EQ(at(M, 11).writeFlag, 0);
     EXPECT_EQ(at(M, 10).value[0], 0x34);
     EXPECT_EQ(at(M, 11).value[0], 0x12);
-    EXPECT_EQ(h->getData(1, M_W, 10, 1, 2), (Bytes{0x34, 0x12}));
+    EXPECT_EQ(h->getData(1, M_W, 10, 1, 2), (Bytes {0x34, 0x12}));
 }
 
 TEST_F(HostWrite, ARejectedWordWriteFallsBackAndReportsItsWordButNotItsBits)
@@ -279,13 +283,13 @@ TEST_F(HostWrite, ARejectedWordWriteFallsBackAndReportsItsWordButNotItsBits)
     h->setData(1, M_W, 10, {0x09, 0x12});  // bit 3 of unit 10 changes from 0 to 1
     h->clearReports();
     _write_FailOrSuc(1, M_W, 10, 2, 0);
-    const Report w{1, 1, M_W, 10};
-    EXPECT_EQ(h->reports, (std::vector<Report>{w, w}));
+    const Report w {1, 1, M_W, 10};
+    EXPECT_EQ(h->reports, (std::vector<Report> {w, w}));
     EXPECT_EQ(at(M, 10).writeFlag, 0);
     EXPECT_EQ(at(M, 11).writeFlag, 0);
     EXPECT_EQ(at(M, 10).value[0], 0x01);
     EXPECT_EQ(at(M, 11).value[0], 0x00);
-    EXPECT_EQ(h->getData(1, M_W, 10, 1, 2), (Bytes{0x01, 0x00}));
+    EXPECT_EQ(h->getData(1, M_W, 10, 1, 2), (Bytes {0x01, 0x00}));
 }
 
 TEST_F(HostWrite, ARejectedWordWriteReportsByteWordAndDoubleWordItemsInOrder)
@@ -296,8 +300,9 @@ TEST_F(HostWrite, ARejectedWordWriteReportsByteWordAndDoubleWordItemsInOrder)
     h->setData(1, M_W, 10, {0x34, 0x12});
     h->clearReports();
     _write_FailOrSuc(1, M_W, 10, 2, 0);
-    EXPECT_EQ(h->reports, (std::vector<Report>{Report{1, 1, M_B, 10}, Report{1, 1, M_W, 10},
-                                               Report{1, 1, M_D, 10}, Report{1, 1, M_W, 10}}));
+    EXPECT_EQ(h->reports,
+        (std::vector<Report> {
+            Report {1, 1, M_B, 10}, Report {1, 1, M_W, 10}, Report {1, 1, M_D, 10}, Report {1, 1, M_W, 10}}));
 }
 
 TEST_F(HostWrite, AnAcceptedBitWriteCopiesOnlyItsBit)
@@ -312,8 +317,8 @@ TEST_F(HostWrite, AnAcceptedBitWriteCopiesOnlyItsBit)
     EXPECT_EQ(at(M, 10).value[0], 0x08);
     EXPECT_EQ(at(M, 10).writeFlag, 0);
     // Reported with no values: every monitored bit, then the word.
-    EXPECT_EQ(h->reports, (std::vector<Report>{Report{1, 1, M_bit, 83}, Report{1, 1, M_bit, 84},
-                                               Report{1, 1, M_W, 10}}));
+    EXPECT_EQ(
+        h->reports, (std::vector<Report> {Report {1, 1, M_bit, 83}, Report {1, 1, M_bit, 84}, Report {1, 1, M_W, 10}}));
 }
 
 TEST_F(HostWrite, ARejectedBitWriteKeepsTheReadValueAndReports)
@@ -327,7 +332,7 @@ TEST_F(HostWrite, ARejectedBitWriteKeepsTheReadValueAndReports)
     _write_FailOrSuc(1, M_bit, 83, 1, 0);
     EXPECT_EQ(at(M, 10).value[0], 0x00);
     EXPECT_EQ(at(M, 10).writeFlag, 0);
-    EXPECT_EQ(h->reports, (std::vector<Report>{Report{1, 1, M_bit, 83}}));
+    EXPECT_EQ(h->reports, (std::vector<Report> {Report {1, 1, M_bit, 83}}));
 }
 
 TEST_F(HostWrite, ABitOfAUnitWithFurtherQueuedBitWritesKeepsTheWriteShowing)
@@ -348,7 +353,7 @@ TEST_F(HostWrite, ABitOfAUnitWithFurtherQueuedBitWritesKeepsTheWriteShowing)
     EXPECT_EQ(at(M, 10).bitWriteState, 0u);
     EXPECT_EQ(at(M, 10).writeFlag, 0);
     EXPECT_EQ(at(M, 10).value[0], 0x18);
-    EXPECT_EQ(h->reports, (std::vector<Report>{Report{1, 1, M_bit, 83}, Report{1, 1, M_bit, 84}}));
+    EXPECT_EQ(h->reports, (std::vector<Report> {Report {1, 1, M_bit, 83}, Report {1, 1, M_bit, 84}}));
 }
 
 TEST_F(HostWrite, SettlingABitClearsTheSecondQueuedMarkWhenTheFirstIsClear)
@@ -368,7 +373,7 @@ TEST_F(HostWrite, AWordWriteReachesThePlcAndIsSettled)
     ASSERT_TRUE(h->handshake());
     h->setData(1, M_W, 10, {0x34, 0x12});
     EXPECT_EQ(h->cycle(), 1);
-    EXPECT_EQ(h->plc.bytes(kMemory, 10, 2), (Bytes{0x34, 0x12}));
+    EXPECT_EQ(h->plc.bytes(kMemory, 10, 2), (Bytes {0x34, 0x12}));
     EXPECT_EQ(at(M, 10).value[0], 0x34);
     EXPECT_EQ(at(M, 10).writeFlag, 0);
     EXPECT_TRUE(driver.writeList.isEmpty());

@@ -216,14 +216,14 @@ TEST(Settings, EmptyNetIdKeepsTheNetIdAndTakesAnyOwnAddress)
 
 TEST(OwnAddress, LoopbackIsSkipped)
 {
-    EXPECT_EQ("192.168.1.20",
-              S(selectOwnIpv4Address(addresses({"127.0.0.1", "192.168.1.20"}), parts("192.168.1.100.1.1"))));
+    EXPECT_EQ(
+        "192.168.1.20", S(selectOwnIpv4Address(addresses({"127.0.0.1", "192.168.1.20"}), parts("192.168.1.100.1.1"))));
 }
 
 TEST(OwnAddress, AddressWithoutTheNetIdNumbersIsSkipped)
 {
-    EXPECT_EQ("192.168.1.20",
-              S(selectOwnIpv4Address(addresses({"10.0.0.5", "192.168.1.20"}), parts("192.168.1.100.1.1"))));
+    EXPECT_EQ(
+        "192.168.1.20", S(selectOwnIpv4Address(addresses({"10.0.0.5", "192.168.1.20"}), parts("192.168.1.100.1.1"))));
 }
 
 TEST(OwnAddress, NoMatchingAddressGivesEmptyText)
@@ -236,37 +236,32 @@ TEST(OwnAddress, NoMatchingAddressGivesEmptyText)
 TEST(OwnAddress, MatchIsBySubstringOfTheFirstTwoNetIdParts)
 {
     // 10.0.5.1 contains both "5" and "1"; 192.168.1.20 holds no "5".
-    EXPECT_EQ("10.0.5.1",
-              S(selectOwnIpv4Address(addresses({"10.0.5.1", "192.168.1.20"}), parts("5.1.2.3.1.1"))));
-    EXPECT_EQ("10.0.5.1",
-              S(selectOwnIpv4Address(addresses({"192.168.1.20", "10.0.5.1"}), parts("5.1.2.3.1.1"))));
+    EXPECT_EQ("10.0.5.1", S(selectOwnIpv4Address(addresses({"10.0.5.1", "192.168.1.20"}), parts("5.1.2.3.1.1"))));
+    EXPECT_EQ("10.0.5.1", S(selectOwnIpv4Address(addresses({"192.168.1.20", "10.0.5.1"}), parts("5.1.2.3.1.1"))));
     // Not a subnet comparison: 10.168.5.192 contains 192 and 168 and comes first.
     EXPECT_EQ("10.168.5.192",
-              S(selectOwnIpv4Address(addresses({"10.168.5.192", "192.168.1.20"}), parts("192.168.1.100.1.1"))));
+        S(selectOwnIpv4Address(addresses({"10.168.5.192", "192.168.1.20"}), parts("192.168.1.100.1.1"))));
 }
 
 TEST(OwnAddress, OnlyTheFirstTwoPartsAreTested)
 {
-    EXPECT_EQ("192.168.9.9",
-              S(selectOwnIpv4Address(addresses({"192.168.9.9"}), parts("192.168.1.100.1.1"))));
+    EXPECT_EQ("192.168.9.9", S(selectOwnIpv4Address(addresses({"192.168.9.9"}), parts("192.168.1.100.1.1"))));
 }
 
 TEST(OwnAddress, FirstQualifyingAddressInListOrderIsTaken)
 {
-    EXPECT_EQ("192.168.1.20", S(selectOwnIpv4Address(addresses({"192.168.1.20", "192.168.1.21"}),
-                                                     parts("192.168.1.100.1.1"))));
-    EXPECT_EQ("192.168.1.21", S(selectOwnIpv4Address(addresses({"192.168.1.21", "192.168.1.20"}),
-                                                     parts("192.168.1.100.1.1"))));
+    EXPECT_EQ("192.168.1.20",
+        S(selectOwnIpv4Address(addresses({"192.168.1.20", "192.168.1.21"}), parts("192.168.1.100.1.1"))));
+    EXPECT_EQ("192.168.1.21",
+        S(selectOwnIpv4Address(addresses({"192.168.1.21", "192.168.1.20"}), parts("192.168.1.100.1.1"))));
 }
 
 TEST(OwnAddress, FewerThanTwoPartsTakeTheFirstNonLoopbackIpv4)
 {
-    EXPECT_EQ("10.0.0.5",
-              S(selectOwnIpv4Address(addresses({"127.0.0.1", "10.0.0.5", "192.168.1.20"}), QList<QString>())));
-    EXPECT_EQ("10.0.0.5",
-              S(selectOwnIpv4Address(addresses({"127.0.0.1", "10.0.0.5", "192.168.1.20"}), parts("192"))));
-    EXPECT_EQ("10.0.0.5",
-              S(selectOwnIpv4Address(addresses({"127.0.0.1", "10.0.0.5", "192.168.1.20"}), parts(""))));
+    EXPECT_EQ(
+        "10.0.0.5", S(selectOwnIpv4Address(addresses({"127.0.0.1", "10.0.0.5", "192.168.1.20"}), QList<QString>())));
+    EXPECT_EQ("10.0.0.5", S(selectOwnIpv4Address(addresses({"127.0.0.1", "10.0.0.5", "192.168.1.20"}), parts("192"))));
+    EXPECT_EQ("10.0.0.5", S(selectOwnIpv4Address(addresses({"127.0.0.1", "10.0.0.5", "192.168.1.20"}), parts(""))));
 }
 
 TEST(OwnAddress, Ipv6AndNullAddressesAreSkipped)

@@ -310,8 +310,10 @@ struct LayoutRow {
 #pragma GCC diagnostic ignored "-Winvalid-offsetof"
 #endif
 
-#define ADS_FIELD(T, m) Place{offsetof(T, m), sizeof(static_cast<T*>(nullptr)->m)}
-#define ADS_WHOLE(T) Place{0, sizeof(T)}
+#define ADS_FIELD(T, m)                                                                                                \
+    Place { offsetof(T, m), sizeof(static_cast<T*>(nullptr)->m) }
+#define ADS_WHOLE(T)                                                                                                   \
+    Place { 0, sizeof(T) }
 
 std::vector<LayoutRow> layoutTable()
 {

@@ -421,24 +421,24 @@ TEST(RegisterList, TypeZeroGivesTheBitRegisters)
 {
     QList<QString> names;
     EXPECT_EQ(1, intf_getRegListByType(0, names));
-    EXPECT_EQ((Names{"I_bit", "Q_bit", "M_bit"}), strings(names));
+    EXPECT_EQ((Names {"I_bit", "Q_bit", "M_bit"}), strings(names));
 }
 
 TEST(RegisterList, TypeOneGivesTheWordRegisters)
 {
     QList<QString> names;
     EXPECT_EQ(1, intf_getRegListByType(1, names));
-    EXPECT_EQ((Names{"I_W", "Q_W", "M_W"}), strings(names));
+    EXPECT_EQ((Names {"I_W", "Q_W", "M_W"}), strings(names));
 }
 
 TEST(RegisterList, OtherTypesAppendTheWordNamesButReturnZero)
 {
     QList<QString> names;
     EXPECT_EQ(0, intf_getRegListByType(7, names));
-    EXPECT_EQ((Names{"I_W", "Q_W", "M_W"}), strings(names));
+    EXPECT_EQ((Names {"I_W", "Q_W", "M_W"}), strings(names));
     QList<QString> more;
     EXPECT_EQ(0, intf_getRegListByType(-1, more));
-    EXPECT_EQ((Names{"I_W", "Q_W", "M_W"}), strings(more));
+    EXPECT_EQ((Names {"I_W", "Q_W", "M_W"}), strings(more));
 }
 
 TEST(RegisterList, AppendsWithoutClearing)
@@ -447,7 +447,7 @@ TEST(RegisterList, AppendsWithoutClearing)
     names.append(Q("kept"));
     EXPECT_EQ(1, intf_getRegListByType(0, names));
     EXPECT_EQ(1, intf_getRegListByType(1, names));
-    EXPECT_EQ((Names{"kept", "I_bit", "Q_bit", "M_bit", "I_W", "Q_W", "M_W"}), strings(names));
+    EXPECT_EQ((Names {"kept", "I_bit", "Q_bit", "M_bit", "I_W", "Q_W", "M_W"}), strings(names));
 }
 
 TEST(RegisterDescription, BitAndWordRegisters)
@@ -455,12 +455,12 @@ TEST(RegisterDescription, BitAndWordRegisters)
     for (const char* reg : {"I_bit", "Q_bit", "M_bit"}) {
         QList<QString> d;
         EXPECT_EQ(0, intf_getRegDiscription(Q(reg), d));
-        EXPECT_EQ((Names{"DDDDD.D", "0.0", "65535.7", "0", "1"}), strings(d)) << reg;
+        EXPECT_EQ((Names {"DDDDD.D", "0.0", "65535.7", "0", "1"}), strings(d)) << reg;
     }
     for (const char* reg : {"I_W", "Q_W", "M_W"}) {
         QList<QString> d;
         EXPECT_EQ(0, intf_getRegDiscription(Q(reg), d));
-        EXPECT_EQ((Names{"DDDDD", "0", "65535", "1", "1"}), strings(d)) << reg;
+        EXPECT_EQ((Names {"DDDDD", "0", "65535", "1", "1"}), strings(d)) << reg;
     }
 }
 
@@ -469,9 +469,9 @@ TEST(RegisterDescription, UnknownNameAppendsNothing)
     QList<QString> d;
     d.append(Q("kept"));
     EXPECT_EQ(0, intf_getRegDiscription(Q("X_W"), d));
-    EXPECT_EQ((Names{"kept"}), strings(d));
+    EXPECT_EQ((Names {"kept"}), strings(d));
     EXPECT_EQ(0, intf_getRegDiscription(Q("m_w"), d));
-    EXPECT_EQ((Names{"kept"}), strings(d));
+    EXPECT_EQ((Names {"kept"}), strings(d));
 }
 
 TEST(RegisterDescription, AppendsWithoutClearing)
@@ -480,8 +480,7 @@ TEST(RegisterDescription, AppendsWithoutClearing)
     d.append(Q("kept"));
     EXPECT_EQ(0, intf_getRegDiscription(Q("M_W"), d));
     EXPECT_EQ(0, intf_getRegDiscription(Q("I_bit"), d));
-    EXPECT_EQ((Names{"kept", "DDDDD", "0", "65535", "1", "1", "DDDDD.D", "0.0", "65535.7", "0", "1"}),
-              strings(d));
+    EXPECT_EQ((Names {"kept", "DDDDD", "0", "65535", "1", "1", "DDDDD.D", "0.0", "65535.7", "0", "1"}), strings(d));
 }
 
 // ---------------------------------------------------------------------------------------

@@ -152,8 +152,8 @@ TEST_F(ReplyHandling, TheAdsResultOfAWriteReplyIsNotExamined)
     h->setData(1, M_W, 10, {0x34, 0x12});
     EXPECT_EQ(h->cycle(Fault::AdsError), 1);
     EXPECT_EQ(h->lastReply.size(), 42);
-    EXPECT_EQ(h->plc.bytes(kMemory, 10, 2), (std::vector<uint8_t>{0, 0}));  // not carried out
-    EXPECT_EQ(at(QStringLiteral("M"), 10).value[0], 0x34);             // but settled as done
+    EXPECT_EQ(h->plc.bytes(kMemory, 10, 2), (std::vector<uint8_t> {0, 0}));  // not carried out
+    EXPECT_EQ(at(QStringLiteral("M"), 10).value[0], 0x34);                   // but settled as done
     EXPECT_TRUE(driver.writeList.isEmpty());
 }
 
@@ -171,7 +171,7 @@ TEST_F(ReplyHandling, AnAcknowledgedWriteIsSettledAsSuccess)
     EXPECT_EQ(a10.value[0], 0x34);
     EXPECT_EQ(a11.value[0], 0x12);
     EXPECT_TRUE(driver.writeList.isEmpty());
-    EXPECT_EQ(h->plc.bytes(kMemory, 10, 2), (std::vector<uint8_t>{0x34, 0x12}));
+    EXPECT_EQ(h->plc.bytes(kMemory, 10, 2), (std::vector<uint8_t> {0x34, 0x12}));
 }
 
 TEST_F(ReplyHandling, AWriteThatFailsForGoodIsSettledAsFailureAndDropped)
@@ -189,8 +189,8 @@ TEST_F(ReplyHandling, AWriteThatFailsForGoodIsSettledAsFailureAndDropped)
     EXPECT_EQ(a10.writeFlag, 0);
     EXPECT_EQ(a10.value[0], 0);
     // The word is reported so that the host redraws the old value: once per unit.
-    const Report w{1, 1, M_W, 10};
-    EXPECT_EQ(h->reports, (std::vector<Report>{w, w}));
+    const Report w {1, 1, M_W, 10};
+    EXPECT_EQ(h->reports, (std::vector<Report> {w, w}));
 }
 
 TEST_F(ReplyHandling, ABitWriteWhoseReadFailsForGoodIsSettledAndItsWriteDiscarded)
@@ -210,13 +210,14 @@ TEST_F(ReplyHandling, ABitWriteWhoseReadFailsForGoodIsSettledAndItsWriteDiscarde
     EXPECT_TRUE(driver.frameList.isEmpty());
     EXPECT_TRUE(driver.writeList.isEmpty());
     EXPECT_EQ(h->fetch(), 0);  // the write frame is gone
-    for (const Request& r : h->plc.requests()) EXPECT_EQ(r.command, kCmdRead);
+    for (const Request& r : h->plc.requests())
+        EXPECT_EQ(r.command, kCmdRead);
     EXPECT_EQ(h->plc.byteAt(kMemory, 10), 0xF0);
     const _DATA_& a = at(QStringLiteral("M"), 10);
     EXPECT_EQ(a.writeFlag, 0);
     EXPECT_EQ(a.value[0] & 0x08, 0);
     // Settled as failed: the monitored bit is reported for a redraw.
-    EXPECT_EQ(h->reports, (std::vector<Report>{Report{1, 1, M_bit, 83}}));
+    EXPECT_EQ(h->reports, (std::vector<Report> {Report {1, 1, M_bit, 83}}));
 }
 
 TEST_F(ReplyHandling, AReadReplyCarryingTheCachedValueCallsNoChangeRoutine)
@@ -224,7 +225,7 @@ TEST_F(ReplyHandling, AReadReplyCarryingTheCachedValueCallsNoChangeRoutine)
     startWithReadBlock(10, 1);
     h->plc.setBytes(kMemory, 10, {0x05, 0x00});
     ASSERT_EQ(h->cycle(), 1);
-    EXPECT_EQ(h->reports, (std::vector<Report>{Report{1, 1, M_W, 10}}));
+    EXPECT_EQ(h->reports, (std::vector<Report> {Report {1, 1, M_W, 10}}));
     h->clearReports();
     ASSERT_EQ(h->cycle(), 1);
     EXPECT_TRUE(h->reports.empty());
@@ -282,7 +283,8 @@ TEST_F(ReplyHandling, EveryReplyByteIsStoredInItsUnit)
     startWithReadBlock(20, 3);  // bytes 20..25
     h->plc.setBytes(kMemory, 20, {1, 2, 3, 4, 5, 6});
     ASSERT_EQ(h->cycle(), 1);
-    for (int i = 0; i < 6; ++i) EXPECT_EQ(at(QStringLiteral("M"), 20 + i).value[0], i + 1) << i;
+    for (int i = 0; i < 6; ++i)
+        EXPECT_EQ(at(QStringLiteral("M"), 20 + i).value[0], i + 1) << i;
 }
 
 TEST_F(ReplyHandling, GivingUpOnACyclicReadStillTurnsTheReadList)
@@ -309,14 +311,17 @@ TEST_F(ReplyHandling, RecipeReadCopiesIntoTheHostBufferAndReportsEachByte)
     h->clearReports();
     ASSERT_EQ(h->cycle(), 1);
     EXPECT_EQ(driver.curFrameKind, 6);
-    for (int j = 0; j < 4; ++j) EXPECT_EQ(h->recipe[size_t(j)], 0x10 + j) << j;
-    for (int j = 0; j < 4; ++j) EXPECT_EQ(h->recipe[size_t(20 + j)], 0x14 + j) << j;
+    for (int j = 0; j < 4; ++j)
+        EXPECT_EQ(h->recipe[size_t(j)], 0x10 + j) << j;
+    for (int j = 0; j < 4; ++j)
+        EXPECT_EQ(h->recipe[size_t(20 + j)], 0x14 + j) << j;
     EXPECT_EQ(h->recipe[4], 0);
     EXPECT_EQ(h->recipe[24], 0);
     // The cache reports come first, then two "RWI" reports per recipe word.
-    const Report w{1, 1, M_W, 4};
-    std::vector<Report> expected{w, w};
-    for (int idx : {0, 0, 1, 1, 10, 10, 11, 11}) expected.push_back(Report{0, -1, RWI, idx});
+    const Report w {1, 1, M_W, 4};
+    std::vector<Report> expected {w, w};
+    for (int idx : {0, 0, 1, 1, 10, 10, 11, 11})
+        expected.push_back(Report {0, -1, RWI, idx});
     EXPECT_EQ(h->reports, expected);
     EXPECT_EQ(h->recipeReadFlag(), 0);
     // The recipe read refreshes the cache like any read.
@@ -338,10 +343,12 @@ TEST_F(ReplyHandling, RecipeReplyBytesBeyondTheEndOfTheReplyAreTakenAsZero)
     EXPECT_EQ(h->recipe[9], 0xAA);
     EXPECT_EQ(h->recipe[10], 0x12);
     EXPECT_EQ(h->recipe[11], 0x34);
-    for (int j = 12; j < 30; ++j) EXPECT_EQ(h->recipe[size_t(j)], 0) << j;
+    for (int j = 12; j < 30; ++j)
+        EXPECT_EQ(h->recipe[size_t(j)], 0) << j;
     EXPECT_EQ(h->recipe[30], 0xAA);
     std::vector<Report> expected;
-    for (int j = 0; j < 20; ++j) expected.push_back(Report{0, -1, RWI, 5 + j / 2});
+    for (int j = 0; j < 20; ++j)
+        expected.push_back(Report {0, -1, RWI, 5 + j / 2});
     EXPECT_EQ(h->reports, expected);
 }
 
@@ -349,7 +356,7 @@ TEST_F(ReplyHandling, RecipeReadOfTheSecondBlockUsesItsOwnVariables)
 {
     ASSERT_TRUE(h->handshake());
     h->setRcpAddress({Host::rcpVar(1, 1, M_W, 0, 1, 0), Host::rcpVar(1, 1, M_W, 6, 1, 3)});
-    ASSERT_EQ(driver.rcpBlockStartList, (QList<int>{0, 1}));
+    ASSERT_EQ(driver.rcpBlockStartList, (QList<int> {0, 1}));
     h->plc.setBytes(kMemory, 0, {1, 2, 3, 4, 5, 6, 7, 8});
     h->setRecipeReadFlag(1);
     ASSERT_EQ(h->cycle(), 1);
@@ -357,7 +364,7 @@ TEST_F(ReplyHandling, RecipeReadOfTheSecondBlockUsesItsOwnVariables)
     ASSERT_EQ(h->cycle(), 1);
     EXPECT_EQ(h->recipe[6], 7);
     EXPECT_EQ(h->recipe[7], 8);
-    EXPECT_EQ(h->reports, (std::vector<Report>{Report{0, -1, RWI, 3}, Report{0, -1, RWI, 3}}));
+    EXPECT_EQ(h->reports, (std::vector<Report> {Report {0, -1, RWI, 3}, Report {0, -1, RWI, 3}}));
 }
 
 // ------------------------------------------------------------------ robustness
@@ -367,23 +374,26 @@ TEST_F(ReplyHandling, RecipeReadOfTheSecondBlockUsesItsOwnVariables)
 
 class ReplyRobustness : public ReplyHandling {
 protected:
-    std::mt19937 rng{12345};
+    std::mt19937 rng {12345};
     QByteArray randomBytes(int n)
     {
         QByteArray b(n, '\0');
-        for (int i = 0; i < n; ++i) b[i] = char(rng() & 0xFF);
+        for (int i = 0; i < n; ++i)
+            b[i] = char(rng() & 0xFF);
         return b;
     }
     // Puts a frame of the given scenario in flight; false when none could be built.
     bool prepare(int scenario)
     {
-        if (h->fetch() == 1) return true;
+        if (h->fetch() == 1)
+            return true;
         switch (scenario) {
         case 0:  // handshake
             h->init();
             break;
         case 1:  // cyclic reads of several blocks
-            h->addrMerge({Host::key(1, M_W, 0, 64), Host::key(1, M_bit, 8000, 30), Host::key(2, QStringLiteral("I_W"), 10, 3)});
+            h->addrMerge(
+                {Host::key(1, M_W, 0, 64), Host::key(1, M_bit, 8000, 30), Host::key(2, QStringLiteral("I_W"), 10, 3)});
             break;
         case 2:  // word writes
             h->setData(1, M_W, 10, std::vector<uint8_t>(200, 0x5A));
@@ -398,7 +408,7 @@ protected:
         }
         case 5:  // recipe reads, words and bits
             h->setRcpAddress({Host::rcpVar(1, 1, M_W, 0, 64, 0), Host::rcpVar(1, 1, M_W, 200, 3, 100),
-                              Host::rcpVar(1, 1, M_bit, 4000, 40, 200)});
+                Host::rcpVar(1, 1, M_bit, 4000, 40, 200)});
             h->setRecipeReadFlag(1);
             break;
         case 6:  // recipe writes
@@ -419,12 +429,14 @@ TEST_F(ReplyRobustness, RandomRepliesOfEveryLengthUpTo2000Bytes)
 {
     for (int scenario = 0; scenario <= 6; ++scenario) {
         h->init();
-        if (scenario != 0) ASSERT_TRUE(h->handshake());
+        if (scenario != 0)
+            ASSERT_TRUE(h->handshake());
         for (int len = 0; len <= 2000; ++len) {
             ASSERT_TRUE(prepare(scenario)) << "scenario " << scenario;
             const int r = h->deliver(randomBytes(len));
             expectCode(r, len, scenario);
-            if (HasFailure()) return;
+            if (HasFailure())
+                return;
         }
     }
 }
@@ -433,7 +445,8 @@ TEST_F(ReplyRobustness, RandomRepliesOfTheExpectedLengthAndOf1024Bytes)
 {
     for (int scenario = 0; scenario <= 6; ++scenario) {
         h->init();
-        if (scenario != 0) ASSERT_TRUE(h->handshake());
+        if (scenario != 0)
+            ASSERT_TRUE(h->handshake());
         for (int round = 0; round < 300; ++round) {
             ASSERT_TRUE(prepare(scenario)) << "scenario " << scenario;
             const int len = (round % 3 == 0) ? 1024 : h->frame.recvLen;
@@ -442,7 +455,8 @@ TEST_F(ReplyRobustness, RandomRepliesOfTheExpectedLengthAndOf1024Bytes)
             if (len == h->frame.recvLen && r != 1 && scenario != 0) {
                 ADD_FAILURE() << "a reply of the expected length " << len << " gave " << r;
             }
-            if (HasFailure()) return;
+            if (HasFailure())
+                return;
         }
     }
 }

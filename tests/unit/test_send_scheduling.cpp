@@ -26,7 +26,8 @@ protected:
     }
     void queueWrites(int n, int firstAddress = 100)
     {
-        for (int i = 0; i < n; ++i) h->setData(1, M_W, firstAddress + 2 * i, {uint8_t(i + 1), 0});
+        for (int i = 0; i < n; ++i)
+            h->setData(1, M_W, firstAddress + 2 * i, {uint8_t(i + 1), 0});
     }
     void queueConditionReads(int n, int firstAddress = 200)
     {
@@ -93,12 +94,13 @@ TEST_F(SendScheduling, TwelveQueuedWritesGiveTenWritesThenOneCyclicReadThenWrite
         kinds.push_back(driver.curFrameKind);
         counts.push_back(driver.priorityCount);
     }
-    EXPECT_EQ(kinds, (std::vector<int>{2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 4, 2, 2, 4}));
-    EXPECT_EQ(counts, (std::vector<int>{1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 0, 1, 2, 0}));
-    EXPECT_EQ(h->plc.commands(), (std::vector<int>{3, 3, 3, 3, 3, 3, 3, 3, 3, 3, 2, 3, 3, 2}));
+    EXPECT_EQ(kinds, (std::vector<int> {2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 4, 2, 2, 4}));
+    EXPECT_EQ(counts, (std::vector<int> {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 0, 1, 2, 0}));
+    EXPECT_EQ(h->plc.commands(), (std::vector<int> {3, 3, 3, 3, 3, 3, 3, 3, 3, 3, 2, 3, 3, 2}));
     // The writes go out in the order queued.
     const auto& req = h->plc.requests();
-    for (int i = 0; i < 10; ++i) EXPECT_EQ(req[size_t(i)].offset, uint32_t(100 + 2 * i));
+    for (int i = 0; i < 10; ++i)
+        EXPECT_EQ(req[size_t(i)].offset, uint32_t(100 + 2 * i));
     EXPECT_EQ(req[10].offset, 0u);
     EXPECT_EQ(req[11].offset, 120u);
     EXPECT_EQ(req[12].offset, 122u);
@@ -109,8 +111,9 @@ TEST_F(SendScheduling, AfterTenWritesWithoutCyclicReadsOneCallReturnsZeroThenWri
     ASSERT_TRUE(h->handshake());
     queueWrites(12);
     std::vector<int> results;
-    for (int i = 0; i < 14; ++i) results.push_back(h->cycle());
-    EXPECT_EQ(results, (std::vector<int>{1, 1, 1, 1, 1, 1, 1, 1, 1, 1, -1, 1, 1, -1}));
+    for (int i = 0; i < 14; ++i)
+        results.push_back(h->cycle());
+    EXPECT_EQ(results, (std::vector<int> {1, 1, 1, 1, 1, 1, 1, 1, 1, 1, -1, 1, 1, -1}));
     EXPECT_TRUE(driver.writeList.isEmpty());
 }
 
@@ -119,10 +122,11 @@ TEST_F(SendScheduling, ConditionReadsGetAtMostThreeTurnsBeforeACyclicRead)
     startWithOneReadBlock();
     queueConditionReads(5);
     h->plc.clearLog();
-    EXPECT_EQ(kindsOfNextCycles(7), (std::vector<int>{3, 3, 3, 4, 3, 3, 4}));
+    EXPECT_EQ(kindsOfNextCycles(7), (std::vector<int> {3, 3, 3, 4, 3, 3, 4}));
     std::vector<uint32_t> offsets;
-    for (const Request& r : h->plc.requests()) offsets.push_back(r.offset);
-    EXPECT_EQ(offsets, (std::vector<uint32_t>{200, 210, 220, 0, 230, 240, 0}));
+    for (const Request& r : h->plc.requests())
+        offsets.push_back(r.offset);
+    EXPECT_EQ(offsets, (std::vector<uint32_t> {200, 210, 220, 0, 230, 240, 0}));
 }
 
 TEST_F(SendScheduling, WritesAndConditionReadsShareOneCounter)
@@ -131,7 +135,7 @@ TEST_F(SendScheduling, WritesAndConditionReadsShareOneCounter)
     queueWrites(12);
     queueConditionReads(2);
     // Ten writes; the condition reads then wait for the cyclic read as well.
-    EXPECT_EQ(kindsOfNextCycles(17), (std::vector<int>{2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 4, 2, 2, 3, 4, 3, 4}));
+    EXPECT_EQ(kindsOfNextCycles(17), (std::vector<int> {2, 2, 2, 2, 2, 2, 2, 2, 2, 2, 4, 2, 2, 3, 4, 3, 4}));
 }
 
 TEST_F(SendScheduling, ConditionReadsAheadOfCyclicReadsButBehindWrites)
@@ -139,7 +143,7 @@ TEST_F(SendScheduling, ConditionReadsAheadOfCyclicReadsButBehindWrites)
     startWithOneReadBlock();
     queueConditionReads(1);
     queueWrites(1);
-    EXPECT_EQ(kindsOfNextCycles(3), (std::vector<int>{2, 3, 4}));
+    EXPECT_EQ(kindsOfNextCycles(3), (std::vector<int> {2, 3, 4}));
 }
 
 TEST_F(SendScheduling, RejectedReplyRepeatsTheSameFrameWithoutANewDecision)
@@ -179,7 +183,7 @@ TEST_F(SendScheduling, BitWriteHandsOutItsReadThenItsWriteWithoutANewDecision)
     EXPECT_EQ(driver.curFrameKind, 2);
     EXPECT_EQ(driver.priorityCount, 1);
     EXPECT_EQ(driver.frameList.size(), 2);
-    EXPECT_EQ(u16(h->frame.frame + 22), 2);            // Read
+    EXPECT_EQ(u16(h->frame.frame + 22), 2);  // Read
     EXPECT_EQ(u32(h->frame.frame + 38), 0x4020u);
     EXPECT_EQ(u32(h->frame.frame + 42), 10u);
     EXPECT_EQ(u32(h->frame.frame + 46), 1u);
@@ -187,7 +191,7 @@ TEST_F(SendScheduling, BitWriteHandsOutItsReadThenItsWriteWithoutANewDecision)
     // Another write queued now must not come between the read and its write.
     h->setData(1, M_W, 60, {1, 1});
     ASSERT_EQ(h->fetch(), 1);
-    EXPECT_EQ(u16(h->frame.frame + 22), 3);            // Write
+    EXPECT_EQ(u16(h->frame.frame + 22), 3);  // Write
     EXPECT_EQ(u32(h->frame.frame + 42), 10u);
     EXPECT_EQ(u32(h->frame.frame + 46), 1u);
     EXPECT_EQ(h->frame.frame[50], 0xF8);
@@ -199,7 +203,8 @@ TEST_F(SendScheduling, RecipeWriteFlagComesBeforeQueuedWrites)
 {
     startWithOneReadBlock();
     h->setRcpAddress({Host::rcpVar(1, 1, M_W, 0, 2, 0), Host::rcpVar(1, 1, M_W, 4, 2, 2)});
-    for (int i = 0; i < 8; ++i) h->recipe[size_t(i)] = uint8_t(0xA0 + i);
+    for (int i = 0; i < 8; ++i)
+        h->recipe[size_t(i)] = uint8_t(0xA0 + i);
     h->setData(1, M_W, 100, {1, 2});
     h->setRecipeWriteFlag(1);
     ASSERT_EQ(h->fetch(), 1);
@@ -209,7 +214,8 @@ TEST_F(SendScheduling, RecipeWriteFlagComesBeforeQueuedWrites)
     EXPECT_EQ(u32(h->frame.frame + 38), 0x4020u);
     EXPECT_EQ(u32(h->frame.frame + 42), 0u);
     EXPECT_EQ(u32(h->frame.frame + 46), 8u);
-    for (int i = 0; i < 8; ++i) EXPECT_EQ(h->frame.frame[50 + i], 0xA0 + i) << i;
+    for (int i = 0; i < 8; ++i)
+        EXPECT_EQ(h->frame.frame[50 + i], 0xA0 + i) << i;
 }
 
 TEST_F(SendScheduling, RecipeReadFlagGivesARecipeReadAheadOfWrites)
@@ -255,7 +261,7 @@ TEST_F(SendScheduling, RecipeWritePastTheEndWritesTheLastVariableAgainAsItStands
     h->setRecipeWriteFlag(1);
     ASSERT_EQ(h->cycle(), 1);
     ASSERT_EQ(driver.curFrameKind, 5);
-    EXPECT_EQ(h->plc.bytes(kMemory, 20, 2), (std::vector<uint8_t>{0x11, 0x22}));
+    EXPECT_EQ(h->plc.bytes(kMemory, 20, 2), (std::vector<uint8_t> {0x11, 0x22}));
     const QByteArray first = frameBytes(h->frame);
     // The transfer is over: the cursor went back to 0 and the flag was cleared.
     EXPECT_EQ(h->recipeWriteFlag(), 0);
@@ -276,7 +282,7 @@ TEST_F(SendScheduling, RecipeFlagPastTheEndAfterACyclicReadRepeatsThatRead)
     ASSERT_EQ(h->addrMerge({Host::key(1, M_W, 0, 1), Host::key(1, M_W, 300, 1)}), 2);
     ASSERT_EQ(h->cycle(), 1);  // reads block at 0; the list turns to [300, 0]
     ASSERT_EQ(driver.readList.first().address, 300);
-    h->setRecipeReadFlag(1);   // no recipe variables: cursor 0 is past the end
+    h->setRecipeReadFlag(1);  // no recipe variables: cursor 0 is past the end
     ASSERT_EQ(h->fetch(), 1);
     EXPECT_EQ(driver.curFrameKind, 4);
     EXPECT_EQ(u32(h->frame.frame + 42), 0u);  // the block at 0 again, not the head (300)
@@ -365,8 +371,8 @@ TEST_F(SendScheduling, FlagsAreReadUnderTheHostMutexOnlyWhenChoosingANewFrame)
         delete out;
         EXPECT_EQ(finishedWhileLocked, !expectBlocked);
     };
-    fetchInThread(true);    // empty frameList: a new frame is chosen, the flags are read
-    fetchInThread(false);   // the same frame again: no lock needed
+    fetchInThread(true);   // empty frameList: a new frame is chosen, the flags are read
+    fetchInThread(false);  // the same frame again: no lock needed
 }
 
 }  // namespace

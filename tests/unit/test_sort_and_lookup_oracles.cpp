@@ -28,15 +28,16 @@ using adstest::L;
 int regIndex(const QString& name)
 {
     for (int i = 0; i < 6; ++i)
-        if (REG_LIST[i] == name) return i;
+        if (REG_LIST[i] == name)
+            return i;
     return -1;
 }
 
 // keyNo x n x 65535 + idx x 65535 + address with n = 6 names, wrapping in 32 bits.
 int oracleWeight(int keyNo, const QString& reg, int address)
 {
-    uint32_t w = static_cast<uint32_t>(keyNo) * 6u * 65535u + static_cast<uint32_t>(regIndex(reg)) * 65535u +
-                 static_cast<uint32_t>(address);
+    uint32_t w = static_cast<uint32_t>(keyNo) * 6u * 65535u + static_cast<uint32_t>(regIndex(reg)) * 65535u
+        + static_cast<uint32_t>(address);
     return static_cast<int>(w);
 }
 
@@ -45,7 +46,8 @@ int oracleIndexOfDataArea(int keyNo, const QString& areaName, int address, QList
 {
     for (int i = 0; i < list.size(); ++i) {
         const _DATA_& d = list.at(i);
-        if (d.keyNo == keyNo && d.areaName == areaName && d.address == address) return i;
+        if (d.keyNo == keyNo && d.areaName == areaName && d.address == address)
+            return i;
     }
     _DATA_ d;
     d.spare = 0;
@@ -72,7 +74,8 @@ void oracleBubbleSort(QList<T>& items)
         for (int j = 0; j < n - p - 1; ++j) {
             int wj = oracleWeight(items.at(j).keyNo, items.at(j).regName, items.at(j).address);
             int wj1 = oracleWeight(items.at(j + 1).keyNo, items.at(j + 1).regName, items.at(j + 1).address);
-            if (wj1 < wj) items.swapItemsAt(j, j + 1);
+            if (wj1 < wj)
+                items.swapItemsAt(j, j + 1);
         }
     }
 }
@@ -95,7 +98,8 @@ void oracleBubbleSortVector(QVector<_RCP_VAR_PRO>& items)
 
 int oracleJudge(const KEY_ADDRESS& block, const KEY_ADDRESS& next, int gapMode, int maxMergeGap)
 {
-    if (block.keyNo != next.keyNo || block.regName != next.regName) return 1;
+    if (block.keyNo != next.keyNo || block.regName != next.regName)
+        return 1;
     int gap = next.address - (block.address + block.length);
     int limit = gapMode == 0 ? 0 : maxMergeGap;
     return gap > limit ? 1 : 0;
@@ -132,7 +136,8 @@ QList<KEY_ADDRESS> oracleFirstPass(QList<KEY_ADDRESS> keys, int mode, QList<int>
     QList<KEY_ADDRESS> out;
     const int n = keys.size();
     KEY_ADDRESS cur = keys.at(0);
-    if (mode == 2) starts->append(0);
+    if (mode == 2)
+        starts->append(0);
     int i = 0;
     int guard = 0;
     while (i < n) {
@@ -160,13 +165,15 @@ QList<KEY_ADDRESS> oracleFirstPass(QList<KEY_ADDRESS> keys, int mode, QList<int>
         if (oracleJudge(cur, keys.at(i), 0, 0)) {
             out.append(cur);
             cur = keys.at(i);
-            if (mode == 2) starts->append(i);
+            if (mode == 2)
+                starts->append(i);
         } else {
             int newLength = keys.at(i).address + keys.at(i).length - cur.address;
             if (newLength > 128) {
                 out.append(cur);
                 cur = keys.at(i);
-                if (mode == 2) starts->append(i);
+                if (mode == 2)
+                    starts->append(i);
             } else if (newLength > cur.length) {
                 cur.length = newLength;
             }
@@ -181,7 +188,8 @@ QList<KEY_ADDRESS> oracleFirstPass(QList<KEY_ADDRESS> keys, int mode, QList<int>
                 again = true;
             }
         }
-        if (!again) ++i;
+        if (!again)
+            ++i;
     }
     return out;
 }
@@ -189,7 +197,8 @@ QList<KEY_ADDRESS> oracleFirstPass(QList<KEY_ADDRESS> keys, int mode, QList<int>
 // Second pass: bridging gaps up to maxMergeGap.
 QList<KEY_ADDRESS> oracleSecondPass(const QList<KEY_ADDRESS>& blocks, int maxMergeGap)
 {
-    if (blocks.size() == 1) return blocks;
+    if (blocks.size() == 1)
+        return blocks;
     QList<KEY_ADDRESS> out;
     const int m = blocks.size();
     KEY_ADDRESS cur = blocks.at(0);
@@ -205,10 +214,13 @@ QList<KEY_ADDRESS> oracleSecondPass(const QList<KEY_ADDRESS>& blocks, int maxMer
             if (newLength > 128) {
                 out.append(cur);
                 cur = blocks.at(k);
-                if (k == m - 1) out.append(cur);
+                if (k == m - 1)
+                    out.append(cur);
             } else {
-                if (newLength > cur.length) cur.length = newLength;
-                if (k == m - 1) out.append(cur);
+                if (newLength > cur.length)
+                    cur.length = newLength;
+                if (k == m - 1)
+                    out.append(cur);
             }
         }
     }
@@ -218,7 +230,8 @@ QList<KEY_ADDRESS> oracleSecondPass(const QList<KEY_ADDRESS>& blocks, int maxMer
 QList<KEY_ADDRESS> oracleMergeModeOne(QList<KEY_ADDRESS> keys, int maxMergeGap)
 {
     oracleStage1(keys, 1);
-    if (keys.size() >= 2) oracleBubbleSort(keys);
+    if (keys.size() >= 2)
+        oracleBubbleSort(keys);
     QList<int> unused;
     return oracleSecondPass(oracleFirstPass(keys, 1, &unused), maxMergeGap);
 }
@@ -237,23 +250,25 @@ KEY_ADDRESS makeKey(int keyNo, const QString& reg, int address, int length, int 
 
 std::string describe(const KEY_ADDRESS& k)
 {
-    return "{" + std::to_string(k.keyNo) + "," + k.regName.toStdString() + "," + std::to_string(k.address) + "," +
-           std::to_string(k.length) + ",#" + std::to_string(k.hostNumber) + "}";
+    return "{" + std::to_string(k.keyNo) + "," + k.regName.toStdString() + "," + std::to_string(k.address) + ","
+        + std::to_string(k.length) + ",#" + std::to_string(k.hostNumber) + "}";
 }
 
 std::string describe(const QList<KEY_ADDRESS>& keys)
 {
     std::string s;
-    for (const KEY_ADDRESS& k : keys) s += describe(k) + " ";
+    for (const KEY_ADDRESS& k : keys)
+        s += describe(k) + " ";
     return s;
 }
 
 bool sameKeys(const QList<KEY_ADDRESS>& a, const QList<KEY_ADDRESS>& b)
 {
-    if (a.size() != b.size()) return false;
+    if (a.size() != b.size())
+        return false;
     for (int i = 0; i < a.size(); ++i) {
-        if (a.at(i).keyNo != b.at(i).keyNo || a.at(i).regName != b.at(i).regName || a.at(i).address != b.at(i).address ||
-            a.at(i).length != b.at(i).length || a.at(i).hostNumber != b.at(i).hostNumber)
+        if (a.at(i).keyNo != b.at(i).keyNo || a.at(i).regName != b.at(i).regName || a.at(i).address != b.at(i).address
+            || a.at(i).length != b.at(i).length || a.at(i).hostNumber != b.at(i).hostNumber)
             return false;
     }
     return true;
@@ -282,7 +297,8 @@ KEY_ADDRESS randomKnownKey(std::mt19937& rng, int hostNumber, int addrSpan)
         keyNo = pick(rng) < 50 ? 0 : 1;
         int wordIdx = bit ? r + 3 : r;
         int a = kWeightTargets[target(rng)] - keyNo * 393210 - wordIdx * 65535;
-        if (a >= 0) byteAddr = a;
+        if (a >= 0)
+            byteAddr = a;
     }
     int length = bit ? bitLen(rng) : wordLen(rng);
     int address = bit ? byteAddr * 8 + (pick(rng) % 8) : byteAddr;
@@ -328,14 +344,18 @@ QList<KEY_ADDRESS> separated(const QList<KEY_ADDRESS>& keys)
         one.append(k);
         oracleStage1(one, 1);
         const KEY_ADDRESS& c = one.at(0);
-        if (c.length > 128) continue;
+        if (c.length > 128)
+            continue;
         bool clash = false;
         for (const KEY_ADDRESS& o : keptConverted) {
-            if (o.keyNo != c.keyNo || o.regName != c.regName) continue;
+            if (o.keyNo != c.keyNo || o.regName != c.regName)
+                continue;
             // Need a gap of at least one byte on either side.
-            if (c.address <= o.address + o.length && o.address <= c.address + c.length) clash = true;
+            if (c.address <= o.address + o.length && o.address <= c.address + c.length)
+                clash = true;
         }
-        if (clash) continue;
+        if (clash)
+            continue;
         kept.append(k);
         keptConverted.append(c);
     }
@@ -350,7 +370,8 @@ TEST_F(Oracles, UnmergeableKeysComeOutInBubbleSortedOrder)
         initWithGap(0);
         QList<KEY_ADDRESS> raw;
         int n = nKeys(rng);
-        for (int i = 0; i < n; ++i) raw.append(randomKnownKey(rng, i, 2000));
+        for (int i = 0; i < n; ++i)
+            raw.append(randomKnownKey(rng, i, 2000));
         QList<KEY_ADDRESS> keys = separated(raw);
 
         QList<KEY_ADDRESS> expected = keys;
@@ -359,8 +380,8 @@ TEST_F(Oracles, UnmergeableKeysComeOutInBubbleSortedOrder)
 
         QList<KEY_ADDRESS> got = keys;
         addrMerge(got, 1);
-        ASSERT_TRUE(sameKeys(got, expected)) << "round " << round << "\n got      " << describe(got)
-                                             << "\n expected " << describe(expected);
+        ASSERT_TRUE(sameKeys(got, expected))
+            << "round " << round << "\n got      " << describe(got) << "\n expected " << describe(expected);
 
         ASSERT_EQ(intf_addrMerge(keys), expected.size());
         for (int i = 0; i < expected.size(); ++i) {
@@ -398,8 +419,8 @@ TEST_F(Oracles, UnmergeableKeysWithUnknownNamesComeOutInBubbleSortedOrder)
         oracleBubbleSort(expected);
         QList<KEY_ADDRESS> got = keys;
         addrMerge(got, 1);
-        ASSERT_TRUE(sameKeys(got, expected)) << "round " << round << "\n got      " << describe(got)
-                                             << "\n expected " << describe(expected);
+        ASSERT_TRUE(sameKeys(got, expected))
+            << "round " << round << "\n got      " << describe(got) << "\n expected " << describe(expected);
     }
 }
 
@@ -427,15 +448,15 @@ TEST_F(Oracles, MergeModeOneEqualsLiteralPipeline)
                 k.keyNo = dense(rng) % 2;
                 k.address = regIndex(k.regName) < 3 ? dense(rng) * 24 : dense(rng) * 3;
             }
-            if (longOne(rng) == 0) k.length = longLen(rng);  // some keys beyond 128 bytes
+            if (longOne(rng) == 0)
+                k.length = longLen(rng);  // some keys beyond 128 bytes
             keys.append(k);
         }
         QList<KEY_ADDRESS> expected = oracleMergeModeOne(keys, gap);
         QList<KEY_ADDRESS> got = keys;
         addrMerge(got, 1);
-        ASSERT_TRUE(sameKeys(got, expected)) << "round " << round << " gap " << gap << "\n input    "
-                                             << describe(keys) << "\n got      " << describe(got)
-                                             << "\n expected " << describe(expected);
+        ASSERT_TRUE(sameKeys(got, expected)) << "round " << round << " gap " << gap << "\n input    " << describe(keys)
+                                             << "\n got      " << describe(got) << "\n expected " << describe(expected);
     }
 }
 
@@ -469,7 +490,8 @@ TEST_F(Oracles, RecipeVariablesEqualBubbleSortedFilteredInput)
                 // Equal weights across registers and keys.
                 v.keyNo = pick(rng) % 2;
                 int a = kWeightTargets[pick(rng) % 5] - v.keyNo * 393210 - r * 65535;
-                if (a >= 0) v.address = a;
+                if (a >= 0)
+                    v.address = a;
             }
             v.length = (r < 3) ? bitLen(rng) : wordLen(rng);
             v.rcpDataIndex = i;
@@ -478,7 +500,8 @@ TEST_F(Oracles, RecipeVariablesEqualBubbleSortedFilteredInput)
         }
         QVector<_RCP_VAR_PRO> filtered;
         for (const _RCP_VAR_PRO& v : vars)
-            if (v.driverNo == 1) filtered.append(v);
+            if (v.driverNo == 1)
+                filtered.append(v);
         QVector<_RCP_VAR_PRO> expected = filtered;
         oracleBubbleSortVector(expected);
 
@@ -551,9 +574,12 @@ AreaKey randomAreaKey(std::mt19937& rng)
     key.name = L(kAreaNames[k(rng)]);
     key.address = a(rng);
     int o = odd(rng);
-    if (o == 0) key.address = 65535;
-    if (o == 1) key.address = -5;
-    if (o == 2) key.address = 2147483647;
+    if (o == 0)
+        key.address = 65535;
+    if (o == 1)
+        key.address = -5;
+    if (o == 2)
+        key.address = 2147483647;
     return key;
 }
 
@@ -578,8 +604,8 @@ _DATA_ freshArea(const AreaKey& k)
     if (got.size() != expected.size())
         return ::testing::AssertionFailure() << "size " << got.size() << " expected " << expected.size();
     for (int i = 0; i < got.size(); ++i) {
-        if (got.at(i).keyNo != expected.at(i).keyNo || got.at(i).areaName != expected.at(i).areaName ||
-            got.at(i).address != expected.at(i).address)
+        if (got.at(i).keyNo != expected.at(i).keyNo || got.at(i).areaName != expected.at(i).areaName
+            || got.at(i).address != expected.at(i).address)
             return ::testing::AssertionFailure() << "area " << i << " differs";
     }
     return ::testing::AssertionSuccess();
@@ -631,7 +657,8 @@ TEST_F(Oracles, DriverCacheLookUpEqualsLinearSearch)
                 int b = bitAddr(rng);
                 int c = count(rng) * 5;
                 _setDataAreaMonitorFlag(keyNo, L(regs[r]), b, c);
-                for (int j = 0; j < c; ++j) oracleIndexOfDataArea(keyNo, L(areas[r]), (b + j) / 8, oracle);
+                for (int j = 0; j < c; ++j)
+                    oracleIndexOfDataArea(keyNo, L(areas[r]), (b + j) / 8, oracle);
             } else if (o < 95) {
                 // A look-up on a copy of the cache touches neither the cache nor its index.
                 AreaKey k = randomAreaKey(rng);

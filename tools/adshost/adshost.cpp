@@ -37,21 +37,26 @@ int64_t nowMs() { return util::nowMs(); }
 
 namespace {
 
-double nowSec() {
+double nowSec()
+{
     using namespace std::chrono;
     return duration_cast<duration<double>>(steady_clock::now().time_since_epoch()).count();
 }
 
-bool endsWith(const std::string& s, const std::string& tail) {
+bool endsWith(const std::string& s, const std::string& tail)
+{
     return s.size() >= tail.size() && s.compare(s.size() - tail.size(), tail.size(), tail) == 0;
 }
 
-bool parseInt(const std::string& text, long long& out) {
-    if (text.empty()) return false;
+bool parseInt(const std::string& text, long long& out)
+{
+    if (text.empty())
+        return false;
     errno = 0;
     char* end = nullptr;
     const long long v = std::strtoll(text.c_str(), &end, 0);  // decimal or 0x-hex
-    if (errno != 0 || !end || *end != '\0') return false;
+    if (errno != 0 || !end || *end != '\0')
+        return false;
     out = v;
     return true;
 }
@@ -67,17 +72,21 @@ const char* const kRegisters[] = {"I_bit", "Q_bit", "M_bit", "I_W", "Q_W", "M_W"
 
 bool Address::isBit() const { return endsWith(reg, "_bit"); }
 
-std::string Address::text() const {
+std::string Address::text() const
+{
     std::string t = reg + ":" + addrText;
-    if (count != 1) t += ":" + std::to_string(count);
+    if (count != 1)
+        t += ":" + std::to_string(count);
     return t;
 }
 
-std::string Write::text() const {
+std::string Write::text() const
+{
     std::ostringstream o;
     o << addr.reg << ":" << addr.addrText << "=";
     if (addr.isBit()) {
-        for (size_t i = 0; i < data.size(); ++i) o << (i ? "," : "") << int(data[i] ? 1 : 0);
+        for (size_t i = 0; i < data.size(); ++i)
+            o << (i ? "," : "") << int(data[i] ? 1 : 0);
     } else {
         char buf[16];
         for (size_t i = 0; i + 1 < data.size(); i += 2) {
@@ -88,7 +97,8 @@ std::string Write::text() const {
     return o.str();
 }
 
-bool parseAddress(const std::string& text, Address& out, std::string& why) {
+bool parseAddress(const std::string& text, Address& out, std::string& why)
+{
     const std::vector<std::string> parts = split(text, ':');
     if (parts.size() < 2 || parts.size() > 3) {
         why = "address '" + text + "' is not REG:ADDR[:COUNT]";
@@ -97,7 +107,8 @@ bool parseAddress(const std::string& text, Address& out, std::string& why) {
     Address a;
     a.reg = parts[0];
     bool known = false;
-    for (const char* r : kRegisters) known = known || a.reg == r;
+    for (const char* r : kRegisters)
+        known = known || a.reg == r;
     if (!known) {
         why = "unknown register '" + a.reg + "' in '" + text + "' (I_bit Q_bit M_bit I_W Q_W M_W)";
         return false;
@@ -107,8 +118,8 @@ bool parseAddress(const std::string& text, Address& out, std::string& why) {
     if (a.isBit()) {
         const std::vector<std::string> bb = split(parts[1], '.');
         long long byte = 0, bit = 0;
-        if (bb.size() != 2 || !parseInt(bb[0], byte) || !parseInt(bb[1], bit) || bit < 0 || bit > 7 ||
-            byte < 0 || byte > 65535) {
+        if (bb.size() != 2 || !parseInt(bb[0], byte) || !parseInt(bb[1], bit) || bit < 0 || bit > 7 || byte < 0
+            || byte > 65535) {
             why = "bit address '" + parts[1] + "' in '" + text + "' is not BYTE.BIT";
             return false;
         }
@@ -131,14 +142,16 @@ bool parseAddress(const std::string& text, Address& out, std::string& why) {
     return true;
 }
 
-bool parseWrite(const std::string& text, Write& out, std::string& why) {
+bool parseWrite(const std::string& text, Write& out, std::string& why)
+{
     const size_t eq = text.find('=');
     if (eq == std::string::npos) {
         why = "write '" + text + "' is not REG:ADDR=VALUE";
         return false;
     }
     Write w;
-    if (!parseAddress(text.substr(0, eq), w.addr, why)) return false;
+    if (!parseAddress(text.substr(0, eq), w.addr, why))
+        return false;
     if (w.addr.count != 1) {
         why = "write '" + text + "' takes its count from the values, not from ':COUNT'";
         return false;
@@ -170,10 +183,12 @@ bool parseWrite(const std::string& text, Write& out, std::string& why) {
     return true;
 }
 
-bool parseRecipe(const std::string& text, RecipeVar& out, std::string& why) {
+bool parseRecipe(const std::string& text, RecipeVar& out, std::string& why)
+{
     RecipeVar r;
     const size_t eq = text.find('=');
-    if (!parseAddress(text.substr(0, eq), r.addr, why)) return false;
+    if (!parseAddress(text.substr(0, eq), r.addr, why))
+        return false;
     if (eq != std::string::npos) {
         const std::vector<std::string> values = split(text.substr(eq + 1), ',');
         for (const std::string& s : values) {
@@ -197,20 +212,19 @@ bool parseRecipe(const std::string& text, RecipeVar& out, std::string& why) {
 // ------------------------------------------------------------------------------------------
 // Figures
 
-std::string Stats::figuresLine() const {
+std::string Stats::figuresLine() const
+{
     char buf[512];
     std::snprintf(buf, sizeof buf,
-                  "figures: requests=%llu result1=%llu result8=%llu result2=%llu result3=%llu "
-                  "result0=%llu timeouts=%llu reconnects=%llu stale_bytes=%llu changes=%llu "
-                  "rtt_ms=%.3f/%.3f/%.3f refreshes=%llu refreshes_per_s=%.1f blocks_per_refresh=%d "
-                  "seconds=%.1f",
-                  (unsigned long long)requests, (unsigned long long)results[1],
-                  (unsigned long long)results[8], (unsigned long long)results[2],
-                  (unsigned long long)results[3], (unsigned long long)results[0],
-                  (unsigned long long)timeouts, (unsigned long long)reconnects,
-                  (unsigned long long)staleBytes, (unsigned long long)changes, rttMinMs, rttMedianMs,
-                  rttMaxMs, (unsigned long long)fullRefreshes, refreshesPerSecond(), blocksPerRefresh,
-                  seconds);
+        "figures: requests=%llu result1=%llu result8=%llu result2=%llu result3=%llu "
+        "result0=%llu timeouts=%llu reconnects=%llu stale_bytes=%llu changes=%llu "
+        "rtt_ms=%.3f/%.3f/%.3f refreshes=%llu refreshes_per_s=%.1f blocks_per_refresh=%d "
+        "seconds=%.1f",
+        (unsigned long long)requests, (unsigned long long)results[1], (unsigned long long)results[8],
+        (unsigned long long)results[2], (unsigned long long)results[3], (unsigned long long)results[0],
+        (unsigned long long)timeouts, (unsigned long long)reconnects, (unsigned long long)staleBytes,
+        (unsigned long long)changes, rttMinMs, rttMedianMs, rttMaxMs, (unsigned long long)fullRefreshes,
+        refreshesPerSecond(), blocksPerRefresh, seconds);
     return buf;
 }
 
@@ -219,11 +233,13 @@ std::string Stats::figuresLine() const {
 
 class Plugin {
 public:
-    ~Plugin() {
+    ~Plugin()
+    {
         // The plugin stays loaded: its global driver object would be destroyed under the
         // feet of a later session in the same process, and dlclose gains nothing here.
     }
-    bool load(const std::string& path, std::string& why) {
+    bool load(const std::string& path, std::string& why)
+    {
         if (::access(path.c_str(), R_OK) != 0) {
             why = "cannot load driver " + path + ": " + std::strerror(errno);
             return false;
@@ -237,7 +253,8 @@ public:
         std::vector<std::string> missing;
         auto get = [&](auto& fn, const char* name) {
             void* sym = ::dlsym(handle, name);
-            if (!sym) missing.push_back(name);
+            if (!sym)
+                missing.push_back(name);
             fn = reinterpret_cast<std::remove_reference_t<decltype(fn)>>(sym);
         };
         get(getProtocolType, "intf_getProtocolType");
@@ -261,7 +278,8 @@ public:
         get(multiCopy, "intf_multiCopy");
         if (!missing.empty()) {
             why = "driver " + path + " lacks entry point" + (missing.size() > 1 ? "s" : "") + ":";
-            for (const std::string& m : missing) why += " " + m;
+            for (const std::string& m : missing)
+                why += " " + m;
             return false;
         }
         return true;
@@ -295,11 +313,13 @@ public:
 namespace {
 // The driver has one global state per loaded library and its callback carries no pointer
 // of ours, so the open session is global too.
-std::atomic<Session*> g_session{nullptr};
+std::atomic<Session*> g_session {nullptr};
 
-int hostCallback(int context, int keyNo, QString text, int address) {
+int hostCallback(int context, int keyNo, QString text, int address)
+{
     Session* s = g_session.load();
-    if (s) s->onChange(context, keyNo, text.toStdString(), address);
+    if (s)
+        s->onChange(context, keyNo, text.toStdString(), address);
     return 0;
 }
 
@@ -326,7 +346,7 @@ struct Session::Impl {
     uint32_t localIp = 0, peerIp = 0;
     PcapWriter pcap;
 
-    std::atomic<bool> stop{false};
+    std::atomic<bool> stop {false};
     bool failedForGood = false;
     std::string failure;
 
@@ -340,7 +360,8 @@ struct Session::Impl {
     std::set<std::tuple<std::string, int, int>> refreshSeen;
     double pollStart = 0, pollSeconds = 0;
 
-    KEY_ADDRESS key(const Address& a) const {
+    KEY_ADDRESS key(const Address& a) const
+    {
         KEY_ADDRESS k = KEY_ADDRESS();
         k.keyNo = cfg.keyNo;
         k.regName = QString::fromStdString(a.reg);
@@ -350,7 +371,8 @@ struct Session::Impl {
         return k;
     }
 
-    void closeSocket(bool byHost) {
+    void closeSocket(bool byHost)
+    {
         if (fd >= 0) {
             ::close(fd);
             pcap.connectionClosed(byHost);
@@ -361,9 +383,10 @@ struct Session::Impl {
         pending.clear();
     }
 
-    bool connectOnce(std::string& why) {
+    bool connectOnce(std::string& why)
+    {
         closeSocket(true);
-        sockaddr_in a{};
+        sockaddr_in a {};
         a.sin_family = AF_INET;
         a.sin_port = htons(cfg.plcPort);
         if (inet_pton(AF_INET, cfg.plcHost.c_str(), &a.sin_addr) != 1) {
@@ -384,11 +407,11 @@ struct Session::Impl {
                 ::close(s);
                 return false;
             }
-            pollfd p{s, POLLOUT, 0};
+            pollfd p {s, POLLOUT, 0};
             const int r = ::poll(&p, 1, cfg.connectTimeoutMs);
             if (r != 1) {
-                why = "cannot connect to " + where + ": no answer within " +
-                      std::to_string(cfg.connectTimeoutMs) + " ms";
+                why = "cannot connect to " + where + ": no answer within " + std::to_string(cfg.connectTimeoutMs)
+                    + " ms";
                 ::close(s);
                 return false;
             }
@@ -404,12 +427,13 @@ struct Session::Impl {
         // Connected: from now on blocking, with the reply time-out on receiving, so that a
         // reply costs one recv() as in the plainest client.
         const int flags = ::fcntl(s, F_GETFL);
-        if (flags >= 0) ::fcntl(s, F_SETFL, flags & ~O_NONBLOCK);
+        if (flags >= 0)
+            ::fcntl(s, F_SETFL, flags & ~O_NONBLOCK);
         setReceiveTimeout(s, cfg.replyTimeoutMs);
-        timeval sendTimeout{cfg.replyTimeoutMs / 1000, (cfg.replyTimeoutMs % 1000) * 1000};
+        timeval sendTimeout {cfg.replyTimeoutMs / 1000, (cfg.replyTimeoutMs % 1000) * 1000};
         ::setsockopt(s, SOL_SOCKET, SO_SNDTIMEO, &sendTimeout, sizeof sendTimeout);
         fd = s;
-        sockaddr_in local{};
+        sockaddr_in local {};
         socklen_t ll = sizeof local;
         ::getsockname(s, reinterpret_cast<sockaddr*>(&local), &ll);
         localPort = ntohs(local.sin_port);
@@ -419,17 +443,21 @@ struct Session::Impl {
         return true;
     }
 
-    static void setReceiveTimeout(int s, int64_t ms) {
-        if (ms < 1) ms = 1;
-        timeval t{time_t(ms / 1000), suseconds_t((ms % 1000) * 1000)};
+    static void setReceiveTimeout(int s, int64_t ms)
+    {
+        if (ms < 1)
+            ms = 1;
+        timeval t {time_t(ms / 1000), suseconds_t((ms % 1000) * 1000)};
         ::setsockopt(s, SOL_SOCKET, SO_RCVTIMEO, &t, sizeof t);
     }
 
-    bool reconnect() {
+    bool reconnect()
+    {
         int backoff = cfg.reconnectBackoffMs;
         std::string why;
         for (int attempt = 0; attempt < cfg.reconnectAttempts && !stop; ++attempt) {
-            if (attempt > 0 || backoff > 0) std::this_thread::sleep_for(std::chrono::milliseconds(backoff));
+            if (attempt > 0 || backoff > 0)
+                std::this_thread::sleep_for(std::chrono::milliseconds(backoff));
             if (connectOnce(why)) {
                 std::lock_guard<std::mutex> g(lock);
                 ++stats.reconnects;
@@ -438,8 +466,8 @@ struct Session::Impl {
             backoff = std::min(backoff * 2, cfg.reconnectBackoffMaxMs);
         }
         failedForGood = true;
-        failure = "connection lost and not re-established after " + std::to_string(cfg.reconnectAttempts) +
-                  " attempts: " + why;
+        failure = "connection lost and not re-established after " + std::to_string(cfg.reconnectAttempts)
+            + " attempts: " + why;
         return false;
     }
 
@@ -449,7 +477,7 @@ struct Session::Impl {
     // Whether the stream may hold bytes of an older request (after a time-out, a lost
     // connection or a rejected reply); only then is the socket drained before a send.
     bool mayHaveStale = true;
-    std::unique_ptr<FRAME_PRO> frame{new FRAME_PRO()};
+    std::unique_ptr<FRAME_PRO> frame {new FRAME_PRO()};
     QString errorText;
 
     // Replies the PLC still owes for requests that timed out on this connection. The driver
@@ -460,13 +488,15 @@ struct Session::Impl {
     // Before a new request: read and drop each owed reply, waiting at most the reply
     // time-out for each. One that does not come (or a stream out of step) costs the
     // connection: a new one carries no old replies.
-    void settleOwedReplies() {
+    void settleOwedReplies()
+    {
         while (owedReplies > 0 && fd >= 0) {
             std::vector<uint8_t> late;
             Exchange scratch;
             receive(late, scratch);
             if (scratch.timedOut || scratch.connectionLost || late.size() <= 6) {
-                if (!late.empty()) pcap.plcToHost(late.data(), late.size());
+                if (!late.empty())
+                    pcap.plcToHost(late.data(), late.size());
                 closeSocket(true);
                 break;
             }
@@ -478,14 +508,16 @@ struct Session::Impl {
         owedReplies = 0;
     }
 
-    void drain() {
+    void drain()
+    {
         if (!pending.empty()) {
             pcap.plcToHost(pending.data(), pending.size());
             std::lock_guard<std::mutex> g(lock);
             stats.staleBytes += uint64_t(pending.size());
             pending.clear();
         }
-        if (fd < 0 || !mayHaveStale) return;
+        if (fd < 0 || !mayHaveStale)
+            return;
         mayHaveStale = false;
         uint8_t buf[4096];
         for (int guard = 0; guard < 1024; ++guard) {
@@ -496,12 +528,14 @@ struct Session::Impl {
                 stats.staleBytes += uint64_t(n);
                 continue;
             }
-            if (n == 0) closeSocket(false);  // the peer closed meanwhile
+            if (n == 0)
+                closeSocket(false);  // the peer closed meanwhile
             break;
         }
     }
 
-    bool sendFrame(const uint8_t* p, size_t len) {
+    bool sendFrame(const uint8_t* p, size_t len)
+    {
         // One send() for the whole frame; the loop only covers a full send buffer.
         const int64_t deadline = nowMs() + cfg.replyTimeoutMs;
         size_t done = 0;
@@ -511,10 +545,12 @@ struct Session::Impl {
                 done += size_t(n);
                 continue;
             }
-            if (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) return false;
-            pollfd pf{fd, POLLOUT, 0};
+            if (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)
+                return false;
+            pollfd pf {fd, POLLOUT, 0};
             const int64_t left = deadline - nowMs();
-            if (left <= 0 || ::poll(&pf, 1, int(left)) <= 0) return false;
+            if (left <= 0 || ::poll(&pf, 1, int(left)) <= 0)
+                return false;
         }
         return true;
     }
@@ -522,7 +558,8 @@ struct Session::Impl {
     // Assembles one reply by the AMS/TCP length field and hands over exactly that frame;
     // bytes read past it are kept aside and dropped before the next send. The socket is
     // blocking with the reply time-out, so a reply usually costs a single recv().
-    void receive(std::vector<uint8_t>& buf, Exchange& ex) {
+    void receive(std::vector<uint8_t>& buf, Exchange& ex)
+    {
         const int64_t deadline = nowMs() + cfg.replyTimeoutMs;
         size_t need = 6;
         bool headerSeen = false;
@@ -548,8 +585,8 @@ struct Session::Impl {
             ++ex.recvChunks;
             if (!headerSeen && buf.size() >= 6) {
                 headerSeen = true;
-                const uint32_t len = uint32_t(buf[2]) | uint32_t(buf[3]) << 8 | uint32_t(buf[4]) << 16 |
-                                     uint32_t(buf[5]) << 24;
+                const uint32_t len
+                    = uint32_t(buf[2]) | uint32_t(buf[3]) << 8 | uint32_t(buf[4]) << 16 | uint32_t(buf[5]) << 24;
                 // Not a frame of ours: hand over the header only.
                 need = len > kMaxFrameBody ? 6 : 6 + len;
             }
@@ -559,8 +596,10 @@ struct Session::Impl {
                 shortened = true;
             }
         }
-        if (shortened && fd >= 0) setReceiveTimeout(fd, cfg.replyTimeoutMs);
-        if (ex.timedOut || ex.connectionLost) return;
+        if (shortened && fd >= 0)
+            setReceiveTimeout(fd, cfg.replyTimeoutMs);
+        if (ex.timedOut || ex.connectionLost)
+            return;
         if (buf.size() > need) {
             pending.assign(buf.begin() + long(need), buf.end());
             buf.resize(need);
@@ -568,21 +607,24 @@ struct Session::Impl {
         }
     }
 
-    bool recipeFlagsUp() {
+    bool recipeFlagsUp()
+    {
         QMutexLocker g(&hostMutex);
         return statusBlock[HOST_FLAG_RECIPE_WRITE] == 1 || statusBlock[HOST_FLAG_RECIPE_READ] == 1;
     }
 };
 
-Session::Session() : d(new Impl) {}
+Session::Session() : d(new Impl) { }
 
-Session::~Session() {
+Session::~Session()
+{
     disconnect();
     Session* self = this;
     g_session.compare_exchange_strong(self, nullptr);
 }
 
-bool Session::open(const Config& cfg, std::string& why) {
+bool Session::open(const Config& cfg, std::string& why)
+{
     if (d->opened) {
         why = "session already open";
         return false;
@@ -610,8 +652,7 @@ bool Session::open(const Config& cfg, std::string& why) {
     for (const Address& a : cfg.conditions) {
         const int r = checkAddress(a, 0);
         if (r != 0) {
-            why = "condition address " + a.text() + " rejected by the driver (check result " +
-                  std::to_string(r) + ")";
+            why = "condition address " + a.text() + " rejected by the driver (check result " + std::to_string(r) + ")";
             g_session = nullptr;
             return false;
         }
@@ -619,31 +660,31 @@ bool Session::open(const Config& cfg, std::string& why) {
     for (const RecipeVar& v : cfg.recipe) {
         const int r = checkAddress(v.addr, 1);
         if (r != 0) {
-            why = "recipe address " + v.addr.text() + " rejected by the driver (check result " +
-                  std::to_string(r) + ")";
+            why = "recipe address " + v.addr.text() + " rejected by the driver (check result " + std::to_string(r)
+                + ")";
             g_session = nullptr;
             return false;
         }
     }
-    if (!cfg.pcapPath.empty() &&
-        !d->pcap.open(cfg.pcapPath, cfg.pcapRaw ? PcapWriter::LINK_RAW : PcapWriter::LINK_ETHERNET)) {
+    if (!cfg.pcapPath.empty()
+        && !d->pcap.open(cfg.pcapPath, cfg.pcapRaw ? PcapWriter::LINK_RAW : PcapWriter::LINK_ETHERNET)) {
         why = "cannot write " + cfg.pcapPath + ": " + std::strerror(errno);
         g_session = nullptr;
         return false;
     }
 
     // 1. initialisation: context, write-to-cache-only flag, stored value, retries, gap
-    const std::string init = std::to_string(cfg.context) + "#0#0#" + std::to_string(cfg.retries) + "#" +
-                             std::to_string(cfg.gap);
-    p.initProperty(d->statusBlock.data(), nullptr, d->recipeBuffer.data(), &d->mode, init.c_str(),
-                   &d->hostMutex);
+    const std::string init
+        = std::to_string(cfg.context) + "#0#0#" + std::to_string(cfg.retries) + "#" + std::to_string(cfg.gap);
+    p.initProperty(d->statusBlock.data(), nullptr, d->recipeBuffer.data(), &d->mode, init.c_str(), &d->hostMutex);
     // 2. the PLC's AMS Net ID and port
     p.setDriverPropertyPage(QString::fromStdString("2_0," + cfg.netId + "," + std::to_string(cfg.amsPort)));
     // 3. the change callback
     p.setAddrValueChangeCallBack(&hostCallback);
     // 4. the screen
     QList<KEY_ADDRESS> keys;
-    for (const Address& a : cfg.watches) keys.append(d->key(a));
+    for (const Address& a : cfg.watches)
+        keys.append(d->key(a));
     d->blocks = p.addrMerge(keys);
     d->stats.blocksPerRefresh = d->blocks;
     // 5. recipe variables, laid out in the recipe buffer at their rcpDataIndex
@@ -658,17 +699,20 @@ bool Session::open(const Config& cfg, std::string& why) {
             r.length = v.addr.count;
             r.rcpDataIndex = v.rcpDataIndex;
             vars.append(r);
-            for (size_t i = 0; i < v.values.size(); ++i) setRecipeWord(v.rcpDataIndex + int(i), v.values[i]);
+            for (size_t i = 0; i < v.values.size(); ++i)
+                setRecipeWord(v.rcpDataIndex + int(i), v.values[i]);
         }
         p.setRcpAddress(&vars);
     }
     // 6. condition reads
-    for (const Address& a : cfg.conditions) addConditionRead(a);
+    for (const Address& a : cfg.conditions)
+        addConditionRead(a);
     d->opened = true;
     return true;
 }
 
-bool Session::connect(std::string& why) {
+bool Session::connect(std::string& why)
+{
     if (!d->opened) {
         why = "session not open";
         return false;
@@ -678,7 +722,8 @@ bool Session::connect(std::string& why) {
 
 bool Session::connected() const { return d->fd >= 0; }
 
-void Session::disconnect() {
+void Session::disconnect()
+{
     if (d) {
         d->closeSocket(true);
         d->pcap.close();
@@ -691,26 +736,34 @@ const std::string& Session::failure() const { return d->failure; }
 int Session::blocks() const { return d->blocks; }
 int Session::localPort() const { return d->localPort; }
 
-std::string Session::driverVersion() {
-    if (!d->plugin.getVersion) return std::string();
+std::string Session::driverVersion()
+{
+    if (!d->plugin.getVersion)
+        return std::string();
     return d->plugin.getVersion().toStdString();
 }
 
-int Session::checkAddress(const Address& a, int access) {
+int Session::checkAddress(const Address& a, int access)
+{
     int out = 0;
     // Data type -1 stands for a bit; any other value for a word object.
-    return d->plugin.checkAddr(QString::fromStdString(a.reg), QString::fromStdString(a.addrText), &out,
-                               a.isBit() ? -1 : 1, a.count, access);
+    return d->plugin.checkAddr(
+        QString::fromStdString(a.reg), QString::fromStdString(a.addrText), &out, a.isBit() ? -1 : 1, a.count, access);
 }
 
-Exchange Session::step() {
+Exchange Session::step()
+{
     Impl& s = *d;
     Exchange ex;
-    if (!s.opened) return ex;
-    if (s.fd < 0 && !s.reconnect()) return ex;
+    if (!s.opened)
+        return ex;
+    if (s.fd < 0 && !s.reconnect())
+        return ex;
     s.settleOwedReplies();
-    if (s.fd < 0 && !s.reconnect()) return ex;
-    if (s.pollStart == 0) s.pollStart = nowSec();
+    if (s.fd < 0 && !s.reconnect())
+        return ex;
+    if (s.pollStart == 0)
+        s.pollStart = nowSec();
 
     const bool recipeUp = s.recipeFlagsUp();
     FRAME_PRO* frame = s.frame.get();
@@ -745,7 +798,8 @@ Exchange Session::step() {
             ++s.stats.requests;
         }
         s.receive(reply, ex);
-        if (!reply.empty()) s.pcap.plcToHost(reply.data(), reply.size());
+        if (!reply.empty())
+            s.pcap.plcToHost(reply.data(), reply.size());
     }
     const double t1 = nowSec();
 
@@ -755,8 +809,10 @@ Exchange Session::step() {
     ex.replyBytes = int(reply.size());
     ex.result = s.plugin.dealRcvFrame(bytes, errorText);
     ex.errorText = errorText.toStdString();
-    if (!ex.timedOut && !ex.connectionLost) ex.rttMs = (t1 - t0) * 1000.0;
-    if (ex.result != 1 || ex.timedOut || ex.connectionLost) s.mayHaveStale = true;
+    if (!ex.timedOut && !ex.connectionLost)
+        ex.rttMs = (t1 - t0) * 1000.0;
+    if (ex.result != 1 || ex.timedOut || ex.connectionLost)
+        s.mayHaveStale = true;
     if (ex.connectionLost) {
         s.closeSocket(false);
     } else if (ex.timedOut) {
@@ -770,11 +826,16 @@ Exchange Session::step() {
 
     {
         std::lock_guard<std::mutex> g(s.lock);
-        if (ex.result >= 0 && ex.result <= 8) ++s.stats.results[ex.result];
-        if (ex.timedOut) ++s.stats.timeouts;
-        if (ex.connectionLost) ++s.stats.connectionLosses;
-        if (ex.result == 2) s.errorTexts.push_back(ex.errorText);
-        if (!ex.timedOut && !ex.connectionLost && s.rtts.size() < kMaxRttSamples) s.rtts.push_back(ex.rttMs);
+        if (ex.result >= 0 && ex.result <= 8)
+            ++s.stats.results[ex.result];
+        if (ex.timedOut)
+            ++s.stats.timeouts;
+        if (ex.connectionLost)
+            ++s.stats.connectionLosses;
+        if (ex.result == 2)
+            s.errorTexts.push_back(ex.errorText);
+        if (!ex.timedOut && !ex.connectionLost && s.rtts.size() < kMaxRttSamples)
+            s.rtts.push_back(ex.rttMs);
         if (ex.cyclicRead && ex.result == 1 && s.blocks > 0) {
             s.refreshSeen.insert(std::make_tuple(ex.varReg, ex.varAddress, ex.varLength));
             if (int(s.refreshSeen.size()) >= s.blocks) {
@@ -783,37 +844,46 @@ Exchange Session::step() {
             }
         }
         s.history.push_back(ex);
-        if (s.history.size() > kMaxExchanges) s.history.pop_front();
+        if (s.history.size() > kMaxExchanges)
+            s.history.pop_front();
     }
     s.pollSeconds = nowSec() - s.pollStart;
     return ex;
 }
 
-bool Session::run(uint64_t cycles, int ms, const std::function<bool()>& until) {
+bool Session::run(uint64_t cycles, int ms, const std::function<bool()>& until)
+{
     const int64_t deadline = ms > 0 ? nowMs() + ms : 0;
     // Without any limit a run would never end; one hour is the outer bound.
     const int64_t hardDeadline = nowMs() + 3600 * 1000;
     uint64_t done = 0;
     while (!d->stop) {
-        if (cycles > 0 && done >= cycles) break;
-        if (deadline > 0 && nowMs() >= deadline) break;
-        if (nowMs() >= hardDeadline) break;
-        if (until && until()) break;
+        if (cycles > 0 && done >= cycles)
+            break;
+        if (deadline > 0 && nowMs() >= deadline)
+            break;
+        if (nowMs() >= hardDeadline)
+            break;
+        if (until && until())
+            break;
         step();
-        if (d->failedForGood) return false;
+        if (d->failedForGood)
+            return false;
         ++done;
     }
     return true;
 }
 
-void Session::write(const Write& w) {
+void Session::write(const Write& w)
+{
     std::vector<uint8_t> data = w.data;
     data.resize(std::max<size_t>(data.size(), 4), 0);
-    d->plugin.setData(d->cfg.keyNo, QString::fromStdString(w.addr.reg), w.addr.address, w.addr.count,
-                      data.data(), d->cfg.writeMode);
+    d->plugin.setData(
+        d->cfg.keyNo, QString::fromStdString(w.addr.reg), w.addr.address, w.addr.count, data.data(), d->cfg.writeMode);
 }
 
-std::vector<uint8_t> Session::read(const Address& a) {
+std::vector<uint8_t> Session::read(const Address& a)
+{
     const size_t n = a.isBit() ? size_t(a.count) : size_t(a.count) * 2;
     std::vector<uint8_t> out(n + 8, 0);
     d->plugin.getData(d->cfg.keyNo, QString::fromStdString(a.reg), a.address, a.count, out.data());
@@ -821,68 +891,83 @@ std::vector<uint8_t> Session::read(const Address& a) {
     return out;
 }
 
-void Session::requestRecipeWrite() {
+void Session::requestRecipeWrite()
+{
     QMutexLocker g(&d->hostMutex);
     d->statusBlock[HOST_FLAG_RECIPE_WRITE] = 1;
 }
 
-void Session::requestRecipeRead() {
+void Session::requestRecipeRead()
+{
     QMutexLocker g(&d->hostMutex);
     d->statusBlock[HOST_FLAG_RECIPE_READ] = 1;
 }
 
-bool Session::recipeWritePending() {
+bool Session::recipeWritePending()
+{
     QMutexLocker g(&d->hostMutex);
     return d->statusBlock[HOST_FLAG_RECIPE_WRITE] != 0;
 }
 
-bool Session::recipeReadPending() {
+bool Session::recipeReadPending()
+{
     QMutexLocker g(&d->hostMutex);
     return d->statusBlock[HOST_FLAG_RECIPE_READ] != 0;
 }
 
-uint16_t Session::recipeWord(int index) {
+uint16_t Session::recipeWord(int index)
+{
     const size_t at = size_t(index) * 2;
-    if (index < 0 || at + 1 >= d->recipeBuffer.size()) return 0;
+    if (index < 0 || at + 1 >= d->recipeBuffer.size())
+        return 0;
     return uint16_t(d->recipeBuffer[at] | d->recipeBuffer[at + 1] << 8);
 }
 
-void Session::setRecipeWord(int index, uint16_t value) {
+void Session::setRecipeWord(int index, uint16_t value)
+{
     const size_t at = size_t(index) * 2;
-    if (index < 0 || at + 1 >= d->recipeBuffer.size()) return;
+    if (index < 0 || at + 1 >= d->recipeBuffer.size())
+        return;
     d->recipeBuffer[at] = uint8_t(value);
     d->recipeBuffer[at + 1] = uint8_t(value >> 8);
 }
 
-void Session::addConditionRead(const Address& a) {
+void Session::addConditionRead(const Address& a)
+{
     KEY_ADDRESS k = d->key(a);
     d->plugin.addConditionRead(&k, d->cfg.conditionKind);
 }
 
-void Session::onChange(int context, int keyNo, const std::string& text, int address) {
+void Session::onChange(int context, int keyNo, const std::string& text, int address)
+{
     std::lock_guard<std::mutex> g(d->lock);
     ++d->stats.changes;
-    if (d->changes.size() < 1000000) d->changes.push_back(Change{context, keyNo, text, address});
+    if (d->changes.size() < 1000000)
+        d->changes.push_back(Change {context, keyNo, text, address});
 }
 
-std::vector<Change> Session::takeChanges() {
+std::vector<Change> Session::takeChanges()
+{
     std::lock_guard<std::mutex> g(d->lock);
     std::vector<Change> out;
     out.swap(d->changes);
     return out;
 }
 
-std::vector<Exchange> Session::exchanges() {
+std::vector<Exchange> Session::exchanges()
+{
     std::lock_guard<std::mutex> g(d->lock);
     return std::vector<Exchange>(d->history.begin(), d->history.end());
 }
 
-std::vector<std::string> Session::errorTexts() {
+std::vector<std::string> Session::errorTexts()
+{
     std::lock_guard<std::mutex> g(d->lock);
     return d->errorTexts;
 }
 
-Stats Session::stats() {
+Stats Session::stats()
+{
     std::lock_guard<std::mutex> g(d->lock);
     Stats st = d->stats;
     st.seconds = d->pollSeconds;

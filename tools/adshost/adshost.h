@@ -65,16 +65,16 @@ struct Config {
     uint16_t plcPort = 48898;
     std::string netId = "192.168.1.100.1.1";
     int amsPort = 801;
-    int keyNo = 1;             // station number handed to the driver with every address
-    int context = 0;           // first field of the initialisation string
-    int retries = 3;           // retry limit (fourth field)
-    int gap = 16;              // largest gap in bytes bridged when merging (fifth field)
-    int conditionKind = 1;     // kind handed to intf_addConditionRead
-    int writeMode = 0;         // mode handed to intf_setData
+    int keyNo = 1;          // station number handed to the driver with every address
+    int context = 0;        // first field of the initialisation string
+    int retries = 3;        // retry limit (fourth field)
+    int gap = 16;           // largest gap in bytes bridged when merging (fifth field)
+    int conditionKind = 1;  // kind handed to intf_addConditionRead
+    int writeMode = 0;      // mode handed to intf_setData
     int connectTimeoutMs = 1000;
     int replyTimeoutMs = 500;
-    int reconnectAttempts = 8;        // per loss of the connection
-    int reconnectBackoffMs = 50;      // doubled after each failed attempt
+    int reconnectAttempts = 8;    // per loss of the connection
+    int reconnectBackoffMs = 50;  // doubled after each failed attempt
     int reconnectBackoffMaxMs = 1000;
     std::vector<Address> watches;
     std::vector<RecipeVar> recipe;
@@ -93,16 +93,16 @@ struct Change {
 
 // One polling cycle.
 struct Exchange {
-    int sent = 0;             // result of intf_getSendFrame
-    int result = -1;          // result of intf_dealRcvFrame; -1 when nothing was handed over
-    std::string errorText;    // the driver's error text for this reply
+    int sent = 0;           // result of intf_getSendFrame
+    int result = -1;        // result of intf_dealRcvFrame; -1 when nothing was handed over
+    std::string errorText;  // the driver's error text for this reply
     int sendLen = 0;
-    int commandId = 0;        // command id of the frame sent (6 handshake, 2 read, 3 write)
+    int commandId = 0;  // command id of the frame sent (6 handshake, 2 read, 3 write)
     int readLen = 0;
-    std::string varReg;       // the frame's variable
+    std::string varReg;  // the frame's variable
     int varAddress = 0, varLength = 0, varKind = 0;
-    int replyBytes = 0;       // bytes handed to intf_dealRcvFrame
-    int recvChunks = 0;       // recv() calls that brought bytes of this reply
+    int replyBytes = 0;  // bytes handed to intf_dealRcvFrame
+    int recvChunks = 0;  // recv() calls that brought bytes of this reply
     bool timedOut = false;
     bool connectionLost = false;
     bool cyclicRead = false;  // counted as a read of a block of the screen
@@ -111,17 +111,17 @@ struct Exchange {
 };
 
 struct Stats {
-    uint64_t requests = 0;            // frames sent
-    uint64_t results[9] = {};         // intf_dealRcvFrame results 0..8 (1, 2, 3, 8, 0 occur)
+    uint64_t requests = 0;     // frames sent
+    uint64_t results[9] = {};  // intf_dealRcvFrame results 0..8 (1, 2, 3, 8, 0 occur)
     uint64_t timeouts = 0;
     uint64_t connectionLosses = 0;
     uint64_t reconnects = 0;
-    uint64_t staleBytes = 0;          // bytes drained before a send
-    uint64_t changes = 0;             // callback reports
-    uint64_t fullRefreshes = 0;       // every block of the screen read once
-    int blocksPerRefresh = 0;         // result of intf_addrMerge
+    uint64_t staleBytes = 0;     // bytes drained before a send
+    uint64_t changes = 0;        // callback reports
+    uint64_t fullRefreshes = 0;  // every block of the screen read once
+    int blocksPerRefresh = 0;    // result of intf_addrMerge
     double rttMinMs = 0, rttMedianMs = 0, rttMaxMs = 0;
-    double seconds = 0;               // polling time
+    double seconds = 0;  // polling time
     double refreshesPerSecond() const { return seconds > 0 ? fullRefreshes / seconds : 0; }
     std::string figuresLine() const;  // "figures: requests=... "
 };

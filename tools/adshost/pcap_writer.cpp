@@ -7,39 +7,50 @@
 namespace adshost {
 
 namespace {
-void put16be(std::vector<uint8_t>& v, size_t at, uint16_t x) {
+void put16be(std::vector<uint8_t>& v, size_t at, uint16_t x)
+{
     v[at] = uint8_t(x >> 8);
     v[at + 1] = uint8_t(x);
 }
-void put32be(std::vector<uint8_t>& v, size_t at, uint32_t x) {
+void put32be(std::vector<uint8_t>& v, size_t at, uint32_t x)
+{
     v[at] = uint8_t(x >> 24);
     v[at + 1] = uint8_t(x >> 16);
     v[at + 2] = uint8_t(x >> 8);
     v[at + 3] = uint8_t(x);
 }
-uint32_t sumWords(const uint8_t* p, size_t len, uint32_t sum) {
-    for (size_t i = 0; i + 1 < len; i += 2) sum += uint32_t(p[i]) << 8 | p[i + 1];
-    if (len & 1) sum += uint32_t(p[len - 1]) << 8;
+uint32_t sumWords(const uint8_t* p, size_t len, uint32_t sum)
+{
+    for (size_t i = 0; i + 1 < len; i += 2)
+        sum += uint32_t(p[i]) << 8 | p[i + 1];
+    if (len & 1)
+        sum += uint32_t(p[len - 1]) << 8;
     return sum;
 }
-uint16_t fold(uint32_t sum) {
-    while (sum >> 16) sum = (sum & 0xFFFF) + (sum >> 16);
+uint16_t fold(uint32_t sum)
+{
+    while (sum >> 16)
+        sum = (sum & 0xFFFF) + (sum >> 16);
     return uint16_t(~sum);
 }
-void putLe32(std::FILE* f, uint32_t x) {
+void putLe32(std::FILE* f, uint32_t x)
+{
     const uint8_t b[4] = {uint8_t(x), uint8_t(x >> 8), uint8_t(x >> 16), uint8_t(x >> 24)};
     std::fwrite(b, 1, 4, f);
 }
-void putLe16(std::FILE* f, uint16_t x) {
+void putLe16(std::FILE* f, uint16_t x)
+{
     const uint8_t b[2] = {uint8_t(x), uint8_t(x >> 8)};
     std::fwrite(b, 1, 2, f);
 }
 }  // namespace
 
-bool PcapWriter::open(const std::string& path, int linkType) {
+bool PcapWriter::open(const std::string& path, int linkType)
+{
     close();
     f_ = std::fopen(path.c_str(), "wb");
-    if (!f_) return false;
+    if (!f_)
+        return false;
     link_ = linkType;
     putLe32(f_, 0xa1b2c3d4u);  // microsecond time stamps, written little-endian
     putLe16(f_, 2);
@@ -52,16 +63,22 @@ bool PcapWriter::open(const std::string& path, int linkType) {
     return true;
 }
 
-void PcapWriter::close() {
-    if (!f_) return;
-    if (inConnection_) connectionClosed(true);
+void PcapWriter::close()
+{
+    if (!f_)
+        return;
+    if (inConnection_)
+        connectionClosed(true);
     std::fclose(f_);
     f_ = nullptr;
 }
 
-void PcapWriter::connectionOpened(uint32_t hostIp, uint16_t hostPort, uint32_t plcIp, uint16_t plcPort) {
-    if (!f_) return;
-    if (inConnection_) connectionClosed(true);
+void PcapWriter::connectionOpened(uint32_t hostIp, uint16_t hostPort, uint32_t plcIp, uint16_t plcPort)
+{
+    if (!f_)
+        return;
+    if (inConnection_)
+        connectionClosed(true);
     hostIp_ = hostIp;
     plcIp_ = plcIp;
     hostPort_ = hostPort;
@@ -78,18 +95,28 @@ void PcapWriter::connectionOpened(uint32_t hostIp, uint16_t hostPort, uint32_t p
     segment(true, nullptr, 0, 0x10);  // ACK
 }
 
-void PcapWriter::connectionClosed(bool byHost) {
-    if (!f_ || !inConnection_) return;
+void PcapWriter::connectionClosed(bool byHost)
+{
+    if (!f_ || !inConnection_)
+        return;
     segment(byHost, nullptr, 0, 0x11);  // FIN, ACK
-    if (byHost) ++hostSeq_; else ++plcSeq_;
+    if (byHost)
+        ++hostSeq_;
+    else
+        ++plcSeq_;
     segment(!byHost, nullptr, 0, 0x11);
-    if (byHost) ++plcSeq_; else ++hostSeq_;
+    if (byHost)
+        ++plcSeq_;
+    else
+        ++hostSeq_;
     segment(byHost, nullptr, 0, 0x10);
     inConnection_ = false;
 }
 
-void PcapWriter::segment(bool fromHost, const uint8_t* data, size_t len, uint8_t flags) {
-    if (!f_ || !inConnection_) return;
+void PcapWriter::segment(bool fromHost, const uint8_t* data, size_t len, uint8_t flags)
+{
+    if (!f_ || !inConnection_)
+        return;
     const size_t ipLen = 20 + 20 + len;
     std::vector<uint8_t> ip(ipLen, 0);
     // IPv4 header
@@ -114,14 +141,18 @@ void PcapWriter::segment(bool fromHost, const uint8_t* data, size_t len, uint8_t
     ip[t + 12] = 5 << 4;
     ip[t + 13] = flags;
     put16be(ip, t + 14, 65535);
-    for (size_t i = 0; i < len; ++i) ip[40 + i] = data[i];
+    for (size_t i = 0; i < len; ++i)
+        ip[40 + i] = data[i];
     // checksum over the pseudo header and the segment
     uint32_t sum = 0;
     sum += (src >> 16) + (src & 0xFFFF) + (dst >> 16) + (dst & 0xFFFF);
     sum += 6 + uint32_t(20 + len);
     sum = sumWords(ip.data() + t, 20 + len, sum);
     put16be(ip, t + 16, fold(sum));
-    if (fromHost) hostSeq_ += uint32_t(len); else plcSeq_ += uint32_t(len);
+    if (fromHost)
+        hostSeq_ += uint32_t(len);
+    else
+        plcSeq_ += uint32_t(len);
 
     if (link_ == LINK_RAW) {
         writePacket(ip);
@@ -140,8 +171,9 @@ void PcapWriter::segment(bool fromHost, const uint8_t* data, size_t len, uint8_t
     writePacket(eth);
 }
 
-void PcapWriter::writePacket(const std::vector<uint8_t>& bytes) {
-    timeval tv{};
+void PcapWriter::writePacket(const std::vector<uint8_t>& bytes)
+{
+    timeval tv {};
     ::gettimeofday(&tv, nullptr);
     putLe32(f_, uint32_t(tv.tv_sec));
     putLe32(f_, uint32_t(tv.tv_usec));

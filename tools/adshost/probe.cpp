@@ -30,49 +30,54 @@ constexpr size_t kAmsHeader = 32;
 constexpr uint32_t kMaxBody = 0x10000;
 constexpr uint16_t kAdsStateRun = 5;
 
-const char* const kHelp =
-    "Usage: adshost --probe --plc HOST:PORT --netid A.B.C.D.E.F [--ams-port N]\n"
-    "               [--source-netid A.B.C.D.E.F] [--timeout-ms N]\n"
-    "Checks the path from this panel to a PLC: sends ReadDeviceInfo and ReadState\n"
-    "with the source AMS Net ID the driver would use and says what is wrong.\n"
-    "\n"
-    "  --plc HOST:PORT          PLC address and AMS/TCP port (usually 48898)\n"
-    "  --netid A.B.C.D.E.F      the PLC's AMS Net ID\n"
-    "  --ams-port N             the PLC runtime's AMS port (default 851)\n"
-    "  --source-netid X         this panel's AMS Net ID; default: the first IPv4\n"
-    "                           address of this machine whose text contains the\n"
-    "                           first two numbers of the PLC's Net ID, then .1.1\n"
-    "                           (the driver's rule)\n"
-    "  --timeout-ms N           connect and reply time-out (default 2000)\n"
-    "\n"
-    "Exit status: 0 the PLC answers and runs, 1 no TCP connection, 2 usage error,\n"
-    "4 connected but no answer (no route), 5 no such AMS port or Net ID,\n"
-    "6 ADS error result, 7 the PLC is not in RUN, 8 a malformed reply.\n";
+const char* const kHelp = "Usage: adshost --probe --plc HOST:PORT --netid A.B.C.D.E.F [--ams-port N]\n"
+                          "               [--source-netid A.B.C.D.E.F] [--timeout-ms N]\n"
+                          "Checks the path from this panel to a PLC: sends ReadDeviceInfo and ReadState\n"
+                          "with the source AMS Net ID the driver would use and says what is wrong.\n"
+                          "\n"
+                          "  --plc HOST:PORT          PLC address and AMS/TCP port (usually 48898)\n"
+                          "  --netid A.B.C.D.E.F      the PLC's AMS Net ID\n"
+                          "  --ams-port N             the PLC runtime's AMS port (default 851)\n"
+                          "  --source-netid X         this panel's AMS Net ID; default: the first IPv4\n"
+                          "                           address of this machine whose text contains the\n"
+                          "                           first two numbers of the PLC's Net ID, then .1.1\n"
+                          "                           (the driver's rule)\n"
+                          "  --timeout-ms N           connect and reply time-out (default 2000)\n"
+                          "\n"
+                          "Exit status: 0 the PLC answers and runs, 1 no TCP connection, 2 usage error,\n"
+                          "4 connected but no answer (no route), 5 no such AMS port or Net ID,\n"
+                          "6 ADS error result, 7 the PLC is not in RUN, 8 a malformed reply.\n";
 
 using util::nowMs;
 using util::split;
 
-std::string hex(uint32_t v) {
+std::string hex(uint32_t v)
+{
     char buf[16];
     std::snprintf(buf, sizeof buf, "0x%X", v);
     return buf;
 }
 
-std::string netIdText(const uint8_t b[6]) {
+std::string netIdText(const uint8_t b[6])
+{
     char buf[32];
     std::snprintf(buf, sizeof buf, "%u.%u.%u.%u.%u.%u", b[0], b[1], b[2], b[3], b[4], b[5]);
     return buf;
 }
 
-void putU16(std::vector<uint8_t>& v, uint16_t x) {
+void putU16(std::vector<uint8_t>& v, uint16_t x)
+{
     v.push_back(uint8_t(x));
     v.push_back(uint8_t(x >> 8));
 }
-void putU32(std::vector<uint8_t>& v, uint32_t x) {
-    for (int i = 0; i < 4; ++i) v.push_back(uint8_t(x >> (8 * i)));
+void putU32(std::vector<uint8_t>& v, uint32_t x)
+{
+    for (int i = 0; i < 4; ++i)
+        v.push_back(uint8_t(x >> (8 * i)));
 }
 uint16_t getU16(const uint8_t* p) { return uint16_t(p[0] | p[1] << 8); }
-uint32_t getU32(const uint8_t* p) {
+uint32_t getU32(const uint8_t* p)
+{
     return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24;
 }
 
@@ -177,26 +182,28 @@ const ErrorEntry kErrors[] = {
     {0x755, "sync port locked"},
 };
 
-const char* const kStates[] = {"INVALID", "IDLE",     "RESET",   "INIT",        "START",   "RUN",    "STOP",
-                               "SAVECFG", "LOADCFG",  "POWERFAILURE", "POWERGOOD", "ERROR", "SHUTDOWN",
-                               "SUSPEND", "RESUME",   "CONFIG",  "RECONFIG",    "STOPPING", "INCOMPATIBLE",
-                               "EXCEPTION"};
+const char* const kStates[]
+    = {"INVALID", "IDLE", "RESET", "INIT", "START", "RUN", "STOP", "SAVECFG", "LOADCFG", "POWERFAILURE", "POWERGOOD",
+        "ERROR", "SHUTDOWN", "SUSPEND", "RESUME", "CONFIG", "RECONFIG", "STOPPING", "INCOMPATIBLE", "EXCEPTION"};
 
 // One TCP connection with time-outs.
 class Link {
 public:
-    ~Link() {
-        if (fd_ >= 0) ::close(fd_);
+    ~Link()
+    {
+        if (fd_ >= 0)
+            ::close(fd_);
     }
 
     // 0 on success; otherwise the exit code, with `why` set.
-    int connect(const std::string& host, uint16_t port, int timeoutMs, std::string& why) {
+    int connect(const std::string& host, uint16_t port, int timeoutMs, std::string& why)
+    {
         const std::string where = host + ":" + std::to_string(port);
-        sockaddr_in a{};
+        sockaddr_in a {};
         a.sin_family = AF_INET;
         a.sin_port = htons(port);
         if (inet_pton(AF_INET, host.c_str(), &a.sin_addr) != 1) {
-            addrinfo hints{};
+            addrinfo hints {};
             hints.ai_family = AF_INET;
             hints.ai_socktype = SOCK_STREAM;
             addrinfo* res = nullptr;
@@ -219,17 +226,18 @@ public:
             if (errno != EINPROGRESS) {
                 err = errno;
             } else {
-                pollfd p{fd_, POLLOUT, 0};
+                pollfd p {fd_, POLLOUT, 0};
                 int r = 0;
                 const int64_t deadline = nowMs() + timeoutMs;
                 for (int guard = 0; guard < 1000; ++guard) {
                     const int64_t left = deadline - nowMs();
                     r = left > 0 ? ::poll(&p, 1, int(left)) : 0;
-                    if (!(r < 0 && errno == EINTR)) break;
+                    if (!(r < 0 && errno == EINTR))
+                        break;
                 }
                 if (r <= 0) {
-                    why = "no TCP connection to " + where + " within " + std::to_string(timeoutMs) +
-                          " ms: the address does not answer (wrong address, no network path, or a firewall)";
+                    why = "no TCP connection to " + where + " within " + std::to_string(timeoutMs)
+                        + " ms: the address does not answer (wrong address, no network path, or a firewall)";
                     return ExitNoConnection;
                 }
                 socklen_t len = sizeof err;
@@ -237,7 +245,8 @@ public:
             }
         }
         if (err == ECONNREFUSED) {
-            why = "connection refused by " + where + ": nothing listens there; the ADS/AMS router port is usually 48898";
+            why = "connection refused by " + where
+                + ": nothing listens there; the ADS/AMS router port is usually 48898";
             return ExitNoConnection;
         }
         if (err) {
@@ -247,7 +256,8 @@ public:
         return 0;
     }
 
-    bool sendAll(const std::vector<uint8_t>& v, int timeoutMs) {
+    bool sendAll(const std::vector<uint8_t>& v, int timeoutMs)
+    {
         const int64_t deadline = nowMs() + timeoutMs;
         size_t done = 0;
         for (int guard = 0; done < v.size() && guard < 10000; ++guard) {
@@ -256,34 +266,42 @@ public:
                 done += size_t(n);
                 continue;
             }
-            if (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) return false;
-            pollfd p{fd_, POLLOUT, 0};
+            if (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)
+                return false;
+            pollfd p {fd_, POLLOUT, 0};
             const int64_t left = deadline - nowMs();
-            if (left <= 0 || ::poll(&p, 1, int(left)) <= 0) return false;
+            if (left <= 0 || ::poll(&p, 1, int(left)) <= 0)
+                return false;
         }
         return done == v.size();
     }
 
     enum Read { Ok, TimedOut, Closed };
     // Exactly n more bytes into out, or time-out / close.
-    Read readExact(size_t n, std::vector<uint8_t>& out, int64_t deadline) {
+    Read readExact(size_t n, std::vector<uint8_t>& out, int64_t deadline)
+    {
         const size_t want = out.size() + n;
         for (int guard = 0; out.size() < want && guard < 100000; ++guard) {
             const int64_t left = deadline - nowMs();
-            if (left <= 0) return TimedOut;
-            pollfd p{fd_, POLLIN, 0};
+            if (left <= 0)
+                return TimedOut;
+            pollfd p {fd_, POLLIN, 0};
             const int r = ::poll(&p, 1, int(left));
-            if (r == 0) return TimedOut;
+            if (r == 0)
+                return TimedOut;
             if (r < 0) {
-                if (errno == EINTR) continue;
+                if (errno == EINTR)
+                    continue;
                 return Closed;
             }
             uint8_t buf[4096];
             const size_t ask = std::min(sizeof buf, want - out.size());
             const ssize_t got = ::recv(fd_, buf, ask, 0);
-            if (got == 0) return Closed;
+            if (got == 0)
+                return Closed;
             if (got < 0) {
-                if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) continue;
+                if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)
+                    continue;
                 return Closed;
             }
             out.insert(out.end(), buf, buf + got);
@@ -302,30 +320,36 @@ struct Reply {
 
 class Prober {
 public:
-    Prober(const Options& o, FILE* out, FILE* err) : opt(o), out(out), err(err) {}
+    Prober(const Options& o, FILE* out, FILE* err) : opt(o), out(out), err(err) { }
 
-    int fail(int code, const std::string& line) {
+    int fail(int code, const std::string& line)
+    {
         std::fprintf(err, "adshost: %s\n", line.c_str());
         std::fflush(err);
         return code;
     }
 
-    int run() {
+    int run()
+    {
         if (!parseNetId(opt.netId, target))
             return fail(ExitUsage, "--netid needs six numbers 0..255, got '" + opt.netId + "'");
-        if (!chooseSource()) return ExitUsage;
+        if (!chooseSource())
+            return ExitUsage;
         std::string why;
         const int c = link.connect(opt.host, opt.port, opt.timeoutMs, why);
-        if (c != 0) return fail(c, why);
+        if (c != 0)
+            return fail(c, why);
         std::fprintf(out, "connected to %s:%u, asking AMS Net ID %s port %d\n", opt.host.c_str(), unsigned(opt.port),
-                     netIdText(target).c_str(), opt.amsPort);
+            netIdText(target).c_str(), opt.amsPort);
         std::fflush(out);
 
         Reply info;
         int r = exchange(kCmdReadDeviceInfo, 1, "ReadDeviceInfo", info);
-        if (r != 0) return r;
+        if (r != 0)
+            return r;
         r = resultOf("ReadDeviceInfo", info, 24);
-        if (r != 0) return r;
+        if (r != 0)
+            return r;
         std::string name;
         for (size_t i = 8; i < 24 && info.data[i] != 0; ++i) {
             const uint8_t ch = info.data[i];
@@ -338,27 +362,30 @@ public:
             }
         }
         std::fprintf(out, "device: \"%s\", version %u.%u.%u\n", name.c_str(), unsigned(info.data[4]),
-                     unsigned(info.data[5]), unsigned(getU16(&info.data[6])));
+            unsigned(info.data[5]), unsigned(getU16(&info.data[6])));
         std::fflush(out);
 
         Reply st;
         r = exchange(kCmdReadState, 2, "ReadState", st);
-        if (r != 0) return r;
+        if (r != 0)
+            return r;
         r = resultOf("ReadState", st, 8);
-        if (r != 0) return r;
+        if (r != 0)
+            return r;
         const uint16_t adsState = getU16(&st.data[4]);
         const uint16_t devState = getU16(&st.data[6]);
         if (adsState != kAdsStateRun)
-            return fail(ExitNotRunning, "the PLC is in " + adsStateName(adsState) + " (ADS state " +
-                                            std::to_string(adsState) + ")");
+            return fail(ExitNotRunning,
+                "the PLC is in " + adsStateName(adsState) + " (ADS state " + std::to_string(adsState) + ")");
         std::fprintf(out, "state: %s (ADS state %u, device state %u)\n", adsStateName(adsState).c_str(),
-                     unsigned(adsState), unsigned(devState));
+            unsigned(adsState), unsigned(devState));
         std::fflush(out);
         return ExitOk;
     }
 
 private:
-    bool chooseSource() {
+    bool chooseSource()
+    {
         if (!opt.sourceNetId.empty()) {
             if (!parseNetId(opt.sourceNetId, source)) {
                 fail(ExitUsage, "--source-netid needs six numbers 0..255, got '" + opt.sourceNetId + "'");
@@ -373,26 +400,29 @@ private:
         const std::vector<std::string> ip = split(addr, '.');
         std::memset(source, 0, sizeof source);
         if (ip.size() == 4)
-            for (int i = 0; i < 4; ++i) source[i] = uint8_t(std::atoi(ip[size_t(i)].c_str()));
+            for (int i = 0; i < 4; ++i)
+                source[i] = uint8_t(std::atoi(ip[size_t(i)].c_str()));
         source[4] = 1;
         source[5] = 1;
         if (ip.size() == 4) {
-            std::fprintf(out, "source AMS Net ID %s (this machine's address %s contains %s and %s, as the driver chooses)\n",
-                         netIdText(source).c_str(), addr.c_str(), parts[0].c_str(), parts[1].c_str());
+            std::fprintf(out,
+                "source AMS Net ID %s (this machine's address %s contains %s and %s, as the driver chooses)\n",
+                netIdText(source).c_str(), addr.c_str(), parts[0].c_str(), parts[1].c_str());
         } else {
             std::fprintf(out,
-                         "source AMS Net ID %s (no IPv4 address of this machine contains %s and %s; the driver "
-                         "then sends 0.0.0.0.1.1 too)\n",
-                         netIdText(source).c_str(), parts[0].c_str(), parts[1].c_str());
+                "source AMS Net ID %s (no IPv4 address of this machine contains %s and %s; the driver "
+                "then sends 0.0.0.0.1.1 too)\n",
+                netIdText(source).c_str(), parts[0].c_str(), parts[1].c_str());
         }
         std::fflush(out);
         return true;
     }
 
-    std::vector<uint8_t> request(uint16_t cmd, uint32_t invoke) const {
+    std::vector<uint8_t> request(uint16_t cmd, uint32_t invoke) const
+    {
         std::vector<uint8_t> f;
-        putU16(f, 0);                        // AMS/TCP reserved
-        putU32(f, uint32_t(kAmsHeader));     // no ADS data
+        putU16(f, 0);                     // AMS/TCP reserved
+        putU32(f, uint32_t(kAmsHeader));  // no ADS data
         f.insert(f.end(), target, target + 6);
         putU16(f, uint16_t(opt.amsPort));
         f.insert(f.end(), source, source + 6);
@@ -406,7 +436,8 @@ private:
     }
 
     // Sends one request and waits for its answer. 0 with `reply` filled, else the exit code.
-    int exchange(uint16_t cmd, uint32_t invoke, const std::string& what, Reply& reply) {
+    int exchange(uint16_t cmd, uint32_t invoke, const std::string& what, Reply& reply)
+    {
         if (!link.sendAll(request(cmd, invoke), opt.timeoutMs))
             return fail(ExitNoAnswer, "connected, but the connection broke while sending " + what);
         const int64_t deadline = nowMs() + opt.timeoutMs;
@@ -415,47 +446,58 @@ private:
             std::vector<uint8_t> f;
             Link::Read r = link.readExact(kTcpHeader, f, deadline);
             if (r == Link::TimedOut && f.empty())
-                return fail(ExitNoAnswer, "connected, but no answer: the PLC most likely has no route for this "
-                                          "panel's AMS Net ID " + netIdText(source) + "; add one on the PLC");
+                return fail(ExitNoAnswer,
+                    "connected, but no answer: the PLC most likely has no route for this "
+                    "panel's AMS Net ID "
+                        + netIdText(source) + "; add one on the PLC");
             if (r == Link::Closed && f.empty())
-                return fail(ExitNoAnswer, "connected, but the PLC closed the connection without answering: it most "
-                                          "likely has no route for this panel's AMS Net ID " + netIdText(source) +
-                                          "; add one on the PLC");
-            if (r != Link::Ok) return fail(ExitBadReply, "the answer to " + what + " broke off after " +
-                                                             std::to_string(f.size()) + " bytes");
+                return fail(ExitNoAnswer,
+                    "connected, but the PLC closed the connection without answering: it most "
+                    "likely has no route for this panel's AMS Net ID "
+                        + netIdText(source) + "; add one on the PLC");
+            if (r != Link::Ok)
+                return fail(
+                    ExitBadReply, "the answer to " + what + " broke off after " + std::to_string(f.size()) + " bytes");
             const uint16_t tcpCmd = getU16(&f[0]);
             const uint32_t len = getU32(&f[2]);
             if (tcpCmd != 0)
-                return fail(ExitBadReply, "the answer is no ADS frame (AMS/TCP command " + hex(tcpCmd) + "): is " +
-                                              opt.host + ":" + std::to_string(opt.port) + " an AMS/TCP port?");
+                return fail(ExitBadReply,
+                    "the answer is no ADS frame (AMS/TCP command " + hex(tcpCmd) + "): is " + opt.host + ":"
+                        + std::to_string(opt.port) + " an AMS/TCP port?");
             if (len < kAmsHeader || len > kMaxBody)
-                return fail(ExitBadReply, "the answer to " + what + " has an AMS/TCP length of " +
-                                              std::to_string(len) + " bytes");
+                return fail(ExitBadReply,
+                    "the answer to " + what + " has an AMS/TCP length of " + std::to_string(len) + " bytes");
             r = link.readExact(len, f, deadline);
             if (r != Link::Ok)
-                return fail(ExitBadReply, "the answer to " + what + " broke off after " + std::to_string(f.size()) +
-                                              " of " + std::to_string(kTcpHeader + len) + " bytes");
+                return fail(ExitBadReply,
+                    "the answer to " + what + " broke off after " + std::to_string(f.size()) + " of "
+                        + std::to_string(kTcpHeader + len) + " bytes");
             const uint8_t* h = f.data() + kTcpHeader;
             const uint16_t rcmd = getU16(h + 16), flags = getU16(h + 18);
             const uint32_t dataLen = getU32(h + 20), amsError = getU32(h + 24), rinvoke = getU32(h + 28);
-            if (rcmd != cmd || rinvoke != invoke || !(flags & kFlagResponse)) continue;  // not ours
+            if (rcmd != cmd || rinvoke != invoke || !(flags & kFlagResponse))
+                continue;  // not ours
             if (std::memcmp(h, source, 6) != 0)
-                return fail(ExitBadReply, "the answer to " + what + " is addressed to " + netIdText(h) +
-                                              ", not to this panel's AMS Net ID " + netIdText(source));
+                return fail(ExitBadReply,
+                    "the answer to " + what + " is addressed to " + netIdText(h) + ", not to this panel's AMS Net ID "
+                        + netIdText(source));
             if (dataLen != len - kAmsHeader)
-                return fail(ExitBadReply, "the answer to " + what + " has an AMS data length of " +
-                                              std::to_string(dataLen) + " but carries " +
-                                              std::to_string(len - kAmsHeader) + " bytes");
+                return fail(ExitBadReply,
+                    "the answer to " + what + " has an AMS data length of " + std::to_string(dataLen) + " but carries "
+                        + std::to_string(len - kAmsHeader) + " bytes");
             if (amsError == 0x6)
-                return fail(ExitAmsError, "AMS port " + std::to_string(opt.amsPort) + " has no runtime (ADS error " +
-                                              errorColon(amsError) + ")");
+                return fail(ExitAmsError,
+                    "AMS port " + std::to_string(opt.amsPort) + " has no runtime (ADS error " + errorColon(amsError)
+                        + ")");
             if (amsError == 0x7)
-                return fail(ExitAmsError, "no AMS Net ID " + netIdText(target) + " behind " + opt.host + ":" +
-                                              std::to_string(opt.port) + " (ADS error 0x7: target machine not "
-                                              "found): check the PLC's AMS Net ID");
+                return fail(ExitAmsError,
+                    "no AMS Net ID " + netIdText(target) + " behind " + opt.host + ":" + std::to_string(opt.port)
+                        + " (ADS error 0x7: target machine not "
+                          "found): check the PLC's AMS Net ID");
             if (amsError != 0)
-                return fail(ExitAmsError, what + " rejected at AMS port " + std::to_string(opt.amsPort) +
-                                              " (ADS error " + errorColon(amsError) + ")");
+                return fail(ExitAmsError,
+                    what + " rejected at AMS port " + std::to_string(opt.amsPort) + " (ADS error "
+                        + errorColon(amsError) + ")");
             reply.amsError = amsError;
             reply.data.assign(f.begin() + long(kTcpHeader + kAmsHeader), f.end());
             return 0;
@@ -463,21 +505,25 @@ private:
         return fail(ExitBadReply, "no answer to " + what + " among the frames the PLC sent");
     }
 
-    static std::string errorColon(uint32_t code) {
+    static std::string errorColon(uint32_t code)
+    {
         const std::string t = adsErrorText(code);
         return t.empty() ? hex(code) : hex(code) + ": " + t;
     }
 
-    int resultOf(const std::string& what, const Reply& r, size_t need) {
+    int resultOf(const std::string& what, const Reply& r, size_t need)
+    {
         if (r.data.size() < 4)
-            return fail(ExitBadReply, "the answer to " + what + " carries " + std::to_string(r.data.size()) +
-                                          " data bytes, too few for a result");
+            return fail(ExitBadReply,
+                "the answer to " + what + " carries " + std::to_string(r.data.size())
+                    + " data bytes, too few for a result");
         const uint32_t result = getU32(r.data.data());
         if (result != 0)
             return fail(ExitAdsError, what + " failed: ADS error " + errorColon(result));
         if (r.data.size() < need)
-            return fail(ExitBadReply, "the answer to " + what + " carries " + std::to_string(r.data.size()) +
-                                          " data bytes, expected " + std::to_string(need));
+            return fail(ExitBadReply,
+                "the answer to " + what + " carries " + std::to_string(r.data.size()) + " data bytes, expected "
+                    + std::to_string(need));
         return 0;
     }
 
@@ -491,29 +537,37 @@ private:
 
 using util::toInt;
 
-int usage(const std::string& why) {
+int usage(const std::string& why)
+{
     std::fprintf(stderr, "adshost: %s (try --probe --help)\n", why.c_str());
     return ExitUsage;
 }
 
 }  // namespace
 
-std::string panelAddressFor(const std::string& plcNetId, const std::vector<std::string>& addresses) {
+std::string panelAddressFor(const std::string& plcNetId, const std::vector<std::string>& addresses)
+{
     const std::vector<std::string> parts = split(plcNetId, '.');
     for (const std::string& a : addresses) {
-        if (a == "0.0.0.0" || a == "127.0.0.1") continue;
-        if (parts.size() < 2) return a;
-        if (a.find(parts[0]) != std::string::npos && a.find(parts[1]) != std::string::npos) return a;
+        if (a == "0.0.0.0" || a == "127.0.0.1")
+            continue;
+        if (parts.size() < 2)
+            return a;
+        if (a.find(parts[0]) != std::string::npos && a.find(parts[1]) != std::string::npos)
+            return a;
     }
     return std::string();
 }
 
-std::vector<std::string> localIpv4Addresses() {
+std::vector<std::string> localIpv4Addresses()
+{
     std::vector<std::string> out;
     ifaddrs* list = nullptr;
-    if (::getifaddrs(&list) != 0) return out;
+    if (::getifaddrs(&list) != 0)
+        return out;
     for (ifaddrs* i = list; i; i = i->ifa_next) {
-        if (!i->ifa_addr || i->ifa_addr->sa_family != AF_INET) continue;
+        if (!i->ifa_addr || i->ifa_addr->sa_family != AF_INET)
+            continue;
         char buf[INET_ADDRSTRLEN] = {};
         ::inet_ntop(AF_INET, &reinterpret_cast<sockaddr_in*>(i->ifa_addr)->sin_addr, buf, sizeof buf);
         out.push_back(buf);
@@ -522,28 +576,35 @@ std::vector<std::string> localIpv4Addresses() {
     return out;
 }
 
-std::string adsErrorText(uint32_t code) {
+std::string adsErrorText(uint32_t code)
+{
     for (const ErrorEntry& e : kErrors)
-        if (e.code == code) return e.text;
+        if (e.code == code)
+            return e.text;
     return std::string();
 }
 
-std::string adsErrorLabel(uint32_t code) {
+std::string adsErrorLabel(uint32_t code)
+{
     const std::string t = adsErrorText(code);
     return t.empty() ? hex(code) : hex(code) + " (" + t + ")";
 }
 
-std::string adsStateName(uint16_t state) {
+std::string adsStateName(uint16_t state)
+{
     return state < sizeof kStates / sizeof kStates[0] ? kStates[state] : "UNKNOWN";
 }
 
-bool parseNetId(const std::string& text, uint8_t out[6]) {
+bool parseNetId(const std::string& text, uint8_t out[6])
+{
     const std::vector<std::string> parts = split(text, '.');
-    if (parts.size() != 6) return false;
+    if (parts.size() != 6)
+        return false;
     uint8_t b[6];
     for (size_t i = 0; i < 6; ++i) {
         long long v = 0;
-        if (!toInt(parts[i], 0, 255, v)) return false;
+        if (!toInt(parts[i], 0, 255, v))
+            return false;
         b[i] = uint8_t(v);
     }
     std::memcpy(out, b, 6);
@@ -552,14 +613,16 @@ bool parseNetId(const std::string& text, uint8_t out[6]) {
 
 int run(const Options& opt, FILE* out, FILE* err) { return Prober(opt, out, err).run(); }
 
-int main(int argc, char** argv) {
+int main(int argc, char** argv)
+{
     Options opt;
     bool havePlc = false;
     for (int i = 1; i < argc; ++i) {
         const std::string a = argv[i];
         std::string v;
         auto value = [&]() {
-            if (i + 1 >= argc) return false;
+            if (i + 1 >= argc)
+                return false;
             v = argv[++i];
             return true;
         };
@@ -578,24 +641,30 @@ int main(int argc, char** argv) {
             havePlc = true;
         } else if (a == "--netid") {
             uint8_t id[6];
-            if (!value() || !parseNetId(v, id)) return usage("--netid needs six numbers 0..255 (A.B.C.D.E.F)");
+            if (!value() || !parseNetId(v, id))
+                return usage("--netid needs six numbers 0..255 (A.B.C.D.E.F)");
             opt.netId = v;
         } else if (a == "--ams-port") {
-            if (!value() || !toInt(v, 1, 65535, n)) return usage("--ams-port needs a port number");
+            if (!value() || !toInt(v, 1, 65535, n))
+                return usage("--ams-port needs a port number");
             opt.amsPort = int(n);
         } else if (a == "--source-netid") {
             uint8_t id[6];
-            if (!value() || !parseNetId(v, id)) return usage("--source-netid needs six numbers 0..255");
+            if (!value() || !parseNetId(v, id))
+                return usage("--source-netid needs six numbers 0..255");
             opt.sourceNetId = v;
         } else if (a == "--timeout-ms") {
-            if (!value() || !toInt(v, 1, 600000, n)) return usage("--timeout-ms needs milliseconds");
+            if (!value() || !toInt(v, 1, 600000, n))
+                return usage("--timeout-ms needs milliseconds");
             opt.timeoutMs = int(n);
         } else {
             return usage("--probe does not take '" + a + "'");
         }
     }
-    if (!havePlc) return usage("--probe needs --plc HOST:PORT");
-    if (opt.netId.empty()) return usage("--probe needs --netid A.B.C.D.E.F (the PLC's AMS Net ID)");
+    if (!havePlc)
+        return usage("--probe needs --plc HOST:PORT");
+    if (opt.netId.empty())
+        return usage("--probe needs --netid A.B.C.D.E.F (the PLC's AMS Net ID)");
     return run(opt, stdout, stderr);
 }
 

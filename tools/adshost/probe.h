@@ -16,22 +16,22 @@ namespace probe {
 // Exit codes of adshost --probe.
 enum Exit : int {
     ExitOk = 0,
-    ExitNoConnection = 1,   // TCP connection refused or not established
+    ExitNoConnection = 1,  // TCP connection refused or not established
     ExitUsage = 2,
-    ExitNoAnswer = 4,       // connected, but no reply (no route) or the PLC closed
-    ExitAmsError = 5,       // error code in the reply's AMS header (no such port or machine)
-    ExitAdsError = 6,       // ADS result of ReadDeviceInfo or ReadState not 0
-    ExitNotRunning = 7,     // the PLC answers but its ADS state is not RUN
-    ExitBadReply = 8,       // a reply that is not a well-formed answer to the request
+    ExitNoAnswer = 4,    // connected, but no reply (no route) or the PLC closed
+    ExitAmsError = 5,    // error code in the reply's AMS header (no such port or machine)
+    ExitAdsError = 6,    // ADS result of ReadDeviceInfo or ReadState not 0
+    ExitNotRunning = 7,  // the PLC answers but its ADS state is not RUN
+    ExitBadReply = 8,    // a reply that is not a well-formed answer to the request
 };
 
 struct Options {
     std::string host = "127.0.0.1";
     uint16_t port = 48898;
-    std::string netId;         // the PLC's AMS Net ID, "a.b.c.d.e.f"
+    std::string netId;  // the PLC's AMS Net ID, "a.b.c.d.e.f"
     int amsPort = 851;
-    std::string sourceNetId;   // empty: found as the driver finds it
-    int timeoutMs = 2000;      // connect time-out and reply time-out
+    std::string sourceNetId;  // empty: found as the driver finds it
+    int timeoutMs = 2000;     // connect time-out and reply time-out
 };
 
 // The panel address the driver takes for a PLC Net ID: the first address of `addresses`

@@ -14,13 +14,15 @@ namespace adshost {
 namespace util {
 
 // Milliseconds of a monotonic clock.
-inline int64_t nowMs() {
+inline int64_t nowMs()
+{
     using namespace std::chrono;
     return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
 }
 
 // The fields of `s` between the separators; an empty text gives one empty field.
-inline std::vector<std::string> split(const std::string& s, char sep) {
+inline std::vector<std::string> split(const std::string& s, char sep)
+{
     std::vector<std::string> out;
     std::string cur;
     for (char c : s) {
@@ -36,12 +38,15 @@ inline std::vector<std::string> split(const std::string& s, char sep) {
 }
 
 // A whole decimal number from lo to hi; false for anything else.
-inline bool toInt(const std::string& s, long long lo, long long hi, long long& out) {
-    if (s.empty()) return false;
+inline bool toInt(const std::string& s, long long lo, long long hi, long long& out)
+{
+    if (s.empty())
+        return false;
     char* end = nullptr;
     errno = 0;
     const long long v = std::strtoll(s.c_str(), &end, 10);
-    if (errno || *end || v < lo || v > hi) return false;
+    if (errno || *end || v < lo || v > hi)
+        return false;
     out = v;
     return true;
 }

@@ -11,21 +11,28 @@ namespace plcsim {
 // ---------------------------------------------------------------- helpers
 
 uint16_t getU16(const uint8_t* p) { return uint16_t(p[0] | (p[1] << 8)); }
-uint32_t getU32(const uint8_t* p) {
+uint32_t getU32(const uint8_t* p)
+{
     return uint32_t(p[0]) | (uint32_t(p[1]) << 8) | (uint32_t(p[2]) << 16) | (uint32_t(p[3]) << 24);
 }
-void putU16(std::vector<uint8_t>& v, uint16_t x) {
+void putU16(std::vector<uint8_t>& v, uint16_t x)
+{
     v.push_back(uint8_t(x));
     v.push_back(uint8_t(x >> 8));
 }
-void putU32(std::vector<uint8_t>& v, uint32_t x) {
-    for (int i = 0; i < 4; ++i) v.push_back(uint8_t(x >> (8 * i)));
+void putU32(std::vector<uint8_t>& v, uint32_t x)
+{
+    for (int i = 0; i < 4; ++i)
+        v.push_back(uint8_t(x >> (8 * i)));
 }
-static void setU32(uint8_t* p, uint32_t x) {
-    for (int i = 0; i < 4; ++i) p[i] = uint8_t(x >> (8 * i));
+static void setU32(uint8_t* p, uint32_t x)
+{
+    for (int i = 0; i < 4; ++i)
+        p[i] = uint8_t(x >> (8 * i));
 }
 
-std::string toHex(const uint8_t* p, size_t n) {
+std::string toHex(const uint8_t* p, size_t n)
+{
     static const char* digits = "0123456789abcdef";
     std::string s;
     s.reserve(n * 2);
@@ -36,62 +43,91 @@ std::string toHex(const uint8_t* p, size_t n) {
     return s;
 }
 
-bool fromHex(const std::string& text, std::vector<uint8_t>& out) {
+bool fromHex(const std::string& text, std::vector<uint8_t>& out)
+{
     out.clear();
-    if (text.size() % 2) return false;
+    if (text.size() % 2)
+        return false;
     auto val = [](char c) -> int {
-        if (c >= '0' && c <= '9') return c - '0';
-        if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-        if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+        if (c >= '0' && c <= '9')
+            return c - '0';
+        if (c >= 'a' && c <= 'f')
+            return c - 'a' + 10;
+        if (c >= 'A' && c <= 'F')
+            return c - 'A' + 10;
         return -1;
     };
     for (size_t i = 0; i < text.size(); i += 2) {
         int hi = val(text[i]), lo = val(text[i + 1]);
-        if (hi < 0 || lo < 0) return false;
+        if (hi < 0 || lo < 0)
+            return false;
         out.push_back(uint8_t(hi * 16 + lo));
     }
     return true;
 }
 
-static std::string hex(uint32_t x) {
+static std::string hex(uint32_t x)
+{
     char buf[16];
     std::snprintf(buf, sizeof buf, "0x%x", x);
     return buf;
 }
 
-static const char* commandName(uint16_t cmd) {
+static const char* commandName(uint16_t cmd)
+{
     switch (cmd) {
-    case CmdReadDeviceInfo: return "ReadDeviceInfo";
-    case CmdRead: return "Read";
-    case CmdWrite: return "Write";
-    case CmdReadState: return "ReadState";
-    case CmdWriteControl: return "WriteControl";
-    case CmdAddNotification: return "AddDeviceNotification";
-    case CmdDeleteNotification: return "DeleteDeviceNotification";
-    case CmdNotification: return "DeviceNotification";
-    case CmdReadWrite: return "ReadWrite";
-    default: return "Unknown";
+    case CmdReadDeviceInfo:
+        return "ReadDeviceInfo";
+    case CmdRead:
+        return "Read";
+    case CmdWrite:
+        return "Write";
+    case CmdReadState:
+        return "ReadState";
+    case CmdWriteControl:
+        return "WriteControl";
+    case CmdAddNotification:
+        return "AddDeviceNotification";
+    case CmdDeleteNotification:
+        return "DeleteDeviceNotification";
+    case CmdNotification:
+        return "DeviceNotification";
+    case CmdReadWrite:
+        return "ReadWrite";
+    default:
+        return "Unknown";
     }
 }
 
-const char* faultName(Fault f) {
+const char* faultName(Fault f)
+{
     switch (f) {
-    case Fault::None: return "none";
-    case Fault::NoReply: return "noreply";
-    case Fault::Short: return "short";
-    case Fault::Long: return "long";
-    case Fault::AdsError: return "adserror";
-    case Fault::Split: return "split";
-    case Fault::Delay: return "delay";
-    case Fault::Close: return "close";
+    case Fault::None:
+        return "none";
+    case Fault::NoReply:
+        return "noreply";
+    case Fault::Short:
+        return "short";
+    case Fault::Long:
+        return "long";
+    case Fault::AdsError:
+        return "adserror";
+    case Fault::Split:
+        return "split";
+    case Fault::Delay:
+        return "delay";
+    case Fault::Close:
+        return "close";
     }
     return "?";
 }
 
-bool parseFault(const std::string& name, Fault& f) {
+bool parseFault(const std::string& name, Fault& f)
+{
     std::string s;
     for (char c : name)
-        if (c != '-' && c != '_') s += char(std::tolower(static_cast<unsigned char>(c)));
+        if (c != '-' && c != '_')
+            s += char(std::tolower(static_cast<unsigned char>(c)));
     for (int i = 0; i <= int(Fault::Close); ++i) {
         if (s == faultName(Fault(i))) {
             f = Fault(i);
@@ -103,32 +139,39 @@ bool parseFault(const std::string& name, Fault& f) {
 
 // ---------------------------------------------------------------- NetId
 
-bool NetId::parse(const std::string& text, NetId& out) {
+bool NetId::parse(const std::string& text, NetId& out)
+{
     NetId id;
     size_t pos = 0;
     for (int i = 0; i < 6; ++i) {
-        if (pos >= text.size() || !std::isdigit(static_cast<unsigned char>(text[pos]))) return false;
+        if (pos >= text.size() || !std::isdigit(static_cast<unsigned char>(text[pos])))
+            return false;
         unsigned v = 0;
         size_t digits = 0;
         while (pos < text.size() && std::isdigit(static_cast<unsigned char>(text[pos]))) {
             v = v * 10 + unsigned(text[pos++] - '0');
-            if (++digits > 3 || v > 255) return false;
+            if (++digits > 3 || v > 255)
+                return false;
         }
         id.b[i] = uint8_t(v);
         if (i < 5) {
-            if (pos >= text.size() || text[pos] != '.') return false;
+            if (pos >= text.size() || text[pos] != '.')
+                return false;
             ++pos;
         }
     }
-    if (pos != text.size()) return false;
+    if (pos != text.size())
+        return false;
     out = id;
     return true;
 }
 
-std::string NetId::str() const {
+std::string NetId::str() const
+{
     std::string s;
     for (int i = 0; i < 6; ++i) {
-        if (i) s += '.';
+        if (i)
+            s += '.';
         s += std::to_string(b[i]);
     }
     return s;
@@ -137,7 +180,8 @@ std::string NetId::str() const {
 bool NetId::operator==(const NetId& o) const { return std::memcmp(b, o.b, 6) == 0; }
 bool NetId::operator<(const NetId& o) const { return std::memcmp(b, o.b, 6) < 0; }
 
-static NetId netIdAt(const uint8_t* p) {
+static NetId netIdAt(const uint8_t* p)
+{
     NetId id;
     std::memcpy(id.b, p, 6);
     return id;
@@ -145,34 +189,41 @@ static NetId netIdAt(const uint8_t* p) {
 
 // ---------------------------------------------------------------- framing
 
-size_t frameLength(const uint8_t* p, size_t avail, bool* fixedUp) {
-    if (fixedUp) *fixedUp = false;
-    if (avail < TcpHeaderSize) return 0;
+size_t frameLength(const uint8_t* p, size_t avail, bool* fixedUp)
+{
+    if (fixedUp)
+        *fixedUp = false;
+    if (avail < TcpHeaderSize)
+        return 0;
     const uint16_t reserved = getU16(p);
     const uint64_t length = getU32(p + 2);
-    if (reserved != 0) return avail >= TcpHeaderSize + length ? size_t(TcpHeaderSize + length) : 0;
+    if (reserved != 0)
+        return avail >= TcpHeaderSize + length ? size_t(TcpHeaderSize + length) : 0;
     // An ADS frame: look at the command id before trusting the length.
-    if (avail < 24) return 0;
+    if (avail < 24)
+        return 0;
     const uint16_t cmd = getU16(p + 22);
     const uint16_t flags = getU16(p + 24);
     if (cmd == CmdWrite && !(flags & 1)) {
-        if (avail < HeadersSize + 12) return 0;
+        if (avail < HeadersSize + 12)
+            return 0;
         const uint64_t n = getU32(p + 46);
         const uint64_t trueLength = AmsHeaderSize + 12 + n;
         const uint32_t dataLength = getU32(p + 26);
         // Both length fields hold exactly the low byte of their true value.
-        if (trueLength != length && length == (trueLength & 0xFF) && dataLength == ((12 + n) & 0xFF) &&
-            trueLength <= MaxFrameBody) {
-            if (fixedUp) *fixedUp = true;
+        if (trueLength != length && length == (trueLength & 0xFF) && dataLength == ((12 + n) & 0xFF)
+            && trueLength <= MaxFrameBody) {
+            if (fixedUp)
+                *fixedUp = true;
             return avail >= TcpHeaderSize + trueLength ? size_t(TcpHeaderSize + trueLength) : 0;
         }
     }
     return avail >= TcpHeaderSize + length ? size_t(TcpHeaderSize + length) : 0;
 }
 
-std::vector<uint8_t> buildRequest(const NetId& target, uint16_t targetPort, const NetId& source,
-                                  uint16_t sourcePort, uint16_t cmd, uint32_t invokeId,
-                                  const std::vector<uint8_t>& adsData) {
+std::vector<uint8_t> buildRequest(const NetId& target, uint16_t targetPort, const NetId& source, uint16_t sourcePort,
+    uint16_t cmd, uint32_t invokeId, const std::vector<uint8_t>& adsData)
+{
     std::vector<uint8_t> f;
     f.reserve(HeadersSize + adsData.size());
     putU16(f, 0);
@@ -190,7 +241,8 @@ std::vector<uint8_t> buildRequest(const NetId& target, uint16_t targetPort, cons
     return f;
 }
 
-std::vector<uint8_t> readData(uint32_t group, uint32_t offset, uint32_t length) {
+std::vector<uint8_t> readData(uint32_t group, uint32_t offset, uint32_t length)
+{
     std::vector<uint8_t> d;
     putU32(d, group);
     putU32(d, offset);
@@ -198,14 +250,16 @@ std::vector<uint8_t> readData(uint32_t group, uint32_t offset, uint32_t length) 
     return d;
 }
 
-std::vector<uint8_t> writeData(uint32_t group, uint32_t offset, const std::vector<uint8_t>& bytes) {
+std::vector<uint8_t> writeData(uint32_t group, uint32_t offset, const std::vector<uint8_t>& bytes)
+{
     std::vector<uint8_t> d = readData(group, offset, uint32_t(bytes.size()));
     d.insert(d.end(), bytes.begin(), bytes.end());
     return d;
 }
 
-std::vector<uint8_t> readWriteData(uint32_t group, uint32_t offset, uint32_t readLength,
-                                   const std::vector<uint8_t>& bytes) {
+std::vector<uint8_t> readWriteData(
+    uint32_t group, uint32_t offset, uint32_t readLength, const std::vector<uint8_t>& bytes)
+{
     std::vector<uint8_t> d;
     putU32(d, group);
     putU32(d, offset);
@@ -215,7 +269,8 @@ std::vector<uint8_t> readWriteData(uint32_t group, uint32_t offset, uint32_t rea
     return d;
 }
 
-std::vector<uint8_t> portRequest(uint16_t wantedPort) {
+std::vector<uint8_t> portRequest(uint16_t wantedPort)
+{
     std::vector<uint8_t> f;
     putU16(f, 0x1000);
     putU32(f, 2);
@@ -223,9 +278,11 @@ std::vector<uint8_t> portRequest(uint16_t wantedPort) {
     return f;
 }
 
-ParsedFrame parseFrame(const uint8_t* p, size_t len) {
+ParsedFrame parseFrame(const uint8_t* p, size_t len)
+{
     ParsedFrame r;
-    if (len < TcpHeaderSize) return r;
+    if (len < TcpHeaderSize)
+        return r;
     r.tcpReserved = getU16(p);
     r.tcpLength = getU32(p + 2);
     if (r.tcpReserved != 0) {  // a router port frame: keep the body as data
@@ -233,7 +290,8 @@ ParsedFrame parseFrame(const uint8_t* p, size_t len) {
         r.ok = (len == TcpHeaderSize + uint64_t(r.tcpLength));
         return r;
     }
-    if (len < HeadersSize) return r;
+    if (len < HeadersSize)
+        return r;
     r.target = netIdAt(p + 6);
     r.targetPort = getU16(p + 12);
     r.source = netIdAt(p + 14);
@@ -244,15 +302,15 @@ ParsedFrame parseFrame(const uint8_t* p, size_t len) {
     r.errorCode = getU32(p + 30);
     r.invokeId = getU32(p + 34);
     r.data.assign(p + HeadersSize, p + len);
-    r.ok = (len == TcpHeaderSize + uint64_t(r.tcpLength)) &&
-           (uint64_t(r.tcpLength) == AmsHeaderSize + uint64_t(r.dataLength));
+    r.ok = (len == TcpHeaderSize + uint64_t(r.tcpLength))
+        && (uint64_t(r.tcpLength) == AmsHeaderSize + uint64_t(r.dataLength));
     return r;
 }
 
 // ---------------------------------------------------------------- Plc
 
-Plc::Plc()
-    : ports_{801, 851}, inputs_(AreaSize, 0), outputs_(AreaSize, 0), memory_(AreaSize, 0) {
+Plc::Plc() : ports_ {801, 851}, inputs_(AreaSize, 0), outputs_(AreaSize, 0), memory_(AreaSize, 0)
+{
     NetId::parse("192.168.1.100.1.1", netId_);
 }
 
@@ -261,79 +319,99 @@ void Plc::addRoute(const NetId& source) { routes_.insert(source); }
 void Plc::clearRoutes() { routes_.clear(); }
 void Plc::setRuntimePorts(const std::set<uint16_t>& ports) { ports_ = ports; }
 
-uint8_t* Plc::memory(uint32_t indexGroup) {
+uint8_t* Plc::memory(uint32_t indexGroup)
+{
     switch (indexGroup) {
-    case GroupInputs: return inputs_.data();
-    case GroupOutputs: return outputs_.data();
-    case GroupMemory: return memory_.data();
-    default: return nullptr;
+    case GroupInputs:
+        return inputs_.data();
+    case GroupOutputs:
+        return outputs_.data();
+    case GroupMemory:
+        return memory_.data();
+    default:
+        return nullptr;
     }
 }
 
 void Plc::setAdsState(uint16_t state) { adsState_ = state; }
 
-void Plc::programStep() {
-    if (adsState_ != AdsStateRun) return;
+void Plc::programStep()
+{
+    if (adsState_ != AdsStateRun)
+        return;
     ++steps_;
     uint16_t counter = uint16_t(getU16(&memory_[0]) + 1);
     memory_[0] = uint8_t(counter);
     memory_[1] = uint8_t(counter >> 8);
-    if (steps_ % 5 == 0) memory_[2] ^= 0x01;
+    if (steps_ % 5 == 0)
+        memory_[2] ^= 0x01;
     const double pi = 3.14159265358979323846;
     const long v = 32768 + std::lround(10000.0 * std::sin(2.0 * pi * double(steps_ % 100) / 100.0));
     inputs_[0] = uint8_t(v);
     inputs_[1] = uint8_t(v >> 8);
 }
 
-void Plc::injectFault(Fault f, int nextN) {
+void Plc::injectFault(Fault f, int nextN)
+{
     injected_ = f;
     injectedLeft_ = nextN > 0 ? nextN : 0;
 }
 
-void Plc::setFaultProbability(Fault f, double p) {
-    prob_[int(f)] = p < 0 ? 0 : (p > 1 ? 1 : p);
-}
+void Plc::setFaultProbability(Fault f, double p) { prob_[int(f)] = p < 0 ? 0 : (p > 1 ? 1 : p); }
 
-void Plc::clearFaults() {
+void Plc::clearFaults()
+{
     injected_ = Fault::None;
     injectedLeft_ = 0;
-    for (double& p : prob_) p = 0;
+    for (double& p : prob_)
+        p = 0;
 }
 
 void Plc::setSeed(uint64_t seed) { rng_ = seed; }
 
-uint64_t Plc::nextRandom() {  // splitmix64
+uint64_t Plc::nextRandom()
+{  // splitmix64
     uint64_t z = (rng_ += 0x9E3779B97F4A7C15ull);
     z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
     z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
     return z ^ (z >> 31);
 }
 
-Fault Plc::drawFault() {
+Fault Plc::drawFault()
+{
     if (injectedLeft_ > 0) {
         --injectedLeft_;
         return injected_;
     }
     for (int i = 1; i <= int(Fault::Close); ++i) {
-        if (prob_[i] <= 0) continue;
+        if (prob_[i] <= 0)
+            continue;
         const double u = double(nextRandom() >> 11) / double(1ull << 53);
-        if (u < prob_[i]) return Fault(i);
+        if (u < prob_[i])
+            return Fault(i);
     }
     return Fault::None;
 }
 
-void Plc::log(const std::string& line) {
-    if (log_) log_(line);
+void Plc::log(const std::string& line)
+{
+    if (log_)
+        log_(line);
 }
 
-uint32_t Plc::checkRange(uint32_t group, uint32_t offset, uint32_t length) const {
-    if (group != GroupInputs && group != GroupOutputs && group != GroupMemory) return ErrInvalidGroup;
-    if (offset >= AreaSize) return ErrInvalidOffset;
-    if (uint64_t(offset) + length > AreaSize) return ErrInvalidSize;
+uint32_t Plc::checkRange(uint32_t group, uint32_t offset, uint32_t length) const
+{
+    if (group != GroupInputs && group != GroupOutputs && group != GroupMemory)
+        return ErrInvalidGroup;
+    if (offset >= AreaSize)
+        return ErrInvalidOffset;
+    if (uint64_t(offset) + length > AreaSize)
+        return ErrInvalidSize;
     return 0;
 }
 
-std::vector<uint8_t> Plc::handle(const uint8_t* f, size_t len) {
+std::vector<uint8_t> Plc::handle(const uint8_t* f, size_t len)
+{
     lastFault_ = Fault::None;
     if (len < TcpHeaderSize) {
         log("frame of " + std::to_string(len) + " bytes is shorter than the AMS/TCP header: dropped");
@@ -345,8 +423,8 @@ std::vector<uint8_t> Plc::handle(const uint8_t* f, size_t len) {
     if (reserved == 0x1000 || reserved == 0x0001) {
         ++counters_.portFrames;
         if (len != TcpHeaderSize + uint64_t(tcpLength)) {
-            log("port frame " + hex(reserved) + ": length field " + std::to_string(tcpLength) +
-                " but " + std::to_string(len - TcpHeaderSize) + " bytes follow: dropped");
+            log("port frame " + hex(reserved) + ": length field " + std::to_string(tcpLength) + " but "
+                + std::to_string(len - TcpHeaderSize) + " bytes follow: dropped");
             return {};
         }
         if (reserved == 0x0001) {
@@ -354,7 +432,8 @@ std::vector<uint8_t> Plc::handle(const uint8_t* f, size_t len) {
             return {};
         }
         uint16_t port = tcpLength >= 2 ? getU16(f + 6) : 0;
-        if (port == 0) port = nextClientPort_++;
+        if (port == 0)
+            port = nextClientPort_++;
         std::vector<uint8_t> r;
         putU16(r, 0x1000);
         putU32(r, 8);
@@ -373,14 +452,15 @@ std::vector<uint8_t> Plc::handle(const uint8_t* f, size_t len) {
     if (expected != len) {
         ++counters_.requests;
         ++counters_.unanswered;
-        log("frame of " + std::to_string(len) + " bytes but AMS/TCP length " + std::to_string(tcpLength) +
-            " (frame of " + std::to_string(TcpHeaderSize + uint64_t(tcpLength)) + "): dropped");
+        log("frame of " + std::to_string(len) + " bytes but AMS/TCP length " + std::to_string(tcpLength) + " (frame of "
+            + std::to_string(TcpHeaderSize + uint64_t(tcpLength)) + "): dropped");
         return {};
     }
     return handleAds(f, len, uint32_t(len - TcpHeaderSize), fixedUp);
 }
 
-std::vector<uint8_t> Plc::handleAds(const uint8_t* f, size_t len, uint32_t bodyLen, bool fixedUp) {
+std::vector<uint8_t> Plc::handleAds(const uint8_t* f, size_t len, uint32_t bodyLen, bool fixedUp)
+{
     ++counters_.requests;
     if (bodyLen < AmsHeaderSize) {
         ++counters_.unanswered;
@@ -397,7 +477,8 @@ std::vector<uint8_t> Plc::handleAds(const uint8_t* f, size_t len, uint32_t bodyL
     const uint32_t invokeId = getU32(f + 34);
     const uint8_t* d = f + HeadersSize;
     const uint32_t n = uint32_t(len - HeadersSize);  // ADS data bytes really there
-    if (cmd < 10) ++counters_.byCommand[cmd];
+    if (cmd < 10)
+        ++counters_.byCommand[cmd];
 
     std::ostringstream line;
     line << "req=" << counters_.requests << " cmd=" << commandName(cmd) << "(" << cmd << ")"
@@ -414,11 +495,13 @@ std::vector<uint8_t> Plc::handleAds(const uint8_t* f, size_t len, uint32_t bodyL
         line << " note=write-length-fields-low-byte-only(tcp=" << getU32(f + 2) << ",data=" << dataLength
              << ",true=" << n << ")";
     } else if (dataLength != n) {
-        return drop("AMS data length " + std::to_string(dataLength) + " disagrees with the " +
-                    std::to_string(n) + " data bytes");
+        return drop("AMS data length " + std::to_string(dataLength) + " disagrees with the " + std::to_string(n)
+            + " data bytes");
     }
-    if (flags & 0x0001) return drop("state flags " + hex(flags) + " mark a response");
-    if (flags != 0x0004) line << " flags=" << hex(flags);
+    if (flags & 0x0001)
+        return drop("state flags " + hex(flags) + " mark a response");
+    if (flags != 0x0004)
+        line << " flags=" << hex(flags);
     if (!routes_.empty() && source != netId_ && !routes_.count(source))
         return drop("no route for " + source.str());
 
@@ -454,19 +537,27 @@ std::vector<uint8_t> Plc::handleAds(const uint8_t* f, size_t len, uint32_t bodyL
 
     const Fault fault = drawFault();
     lastFault_ = fault;
-    if (fault != Fault::None) ++counters_.faults;
+    if (fault != Fault::None)
+        ++counters_.faults;
 
     // The error shape of each command: the result followed by zeroed fixed fields.
     auto errorData = [&](uint32_t result) {
         std::vector<uint8_t> r;
         putU32(r, result);
         switch (cmd) {
-        case CmdReadDeviceInfo: r.resize(4 + 4 + 16, 0); break;
+        case CmdReadDeviceInfo:
+            r.resize(4 + 4 + 16, 0);
+            break;
         case CmdRead:
         case CmdReadWrite:
-        case CmdAddNotification: putU32(r, 0); break;
-        case CmdReadState: putU32(r, 0); break;
-        default: break;
+        case CmdAddNotification:
+            putU32(r, 0);
+            break;
+        case CmdReadState:
+            putU32(r, 0);
+            break;
+        default:
+            break;
         }
         return r;
     };
@@ -498,10 +589,14 @@ std::vector<uint8_t> Plc::handleAds(const uint8_t* f, size_t len, uint32_t bodyL
             break;
         }
         case CmdRead: {
-            if (n < 12) { result = ErrInvalidData; break; }
+            if (n < 12) {
+                result = ErrInvalidData;
+                break;
+            }
             const uint32_t g = getU32(d), o = getU32(d + 4), l = getU32(d + 8);
             line << " group=" << hex(g) << " offset=" << o << " length=" << l;
-            if ((result = checkRange(g, o, l))) break;
+            if ((result = checkRange(g, o, l)))
+                break;
             putU32(data, 0);
             putU32(data, l);
             const uint8_t* m = memory(g) + o;
@@ -509,11 +604,18 @@ std::vector<uint8_t> Plc::handleAds(const uint8_t* f, size_t len, uint32_t bodyL
             break;
         }
         case CmdWrite: {
-            if (n < 12) { result = ErrInvalidData; break; }
+            if (n < 12) {
+                result = ErrInvalidData;
+                break;
+            }
             const uint32_t g = getU32(d), o = getU32(d + 4), l = getU32(d + 8);
             line << " group=" << hex(g) << " offset=" << o << " length=" << l;
-            if (uint64_t(n) != 12 + uint64_t(l)) { result = ErrInvalidSize; break; }
-            if ((result = checkRange(g, o, l))) break;
+            if (uint64_t(n) != 12 + uint64_t(l)) {
+                result = ErrInvalidSize;
+                break;
+            }
+            if ((result = checkRange(g, o, l)))
+                break;
             std::memcpy(memory(g) + o, d + 12, l);
             break;
         }
@@ -523,18 +625,27 @@ std::vector<uint8_t> Plc::handleAds(const uint8_t* f, size_t len, uint32_t bodyL
             putU16(data, 0);
             break;
         case CmdWriteControl: {
-            if (n < 8) { result = ErrInvalidData; break; }
+            if (n < 8) {
+                result = ErrInvalidData;
+                break;
+            }
             const uint16_t state = getU16(d);
             line << " state=" << state;
-            if (state == AdsStateRun || state == AdsStateStop) adsState_ = state;
-            else result = ErrInvalidParam;
+            if (state == AdsStateRun || state == AdsStateStop)
+                adsState_ = state;
+            else
+                result = ErrInvalidParam;
             break;
         }
         case CmdAddNotification: {
-            if (n < 24) { result = ErrInvalidData; break; }
+            if (n < 24) {
+                result = ErrInvalidData;
+                break;
+            }
             const uint32_t g = getU32(d), o = getU32(d + 4), l = getU32(d + 8);
             line << " group=" << hex(g) << " offset=" << o << " length=" << l << " mode=" << getU32(d + 12);
-            if (!handshakePort && (result = checkRange(g, o, l))) break;
+            if (!handshakePort && (result = checkRange(g, o, l)))
+                break;
             const uint32_t h = nextHandle_++;
             handles_.insert(h);
             putU32(data, 0);
@@ -543,18 +654,29 @@ std::vector<uint8_t> Plc::handleAds(const uint8_t* f, size_t len, uint32_t bodyL
             break;
         }
         case CmdDeleteNotification: {
-            if (n < 4) { result = ErrInvalidData; break; }
+            if (n < 4) {
+                result = ErrInvalidData;
+                break;
+            }
             const uint32_t h = getU32(d);
             line << " handle=" << h;
-            if (!handles_.erase(h)) result = ErrNotifyHandleInvalid;
+            if (!handles_.erase(h))
+                result = ErrNotifyHandleInvalid;
             break;
         }
         case CmdReadWrite: {
-            if (n < 16) { result = ErrInvalidData; break; }
+            if (n < 16) {
+                result = ErrInvalidData;
+                break;
+            }
             const uint32_t g = getU32(d), o = getU32(d + 4), rl = getU32(d + 8), wl = getU32(d + 12);
             line << " group=" << hex(g) << " offset=" << o << " read=" << rl << " write=" << wl;
-            if (uint64_t(n) != 16 + uint64_t(wl)) { result = ErrInvalidSize; break; }
-            if ((result = checkRange(g, o, wl)) || (result = checkRange(g, o, rl))) break;
+            if (uint64_t(n) != 16 + uint64_t(wl)) {
+                result = ErrInvalidSize;
+                break;
+            }
+            if ((result = checkRange(g, o, wl)) || (result = checkRange(g, o, rl)))
+                break;
             std::memcpy(memory(g) + o, d + 16, wl);
             putU32(data, 0);
             putU32(data, rl);
@@ -563,10 +685,13 @@ std::vector<uint8_t> Plc::handleAds(const uint8_t* f, size_t len, uint32_t bodyL
             break;
         }
         }
-        if (result) data = errorData(result);
-        else if (data.empty()) putU32(data, 0);  // Write, WriteControl, DeleteDeviceNotification
+        if (result)
+            data = errorData(result);
+        else if (data.empty())
+            putU32(data, 0);  // Write, WriteControl, DeleteDeviceNotification
     }
-    if (known(cmd)) line << " -> result=" << hex(result);
+    if (known(cmd))
+        line << " -> result=" << hex(result);
 
     std::vector<uint8_t> reply = answer(amsError, data);
     switch (fault) {
@@ -582,9 +707,11 @@ std::vector<uint8_t> Plc::handleAds(const uint8_t* f, size_t len, uint32_t bodyL
         setU32(&reply[2], getU32(&reply[2]) + 1);
         setU32(&reply[26], getU32(&reply[26]) + 1);
         break;
-    default: break;
+    default:
+        break;
     }
-    if (fault != Fault::None) line << " fault=" << faultName(fault);
+    if (fault != Fault::None)
+        line << " fault=" << faultName(fault);
     if (fault == Fault::NoReply || fault == Fault::Close) {
         ++counters_.unanswered;
         log(line.str() + " reply=none");

@@ -55,7 +55,7 @@ constexpr uint16_t AdsStateStop = 6;
 constexpr size_t TcpHeaderSize = 6;
 constexpr size_t AmsHeaderSize = 32;
 constexpr size_t HeadersSize = TcpHeaderSize + AmsHeaderSize;  // 38
-constexpr uint32_t MaxFrameBody = 0x10000 + 1024;               // largest AMS/TCP length accepted
+constexpr uint32_t MaxFrameBody = 0x10000 + 1024;              // largest AMS/TCP length accepted
 
 enum class Fault { None, NoReply, Short, Long, AdsError, Split, Delay, Close };
 const char* faultName(Fault f);
@@ -168,14 +168,13 @@ private:
 // length (fixedUp is set then).
 size_t frameLength(const uint8_t* p, size_t avail, bool* fixedUp = nullptr);
 
-std::vector<uint8_t> buildRequest(const NetId& target, uint16_t targetPort, const NetId& source,
-                                  uint16_t sourcePort, uint16_t cmd, uint32_t invokeId,
-                                  const std::vector<uint8_t>& adsData);
+std::vector<uint8_t> buildRequest(const NetId& target, uint16_t targetPort, const NetId& source, uint16_t sourcePort,
+    uint16_t cmd, uint32_t invokeId, const std::vector<uint8_t>& adsData);
 // Ready-made ADS data blocks for buildRequest.
 std::vector<uint8_t> readData(uint32_t group, uint32_t offset, uint32_t length);
 std::vector<uint8_t> writeData(uint32_t group, uint32_t offset, const std::vector<uint8_t>& bytes);
-std::vector<uint8_t> readWriteData(uint32_t group, uint32_t offset, uint32_t readLength,
-                                   const std::vector<uint8_t>& bytes);
+std::vector<uint8_t> readWriteData(
+    uint32_t group, uint32_t offset, uint32_t readLength, const std::vector<uint8_t>& bytes);
 std::vector<uint8_t> portRequest(uint16_t wantedPort);  // 0x1000 frame, 8 bytes
 
 struct ParsedFrame {
