@@ -14,7 +14,12 @@
 // nineteen entry points (initialisation with varied settings, property pages valid and not,
 // address sets of all six registers and unknown names, recipe variables and transfers started
 // through the status block's flag bytes, condition reads, word and bit writes, reads, address
-// checks, multi-copy, the information calls, polling turns) and changes of the PLC's memory.
+// checks, multi-copy, the information calls, polling turns, bursts of writes or condition
+// reads past the queues' 513 entries followed by long quiet polling) and changes of the
+// PLC's memory. Faults of a polling turn: no reply (an empty buffer handed over, or nothing
+// at all so that the frame is asked for again), a short reply, bytes appended, garbage, the
+// right length with changed bytes, more than 1024 bytes, an ADS error answer, an AMS error
+// code, a 1024-byte piece (also of the handshake's reply), and the reply to an earlier frame.
 // Driver A (--before) and driver B (--after) each get their own host memory (status block,
 // recipe buffer, host mutex) and their own callback, which records every call and reads the
 // reported item back with intf_getData from inside the callback, as a screen does. A polling
@@ -34,6 +39,12 @@
 // On the first difference: seed, step, the action, both observations; exit 1. Otherwise the
 // figures and "differential: N seeds x M steps: N passed, 0 failed"; exit 0. Exit 2: usage,
 // or a plugin that cannot be loaded.
+//
+// Not compared: calls from a second host thread (their interleaving with the polling thread
+// is not reproducible; tests/tsan covers them), so intf_setData and intf_getData run on the
+// one thread, also from inside the callback; the moments at which the host mutex is taken;
+// time and allocations; host memory other than the records, buffers and blocks named above
+// (AddressSanitizer builds see writes past them). Null and empty texts are told apart.
 #include "ads_ethernet.h"
 #include "plc_core.h"
 
@@ -45,6 +56,7 @@
 
 #include <dlfcn.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -385,7 +397,9 @@ private:
     void actMultiCopy();
     void actInfo();
     void actPlcMemory();
-    void actPoll();
+    void actPoll(bool quiet = false);
+    void actQuietRun(int turns);
+    void actBurst(bool writes);
 
     // Material
     QString regName(int unknownPercent);
@@ -484,6 +498,14 @@ void Run::report(size_t index)
     std::printf("differential: DIFFERENCE at seed %u, step %d\n", seed_, step_);
     std::printf("  action: %s\n", action_.c_str());
     std::printf("  first difference at observation item %zu:\n", index);
+    if (index < a.size() && index < b.size() && a[index].binary && a[index].label == b[index].label) {
+        const std::string& x = a[index].value;
+        const std::string& y = b[index].value;
+        size_t k = 0;
+        while (k < x.size() && k < y.size() && x[k] == y[k])
+            ++k;
+        std::printf("    %s: first differing byte at offset %zu\n", a[index].label.c_str(), k);
+    }
     std::printf("    before (%s): %s\n", side_[0]->plugin.path.c_str(),
         index < a.size() ? render(a[index]).c_str() : "<no more items>");
     std::printf("    after  (%s): %s\n", side_[1]->plugin.path.c_str(),
@@ -922,6 +944,63 @@ void Run::actPlcMemory()
         + std::to_string(at + n - 1);
 }
 
+// Many distinct writes or condition reads at once, past the 513 entries that the queues
+// hold, so that the newest entries replace the last one.
+void Run::actBurst(bool writes)
+{
+    const int n = range(400, 700);
+    const int base = below(2000);
+    const int keyNo = chance(90) ? 1 : below(3);
+    action_ = std::string(writes ? "write burst: " : "condition read burst: ") + std::to_string(n) + " items from M_W "
+        + std::to_string(base);
+    both([&](Side& s, int) {
+        long long sum = 0;
+        for (int i = 0; i < n; ++i) {
+            const int address = base + 2 * i;
+            if (writes) {
+                unsigned char data[2] = {static_cast<unsigned char>(i), static_cast<unsigned char>(i >> 8)};
+                sum += s.plugin.setData(keyNo, QString::fromLatin1("M_W"), address, 1, data, 0);
+            } else {
+                KEY_ADDRESS k;
+                k.hostNumber = i;
+                k.rcpDataIndex = 0;
+                k.keyNo = keyNo;
+                k.regName = QString::fromLatin1(i % 5 == 4 ? "Q_W" : "M_W");
+                k.address = address;
+                k.unitMark = 0;
+                k.length = 1 + i % 3;
+                std::memset(k.data, 0, sizeof k.data);
+                sum += s.plugin.addConditionRead(&k, i % 7);
+            }
+        }
+        s.obs.num(writes ? "burst setData results" : "burst addConditionRead results", sum);
+    });
+    fig_.calls[writes ? EpSetData : EpAddConditionRead] += uint64_t(n);
+    // Half the time the host then polls for a while without a fault, long enough to work
+    // through a full queue.
+    if (chance(50)) {
+        if (!compare())
+            throw Difference();
+        actQuietRun(range(550, 800));
+    }
+}
+
+// Polling turns in a row without faults, each compared on its own.
+void Run::actQuietRun(int turns)
+{
+    for (int t = 1; t <= turns; ++t) {
+        side_[0]->obs.clear();
+        side_[1]->obs.clear();
+        actPoll(true);
+        action_ = "quiet polling, turn " + std::to_string(t) + " of " + std::to_string(turns) + ": " + action_;
+        if (!compare())
+            throw Difference();
+    }
+    side_[0]->obs.clear();
+    side_[1]->obs.clear();
+    action_ = "quiet polling, " + std::to_string(turns) + " turns";
+}
+
 void Run::recordFrame(Side& s, int r, const FRAME_PRO& f)
 {
     s.obs.num("getSendFrame", r);
@@ -1018,7 +1097,7 @@ QByteArray Run::spoil(const FRAME_PRO& f, const std::vector<uint8_t>& good, Faul
     return r;
 }
 
-void Run::actPoll()
+void Run::actPoll(bool quiet)
 {
     action_ = "polling turn";
     FRAME_PRO frames[2];
@@ -1049,7 +1128,7 @@ void Run::actPoll()
 
     // The fault, if any.
     FaultKind kind = FaultNone;
-    if (chance(18)) {
+    if (!quiet && chance(18)) {
         static const FaultKind kKinds[]
             = {FaultNoReplyEmpty, FaultNoReplyEmpty, FaultNoReplyNothing, FaultNoReplyNothing, FaultShort, FaultShort,
                 FaultLong, FaultGarbage, FaultCorrupt, FaultCorrupt, FaultOversized, FaultAdsError, FaultAdsError,
@@ -1059,7 +1138,7 @@ void Run::actPoll()
             kind = FaultNoReplyEmpty;
     }
     // The handshake's 1024-byte piece: the rest follows as a second piece.
-    if (f.frame[22] == 6 && chance(10))
+    if (!quiet && f.frame[22] == 6 && chance(10))
         kind = FaultFull1024;
     fig_.faults[kind]++;
 
@@ -1181,6 +1260,10 @@ int Run::run()
                 actPropertyPage();
             else if (pick < 943)
                 actSetCallback();
+            else if (pick < 946)
+                actBurst(true);
+            else if (pick < 948)
+                actBurst(false);
             else
                 actPoll();
             if (gTrace) {
@@ -1309,6 +1392,9 @@ int runSeed(const Options& o, uint32_t seed, int fd)
     std::fflush(stdout);
     if (rc != 0)
         return 1;
+    // Unloading runs each driver's destruction: a crash there fails the seed too.
+    dlclose(b->plugin.handle);
+    dlclose(a->plugin.handle);
     const char* p = reinterpret_cast<const char*>(&fig);
     size_t left = sizeof fig;
     while (left > 0) {
@@ -1321,6 +1407,32 @@ int runSeed(const Options& o, uint32_t seed, int fd)
     return 0;
 }
 
+bool sameFile(const std::string& a, const std::string& b)
+{
+    struct stat sa;
+    struct stat sb;
+    return stat(a.c_str(), &sa) == 0 && stat(b.c_str(), &sb) == 0 && sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
+}
+
+bool copyFile(const std::string& from, const std::string& to)
+{
+    std::FILE* in = std::fopen(from.c_str(), "rb");
+    if (!in)
+        return false;
+    std::FILE* out = std::fopen(to.c_str(), "wb");
+    if (!out) {
+        std::fclose(in);
+        return false;
+    }
+    char buf[65536];
+    size_t n;
+    bool ok = true;
+    while ((n = std::fread(buf, 1, sizeof buf, in)) > 0)
+        ok = ok && std::fwrite(buf, 1, n, out) == n;
+    std::fclose(in);
+    return std::fclose(out) == 0 && ok;
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
@@ -1329,6 +1441,43 @@ int main(int argc, char** argv)
     int rc = 0;
     if (!parse(argc, argv, o, rc))
         return rc;
+
+    // The same file twice (the build checked against itself, which tests the check's own
+    // determinism): dlopen would hand out one library twice, with one driver object, so
+    // the second side loads a private copy.
+    std::string copyDir;
+    if (sameFile(o.before, o.after)) {
+        char templ[] = "/tmp/ads-differential-XXXXXX";
+        const char* tmp = std::getenv("TMPDIR");
+        std::string t = std::string(tmp && *tmp ? tmp : "/tmp") + "/ads-differential-XXXXXX";
+        std::vector<char> buf(t.begin(), t.end());
+        buf.push_back('\0');
+        const char* dir = mkdtemp(buf.data());
+        if (!dir)
+            dir = mkdtemp(templ);
+        if (!dir) {
+            std::perror("differential: mkdtemp");
+            return 2;
+        }
+        copyDir = dir;
+        const std::string copy = copyDir + "/libads_ethernet.so";
+        if (!copyFile(o.after, copy)) {
+            std::fprintf(stderr, "differential: cannot copy %s to %s\n", o.after.c_str(), copy.c_str());
+            return 2;
+        }
+        std::printf("differential: --before and --after are the same file; the after side loads a copy\n");
+        o.after = copy;
+    }
+    struct Cleanup {
+        std::string dir;
+        ~Cleanup()
+        {
+            if (!dir.empty()) {
+                std::remove((dir + "/libads_ethernet.so").c_str());
+                rmdir(dir.c_str());
+            }
+        }
+    } cleanup {copyDir};
 
     Figures total;
     long long passed = 0;
