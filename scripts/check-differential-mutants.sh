@@ -31,7 +31,7 @@ while (($#)); do
     --baseline) baseline=${2:?--baseline needs a commit}; shift 2 ;;
     --work) work=${2:?--work needs a folder}; shift 2 ;;
     --only) only=${2:?--only needs a mutant name}; shift 2 ;;
-    -h|--help) sed -n '2,12p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
+    -h|--help) awk 'NR > 1 && /^#/ { sub(/^# ?/, ""); print; next } NR > 1 { exit }' "$0"; exit 0 ;;
     *) die "unknown argument: $1 (see --help)" ;;
   esac
 done

@@ -13,6 +13,7 @@
 #   --after-plugin P   take this plugin as the AFTER build instead of building the working tree
 #   --work DIR         build folders (default ${TMPDIR:-/tmp}/ads-differential); the baseline
 #                      build there is kept and reused for the same commit
+#   --qt6              build the two plugins and the harness against Qt 6 (default Qt 5)
 #
 # The BEFORE plugin is built from `git archive` of the baseline commit with a plugin-only
 # CMake build (-DADS_BUILD_TESTS=OFF -DADS_BUILD_TOOLS=OFF); the AFTER plugin the same way
@@ -28,6 +29,8 @@ baseline=""
 after_plugin=""
 work=${TMPDIR:-/tmp}/ads-differential
 jobs=${ADS_DIFF_JOBS:-2}
+qt=()
+flavour=""
 
 die() {
   echo "run-differential: $*" >&2
@@ -42,7 +45,8 @@ while (($#)); do
     --baseline) baseline=${2:?--baseline needs a commit}; shift 2 ;;
     --after-plugin) after_plugin=${2:?--after-plugin needs a path}; shift 2 ;;
     --work) work=${2:?--work needs a folder}; shift 2 ;;
-    -h|--help) sed -n '2,22p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
+    --qt6) qt=(-DADS_QT6=ON); flavour=-qt6; shift ;;
+    -h|--help) awk 'NR > 1 && /^#/ { sub(/^# ?/, ""); print; next } NR > 1 { exit }' "$0"; exit 0 ;;
     *) die "unknown argument: $1 (see --help)" ;;
   esac
 done
@@ -69,34 +73,34 @@ fi
 grep -q 'ADS_BUILD_TESTS' "$base/src/CMakeLists.txt" && grep -q 'ADS_BUILD_TOOLS' "$base/src/CMakeLists.txt" \
   || die "baseline $baseline has no ADS_BUILD_TESTS/ADS_BUILD_TOOLS options: no plugin-only build"
 echo "run-differential: building the BEFORE plugin from ${full:0:12}"
-cmake -S "$base/src" -B "$base/build" -DADS_BUILD_TESTS=OFF -DADS_BUILD_TOOLS=OFF > "$base/configure.log" 2>&1 \
+cmake -S "$base/src" -B "$base/build$flavour" "${qt[@]}" -DADS_BUILD_TESTS=OFF -DADS_BUILD_TOOLS=OFF > "$base/configure.log" 2>&1 \
   || { cat "$base/configure.log" >&2; die "the baseline does not configure"; }
-cmake --build "$base/build" -j"$jobs" --target ads_ethernet > "$base/build.log" 2>&1 \
+cmake --build "$base/build$flavour" -j"$jobs" --target ads_ethernet > "$base/build.log" 2>&1 \
   || { tail -40 "$base/build.log" >&2; die "the baseline plugin does not build"; }
-before_plugin=$base/build/src/libads_ethernet.so
+before_plugin=$base/build$flavour/src/libads_ethernet.so
 [[ -f "$before_plugin" ]] || die "no baseline plugin at $before_plugin"
 
 # ---------------------------------------------------------------- AFTER: the working tree
 if [[ -z "$after_plugin" ]]; then
   echo "run-differential: building the AFTER plugin from the working tree $root"
-  cmake -S "$root" -B "$work/after" -DADS_BUILD_TESTS=OFF -DADS_BUILD_TOOLS=OFF > "$work/after-configure.log" 2>&1 \
+  cmake -S "$root" -B "$work/after$flavour" "${qt[@]}" -DADS_BUILD_TESTS=OFF -DADS_BUILD_TOOLS=OFF > "$work/after-configure.log" 2>&1 \
     || { cat "$work/after-configure.log" >&2; die "the working tree does not configure"; }
-  cmake --build "$work/after" -j"$jobs" --target ads_ethernet > "$work/after-build.log" 2>&1 \
+  cmake --build "$work/after$flavour" -j"$jobs" --target ads_ethernet > "$work/after-build.log" 2>&1 \
     || { tail -40 "$work/after-build.log" >&2; die "the working tree's plugin does not build"; }
-  after_plugin=$work/after/src/libads_ethernet.so
+  after_plugin=$work/after$flavour/src/libads_ethernet.so
 fi
 [[ -f "$after_plugin" ]] || die "no AFTER plugin at $after_plugin"
 
 # ---------------------------------------------------------------- the harness
-cmake -S "$root/tests/differential" -B "$work/harness" > "$work/harness-configure.log" 2>&1 \
+cmake -S "$root/tests/differential" -B "$work/harness$flavour" "${qt[@]}" > "$work/harness-configure.log" 2>&1 \
   || { cat "$work/harness-configure.log" >&2; die "the harness does not configure"; }
-cmake --build "$work/harness" -j"$jobs" > "$work/harness-build.log" 2>&1 \
+cmake --build "$work/harness$flavour" -j"$jobs" > "$work/harness-build.log" 2>&1 \
   || { tail -40 "$work/harness-build.log" >&2; die "the harness does not build"; }
 built=$SECONDS
 echo "run-differential: builds ready in $((built - started)) s; BEFORE $before_plugin, AFTER $after_plugin"
 
 set +e
-"$work/harness/differential" --before "$before_plugin" --after "$after_plugin" \
+"$work/harness$flavour/differential" --before "$before_plugin" --after "$after_plugin" \
   --seeds "$seeds" --steps "$steps" --first-seed "$first"
 rc=$?
 set -e
