@@ -184,7 +184,18 @@ std::string hexOf(const std::string& v, size_t limit = 2048)
     return out + " (" + std::to_string(v.size()) + " bytes)";
 }
 
-std::string render(const Item& it) { return it.label + " = " + (it.binary ? hexOf(it.value) : it.value); }
+std::string render(const Item& it, size_t limit = 2048)
+{
+    return it.label + " = " + (it.binary ? hexOf(it.value, limit) : it.value);
+}
+
+// A binary value from `from` on, for showing where two values part.
+std::string hexFrom(const std::string& v, size_t from, size_t limit)
+{
+    if (from >= v.size())
+        return "(ends at " + std::to_string(v.size()) + " bytes)";
+    return "[" + std::to_string(from) + "..] " + hexOf(v.substr(from), limit);
+}
 
 // ------------------------------------------------------------------------------------------
 // Figures, summed over the seeds (a child hands its figures to the parent through a pipe).
@@ -505,18 +516,21 @@ void Run::report(size_t index)
         while (k < x.size() && k < y.size() && x[k] == y[k])
             ++k;
         std::printf("    %s: first differing byte at offset %zu\n", a[index].label.c_str(), k);
+        const size_t from = k >= 8 ? k - 8 : 0;
+        std::printf("      before: %s\n", hexFrom(x, from, 48).c_str());
+        std::printf("      after:  %s\n", hexFrom(y, from, 48).c_str());
     }
     std::printf("    before (%s): %s\n", side_[0]->plugin.path.c_str(),
-        index < a.size() ? render(a[index]).c_str() : "<no more items>");
+        index < a.size() ? render(a[index], 256).c_str() : "<no more items>");
     std::printf("    after  (%s): %s\n", side_[1]->plugin.path.c_str(),
-        index < b.size() ? render(b[index]).c_str() : "<no more items>");
+        index < b.size() ? render(b[index], 256).c_str() : "<no more items>");
     const size_t shown = 60;
     for (int s = 0; s < 2; ++s) {
         const std::vector<Item>& v = s == 0 ? a : b;
         std::printf("  %s observation (%zu items%s):\n", s == 0 ? "before" : "after", v.size(),
             v.size() > shown ? ", the first 60" : "");
         for (size_t i = 0; i < v.size() && i < shown; ++i)
-            std::printf("    %s%s\n", i == index ? "> " : "  ", render(v[i]).c_str());
+            std::printf("    %s%s\n", i == index ? "> " : "  ", render(v[i], 48).c_str());
     }
     std::printf("  replay: differential --before %s --after %s --first-seed %u --seeds 1 --steps %d\n",
         side_[0]->plugin.path.c_str(), side_[1]->plugin.path.c_str(), seed_, steps_);
