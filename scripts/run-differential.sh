@@ -10,7 +10,8 @@
 #   --steps M          host actions per seed (default 2000)
 #   --first-seed S     first seed (default 1); with --seeds 1 it replays one seed
 #   --baseline COMMIT  the BEFORE build (default: tests/differential/BASELINE)
-#   --after-plugin P   take this plugin as the AFTER build instead of building the working tree
+#   --after-plugin P   take this plugin (or the plugin of this build folder) as the AFTER
+#                      build instead of building the working tree
 #   --work DIR         build folders (default ${TMPDIR:-/tmp}/ads-differential); the baseline
 #                      build there is kept and reused for the same commit
 #   --qt6              build the two plugins and the harness against Qt 6 (default Qt 5)
@@ -88,6 +89,9 @@ if [[ -z "$after_plugin" ]]; then
   cmake --build "$work/after$flavour" -j"$jobs" --target ads_ethernet > "$work/after-build.log" 2>&1 \
     || { tail -40 "$work/after-build.log" >&2; die "the working tree's plugin does not build"; }
   after_plugin=$work/after$flavour/src/libads_ethernet.so
+fi
+if [[ -d "$after_plugin" ]]; then
+  after_plugin=$after_plugin/src/libads_ethernet.so
 fi
 [[ -f "$after_plugin" ]] || die "no AFTER plugin at $after_plugin"
 
