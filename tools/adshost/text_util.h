@@ -3,8 +3,9 @@
 #ifndef ADSHOST_TEXT_UTIL_H
 #define ADSHOST_TEXT_UTIL_H
 
+#include "adstool/deadline_io.h"
+
 #include <cerrno>
-#include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <string>
@@ -14,11 +15,7 @@ namespace adshost {
 namespace util {
 
 // Milliseconds of a monotonic clock.
-inline int64_t nowMs()
-{
-    using namespace std::chrono;
-    return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
-}
+inline int64_t nowMs() { return adstool::nowMs(); }
 
 // The fields of `s` between the separators; an empty text gives one empty field.
 inline std::vector<std::string> split(const std::string& s, char sep)
