@@ -340,7 +340,7 @@ TEST(ProbeSourceNetId, TakesTheAddressThatContainsTheFirstTwoNetIdParts)
 TEST(ProbeSourceNetId, NoMatchingAddressGivesNone)
 {
     EXPECT_EQ(panelAddressFor("192.168.1.100.1.1", {"10.0.0.5"}), "");
-    EXPECT_EQ(panelAddressFor("192.168.1.100.1.1", {"127.0.0.1", "0.0.0.0", "192.0.2.2"}), "");
+    EXPECT_EQ(panelAddressFor("192.168.1.100.1.1", {"127.0.0.1", "192.0.2.2"}), "");
 }
 
 TEST(ProbeSourceNetId, TestIsOnTheTextNotOnTheSubnet)
@@ -354,15 +354,16 @@ TEST(ProbeSourceNetId, FirstMatchInInterfaceOrderWins)
     EXPECT_EQ(panelAddressFor("192.168.1.100.1.1", {"192.168.2.7", "192.168.1.20"}), "192.168.2.7");
 }
 
-TEST(ProbeSourceNetId, SkipsOnlyNullAndLoopbackAddress)
+TEST(ProbeSourceNetId, SkipsOnlyTheLoopbackAddress)
 {
     EXPECT_EQ(panelAddressFor("127.0.0.1.1.1", {"127.0.0.1", "127.0.0.2"}), "127.0.0.2");
-    EXPECT_EQ(panelAddressFor("0.0.1.2.1.1", {"0.0.0.0", "10.0.0.5"}), "10.0.0.5");
+    // As the driver does: 0.0.0.0 is not QHostAddress's null address (test_probe_agrees_with_driver).
+    EXPECT_EQ(panelAddressFor("0.0.1.2.1.1", {"0.0.0.0", "10.0.0.5"}), "0.0.0.0");
 }
 
 TEST(ProbeSourceNetId, NetIdOfFewerThanTwoPartsTakesAnyAddress)
 {
-    EXPECT_EQ(panelAddressFor("77", {"127.0.0.1", "0.0.0.0", "10.0.0.5", "192.168.1.20"}), "10.0.0.5");
+    EXPECT_EQ(panelAddressFor("77", {"127.0.0.1", "10.0.0.5", "192.168.1.20"}), "10.0.0.5");
     EXPECT_EQ(panelAddressFor("", {"127.0.0.1", "172.16.0.9"}), "172.16.0.9");
 }
 

@@ -440,8 +440,10 @@ int main(int argc, char** argv)
             return false;
         };
         // The screen first: after the handshake, once every block has been read.
-        waitUntil(
-            [&] { return session.handshakeDone() && (session.blocks() == 0 || session.stats().fullRefreshes >= 1); });
+        if (!waitUntil([&] {
+                return session.handshakeDone() && (session.blocks() == 0 || session.stats().fullRefreshes >= 1);
+            }))
+            return;  // never handed over: reported as not finished
         std::vector<int> ids;
         for (const adshost::Write& w : writes)
             ids.push_back(session.write(w));

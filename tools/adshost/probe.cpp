@@ -468,7 +468,9 @@ std::string panelAddressFor(const std::string& plcNetId, const std::vector<std::
 {
     const std::vector<std::string> parts = split(plcNetId, '.');
     for (const std::string& a : addresses) {
-        if (a == "0.0.0.0" || a == "127.0.0.1")
+        // The driver skips the loopback address 127.0.0.1 and QHostAddress's null address,
+        // which no interface lists; 0.0.0.0 is not null to QHostAddress, so it is taken.
+        if (a == "127.0.0.1" || a.empty())
             continue;
         if (parts.size() < 2)
             return a;

@@ -37,7 +37,7 @@ struct Options {
 };
 
 // The panel address the driver takes for a PLC Net ID: the first address of `addresses`
-// (IPv4 dotted texts in interface order) that is neither 0.0.0.0 nor 127.0.0.1 and whose
+// (IPv4 dotted texts in interface order) that is not 127.0.0.1 and whose
 // text contains the first and the second part of the Net ID as substrings (any address
 // when the Net ID has fewer than two parts). Empty when none matches.
 std::string panelAddressFor(const std::string& plcNetId, const std::vector<std::string>& addresses);
