@@ -157,6 +157,23 @@ TEST_F(CommissioningE2E, WriteRefusedWithAnAdsErrorIsFailedWithTheCode)
     EXPECT_EQ(sim.get(M, 10, 2), (std::vector<uint8_t> {0, 0}));
 }
 
+// A condition read the PLC answers with an ADS error (shorter than the data asked for): the
+// driver gives up and reports -1; the host names the code of the PLC's answer.
+TEST_F(CommissioningE2E, ConditionReadRefusedWithAnAdsErrorIsFailedWithTheCode)
+{
+    ASSERT_EQ(sim.command("fault-code 0x703"), "ok");
+    ASSERT_TRUE(sim.fault("adserror", 4));  // the handshake's answer (accepted) and three reads
+    const e2e::RunResult r = e2e::runProgram(base({"--condition", "M_W:300:2", "--retries", "3"}), 20000);
+    ASSERT_FALSE(r.timedOut);
+    EXPECT_EQ(r.exitCode, 6) << r.out << r.err;
+    const std::string meaning
+        = "ADS error 0x703 (invalid index offset): the address lies beyond the PLC's area; check the address";
+    EXPECT_TRUE(hasLine(r.out, "condition read: FAILED M_W:300:2: given up after the retry limit: " + meaning))
+        << r.out;
+    EXPECT_TRUE(hasLine(r.out, "value M_W:300:2 = never read (condition)")) << r.out;
+    EXPECT_EQ(r.err, "adshost: communication error 1#M_W300(4)(46): " + meaning + "\n");
+}
+
 TEST_F(CommissioningE2E, WrongNetIdStopsWithTheAmsErrorAndTheFix)
 {
     std::vector<std::string> args = base({"--watch", "M_W:0:2", "--write", "M_W:10=1", "--duration", "20"});

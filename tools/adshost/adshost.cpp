@@ -5,6 +5,9 @@
 #include "probe.h"
 #include "text_util.h"
 
+#include "adstool/le.h"
+#include "adstool/netid.h"
+
 #include <arpa/inet.h>
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -78,10 +81,7 @@ bool parseDecimal(const std::string& text, long long& out)
     return true;
 }
 
-uint32_t le32(const uint8_t* p)
-{
-    return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24;
-}
+uint32_t le32(const uint8_t* p) { return adstool::getU32(p); }
 
 char areaOfGroup(uint32_t group)
 {
@@ -97,12 +97,7 @@ char areaOfGroup(uint32_t group)
     }
 }
 
-std::string netIdOf(const uint8_t* p)
-{
-    char buf[32];
-    std::snprintf(buf, sizeof buf, "%u.%u.%u.%u.%u.%u", p[0], p[1], p[2], p[3], p[4], p[5]);
-    return buf;
-}
+std::string netIdOf(const uint8_t* p) { return adstool::NetId::fromBytes(p).str(); }
 
 }  // namespace
 
@@ -452,6 +447,7 @@ struct Session::Impl {
     bool handshakeDone = false;
     bool anyReply = false;  // a byte of a reply ever arrived
     bool openFailedOnAddress = false;
+    std::string sourceNetId;        // the Net ID the driver sends as (from its last frame)
     std::vector<uint8_t> inFlight;  // the frame the codes below belong to
     ReplyCodes frameCodes;          // the last codes of a reply to that frame
     std::vector<bool> known[3];     // bytes of I, Q, M read from (or confirmed by) the PLC
@@ -1112,6 +1108,7 @@ Exchange Session::step()
         std::lock_guard<std::mutex> g(s.lock);
         if (!reply.empty())
             s.anyReply = true;
+        s.sourceNetId = ex.sourceNetId;
         if (ex.frame != s.inFlight) {
             s.inFlight = ex.frame;
             s.frameCodes = ReplyCodes();
@@ -1354,7 +1351,7 @@ void Session::onChange(int context, int keyNo, const std::string& text, int addr
             } else {
                 d->fail(r, d->frameCodes,
                     "given up after the retry limit: "
-                        + d->meaning(d->frameCodes, d->cfg.amsPort, std::string(), false, false, 0));
+                        + d->meaning(d->frameCodes, d->cfg.amsPort, d->sourceNetId, false, false, 0));
             }
             break;
         }

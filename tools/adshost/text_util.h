@@ -5,9 +5,7 @@
 
 #include "adstool/deadline_io.h"
 
-#include <cerrno>
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -32,20 +30,6 @@ inline std::vector<std::string> split(const std::string& s, char sep)
     }
     out.push_back(cur);
     return out;
-}
-
-// A whole decimal number from lo to hi; false for anything else.
-inline bool toInt(const std::string& s, long long lo, long long hi, long long& out)
-{
-    if (s.empty())
-        return false;
-    char* end = nullptr;
-    errno = 0;
-    const long long v = std::strtoll(s.c_str(), &end, 10);
-    if (errno || *end || v < lo || v > hi)
-        return false;
-    out = v;
-    return true;
 }
 
 }  // namespace util
