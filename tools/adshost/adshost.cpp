@@ -5,6 +5,7 @@
 #include "probe.h"
 #include "text_util.h"
 
+#include "adstool/deadline_io.h"
 #include "adstool/le.h"
 #include "adstool/netid.h"
 
@@ -623,36 +624,11 @@ struct Session::Impl {
             why = "PLC address '" + cfg.plcHost + "' is not an IPv4 address";
             return false;
         }
-        const int s = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+        std::string err;
+        const int s = adstool::connectTcp(cfg.plcHost, cfg.plcPort, adstool::Deadline(cfg.connectTimeoutMs), &err);
         if (s < 0) {
-            why = std::string("socket: ") + std::strerror(errno);
+            why = "cannot " + err;  // "cannot connect to HOST:PORT: Connection refused"
             return false;
-        }
-        const int one = 1;
-        ::setsockopt(s, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-        const std::string where = cfg.plcHost + ":" + std::to_string(cfg.plcPort);
-        if (::connect(s, reinterpret_cast<sockaddr*>(&a), sizeof a) < 0) {
-            if (errno != EINPROGRESS) {
-                why = "cannot connect to " + where + ": " + std::strerror(errno);
-                ::close(s);
-                return false;
-            }
-            pollfd p {s, POLLOUT, 0};
-            const int r = ::poll(&p, 1, cfg.connectTimeoutMs);
-            if (r != 1) {
-                why = "cannot connect to " + where + ": no answer within " + std::to_string(cfg.connectTimeoutMs)
-                    + " ms";
-                ::close(s);
-                return false;
-            }
-            int err = 0;
-            socklen_t len = sizeof err;
-            ::getsockopt(s, SOL_SOCKET, SO_ERROR, &err, &len);
-            if (err) {
-                why = "cannot connect to " + where + ": " + std::strerror(err);
-                ::close(s);
-                return false;
-            }
         }
         // Connected: from now on blocking, with the reply time-out on receiving, so that a
         // reply costs one recv() as in the plainest client.
@@ -766,23 +742,8 @@ struct Session::Impl {
 
     bool sendFrame(const uint8_t* p, size_t len)
     {
-        // One send() for the whole frame; the loop only covers a full send buffer.
-        const int64_t deadline = nowMs() + cfg.replyTimeoutMs;
-        size_t done = 0;
-        while (done < len) {
-            const ssize_t n = ::send(fd, p + done, len - done, MSG_NOSIGNAL);
-            if (n > 0) {
-                done += size_t(n);
-                continue;
-            }
-            if (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)
-                return false;
-            pollfd pf {fd, POLLOUT, 0};
-            const int64_t left = deadline - nowMs();
-            if (left <= 0 || ::poll(&pf, 1, int(left)) <= 0)
-                return false;
-        }
-        return true;
+        // One send() for the whole frame; the helper only waits when the send buffer is full.
+        return adstool::sendAll(fd, p, len, adstool::Deadline(cfg.replyTimeoutMs)) == adstool::IoStatus::Ok;
     }
 
     // Assembles one reply by the AMS/TCP length field and hands over exactly that frame;
