@@ -488,8 +488,8 @@ struct Session::Impl {
     }
 
     // The meaning of a reply's codes with the likely fix; `port` is where the frame went.
-    std::string meaning(
-        const ReplyCodes& c, int port, const std::string& source, bool timedOut, bool lost, int replyBytes) const
+    std::string meaning(const ReplyCodes& c, int port, const std::string& source, bool timedOut, bool lost,
+        int replyBytes, bool addressed = true) const
     {
         if (c.header && c.amsError == 0x7)
             return "AMS error 0x7 (target machine not found): the PLC's AMS Net ID is not " + cfg.netId
@@ -501,6 +501,8 @@ struct Session::Impl {
             return codesText(c);
         if (c.hasResult && c.adsResult != 0) {
             std::string t = codesText(c);
+            if (!addressed)  // the handshake names no address of the user's
+                return t;
             switch (c.adsResult) {
             case 0x701:
                 return t + ": the PLC does not offer this request";
@@ -529,8 +531,8 @@ struct Session::Impl {
     void settle(const Exchange& ex, bool recipeWriteUp, bool recipeReadUp)
     {
         const ReplyCodes& fc = frameCodes;
-        const std::string why
-            = meaning(fc, ex.targetPort, ex.sourceNetId, ex.timedOut, ex.connectionLost, ex.replyBytes);
+        const std::string why = meaning(
+            fc, ex.targetPort, ex.sourceNetId, ex.timedOut, ex.connectionLost, ex.replyBytes, ex.purpose != 'H');
         if (ex.purpose == 'H' && ex.result == 1)
             handshakeDone = true;
         const bool hasSpan = ex.frame.size() >= 50 && (ex.commandId == 2 || ex.commandId == 3);
@@ -1292,7 +1294,9 @@ std::string Session::explain(const Exchange& ex)
     if (!c.header && ex.result == 2)
         c = d->frameCodes;
     const std::string what = ex.errorText.empty() ? std::string("(handshake)") : ex.errorText;
-    return what + ": " + d->meaning(c, ex.targetPort, ex.sourceNetId, ex.timedOut, ex.connectionLost, ex.replyBytes);
+    return what + ": "
+        + d->meaning(
+            c, ex.targetPort, ex.sourceNetId, ex.timedOut, ex.connectionLost, ex.replyBytes, ex.purpose != 'H');
 }
 
 bool Session::captureLimitReached() const { return d->pcap.limitReached(); }

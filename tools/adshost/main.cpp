@@ -498,7 +498,8 @@ int main(int argc, char** argv)
     unsigned long long done = 0;
     int64_t lastDraw = 0;
     uint64_t errorsTotal = 0;
-    std::set<std::string> errorsShown;
+    std::set<std::string> errorsShown;  // each distinct line once, ten at most
+    uint64_t errorsPrinted = 0;         // communication errors among them
     bool adsErrorSeen = false;
     std::string stopReason;
     for (;;) {
@@ -521,8 +522,17 @@ int main(int argc, char** argv)
             ++errorsTotal;
             const std::string text = session.explain(ex);
             adsErrorSeen = adsErrorSeen || (ex.codes.hasResult && ex.codes.adsResult != 0);
-            if (errorsShown.size() < 10 && errorsShown.insert(text).second)
+            if (errorsShown.size() < 10 && errorsShown.insert(text).second) {
                 out.error("communication error " + text, "communication");
+                ++errorsPrinted;
+            }
+        }
+        // A reply the driver accepted though it carries an error code (the handshake's answer
+        // has a minimum length only); writes are reported with their action.
+        if (ex.result == 1 && ex.codes.anyError() && ex.purpose != 'W' && ex.purpose != 'w') {
+            const std::string text = "reply with an error code " + session.explain(ex) + " (the driver accepted it)";
+            if (errorsShown.size() < 10 && errorsShown.insert(text).second)
+                out.error(text, "accepted error");
         }
         if (session.fatal().kind != adshost::Fatal::None)
             break;
@@ -655,7 +665,7 @@ int main(int argc, char** argv)
         out.line(text, j);
     }
 
-    if (errorsTotal > errorsShown.size() && !json)
+    if (errorsTotal > errorsPrinted && !json)
         std::fprintf(stderr, "adshost: %llu communication errors in all\n", (unsigned long long)errorsTotal);
     if (!stopReason.empty())
         out.error(stopReason, "signal");
