@@ -265,6 +265,23 @@ TEST_F(CommissioningE2E, ActionNotConfirmedInTimeIsNotFinished)
     EXPECT_EQ(sim.get(M, 10, 2), (std::vector<uint8_t> {0, 0}));
 }
 
+// Every address is checked by the driver before anything starts: no capture file, no
+// connection, one line naming the option and the rule, status 2.
+TEST_F(CommissioningE2E, WriteAddressTheDriverRefusesIsAUsageErrorBeforeAnythingStarts)
+{
+    const std::string pcap = tempPath("never.pcap");
+    const e2e::RunResult r = e2e::runProgram(base({"--write", "M_W:65535=1", "--pcap", pcap}), 20000);
+    ASSERT_FALSE(r.timedOut);
+    EXPECT_EQ(r.exitCode, 2);
+    EXPECT_EQ(r.err,
+        "adshost: --write M_W:65535: the address lies below the register's first address, or its last item beyond "
+        "the last (M_W addresses run from 0 to 65535, a byte offset; COUNT is in words); the driver's check result "
+        "2 (see adshost --help)\n");
+    EXPECT_EQ(r.out, "");
+    EXPECT_NE(::access(pcap.c_str(), F_OK), 0);
+    EXPECT_EQ(sim.counter("connections"), 0);
+}
+
 TEST_F(CommissioningE2E, BitPartBeyondSevenIsTheDriversNextByte)
 {
     ASSERT_TRUE(sim.set(M, 11, {0x02}));  // bit 11.1

@@ -855,6 +855,9 @@ bool Session::open(const Config& cfg, std::string& why)
     for (RecipeVar& v : c.recipe)
         if (!check(v.addr, 1, "--recipe"))
             return false;
+    for (Write& w : c.writes)
+        if (!check(w.addr, 1, "--write"))
+            return false;
     if (!cfg.pcapPath.empty()
         && !d->pcap.open(cfg.pcapPath, cfg.pcapRaw ? PcapWriter::LINK_RAW : PcapWriter::LINK_ETHERNET)) {
         why = "cannot write " + cfg.pcapPath + ": " + std::strerror(errno);
@@ -936,6 +939,7 @@ std::string Session::driverVersion()
 bool Session::openFailedOnAddress() const { return d->openFailedOnAddress; }
 std::vector<Address> Session::watches() const { return d->cfg.watches; }
 std::vector<Address> Session::conditions() const { return d->cfg.conditions; }
+std::vector<Write> Session::writes() const { return d->cfg.writes; }
 
 std::string Session::pluginVersion(const std::string& path, std::string& why)
 {

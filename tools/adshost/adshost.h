@@ -107,9 +107,12 @@ struct Config {
     std::vector<Address> watches;
     std::vector<RecipeVar> recipe;
     std::vector<Address> conditions;  // queued once, before polling starts
-    uint64_t pcapLimitBytes = 0;      // 0: no limit; else the capture ends before this size
-    std::string pcapPath;             // empty: no capture
-    bool pcapRaw = false;             // LINKTYPE_RAW (101) instead of Ethernet (1)
+    // Writes the host will make: open() checks their addresses with the driver (as written)
+    // before anything is configured; they are handed over with Session::write().
+    std::vector<Write> writes;
+    uint64_t pcapLimitBytes = 0;  // 0: no limit; else the capture ends before this size
+    std::string pcapPath;         // empty: no capture
+    bool pcapRaw = false;         // LINKTYPE_RAW (101) instead of Ethernet (1)
 };
 
 // One change report of the driver's value-change callback.
@@ -208,6 +211,7 @@ public:
     // The addresses of the screen and the condition reads, as the driver resolved them.
     std::vector<Address> watches() const;
     std::vector<Address> conditions() const;
+    std::vector<Write> writes() const;  // Config::writes, as the driver resolved them
     // The driver's register names (intf_getRegListByType 0: bits, 1: words).
     std::vector<std::string> registers(bool bits);
     // Connects (with the configured time-out). False with a reason.

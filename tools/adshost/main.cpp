@@ -389,6 +389,7 @@ int main(int argc, char** argv)
             return usage("--condition: " + why);
         cfg.conditions.push_back(a);
     }
+    cfg.writes = writes;
     const bool anyActions = !writes.empty() || !cfg.recipe.empty() || !cfg.conditions.empty();
     const bool haveLimit = cycles > 0 || durationS > 0;
     if (cfg.watches.empty() && !anyActions)
@@ -408,9 +409,7 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "adshost: %s\n", why.c_str());
         return ExitNoConnection;
     }
-    for (adshost::Write& w : writes)
-        if (!session.resolve(w.addr, 1, why))
-            return usage("--write " + why);
+    writes = session.writes();  // with the driver's integer addresses
     if (!session.connect(why)) {
         std::fprintf(stderr, "adshost: %s\n", why.c_str());
         return ExitNoConnection;
