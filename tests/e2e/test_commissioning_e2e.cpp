@@ -385,6 +385,47 @@ TEST_F(CommissioningE2E, CaptureLimitEndsTheCaptureOnAWholePacketWithANote)
     std::remove(pcap.c_str());
 }
 
+// Runs python3's json module over every line of `out`; returns one summary line per object
+// ("value ADDRESS READ VALUES", "action KIND WHAT STATUS ADS_RESULT", "error KIND ENDS_WITH",
+// "figures SUMS_UP", "exit STATUS"), or the checker's error.
+std::string checkJsonLines(const std::string& out, const std::string& errorTail, int& status)
+{
+    const std::string jsonPath = tempPath("out.json");
+    {
+        std::ofstream f(jsonPath);
+        f << out;
+    }
+    const std::string script = tempPath("check.py");
+    {
+        std::ofstream f(script);
+        f << "import json, sys\n"
+             "for n, line in enumerate(open(sys.argv[1]), 1):\n"
+             "    o = json.loads(line)\n"
+             "    assert isinstance(o, dict), n\n"
+             "    t = o['type']\n"
+             "    if t == 'value': print('value', o['address'], o['read'], o['values'])\n"
+             "    elif t == 'action': print('action', o['action'], o['what'], o['status'], o.get('ads_result'))\n"
+             "    elif t == 'figures': print('figures', o['requests'] == o['result1'] + o['result8'] + "
+             "o['result2'] + o['result3'] + o['result0'])\n"
+             "    elif t == 'error': print('error', o['kind'], o['message'].endswith(sys.argv[2]))\n"
+             "    elif t == 'exit': print('exit', o['status'])\n"
+             "    else: print('other', t)\n";
+    }
+    FILE* pipe = ::popen(("python3 " + script + " " + jsonPath + " '" + errorTail + "' 2>&1").c_str(), "r");
+    std::string summary;
+    if (!pipe) {
+        status = -1;
+        return summary;
+    }
+    char buf[512];
+    while (std::fgets(buf, sizeof buf, pipe))
+        summary += buf;
+    status = ::pclose(pipe);
+    std::remove(jsonPath.c_str());
+    std::remove(script.c_str());
+    return summary;
+}
+
 // --json: every line of stdout is one JSON object; python3's json module reads them.
 TEST_F(CommissioningE2E, JsonOutputIsOneValidObjectPerLine)
 {
@@ -402,35 +443,9 @@ TEST_F(CommissioningE2E, JsonOutputIsOneValidObjectPerLine)
             20000);
     ASSERT_FALSE(r.timedOut);
     EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
-    const std::string jsonPath = tempPath("out.json");
-    {
-        std::ofstream f(jsonPath);
-        f << r.out;
-    }
-    // The checker prints one summary line per object; any line that is not JSON fails it.
-    const std::string script = tempPath("check.py");
-    {
-        std::ofstream f(script);
-        f << "import json, sys\n"
-             "for n, line in enumerate(open(sys.argv[1]), 1):\n"
-             "    o = json.loads(line)\n"
-             "    assert isinstance(o, dict), n\n"
-             "    t = o['type']\n"
-             "    if t == 'value': print('value', o['address'], o['read'], o['values'])\n"
-             "    elif t == 'action': print('action', o['action'], o['what'], o['status'], o.get('ads_result'))\n"
-             "    elif t == 'figures': print('figures', o['requests'] == o['result1'] + o['result8'] + "
-             "o['result2'] + o['result3'] + o['result0'])\n"
-             "    elif t == 'error': print('error', o['kind'], o['message'].endswith(sys.argv[2]))\n"
-             "    elif t == 'exit': print('exit', o['status'])\n"
-             "    else: print('other', t)\n";
-    }
-    FILE* pipe = ::popen(("python3 " + script + " " + jsonPath + " '" + "ote.pcap' 2>&1").c_str(), "r");
-    ASSERT_NE(pipe, nullptr);
-    std::string summary;
-    char buf[512];
-    while (std::fgets(buf, sizeof buf, pipe))
-        summary += buf;
-    EXPECT_EQ(::pclose(pipe), 0) << summary << r.out;
+    int status = -1;
+    const std::string summary = checkJsonLines(r.out, "ote.pcap", status);
+    EXPECT_EQ(status, 0) << summary << r.out;
     EXPECT_EQ(summary,
         "value M_W:0 True [4660]\n"
         "value M_bit:2.0 True [1]\n"
@@ -444,9 +459,32 @@ TEST_F(CommissioningE2E, JsonOutputIsOneValidObjectPerLine)
         "figures True\n"
         "exit 0\n")
         << r.out;
-    std::remove(jsonPath.c_str());
-    std::remove(script.c_str());
     std::remove(pcap.c_str());
+}
+
+// A session that fails gives valid JSON too: the errors, the unread value, the action not
+// finished and the exit status; --duration takes fractions of a second.
+TEST_F(CommissioningE2E, JsonOutputOfAFailedSessionIsValidToo)
+{
+    if (std::system("command -v python3 >/dev/null 2>&1") != 0) {
+        GTEST_SKIP() << "python3 not installed";
+    }
+    std::vector<std::string> args = base({"--json", "--watch", "M_W:0:2", "--write", "M_W:10=1", "--duration", "0.25"});
+    args[6] = "192.168.1.101.1.1";
+    const e2e::RunResult r = e2e::runProgram(args, 20000);
+    ASSERT_FALSE(r.timedOut);
+    EXPECT_EQ(r.exitCode, 5) << r.out << r.err;
+    int status = -1;
+    const std::string summary = checkJsonLines(r.out, "check --netid", status);
+    EXPECT_EQ(status, 0) << summary << r.out;
+    EXPECT_EQ(summary,
+        "error communication True\n"
+        "value M_W:0:2 False None\n"
+        "action write M_W:10=0x0001 not finished None\n"
+        "figures True\n"
+        "error ams error True\n"
+        "exit 5\n")
+        << r.out;
 }
 
 // The driver is the one that knows the registers: adshost's bit rule (the "_bit" suffix) and

@@ -12,6 +12,11 @@
 // frame is sent. Writes may come from another thread (intf_setData); the value-change
 // callback collects the driver's change reports.
 //
+// The host reads what the driver does not: the AMS header's error code and the ADS result of
+// every reply (ReplyCodes). With them it settles the actions asked of it (writes, recipe
+// transfers, condition reads: done or failed, with the codes), tells a session that cannot go
+// on (Fatal: no answer at all, or an AMS error), and knows which addresses were ever read.
+//
 // The driver keeps one global state per loaded library, so only one Session may be open in
 // a process at a time.
 #pragma once
