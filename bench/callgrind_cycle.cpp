@@ -14,6 +14,8 @@
  */
 #include "bench_scenario.h"
 
+#include "adstool/cli.h"
+
 #include <valgrind/callgrind.h>
 
 #include <cstdio>
@@ -24,51 +26,54 @@ using namespace adsbench;
 
 int main(int argc, char** argv)
 {
-    if (argc < 3) {
-        std::fprintf(stderr, "usage: %s read UNITS CHANGING CYCLES | merge KEYS REVERSED | setdata CALLS\n", argv[0]);
-        return 2;
-    }
-    const char* what = argv[1];
-    if (std::strcmp(what, "read") == 0 && argc >= 5) {
-        const int units = std::atoi(argv[2]);
-        const bool changing = std::atoi(argv[3]) != 0;
-        const int cycles = std::atoi(argv[4]);
+    using namespace adstool::cli;
+    CLI::App app("Benchmark scenarios for callgrind", "callgrind_cycle");
+    prepare(app);
+    app.require_subcommand(1);
+    int units = 0, changing = 0, cycles = 0, keys = 0, reversed = 0, calls = 0;
+    CLI::App* read = app.add_subcommand("read", "cyclic reads of the polling scenario");
+    read->add_option("units", units)->required()->check(Number(1, 100000));
+    read->add_option("changing", changing)->required()->check(Number(0, 1));
+    read->add_option("cycles", cycles)->required()->check(Number(1, 100000000));
+    CLI::App* merge = app.add_subcommand("merge", "one intf_addrMerge of one-word keys");
+    merge->add_option("keys", keys)->required()->check(Number(1, 100000));
+    merge->add_option("reversed", reversed)->required()->check(Number(0, 1));
+    CLI::App* setdata = app.add_subcommand("setdata", "coalescing intf_setData calls of one word");
+    setdata->add_option("calls", calls)->required()->check(Number(1, 100000000));
+    const int rc = parse(app, argc, argv, "callgrind_cycle");
+    if (rc >= 0)
+        return rc;
+
+    if (read->parsed()) {
         const int blocks = setUpPolling(units);
         CycleReplies replies;
         static FRAME_PRO frame;
         QString error;
         long long cycleNo = 0;
-        warmUp(frame, replies, changing, blocks, error, cycleNo);
+        warmUp(frame, replies, changing != 0, blocks, error, cycleNo);
         const long long callbacksBefore = callbackCount();
         CALLGRIND_START_INSTRUMENTATION;
         for (int i = 0; i < cycles; ++i, ++cycleNo)
-            cycle(frame, replies.pick(changing, cycleNo, blocks), error);
+            cycle(frame, replies.pick(changing != 0, cycleNo, blocks), error);
         CALLGRIND_STOP_INSTRUMENTATION;
         std::printf("cycles=%d callbacks=%lld cached_units=%d blocks=%d\n", cycles, callbackCount() - callbacksBefore,
             cachedUnits(), blocks);
         return 0;
     }
-    if (std::strcmp(what, "merge") == 0 && argc >= 4) {
-        const int count = std::atoi(argv[2]);
-        const bool reversed = std::atoi(argv[3]) != 0;
+    if (merge->parsed()) {
         initDriver();
-        QList<KEY_ADDRESS> keys = wordKeys(count, reversed);
+        QList<KEY_ADDRESS> list = wordKeys(keys, reversed != 0);
         CALLGRIND_START_INSTRUMENTATION;
-        int blocks = intf_addrMerge(keys);
+        int blocks = intf_addrMerge(list);
         CALLGRIND_STOP_INSTRUMENTATION;
         std::printf("cycles=1 blocks=%d cached_units=%d\n", blocks, cachedUnits());
         return 0;
     }
-    if (std::strcmp(what, "setdata") == 0) {
-        const int calls = std::atoi(argv[2]);
-        CoalescingWrite writes;
-        CALLGRIND_START_INSTRUMENTATION;
-        for (int i = 0; i < calls; ++i)
-            writes.writeNext();
-        CALLGRIND_STOP_INSTRUMENTATION;
-        std::printf("cycles=%d queued=%d\n", calls, static_cast<int>(driver.writeList.size()));
-        return 0;
-    }
-    std::fprintf(stderr, "unknown or incomplete command\n");
-    return 2;
+    CoalescingWrite writes;
+    CALLGRIND_START_INSTRUMENTATION;
+    for (int i = 0; i < calls; ++i)
+        writes.writeNext();
+    CALLGRIND_STOP_INSTRUMENTATION;
+    std::printf("cycles=%d queued=%d\n", calls, static_cast<int>(driver.writeList.size()));
+    return 0;
 }

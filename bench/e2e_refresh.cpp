@@ -13,13 +13,9 @@
  * Prints one line per turn and a final "ratio" line (host refreshes / raw refreshes).
  */
 #include "adshost.h"
+#include "adstool/cli.h"
+#include "adstool/deadline_io.h"
 #include "plcsim_control.h"
-
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
@@ -43,54 +39,19 @@ double nowSeconds()
     return duration<double>(steady_clock::now().time_since_epoch()).count();
 }
 
-/* The floor: a blocking socket, one request out, one reply in, nothing else. */
+/* The floor: one request out, one reply in (deadline I/O of 2 s each), nothing else. */
 class RawClient {
 public:
-    ~RawClient()
-    {
-        if (fd_ >= 0)
-            ::close(fd_);
-    }
-    bool connect(uint16_t port)
-    {
-        fd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        if (fd_ < 0)
-            return false;
-        int one = 1;
-        ::setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-        timeval tv {2, 0};
-        ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-        sockaddr_in a {};
-        a.sin_family = AF_INET;
-        a.sin_port = htons(port);
-        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        return ::connect(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
-    }
+    bool connect(uint16_t port) { return tcp_.connect("127.0.0.1", port, 2000); }
     /* Sends the frame and reads one whole reply; false on any failure. */
     bool exchange(const std::vector<uint8_t>& frame)
     {
-        if (::send(fd_, frame.data(), frame.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(frame.size()))
-            return false;
-        if (!readExact(6))
-            return false;
-        uint32_t len = uint32_t(buf_[2]) | uint32_t(buf_[3]) << 8 | uint32_t(buf_[4]) << 16 | uint32_t(buf_[5]) << 24;
-        return len < sizeof(buf_) - 6 && readExact(len, 6);
+        return tcp_.sendAll(frame, 2000) && tcp_.readFrame(reply_, 2000);
     }
 
 private:
-    bool readExact(size_t n, size_t at = 0)
-    {
-        size_t got = 0;
-        while (got < n) {
-            ssize_t r = ::recv(fd_, buf_ + at + got, n - got, 0);
-            if (r <= 0)
-                return false;
-            got += static_cast<size_t>(r);
-        }
-        return true;
-    }
-    int fd_ = -1;
-    uint8_t buf_[4096];
+    adstool::TcpStream tcp_;
+    std::vector<uint8_t> reply_;
 };
 
 struct Turn {
@@ -114,27 +75,25 @@ int main(int argc, char** argv)
     int addresses = 500;
     std::string driverPath = ADS_DRIVER_PLUGIN;
     std::string plcsimPath = PLCSIM_EXE;
-    for (int i = 1; i + 1 < argc; i += 2) {
-        std::string a = argv[i];
-        if (a == "--seconds")
-            seconds = std::atof(argv[i + 1]);
-        else if (a == "--turns")
-            turns = std::atoi(argv[i + 1]);
-        else if (a == "--addresses")
-            addresses = std::atoi(argv[i + 1]);
-        else if (a == "--driver")
-            driverPath = argv[i + 1];
-        else if (a == "--plcsim")
-            plcsimPath = argv[i + 1];
-        else
-            return fail("unknown option " + a);
+    {
+        using namespace adstool::cli;
+        CLI::App app(
+            "End-to-end refresh rate of the reference host against plcsim, and of a raw client", "e2e_refresh");
+        prepare(app);
+        app.add_option("--seconds", seconds, "seconds per turn (default 2)")->check(Real(0.001, 600, "seconds"));
+        app.add_option("--turns", turns, "turns of host and raw client (default 2)")->check(Number(1, 100));
+        app.add_option("--addresses", addresses, "one-word addresses on the screen (default 500)")
+            ->check(Number(1, 16000));
+        app.add_option("--driver", driverPath, "the driver plugin");
+        app.add_option("--plcsim", plcsimPath, "the plcsim executable");
+        const int rc = parse(app, argc, argv, "e2e_refresh");
+        if (rc >= 0)
+            return rc;
     }
-    if (seconds <= 0 || seconds > 600 || turns < 1 || turns > 100 || addresses < 1 || addresses > 16000)
-        return fail("option out of range");
 
     plcsim::Process sim;
     if (!sim.start(plcsimPath, {"--listen", "127.0.0.1:0"}))
-        return fail("could not start " + plcsimPath);
+        return fail("could not start " + plcsimPath + ": " + sim.error());
 
     adshost::Config cfg;
     cfg.driverPath = driverPath;

@@ -6,6 +6,7 @@ packages=(
   build-essential cmake pkg-config
   qtbase5-dev qt6-base-dev libgl-dev         # Qt 5 (default) and Qt 6 builds
   libgtest-dev googletest libbenchmark-dev   # tests and benchmarks
+  libcli11-dev                              # command lines of the tools (header-only)
   clang libclang-rt-14-dev                   # fuzzing and sanitizers
   iproute2 util-linux                        # network namespaces in tests
   python3                                   # the tshark conformance check

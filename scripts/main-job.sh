@@ -26,52 +26,18 @@ for f in "$plugin" "$plcsim" "$adshost"; do
 done
 
 work=$(mktemp -d)
-sim_pid=
-stop_sim() {
-  # Stops the simulator started here, by its PID: SIGTERM, then at most five seconds.
-  [[ -n $sim_pid ]] || return 0
-  local pid=$sim_pid status=0
-  sim_pid=
-  kill -TERM "$pid" 2>/dev/null || true
-  for _ in $(seq 1 50); do
-    kill -0 "$pid" 2>/dev/null || break
-    sleep 0.1
-  done
-  if kill -0 "$pid" 2>/dev/null; then
-    echo "main-job: plcsim did not stop on SIGTERM; killing it" >&2
-    kill -KILL "$pid" 2>/dev/null || true
-  fi
-  wait "$pid" 2>/dev/null || status=$?
-  return "$status"
-}
-trap 'stop_sim || true; rm -rf "$work"' EXIT
+source "$here/scripts/lib/plcsim.sh"
+trap 'stop_plcsim || true; rm -rf "$work"' EXIT
 
-"$plcsim" --listen 127.0.0.1:0 --control 127.0.0.1:0 --log "$work/plcsim.log" >"$work/plcsim.out" &
-sim_pid=$!
-for _ in $(seq 1 50); do
-  [[ $(wc -l <"$work/plcsim.out") -ge 2 ]] && break
-  kill -0 "$sim_pid" 2>/dev/null || break
-  sleep 0.1
-done
-listen=$(sed -n 's/^listening on //p' "$work/plcsim.out")
-control=$(sed -n 's/^control on //p' "$work/plcsim.out")
-if [[ -z $listen || -z $control ]]; then
-  echo "main-job: plcsim did not report its ports" >&2
+if ! start_plcsim "$plcsim" --listen 127.0.0.1:0 --control 127.0.0.1:0 --log "$work/plcsim.log"; then
+  echo "main-job: plcsim did not start" >&2
   exit 1
 fi
-port=${listen##*:}
-cport=${control##*:}
-echo "plcsim (pid $sim_pid) listening on $listen, control on $control"
+listen=127.0.0.1:$PLCSIM_PORT
+control=127.0.0.1:$PLCSIM_CONTROL_PORT
+echo "plcsim (pid $PLCSIM_PID) listening on $listen, control on $control, AMS Net ID $PLCSIM_NETID"
 
-# One line to the control port, one reply line back.
-ctl() {
-  local reply=
-  exec 3<>"/dev/tcp/127.0.0.1/$cport"
-  printf '%s\n' "$1" >&3
-  read -r -t 3 reply <&3 || true
-  exec 3>&-
-  printf '%s\n' "$reply"
-}
+ctl() { plcsim_ctl "$1"; }
 
 # Memory the screen shows besides the simulated program's counter, toggling bit and sine.
 [[ $(ctl "set 0xF030 10 efbe3412") == ok ]]
@@ -116,7 +82,7 @@ figures=$(grep '^figures: ' "$work/adshost.out" || true)
 echo "$figures"
 
 stop_status=0
-stop_sim || stop_status=$?
+stop_plcsim || stop_status=$?
 echo "plcsim stopped (exit status $stop_status)"
 ((stop_status == 0)) || failed=1
 ((status == 0)) || failed=1

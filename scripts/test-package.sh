@@ -6,8 +6,8 @@ set -euo pipefail
 repo=$(cd "$(dirname "$0")/.." && pwd)
 build=$(cd "${1:?build dir}" && pwd)
 work=$(mktemp -d)
-sim_pid=""
-cleanup() { [[ -n "$sim_pid" ]] && kill "$sim_pid" 2>/dev/null; rm -rf "$work"; }
+source "$repo/scripts/lib/plcsim.sh"
+cleanup() { stop_plcsim || true; rm -rf "$work"; }
 trap cleanup EXIT
 
 (cd "$build" && cpack -G DEB -B "$work/pkg" >/dev/null)
@@ -41,12 +41,9 @@ g++ -std=c++17 -fPIC "$repo/tests/package/tiny_host.cpp" -o "$work/tiny-pc" \
 # the installed tools
 "$prefix/usr/bin/adshost" --version | head -1
 "$prefix/usr/bin/plcsim" --version | head -1
-"$prefix/usr/bin/plcsim" --listen 127.0.0.1:0 --no-program > "$work/sim.out" &
-sim_pid=$!
-for _ in $(seq 50); do grep -q '^listening on' "$work/sim.out" 2>/dev/null && break; sleep 0.1; done
-port=$(sed -n 's/^listening on .*:\([0-9]*\)$/\1/p' "$work/sim.out" | head -1)
-[[ -n "$port" ]] || { echo "FAIL: the installed plcsim did not start"; exit 1; }
+start_plcsim "$prefix/usr/bin/plcsim" --listen 127.0.0.1:0 --no-program || { echo "FAIL: the installed plcsim did not start"; exit 1; }
+port=$PLCSIM_PORT
 timeout 60 "$prefix/usr/bin/adshost" --driver "$plugin" --plc "127.0.0.1:$port" --netid 192.168.1.100.1.1 \
   --ams-port 851 --watch M_W:0:4 --watch M_bit:2.0 --cycles 20 --quiet | tail -3
-kill "$sim_pid"; wait "$sim_pid" || true; sim_pid=""
+stop_plcsim || true
 echo "PASS: package installs, builds a host with find_package and pkg-config, and its tools run"

@@ -108,6 +108,36 @@ def control(port, line):
         return reply.decode().strip()
 
 
+def start_plcsim(exe, args, folder, timeout=5.0):
+    """Starts plcsim with --port-file in folder; returns (process, ports) once the file is
+    there (plcsim renames it into place whole), or (None, reason)."""
+    port_file = os.path.join(folder, "plcsim.ports")
+    if os.path.exists(port_file):
+        os.unlink(port_file)
+    sim = subprocess.Popen([exe] + args + ["--port-file", port_file], stdout=subprocess.DEVNULL)
+    deadline = time.monotonic() + timeout
+    while time.monotonic() < deadline:
+        if os.path.exists(port_file):
+            with open(port_file) as f:
+                ports = dict(line.strip().split("=", 1) for line in f if "=" in line)
+            return sim, ports
+        if sim.poll() is not None:
+            return None, "plcsim ended with status %d before writing %s" % (sim.returncode, port_file)
+        time.sleep(0.02)
+    stop_plcsim(sim)
+    return None, "plcsim wrote no %s within %.0f s" % (port_file, timeout)
+
+
+def stop_plcsim(sim):
+    """SIGTERM to its PID, at most 5 s, then SIGKILL. Returns its exit status."""
+    sim.terminate()
+    try:
+        return sim.wait(timeout=5)
+    except subprocess.TimeoutExpired:
+        sim.kill()
+        return sim.wait()
+
+
 def local_ipv4_addresses():
     """This machine's IPv4 addresses in interface order (iproute2)."""
     try:
@@ -166,18 +196,15 @@ def main():
         plc_netid = "%s.%s.1.100.1.1" % (p[0], p[1])
 
     c = Checker()
-    sim = subprocess.Popen([a.plcsim, "--listen", "127.0.0.1:0", "--control", "127.0.0.1:0",
-                            "--netid", plc_netid, "--ports", str(AMS_PORT), "--log", simlog],
-                           stdout=subprocess.PIPE, text=True)
+    sim, ports = start_plcsim(a.plcsim, ["--listen", "127.0.0.1:0", "--control", "127.0.0.1:0",
+                                         "--netid", plc_netid, "--ports", str(AMS_PORT), "--log", simlog],
+                              a.workdir)
+    if sim is None:
+        print("conformance: plcsim did not start: %s" % ports)
+        return 1
     try:
-        first = sim.stdout.readline().strip()
-        second = sim.stdout.readline().strip()
-        m1 = re.fullmatch(r"listening on 127\.0\.0\.1:(\d+)", first)
-        m2 = re.fullmatch(r"control on 127\.0\.0\.1:(\d+)", second)
-        if not m1 or not m2:
-            print("conformance: plcsim did not start: %r %r" % (first, second))
-            return 1
-        plc_port, ctl_port = int(m1.group(1)), int(m2.group(1))
+        plc_port, ctl_port = int(ports["ads_port"]), int(ports["control_port"])
+        c.check(ports.get("netid") == plc_netid, "plcsim reports Net ID %r, not %s" % (ports.get("netid"), plc_netid))
 
         # The panel's Net ID as the driver finds it; adshost --probe applies the same rule.
         probe = subprocess.run([a.adshost, "--probe", "--plc", "127.0.0.1:%d" % plc_port, "--netid", plc_netid,
@@ -217,12 +244,7 @@ def main():
         c.check(" faults=1 " in counters, "plcsim applied not exactly one fault: " + counters)
         c.check(" unanswered=0 " in counters, "plcsim left requests unanswered: " + counters)
     finally:
-        sim.terminate()
-        try:
-            sim.wait(timeout=5)
-        except subprocess.TimeoutExpired:
-            sim.kill()
-            sim.wait()
+        stop_plcsim(sim)
 
     if not os.path.exists(pcap):
         print("conformance: no capture written")

@@ -1,7 +1,10 @@
 // Helpers of the end-to-end tests: the simulated PLC as a child process with its control
-// port, and the running of a program with a time limit.
+// port (plcsim::Process: --port-file, stop by PID), and the running of a program with a time
+// limit.
 #pragma once
 
+#include "adstool/deadline_io.h"
+#include "adstool/hex.h"
 #include "plcsim_control.h"
 
 #include <gtest/gtest.h>
@@ -18,16 +21,7 @@
 
 namespace e2e {
 
-inline std::string hexOf(const std::vector<uint8_t>& b)
-{
-    static const char* digits = "0123456789abcdef";
-    std::string s;
-    for (uint8_t x : b) {
-        s += digits[x >> 4];
-        s += digits[x & 15];
-    }
-    return s;
-}
+inline std::string hexOf(const std::vector<uint8_t>& b) { return adstool::toHex(b); }
 
 // The plcsim executable with its control connection.
 class Sim {
@@ -39,11 +33,15 @@ public:
             + ".log";
         std::vector<std::string> args = {"--listen", "127.0.0.1:0", "--control", "127.0.0.1:0", "--log", log_};
         args.insert(args.end(), extra.begin(), extra.end());
-        if (!proc_.start(PLCSIM_EXE, args))
+        if (!proc_.start(PLCSIM_EXE, args)) {
+            ADD_FAILURE() << proc_.error();
             return false;
+        }
         return ctl_.connect("127.0.0.1", proc_.controlPort());
     }
     uint16_t port() const { return proc_.port(); }
+    uint16_t controlPort() const { return proc_.controlPort(); }
+    const std::string& netId() const { return proc_.netId(); }
     pid_t pid() const { return proc_.pid(); }
     int stop()
     {
@@ -57,11 +55,8 @@ public:
         const std::string r
             = command("get " + std::to_string(group) + " " + std::to_string(offset) + " " + std::to_string(len));
         std::vector<uint8_t> out;
-        if (r.compare(0, 3, "ok ") != 0)
-            return out;
-        const std::string hex = r.substr(3);
-        for (size_t i = 0; i + 1 < hex.size(); i += 2)
-            out.push_back(uint8_t(std::stoul(hex.substr(i, 2), nullptr, 16)));
+        if (r.compare(0, 3, "ok ") != 0 || !adstool::fromHex(r.substr(3), out))
+            out.clear();
         return out;
     }
     bool set(unsigned group, unsigned offset, const std::vector<uint8_t>& bytes)
@@ -135,10 +130,10 @@ inline RunResult runProgram(const std::vector<std::string>& argv, int timeoutMs)
         ::execv(args[0], args.data());
         ::_exit(127);
     }
-    const int64_t deadline = plcsim::detail::nowMs() + timeoutMs;
+    const adstool::Deadline deadline(timeoutMs);
     int st = 0;
     pid_t r = 0;
-    while ((r = ::waitpid(pid, &st, WNOHANG)) == 0 && plcsim::detail::nowMs() < deadline)
+    while ((r = ::waitpid(pid, &st, WNOHANG)) == 0 && !deadline.expired())
         ::usleep(10000);
     if (r == 0) {
         rr.timedOut = true;
@@ -166,15 +161,10 @@ inline std::vector<std::string> lines(const std::string& text)
 // A TCP port on 127.0.0.1 on which nothing listens (bound once, then released).
 inline uint16_t closedPort()
 {
-    const int s = ::socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in a {};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    a.sin_port = 0;
-    ::bind(s, reinterpret_cast<sockaddr*>(&a), sizeof a);
-    socklen_t len = sizeof a;
-    ::getsockname(s, reinterpret_cast<sockaddr*>(&a), &len);
-    ::close(s);
+    const int s = adstool::listenTcp("127.0.0.1", 0, &a);
+    if (s >= 0)
+        ::close(s);
     return ntohs(a.sin_port);
 }
 

@@ -653,7 +653,10 @@ TEST(HostE2EOpen, AddressTheDriverRejectsStopsTheSession)
     cfg.watches = {addr("M_W:65535")};  // the word would end past byte 65535
     std::string why;
     EXPECT_FALSE(s.open(cfg, why));
-    EXPECT_EQ(why, "address M_W:65535 rejected by the driver (check result 2)");
+    EXPECT_TRUE(s.openFailedOnAddress());
+    EXPECT_EQ(why,
+        "--watch M_W:65535: the address lies below the register's first address, or its last item beyond the last "
+        "(M_W addresses run from 0 to 65535, a byte offset; COUNT is in words); the driver's check result 2");
 }
 
 }  // namespace

@@ -127,25 +127,37 @@ TEST_F(ProgramE2E, AddressTheDriverRejectsFailsWithOneLine)
     for (const char* a : {"--watch", "M_W:0", "--watch", "I_W:65535", "--cycles", "3"})
         args.push_back(a);
     const e2e::RunResult r = e2e::runProgram(args, 10000);
-    EXPECT_EQ(r.exitCode, 1);
-    EXPECT_EQ(r.err, "adshost: address I_W:65535 rejected by the driver (check result 2)\n");
+    EXPECT_EQ(r.exitCode, 2);  // a bad argument: a usage error
+    EXPECT_EQ(r.err,
+        "adshost: --watch I_W:65535: the address lies below the register's first address, or its last item "
+        "beyond the last (I_W addresses run from 0 to 65535, a byte offset; COUNT is in words); the driver's "
+        "check result 2 (see adshost --help)\n");
     EXPECT_EQ(sim.counter("connections"), 0);  // checked before connecting
 }
 
-TEST_F(ProgramE2E, CommunicationErrorIsShownWithTheDriversText)
+// No answer at all since the connection was made: the handshake is given up once, the host
+// says why (the route for the panel's Net ID) and stops with status 4 instead of polling on.
+TEST_F(ProgramE2E, HandshakeThatIsNeverAnsweredStopsWithTheRouteLine)
 {
     ASSERT_TRUE(sim.command("fault-prob noreply 1") == "ok");
     std::vector<std::string> args = base();
-    for (const char* a : {"--watch", "M_W:100:3", "--cycles", "4", "--timeout-ms", "50", "--retries", "2"})
+    for (const char* a : {"--watch", "M_W:100:3", "--cycles", "400", "--timeout-ms", "50", "--retries", "2"})
         args.push_back(a);
     const e2e::RunResult r = e2e::runProgram(args, 10000);
-    EXPECT_EQ(r.exitCode, 0);
-    // The handshake is rejected, given up, and is the next frame again until it is answered.
-    EXPECT_EQ(r.err, "adshost: communication error (handshake)\nadshost: communication error (handshake)\n");
+    EXPECT_EQ(r.exitCode, 4) << r.out << r.err;
+    const std::vector<std::string> err = e2e::lines(r.err);
+    ASSERT_EQ(err.size(), 2u) << r.err;
+    EXPECT_EQ(err[0].rfind("adshost: communication error (handshake): connected, but no answer: the PLC most likely "
+                           "has no route for this panel's AMS Net ID ",
+                  0),
+        0u)
+        << r.err;
+    EXPECT_EQ(err[1].rfind("adshost: stopped: connected, but no answer", 0), 0u) << r.err;
+    EXPECT_NE(r.out.find("value M_W:100:3 = never read\n"), std::string::npos) << r.out;
     std::map<std::string, std::string> f = figures(r.out);
-    EXPECT_EQ(f["result8"], "2");
-    EXPECT_EQ(f["result2"], "2");
-    EXPECT_EQ(f["timeouts"], "4");
+    EXPECT_EQ(f["result8"], "1");
+    EXPECT_EQ(f["result2"], "1");
+    EXPECT_EQ(f["requests"], "2");  // not 400: the session stopped
 }
 
 TEST(ProgramE2EUsage, HelpFitsEightyColumnsAndVersionIsPrinted)
@@ -156,9 +168,15 @@ TEST(ProgramE2EUsage, HelpFitsEightyColumnsAndVersionIsPrinted)
     for (const std::string& l : e2e::lines(h.out))
         EXPECT_LE(l.size(), 80u) << l;
     EXPECT_NE(h.out.find("--driver PATH"), std::string::npos);
+    for (const char* code : {"  0  ", "  1  ", "  2  ", "  3  ", "  4  ", "  5  ", "  6  ", "  7  ", "  8  ", "  9  "})
+        EXPECT_NE(h.out.find(std::string("\n") + code), std::string::npos) << code;
     const e2e::RunResult v = e2e::runProgram({ADSHOST_EXE, "--version"}, 5000);
     EXPECT_EQ(v.exitCode, 0);
-    EXPECT_EQ(v.out, "adshost 1.0.0\n");
+    EXPECT_EQ(e2e::lines(v.out).at(0), "adshost " ADSHOST_VERSION);
+    // With a plugin, the driver's own version too (intf_getVersion).
+    const e2e::RunResult dv = e2e::runProgram({ADSHOST_EXE, "--version", "--driver", ADS_PLUGIN}, 5000);
+    EXPECT_EQ(dv.exitCode, 0);
+    EXPECT_EQ(dv.out, "adshost " ADSHOST_VERSION "\ndriver " ADS_PLUGIN " " ADSHOST_VERSION "\n");
 }
 
 TEST(ProgramE2EUsage, MalformedArgumentsAreUsageErrors)
@@ -167,11 +185,12 @@ TEST(ProgramE2EUsage, MalformedArgumentsAreUsageErrors)
         {ADSHOST_EXE, "--driver", ADS_PLUGIN, "--plc", "127.0.0.1:1", "--watch", "M_bit:10", "--cycles", "1"}, 5000);
     EXPECT_EQ(a.exitCode, 2);
     EXPECT_EQ(e2e::lines(a.err).size(), 1u);
-    EXPECT_NE(a.err.find("is not BYTE.BIT"), std::string::npos) << a.err;
+    EXPECT_NE(a.err.find("--watch M_bit:10: the address text does not fit the register's syntax"), std::string::npos)
+        << a.err;
     const e2e::RunResult b
         = e2e::runProgram({ADSHOST_EXE, "--driver", ADS_PLUGIN, "--plc", "127.0.0.1:1", "--watch", "M_W:0"}, 5000);
     EXPECT_EQ(b.exitCode, 2);
-    EXPECT_NE(b.err.find("give --cycles or --duration"), std::string::npos) << b.err;
+    EXPECT_NE(b.err.find("--cycles or --duration"), std::string::npos) << b.err;
 }
 
 }  // namespace

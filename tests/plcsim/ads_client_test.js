@@ -8,6 +8,8 @@
 'use strict';
 
 const { spawn } = require('child_process');
+const fs = require('fs');
+const os = require('os');
 const path = require('path');
 const assert = require('assert');
 
@@ -47,21 +49,29 @@ function stopSim() {
   });
 }
 
+// Starts plcsim with --port-file in a temporary folder and resolves with the ADS port once
+// the file is there (plcsim renames it into place whole); at most 5 s.
 function startSim() {
   return new Promise((resolve, reject) => {
+    const dir = fs.mkdtempSync(path.join(os.tmpdir(), 'plcsim-'));
+    const portFile = path.join(dir, 'ports');
     sim = spawn(exe, ['--listen', '127.0.0.1:0', '--no-program', '--netid', PLC_NETID,
-                      '--route', LOCAL_NETID], { stdio: ['ignore', 'pipe', 'inherit'] });
-    let out = '';
-    const timer = setTimeout(() => reject(new Error('plcsim printed no address in 5 s')), 5000);
-    sim.on('error', (e) => { clearTimeout(timer); reject(e); });
-    sim.stdout.on('data', (chunk) => {
-      out += chunk.toString();
-      const m = /^listening on 127\.0\.0\.1:(\d+)\n/.exec(out);
+                      '--route', LOCAL_NETID, '--port-file', portFile], { stdio: ['ignore', 'ignore', 'inherit'] });
+    const deadline = Date.now() + 5000;
+    const done = (f, v) => { clearInterval(timer); fs.rmSync(dir, { recursive: true, force: true }); f(v); };
+    const timer = setInterval(() => {
+      let text = '';
+      try { text = fs.readFileSync(portFile, 'utf8'); } catch (e) { /* not there yet */ }
+      const m = /^ads_port=(\d+)$/m.exec(text);
       if (m) {
-        clearTimeout(timer);
-        resolve(Number(m[1]));
+        done(resolve, Number(m[1]));
+      } else if (sim.exitCode !== null || sim.signalCode !== null) {
+        done(reject, new Error(`plcsim ended (${sim.exitCode}) before writing ${portFile}`));
+      } else if (Date.now() > deadline) {
+        done(reject, new Error(`plcsim wrote no port file in 5 s`));
       }
-    });
+    }, 20);
+    sim.on('error', (e) => done(reject, e));
   });
 }
 

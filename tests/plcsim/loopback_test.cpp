@@ -43,7 +43,8 @@ int64_t now() { return detail::nowMs(); }
 // Runs plcsim with the given extra options; stdout is captured, exit status returned.
 int runPlcsim(const std::string& args, std::string& out)
 {
-    const std::string cmd = std::string("timeout 10 ") + PLCSIM_EXE + " " + args + " 2>/dev/null";
+    // Redirections in args come after the default one and win.
+    const std::string cmd = std::string("timeout 10 ") + PLCSIM_EXE + " 2>/dev/null " + args;
     FILE* p = popen(cmd.c_str(), "r");
     if (!p)
         return -1;
@@ -360,4 +361,109 @@ TEST(LoopbackOptions, HelpVersionAndBadArguments)
     EXPECT_EQ(runPlcsim("--listen 127.0.0.1:0 --netid 1.2.3", out), 2);
     EXPECT_EQ(runPlcsim("--listen 127.0.0.1:0 --fault wobble:0.5", out), 2);
     EXPECT_EQ(runPlcsim("", out), 2);
+}
+
+TEST(LoopbackOptions, ErrorsAreOneLineNamingTheOptionAndTheRule)
+{
+    struct Case {
+        const char* args;
+        const char* option;
+        const char* rule;
+    };
+    const Case cases[] = {
+        {"--listen 127.0.0.1:0 --netid 1.2.3.4.5.300", "--netid", "300, above 255"},
+        {"--listen 127.0.0.1:0 --route 1.2.3.4.5", "--route", "5 of 6 numbers"},
+        {"--listen 127.0.0.1:70000", "--listen", "0 to 65535"},
+        {"--listen localhost:0", "--listen", "IPv4"},
+        {"--listen 127.0.0.1:0 --control 127.0.0.1", "--control", "PORT"},
+        {"--listen 127.0.0.1:0 --ports 801,0", "--ports", "1 to 65535"},
+        {"--listen 127.0.0.1:0 --fault short:1.5", "--fault", "from 0 to 1"},
+        {"--listen 127.0.0.1:0 --delay 60001", "--delay", "0 to 60000"},
+        {"--listen 127.0.0.1:0 --fault-code 0x100000000", "--fault-code", "4294967295"},
+        {"--no-program", "--listen", "required"},
+    };
+    for (const Case& c : cases) {
+        std::string out;
+        EXPECT_EQ(runPlcsim(std::string(c.args) + " 2>&1 >/dev/null", out), 2) << c.args;
+        EXPECT_EQ(out.find('\n'), out.size() - 1) << c.args << ": " << out;
+        EXPECT_EQ(out.rfind("plcsim: ", 0), 0u) << out;
+        EXPECT_NE(out.find(c.option), std::string::npos) << c.args << ": " << out;
+        EXPECT_NE(out.find(c.rule), std::string::npos) << c.args << ": " << out;
+    }
+}
+
+TEST(LoopbackOptions, PrintsItsNetIdAndPortsAndWritesThePortFile)
+{
+    Process sim;
+    ASSERT_TRUE(sim.start(PLCSIM_EXE,
+        {"--listen", "127.0.0.1:0", "--control", "127.0.0.1:0", "--netid", "5.6.7.8.1.1", "--ports", "851,801,852",
+            "--seed", "3", "--seed", "4"}))
+        << sim.error();
+    EXPECT_EQ(sim.netId(), "5.6.7.8.1.1");
+    PortFile pf;
+    ASSERT_TRUE(readPortFile(sim.portFilePath(), pf));
+    EXPECT_EQ(pf.adsPort, sim.port());
+    EXPECT_EQ(pf.controlPort, sim.controlPort());
+    EXPECT_EQ(pf.pid, long(sim.pid()));
+    EXPECT_EQ(sim.listenAddress(), "127.0.0.1:" + std::to_string(sim.port()));
+    ControlClient ctl;
+    ASSERT_TRUE(ctl.connect(sim.controlAddress()));
+    EXPECT_EQ(ctl.command("state"), "ok run");
+    // Standard output: the two address lines first (scripts read them), then the Net ID line.
+    const int64_t deadline = now() + 2000;
+    while (sim.output().find("AMS Net ID") == std::string::npos && now() < deadline)
+        usleep(5000);
+    std::istringstream lines(sim.output());
+    std::string l1, l2, l3;
+    std::getline(lines, l1);
+    std::getline(lines, l2);
+    std::getline(lines, l3);
+    EXPECT_EQ(l1, "listening on 127.0.0.1:" + std::to_string(sim.port()));
+    EXPECT_EQ(l2, "control on 127.0.0.1:" + std::to_string(sim.controlPort()));
+    EXPECT_EQ(l3, "AMS Net ID 5.6.7.8.1.1, runtime AMS ports 801,851,852 (notifications also on 100)");
+    EXPECT_EQ(sim.stop(5000), 0);
+}
+
+TEST(LoopbackOptions, WithoutControlThePortFileSaysZero)
+{
+    Process sim;
+    ASSERT_TRUE(sim.start(PLCSIM_EXE, {"--listen", "127.0.0.1:0", "--no-program"})) << sim.error();
+    PortFile pf;
+    ASSERT_TRUE(readPortFile(sim.portFilePath(), pf));
+    EXPECT_EQ(pf.controlPort, 0);
+    EXPECT_EQ(sim.controlPort(), 0);
+    EXPECT_EQ(pf.netId, "192.168.1.100.1.1");
+    EXPECT_EQ(sim.stop(5000), 0);
+}
+
+TEST(LoopbackOptions, AStartThatFailsSaysWhyAndLeavesNoProcess)
+{
+    Process sim;
+    const int64_t t0 = now();
+    EXPECT_FALSE(sim.start(PLCSIM_EXE, {"--listen", "127.0.0.1:0", "--netid", "1.2.3.4.5.256"}, 5000));
+    EXPECT_LT(now() - t0, 4000) << "an ended plcsim must not be waited for until the time-out";
+    EXPECT_NE(sim.error().find("status 2"), std::string::npos) << sim.error();
+    EXPECT_EQ(sim.pid(), -1);
+    EXPECT_FALSE(sim.running());
+}
+
+TEST(LoopbackOptions, PortFileReaderRejectsIncompleteFiles)
+{
+    const std::string path = ::testing::TempDir() + "plcsim_portfile_test";
+    auto write = [&](const std::string& text) { std::ofstream(path, std::ios::trunc) << text; };
+    PortFile pf;
+    write("ads_port=4711\ncontrol_port=4712\nnetid=1.2.3.4.1.1\npid=99\n");
+    ASSERT_TRUE(readPortFile(path, pf));
+    EXPECT_EQ(pf.adsPort, 4711);
+    EXPECT_EQ(pf.controlPort, 4712);
+    EXPECT_EQ(pf.netId, "1.2.3.4.1.1");
+    EXPECT_EQ(pf.pid, 99);
+    write("ads_port=4711\n");
+    EXPECT_FALSE(readPortFile(path, pf));
+    write("ads_port=0\ncontrol_port=0\n");
+    EXPECT_FALSE(readPortFile(path, pf));
+    write("ads_port=70000\ncontrol_port=1\n");
+    EXPECT_FALSE(readPortFile(path, pf));
+    std::remove(path.c_str());
+    EXPECT_FALSE(readPortFile(path, pf));
 }

@@ -619,23 +619,17 @@ TEST(PlcCore, MutatedFramesGetNoReplyOrAConsistentOne)
 {
     // Bounded: 5000 frames from a fixed seed.
     Plc plc;
-    uint64_t s = 12345;
-    auto rnd = [&]() {
-        s ^= s << 13;
-        s ^= s >> 7;
-        s ^= s << 17;
-        return s;
-    };
+    adstool::Random rnd(12345);
     const std::vector<std::vector<uint8_t>> seeds
         = {request(CmdRead, readData(GroupMemory, 10, 4)), request(CmdWrite, writeData(GroupOutputs, 5, {1, 2, 3})),
             request(CmdReadWrite, readWriteData(GroupInputs, 0, 2, {9})), request(CmdReadState, {}), portRequest(0)};
     for (int i = 0; i < 5000; ++i) {
-        std::vector<uint8_t> f = seeds[rnd() % seeds.size()];
-        const int flips = 1 + int(rnd() % 3);
+        std::vector<uint8_t> f = seeds[rnd.below(seeds.size())];
+        const int flips = 1 + int(rnd.below(3));
         for (int k = 0; k < flips; ++k)
-            f[rnd() % f.size()] = uint8_t(rnd());
-        if (rnd() % 4 == 0)
-            f.resize(rnd() % (f.size() + 1));
+            f[rnd.below(f.size())] = rnd.byte();
+        if (rnd.below(4) == 0)
+            f.resize(rnd.below(f.size() + 1));
         const auto r = plc.handle(f);
         if (r.empty())
             continue;

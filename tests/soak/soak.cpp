@@ -68,6 +68,11 @@
 // count of adserror faults; no reply came back to a request id the tap never sent.
 
 #include "adshost.h"
+#include "adstool/cli.h"
+#include "adstool/deadline_io.h"
+#include "adstool/hex.h"
+#include "adstool/le.h"
+#include "adstool/random.h"
 #include "plcsim_control.h"
 
 #include <arpa/inet.h>
@@ -112,24 +117,8 @@ int64_t nowUs()
     return duration_cast<microseconds>(steady_clock::now().time_since_epoch()).count();
 }
 
-uint32_t u32(const uint8_t* p)
-{
-    return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24;
-}
-uint16_t u16(const uint8_t* p) { return uint16_t(p[0] | p[1] << 8); }
-
-struct SplitMix {
-    uint64_t s;
-    explicit SplitMix(uint64_t seed) : s(seed) { }
-    uint64_t next()
-    {
-        uint64_t z = (s += 0x9E3779B97F4A7C15ull);
-        z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
-        z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
-        return z ^ (z >> 31);
-    }
-    unsigned below(unsigned n) { return unsigned(next() % n); }
-};
+uint32_t u32(const uint8_t* p) { return adstool::getU32(p); }
+uint16_t u16(const uint8_t* p) { return adstool::getU16(p); }
 
 // ------------------------------------------------------------------------------------------
 // Options
@@ -155,122 +144,53 @@ struct Options {
     bool reconnectAfterTimeout = false;  // host policy: drop the connection after every reply time-out
 };
 
-int usage(const char* why)
-{
-    std::fprintf(stderr,
-        "soak: %s\n"
-        "usage: soak [--requests N] [--fault-prob P] [--seed N] [--max-seconds S]\n"
-        "            [--write-interval-ms MS] [--reply-timeout-ms MS] [--delay-short-ms MS]\n"
-        "            [--delay-long-ms MS] [--delay-switch N] [--split-pause-ms MS] [--retries N]\n"
-        "            [--plugin PATH] [--plcsim PATH] [--log FILE] [--keep-log] [--corrupt-memory]\n"
-        "            [--tolerate-late-replies] [--reconnect-after-timeout]\n"
-        "--corrupt-memory: before the checks, change one written word and one untouched bit in\n"
-        "the PLC behind the driver's back (the run must then fail: a self-test of the checks)\n"
-        "--tolerate-late-replies: a late reply that the driver accepted as the reply to another\n"
-        "request is printed as a note instead of counting as a mismatch (what it corrupted is\n"
-        "still checked)\n"
-        "--reconnect-after-timeout: after every reply time-out the soak drops the connection\n"
-        "before the next step, so that no late reply can reach a later request\n",
-        why);
-    return 2;
-}
+const char* const kHelp = "usage: soak [--requests N] [--fault-prob P] [--seed N] [--max-seconds S]\n"
+                          "            [--write-interval-ms MS] [--reply-timeout-ms MS] [--delay-short-ms MS]\n"
+                          "            [--delay-long-ms MS] [--delay-switch N] [--split-pause-ms MS] [--retries N]\n"
+                          "            [--plugin PATH] [--plcsim PATH] [--log FILE] [--keep-log] [--corrupt-memory]\n"
+                          "            [--tolerate-late-replies] [--reconnect-after-timeout]\n"
+                          "Fault soak of the driver with the reference host against plcsim.\n"
+                          "--corrupt-memory: before the checks, change one written word and one untouched bit in\n"
+                          "the PLC behind the driver's back (the run must then fail: a self-test of the checks)\n"
+                          "--tolerate-late-replies: a late reply that the driver accepted as the reply to another\n"
+                          "request is printed as a note instead of counting as a mismatch (what it corrupted is\n"
+                          "still checked)\n"
+                          "--reconnect-after-timeout: after every reply time-out the soak drops the connection\n"
+                          "before the next step, so that no late reply can reach a later request\n"
+                          "An option given twice takes the later value.\n";
 
+// Returns true to go on; otherwise rc is the exit code (0 after --help, 2 for a bad argument).
 bool parseOptions(int argc, char** argv, Options& o, int& rc)
 {
-    for (int i = 1; i < argc; ++i) {
-        const std::string a = argv[i];
-        auto val = [&]() -> const char* { return i + 1 < argc ? argv[++i] : nullptr; };
-        auto num = [&](long long lo, long long hi, long long& out) {
-            const char* v = val();
-            if (!v)
-                return false;
-            char* end = nullptr;
-            out = std::strtoll(v, &end, 0);
-            return *v && !*end && out >= lo && out <= hi;
-        };
-        long long n = 0;
-        if (a == "--requests") {
-            if (!num(1, 100000000, n))
-                return rc = usage("--requests needs a positive number"), false;
-            o.requests = uint64_t(n);
-        } else if (a == "--fault-prob") {
-            const char* v = val();
-            char* end = nullptr;
-            o.faultProb = v ? std::strtod(v, &end) : -1;
-            if (!v || *end || o.faultProb < 0 || o.faultProb > 0.1)
-                return rc = usage("--fault-prob needs a probability from 0 to 0.1"), false;
-        } else if (a == "--seed") {
-            if (!num(0, (1ll << 62), n))
-                return rc = usage("--seed needs a number"), false;
-            o.seed = uint64_t(n);
-        } else if (a == "--max-seconds") {
-            if (!num(1, 36000, n))
-                return rc = usage("--max-seconds needs seconds"), false;
-            o.maxSeconds = int(n);
-        } else if (a == "--write-interval-ms") {
-            if (!num(1, 10000, n))
-                return rc = usage("--write-interval-ms needs milliseconds"), false;
-            o.writeIntervalMs = int(n);
-        } else if (a == "--reply-timeout-ms") {
-            if (!num(5, 10000, n))
-                return rc = usage("--reply-timeout-ms needs milliseconds"), false;
-            o.replyTimeoutMs = int(n);
-        } else if (a == "--delay-short-ms") {
-            if (!num(0, 10000, n))
-                return rc = usage("--delay-short-ms needs milliseconds"), false;
-            o.delayShortMs = int(n);
-        } else if (a == "--delay-long-ms") {
-            if (!num(0, 10000, n))
-                return rc = usage("--delay-long-ms needs milliseconds"), false;
-            o.delayLongMs = int(n);
-        } else if (a == "--delay-switch") {
-            if (!num(1, 100000000, n))
-                return rc = usage("--delay-switch needs a number"), false;
-            o.delaySwitch = int(n);
-        } else if (a == "--split-pause-ms") {
-            if (!num(0, 10000, n))
-                return rc = usage("--split-pause-ms needs milliseconds"), false;
-            o.splitPauseMs = int(n);
-        } else if (a == "--retries") {
-            if (!num(1, 100, n))
-                return rc = usage("--retries needs a number"), false;
-            o.retries = int(n);
-        } else if (a == "--plugin") {
-            const char* v = val();
-            if (!v)
-                return rc = usage("--plugin needs a path"), false;
-            o.plugin = v;
-        } else if (a == "--plcsim") {
-            const char* v = val();
-            if (!v)
-                return rc = usage("--plcsim needs a path"), false;
-            o.plcsim = v;
-        } else if (a == "--log") {
-            const char* v = val();
-            if (!v)
-                return rc = usage("--log needs a file name"), false;
-            o.logPath = v;
-            o.keepLog = true;
-        } else if (a == "--tolerate-late-replies") {
-            o.tolerateLateReplies = true;
-        } else if (a == "--reconnect-after-timeout") {
-            o.reconnectAfterTimeout = true;
-        } else if (a == "--corrupt-memory") {
-            o.corrupt = true;
-        } else if (a == "--keep-log") {
-            o.keepLog = true;
-        } else if (a == "--help" || a == "-h") {
-            rc = usage("fault soak of the driver with the reference host against plcsim");
-            rc = 0;
-            return false;
-        } else {
-            return rc = usage(("unknown option " + a).c_str()), false;
-        }
-    }
+    using namespace adstool::cli;
+    CLI::App app("fault soak", "soak");
+    prepare(app);
+    app.add_option("--requests", o.requests)->check(Number(1, 100000000));
+    app.add_option("--fault-prob", o.faultProb)->check(Real(0, 0.1, "a probability"));
+    app.add_option("--seed", o.seed)->check(Number(0, 1ull << 62));
+    app.add_option("--max-seconds", o.maxSeconds)->check(Number(1, 36000, "seconds"));
+    app.add_option("--write-interval-ms", o.writeIntervalMs)->check(Number(1, 10000, "milliseconds"));
+    app.add_option("--reply-timeout-ms", o.replyTimeoutMs)->check(Number(5, 10000, "milliseconds"));
+    app.add_option("--delay-short-ms", o.delayShortMs)->check(Number(0, 10000, "milliseconds"));
+    app.add_option("--delay-long-ms", o.delayLongMs)->check(Number(0, 10000, "milliseconds"));
+    app.add_option("--delay-switch", o.delaySwitch)->check(Number(1, 100000000));
+    app.add_option("--split-pause-ms", o.splitPauseMs)->check(Number(0, 10000, "milliseconds"));
+    app.add_option("--retries", o.retries)->check(Number(1, 100));
+    app.add_option("--plugin", o.plugin);
+    app.add_option("--plcsim", o.plcsim);
+    app.add_option("--log", o.logPath)->each([&o](const std::string&) { o.keepLog = true; });
+    app.add_flag("--keep-log", o.keepLog);
+    app.add_flag("--corrupt-memory", o.corrupt);
+    app.add_flag("--tolerate-late-replies", o.tolerateLateReplies);
+    app.add_flag("--reconnect-after-timeout", o.reconnectAfterTimeout);
+    rc = parse(app, argc, argv, "soak", kHelp);
+    if (rc >= 0)
+        return false;
     if (o.delayShortMs >= o.replyTimeoutMs || o.delayLongMs <= o.replyTimeoutMs)
-        return rc = usage("--delay-short-ms must lie below and --delay-long-ms above --reply-timeout-ms"), false;
+        return rc = usageError("soak", "--delay-short-ms must lie below and --delay-long-ms above --reply-timeout-ms"),
+               false;
     if (o.splitPauseMs >= o.replyTimeoutMs)
-        return rc = usage("--split-pause-ms must lie below --reply-timeout-ms"), false;
+        return rc = usageError("soak", "--split-pause-ms must lie below --reply-timeout-ms"), false;
     return true;
 }
 
@@ -306,16 +226,12 @@ public:
     bool start(uint16_t simPort, std::string& why)
     {
         simPort_ = simPort;
-        lfd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
         sockaddr_in a {};
-        a.sin_family = AF_INET;
-        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        if (lfd_ < 0 || ::bind(lfd_, reinterpret_cast<sockaddr*>(&a), sizeof a) < 0 || ::listen(lfd_, 8) < 0) {
-            why = std::string("tap: cannot listen: ") + std::strerror(errno);
+        lfd_ = adstool::listenTcp("127.0.0.1", 0, &a, &why, 8);
+        if (lfd_ < 0) {
+            why = "tap: " + why;
             return false;
         }
-        socklen_t len = sizeof a;
-        ::getsockname(lfd_, reinterpret_cast<sockaddr*>(&a), &len);
         port_ = ntohs(a.sin_port);
         thread_ = std::thread([this] { loop(); });
         return true;
@@ -371,22 +287,7 @@ private:
 
     static bool sendAll(int fd, const uint8_t* p, size_t n)
     {
-        const int64_t deadline = adshost::nowMs() + 2000;
-        while (n > 0) {
-            const ssize_t r = ::send(fd, p, n, MSG_NOSIGNAL);
-            if (r > 0) {
-                p += r;
-                n -= size_t(r);
-                continue;
-            }
-            if (r < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)
-                return false;
-            pollfd pf {fd, POLLOUT, 0};
-            const int64_t left = deadline - adshost::nowMs();
-            if (left <= 0 || ::poll(&pf, 1, int(left)) < 0)
-                return false;
-        }
-        return true;
+        return adstool::sendAll(fd, p, n, adstool::Deadline(2000)) == adstool::IoStatus::Ok;
     }
 
     void problem(const std::string& p)
@@ -413,20 +314,13 @@ private:
                 return;
             const int one = 1;
             ::setsockopt(h, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-            const int s = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-            sockaddr_in a {};
-            a.sin_family = AF_INET;
-            a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-            a.sin_port = htons(simPort_);
-            if (s < 0 || ::connect(s, reinterpret_cast<sockaddr*>(&a), sizeof a) < 0) {
-                problem(std::string("tap: cannot connect to the simulator: ") + std::strerror(errno));
-                if (s >= 0)
-                    ::close(s);
+            std::string why;
+            const int s = adstool::connectTcp("127.0.0.1", simPort_, adstool::Deadline(2000), &why);
+            if (s < 0) {
+                problem("tap: cannot connect to the simulator: " + why);
                 ::close(h);
                 continue;
             }
-            ::setsockopt(s, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-            ::fcntl(s, F_SETFL, ::fcntl(s, F_GETFL) | O_NONBLOCK);
             auto p = std::make_unique<Pair>();
             p->host = h;
             p->sim = s;
@@ -736,32 +630,8 @@ struct LogCounter {
     }
 };
 
-std::string hex2(const std::vector<uint8_t>& b)
-{
-    static const char* d = "0123456789abcdef";
-    std::string s;
-    for (uint8_t x : b) {
-        s += d[x >> 4];
-        s += d[x & 15];
-    }
-    return s;
-}
-
-bool fromHex(const std::string& s, std::vector<uint8_t>& out)
-{
-    out.clear();
-    if (s.size() % 2)
-        return false;
-    for (size_t i = 0; i < s.size(); i += 2) {
-        const int hi = std::isxdigit(static_cast<unsigned char>(s[i])) ? std::stoi(s.substr(i, 1), nullptr, 16) : -1;
-        const int lo
-            = std::isxdigit(static_cast<unsigned char>(s[i + 1])) ? std::stoi(s.substr(i + 1, 1), nullptr, 16) : -1;
-        if (hi < 0 || lo < 0)
-            return false;
-        out.push_back(uint8_t(hi * 16 + lo));
-    }
-    return true;
-}
+using adstool::fromHex;
+std::string hex2(const std::vector<uint8_t>& b) { return adstool::toHex(b); }
 
 std::atomic<pid_t> g_simPid {-1};
 
@@ -808,7 +678,7 @@ int main(int argc, char** argv)
     std::snprintf(probText, sizeof probText, "%.6f", opt.faultProb);
     plcsim::Process sim;
     if (!sim.start(opt.plcsim, simArgs)) {
-        std::fprintf(stderr, "soak: FAIL: plcsim (%s) did not start\n", opt.plcsim.c_str());
+        std::fprintf(stderr, "soak: FAIL: plcsim (%s) did not start: %s\n", opt.plcsim.c_str(), sim.error().c_str());
         finished = true;
         watchdog.join();
         return 1;
@@ -838,12 +708,12 @@ int main(int argc, char** argv)
     }
 
     // ---- the pattern of the test regions
-    SplitMix rng(opt.seed * 7919 + 17);
+    adstool::Random rng(opt.seed * 7919 + 17);
     std::map<std::pair<unsigned, unsigned>, uint8_t> pattern;  // (group, byte) -> byte
     for (const Region& r : kRegions) {
         std::vector<uint8_t> bytes(r.size);
         for (unsigned i = 0; i < r.size; ++i) {
-            bytes[i] = uint8_t(rng.next());
+            bytes[i] = rng.byte();
             pattern[{r.group, r.offset + i}] = bytes[i];
         }
         command("set " + std::to_string(r.group) + " " + std::to_string(r.offset) + " " + hex2(bytes));
@@ -951,7 +821,7 @@ int main(int argc, char** argv)
         if (items[i]->writable)
             writable.push_back(i);
     std::thread writer([&] {
-        SplitMix wr(opt.seed * 104729 + 3);
+        adstool::Random wr(opt.seed * 104729 + 3);
         int64_t next = adshost::nowMs();
         while (!stopWriter) {
             const int64_t now = adshost::nowMs();

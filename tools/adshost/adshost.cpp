@@ -2,7 +2,12 @@
 
 #include "ads_ethernet.h"
 #include "pcap_writer.h"
+#include "probe.h"
 #include "text_util.h"
+
+#include "adstool/deadline_io.h"
+#include "adstool/le.h"
+#include "adstool/netid.h"
 
 #include <arpa/inet.h>
 #include <dlfcn.h>
@@ -63,7 +68,37 @@ bool parseInt(const std::string& text, long long& out)
 
 using util::split;
 
-const char* const kRegisters[] = {"I_bit", "Q_bit", "M_bit", "I_W", "Q_W", "M_W"};
+// A whole decimal number, as the driver converts address texts.
+bool parseDecimal(const std::string& text, long long& out)
+{
+    if (text.empty())
+        return false;
+    errno = 0;
+    char* end = nullptr;
+    const long long v = std::strtoll(text.c_str(), &end, 10);
+    if (errno != 0 || !end || *end != '\0')
+        return false;
+    out = v;
+    return true;
+}
+
+uint32_t le32(const uint8_t* p) { return adstool::getU32(p); }
+
+char areaOfGroup(uint32_t group)
+{
+    switch (group) {
+    case 0xF020:
+        return 'I';
+    case 0xF030:
+        return 'Q';
+    case 0x4020:
+        return 'M';
+    default:
+        return '?';
+    }
+}
+
+std::string netIdOf(const uint8_t* p) { return adstool::NetId::fromBytes(p).str(); }
 
 }  // namespace
 
@@ -71,6 +106,58 @@ const char* const kRegisters[] = {"I_bit", "Q_bit", "M_bit", "I_W", "Q_W", "M_W"
 // Address texts
 
 bool Address::isBit() const { return endsWith(reg, "_bit"); }
+
+int Address::firstByte() const { return isBit() ? address / 8 : address; }
+
+int Address::lastByte() const { return isBit() ? (address + count - 1) / 8 : address + 2 * count - 1; }
+
+ReplyCodes decodeReply(const uint8_t* p, size_t n)
+{
+    ReplyCodes c;
+    if (n < 38)
+        return c;
+    c.header = true;
+    c.amsError = le32(p + 30);
+    const uint32_t dataLen = le32(p + 26);
+    if (n >= 42 && dataLen >= 4) {
+        c.hasResult = true;
+        c.adsResult = le32(p + 38);
+    }
+    return c;
+}
+
+std::string codesText(const ReplyCodes& c)
+{
+    if (!c.header)
+        return std::string();
+    if (c.amsError != 0)
+        return "AMS error " + probe::adsErrorLabel(c.amsError);
+    if (c.hasResult && c.adsResult != 0)
+        return "ADS error " + probe::adsErrorLabel(c.adsResult);
+    return std::string();
+}
+
+std::string checkResultText(int result)
+{
+    switch (result) {
+    case 0:
+        return "valid";
+    case 1:
+        return "a bit address on a word register or a word address on a bit register";
+    case 2:
+        return "the address lies below the register's first address, or its last item beyond the last";
+    case 3:
+        return "the register is unknown";
+    case 4:
+        return "the address text does not fit the register's syntax";
+    case 5:
+        return "this data type is not allowed on a 32-bit register";
+    case 6:
+        return "the register is read-only";
+    default:
+        return "refused";
+    }
+}
 
 std::string Address::text() const
 {
@@ -100,40 +187,29 @@ std::string Write::text() const
 bool parseAddress(const std::string& text, Address& out, std::string& why)
 {
     const std::vector<std::string> parts = split(text, ':');
-    if (parts.size() < 2 || parts.size() > 3) {
-        why = "address '" + text + "' is not REG:ADDR[:COUNT]";
+    if (parts.size() < 2 || parts.size() > 3 || parts[0].empty() || parts[1].empty()) {
+        why = "'" + text + "' is not REG:ADDR[:COUNT]";
         return false;
     }
     Address a;
     a.reg = parts[0];
-    bool known = false;
-    for (const char* r : kRegisters)
-        known = known || a.reg == r;
-    if (!known) {
-        why = "unknown register '" + a.reg + "' in '" + text + "' (I_bit Q_bit M_bit I_W Q_W M_W)";
-        return false;
-    }
     a.addrText = parts[1];
+    // The integer address by the driver's rule (byte * 8 + bit for bit registers, the bit
+    // part not limited to 0..7; a byte offset for words). Whether the text is valid is the
+    // driver's to say: Session::resolve asks intf_checkAddr and takes its integer.
     long long v = 0;
     if (a.isBit()) {
         const std::vector<std::string> bb = split(parts[1], '.');
         long long byte = 0, bit = 0;
-        if (bb.size() != 2 || !parseInt(bb[0], byte) || !parseInt(bb[1], bit) || bit < 0 || bit > 7 || byte < 0
-            || byte > 65535) {
-            why = "bit address '" + parts[1] + "' in '" + text + "' is not BYTE.BIT";
-            return false;
-        }
-        a.address = int(byte * 8 + bit);
-    } else {
-        if (!parseInt(parts[1], v) || v < 0 || v > 65535) {
-            why = "word address '" + parts[1] + "' in '" + text + "' is not a byte offset";
-            return false;
-        }
+        if (bb.size() == 2 && parseDecimal(bb[0], byte) && parseDecimal(bb[1], bit) && byte >= 0 && bit >= 0
+            && byte * 8 + bit <= 0x7FFFFFFFLL)
+            a.address = int(byte * 8 + bit);
+    } else if (parseDecimal(parts[1], v) && v >= 0 && v <= 0x7FFFFFFFLL) {
         a.address = int(v);
     }
     if (parts.size() == 3) {
-        if (!parseInt(parts[2], v) || v < 1 || v > 4096) {
-            why = "count '" + parts[2] + "' in '" + text + "' is not a positive number";
+        if (!parseDecimal(parts[2], v) || v < 1 || v > 524288) {
+            why = "count '" + parts[2] + "' in '" + text + "' is not a number from 1 to 524288";
             return false;
         }
         a.count = int(v);
@@ -360,6 +436,163 @@ struct Session::Impl {
     std::set<std::tuple<std::string, int, int>> refreshSeen;
     double pollStart = 0, pollSeconds = 0;
 
+    // ---- what the host tells from the replies (guarded by `lock`)
+    struct ActionRec {
+        Action a;
+        char area = '?';
+        int first = 0, last = -1;  // bytes of a write
+        std::vector<bool> confirmed;
+    };
+    std::vector<ActionRec> actionRecs;
+    Fatal fatal;
+    bool handshakeDone = false;
+    bool anyReply = false;  // a byte of a reply ever arrived
+    bool openFailedOnAddress = false;
+    std::string sourceNetId;        // the Net ID the driver sends as (from its last frame)
+    std::vector<uint8_t> inFlight;  // the frame the codes below belong to
+    ReplyCodes frameCodes;          // the last codes of a reply to that frame
+    std::vector<bool> known[3];     // bytes of I, Q, M read from (or confirmed by) the PLC
+
+    static int areaIndex(char area) { return area == 'I' ? 0 : area == 'Q' ? 1 : area == 'M' ? 2 : -1; }
+
+    void markKnown(char area, long first, long count)
+    {
+        const int i = areaIndex(area);
+        if (i < 0 || count <= 0 || first < 0)
+            return;
+        std::vector<bool>& k = known[i];
+        if (k.empty())
+            k.assign(65536 + 1024, false);
+        for (long b = first; b < first + count && b < long(k.size()); ++b)
+            k[size_t(b)] = true;
+    }
+
+    int addAction(const std::string& kind, const std::string& what)
+    {
+        std::lock_guard<std::mutex> g(lock);
+        ActionRec r;
+        r.a.id = int(actionRecs.size()) + 1;
+        r.a.kind = kind;
+        r.a.what = what;
+        actionRecs.push_back(r);
+        return r.a.id;
+    }
+
+    void fail(ActionRec& r, const ReplyCodes& codes, const std::string& why)
+    {
+        if (r.a.state != Action::Pending)
+            return;
+        r.a.state = Action::Failed;
+        r.a.codes = codes;
+        r.a.why = why;
+    }
+
+    // The meaning of a reply's codes with the likely fix; `port` is where the frame went.
+    std::string meaning(const ReplyCodes& c, int port, const std::string& source, bool timedOut, bool lost,
+        int replyBytes, bool addressed = true) const
+    {
+        if (c.header && c.amsError == 0x7)
+            return "AMS error 0x7 (target machine not found): the PLC's AMS Net ID is not " + cfg.netId
+                + ": check --netid";
+        if (c.header && c.amsError == 0x6)
+            return "AMS error 0x6 (target port not found): no ADS port " + std::to_string(port)
+                + " on the PLC: check --ams-port";
+        if (c.header && c.amsError != 0)
+            return codesText(c);
+        if (c.hasResult && c.adsResult != 0) {
+            std::string t = codesText(c);
+            if (!addressed)  // the handshake names no address of the user's
+                return t;
+            switch (c.adsResult) {
+            case 0x701:
+                return t + ": the PLC does not offer this request";
+            case 0x702:
+                return t + ": the PLC has no such area";
+            case 0x703:
+            case 0x705:
+                return t + ": the address lies beyond the PLC's area; check the address";
+            case 0x704:
+                return t + ": the PLC does not allow this access";
+            default:
+                return t;
+            }
+        }
+        if (!anyReply)
+            return "connected, but no answer: the PLC most likely has no route for this panel's AMS Net ID " + source
+                + "; add one on the PLC";
+        if (lost)
+            return "the PLC closed the connection";
+        if (timedOut && replyBytes == 0)
+            return "no answer within " + std::to_string(cfg.replyTimeoutMs) + " ms";
+        return "a reply of " + std::to_string(replyBytes) + " bytes, not the length the driver expects";
+    }
+
+    // Bookkeeping after the driver has handled a reply (under `lock`).
+    void settle(const Exchange& ex, bool recipeWriteUp, bool recipeReadUp)
+    {
+        const ReplyCodes& fc = frameCodes;
+        const std::string why = meaning(
+            fc, ex.targetPort, ex.sourceNetId, ex.timedOut, ex.connectionLost, ex.replyBytes, ex.purpose != 'H');
+        if (ex.purpose == 'H' && ex.result == 1)
+            handshakeDone = true;
+        const bool hasSpan = ex.frame.size() >= 50 && (ex.commandId == 2 || ex.commandId == 3);
+        const char area = hasSpan ? areaOfGroup(le32(&ex.frame[38])) : '?';
+        const long first = hasSpan ? long(le32(&ex.frame[42])) : 0;
+        const long count = hasSpan ? long(le32(&ex.frame[46])) : 0;
+        const long last = first + count - 1;
+        if (ex.result == 1 && ex.codes.ok() && (ex.purpose == 'R' || ex.purpose == 'C' || ex.purpose == 'r'))
+            markKnown(area, first, count);
+        for (ActionRec& r : actionRecs) {
+            if (r.a.state != Action::Pending)
+                continue;
+            if (r.a.kind == "write" && (ex.purpose == 'W' || ex.purpose == 'B') && r.area == area && first <= r.last
+                && last >= r.first) {
+                if (ex.result == 2) {
+                    fail(r, fc,
+                        std::string(ex.purpose == 'B' ? "the read before the bit write was given up: "
+                                                      : "given up after the retry limit: ")
+                            + why);
+                } else if (ex.result == 1 && ex.purpose == 'W') {
+                    if (ex.codes.anyError()) {
+                        fail(r, ex.codes, "the PLC refused the write: " + why);
+                    } else if (ex.codes.ok() && ex.codes.hasResult) {
+                        r.a.codes = ex.codes;
+                        for (long b = std::max<long>(first, r.first); b <= std::min<long>(last, r.last); ++b)
+                            r.confirmed[size_t(b - r.first)] = true;
+                        if (std::find(r.confirmed.begin(), r.confirmed.end(), false) == r.confirmed.end())
+                            r.a.state = Action::Done;
+                    }
+                }
+            } else if ((r.a.kind == "recipe write" && ex.purpose == 'w')
+                || (r.a.kind == "recipe read" && ex.purpose == 'r')) {
+                if (ex.result == 2)
+                    fail(r, fc, "given up after the retry limit: " + why);
+                else if (ex.result == 1 && ex.codes.anyError())
+                    fail(r, ex.codes, "the PLC refused it: " + why);
+                else if (ex.codes.header)
+                    r.a.codes = ex.codes;
+            }
+        }
+        if (ex.result == 1 && ex.purpose == 'W' && ex.codes.ok())
+            markKnown(area, first, count);
+        // A recipe transfer is over when the driver has lowered its flag.
+        for (ActionRec& r : actionRecs) {
+            if (r.a.state == Action::Pending
+                && ((r.a.kind == "recipe write" && !recipeWriteUp) || (r.a.kind == "recipe read" && !recipeReadUp)))
+                r.a.state = Action::Done;
+        }
+        if (ex.result == 2 && fatal.kind == Fatal::None) {
+            if (!handshakeDone && !anyReply) {
+                fatal.kind = Fatal::NoAnswer;
+                fatal.message = why;
+            } else if (fc.header && fc.amsError != 0) {
+                fatal.kind = Fatal::AmsError;
+                fatal.codes = fc;
+                fatal.message = why;
+            }
+        }
+    }
+
     KEY_ADDRESS key(const Address& a) const
     {
         KEY_ADDRESS k = KEY_ADDRESS();
@@ -393,36 +626,11 @@ struct Session::Impl {
             why = "PLC address '" + cfg.plcHost + "' is not an IPv4 address";
             return false;
         }
-        const int s = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+        std::string err;
+        const int s = adstool::connectTcp(cfg.plcHost, cfg.plcPort, adstool::Deadline(cfg.connectTimeoutMs), &err);
         if (s < 0) {
-            why = std::string("socket: ") + std::strerror(errno);
+            why = "cannot " + err;  // "cannot connect to HOST:PORT: Connection refused"
             return false;
-        }
-        const int one = 1;
-        ::setsockopt(s, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-        const std::string where = cfg.plcHost + ":" + std::to_string(cfg.plcPort);
-        if (::connect(s, reinterpret_cast<sockaddr*>(&a), sizeof a) < 0) {
-            if (errno != EINPROGRESS) {
-                why = "cannot connect to " + where + ": " + std::strerror(errno);
-                ::close(s);
-                return false;
-            }
-            pollfd p {s, POLLOUT, 0};
-            const int r = ::poll(&p, 1, cfg.connectTimeoutMs);
-            if (r != 1) {
-                why = "cannot connect to " + where + ": no answer within " + std::to_string(cfg.connectTimeoutMs)
-                    + " ms";
-                ::close(s);
-                return false;
-            }
-            int err = 0;
-            socklen_t len = sizeof err;
-            ::getsockopt(s, SOL_SOCKET, SO_ERROR, &err, &len);
-            if (err) {
-                why = "cannot connect to " + where + ": " + std::strerror(err);
-                ::close(s);
-                return false;
-            }
         }
         // Connected: from now on blocking, with the reply time-out on receiving, so that a
         // reply costs one recv() as in the plainest client.
@@ -536,23 +744,8 @@ struct Session::Impl {
 
     bool sendFrame(const uint8_t* p, size_t len)
     {
-        // One send() for the whole frame; the loop only covers a full send buffer.
-        const int64_t deadline = nowMs() + cfg.replyTimeoutMs;
-        size_t done = 0;
-        while (done < len) {
-            const ssize_t n = ::send(fd, p + done, len - done, MSG_NOSIGNAL);
-            if (n > 0) {
-                done += size_t(n);
-                continue;
-            }
-            if (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)
-                return false;
-            pollfd pf {fd, POLLOUT, 0};
-            const int64_t left = deadline - nowMs();
-            if (left <= 0 || ::poll(&pf, 1, int(left)) <= 0)
-                return false;
-        }
-        return true;
+        // One send() for the whole frame; the helper only waits when the send buffer is full.
+        return adstool::sendAll(fd, p, len, adstool::Deadline(cfg.replyTimeoutMs)) == adstool::IoStatus::Ok;
     }
 
     // Assembles one reply by the AMS/TCP length field and hands over exactly that frame;
@@ -607,10 +800,11 @@ struct Session::Impl {
         }
     }
 
-    bool recipeFlagsUp()
+    void recipeFlags(bool& writeUp, bool& readUp)
     {
         QMutexLocker g(&hostMutex);
-        return statusBlock[HOST_FLAG_RECIPE_WRITE] == 1 || statusBlock[HOST_FLAG_RECIPE_READ] == 1;
+        writeUp = statusBlock[HOST_FLAG_RECIPE_WRITE] == 1;
+        readUp = statusBlock[HOST_FLAG_RECIPE_READ] == 1;
     }
 };
 
@@ -640,38 +834,37 @@ bool Session::open(const Config& cfg, std::string& why)
         return false;
     }
     Plugin& p = d->plugin;
-    // Validate the addresses before anything is configured.
-    for (const Address& a : cfg.watches) {
-        const int r = checkAddress(a, 0);
-        if (r != 0) {
-            why = "address " + a.text() + " rejected by the driver (check result " + std::to_string(r) + ")";
-            g_session = nullptr;
+    // Validate the addresses before anything is configured; the driver's integer address
+    // is the one used from here on.
+    Config& c = d->cfg;
+    auto check = [&](Address& a, int access, const std::string& what) {
+        std::string w;
+        if (resolve(a, access, w))
+            return true;
+        why = what + " " + w;
+        d->openFailedOnAddress = true;
+        g_session = nullptr;
+        return false;
+    };
+    for (Address& a : c.watches)
+        if (!check(a, 0, "--watch"))
             return false;
-        }
-    }
-    for (const Address& a : cfg.conditions) {
-        const int r = checkAddress(a, 0);
-        if (r != 0) {
-            why = "condition address " + a.text() + " rejected by the driver (check result " + std::to_string(r) + ")";
-            g_session = nullptr;
+    for (Address& a : c.conditions)
+        if (!check(a, 0, "--condition"))
             return false;
-        }
-    }
-    for (const RecipeVar& v : cfg.recipe) {
-        const int r = checkAddress(v.addr, 1);
-        if (r != 0) {
-            why = "recipe address " + v.addr.text() + " rejected by the driver (check result " + std::to_string(r)
-                + ")";
-            g_session = nullptr;
+    for (RecipeVar& v : c.recipe)
+        if (!check(v.addr, 1, "--recipe"))
             return false;
-        }
-    }
+    for (Write& w : c.writes)
+        if (!check(w.addr, 1, "--write"))
+            return false;
     if (!cfg.pcapPath.empty()
         && !d->pcap.open(cfg.pcapPath, cfg.pcapRaw ? PcapWriter::LINK_RAW : PcapWriter::LINK_ETHERNET)) {
         why = "cannot write " + cfg.pcapPath + ": " + std::strerror(errno);
         g_session = nullptr;
         return false;
     }
+    d->pcap.setLimit(cfg.pcapLimitBytes);
 
     // 1. initialisation: context, write-to-cache-only flag, stored value, retries, gap
     const std::string init
@@ -683,14 +876,14 @@ bool Session::open(const Config& cfg, std::string& why)
     p.setAddrValueChangeCallBack(&hostCallback);
     // 4. the screen
     QList<KEY_ADDRESS> keys;
-    for (const Address& a : cfg.watches)
+    for (const Address& a : c.watches)
         keys.append(d->key(a));
     d->blocks = p.addrMerge(keys);
     d->stats.blocksPerRefresh = d->blocks;
     // 5. recipe variables, laid out in the recipe buffer at their rcpDataIndex
-    if (!cfg.recipe.empty()) {
+    if (!c.recipe.empty()) {
         QVector<_RCP_VAR_PRO> vars;
-        for (const RecipeVar& v : cfg.recipe) {
+        for (const RecipeVar& v : c.recipe) {
             _RCP_VAR_PRO r = _RCP_VAR_PRO();
             r.driverNo = cfg.context;
             r.keyNo = cfg.keyNo;
@@ -705,7 +898,7 @@ bool Session::open(const Config& cfg, std::string& why)
         p.setRcpAddress(&vars);
     }
     // 6. condition reads
-    for (const Address& a : cfg.conditions)
+    for (const Address& a : c.conditions)
         addConditionRead(a);
     d->opened = true;
     return true;
@@ -743,6 +936,62 @@ std::string Session::driverVersion()
     return d->plugin.getVersion().toStdString();
 }
 
+bool Session::openFailedOnAddress() const { return d->openFailedOnAddress; }
+std::vector<Address> Session::watches() const { return d->cfg.watches; }
+std::vector<Address> Session::conditions() const { return d->cfg.conditions; }
+std::vector<Write> Session::writes() const { return d->cfg.writes; }
+
+std::string Session::pluginVersion(const std::string& path, std::string& why)
+{
+    static Plugin p;  // stays loaded, as every plugin of this host does
+    if (!p.handle && !p.load(path, why))
+        return std::string();
+    return p.getVersion().toStdString();
+}
+
+std::vector<std::string> Session::registers(bool bits)
+{
+    std::vector<std::string> out;
+    if (!d->plugin.getRegListByType)
+        return out;
+    QList<QString> names;
+    d->plugin.getRegListByType(bits ? 0 : 1, names);
+    for (const QString& n : names)
+        out.push_back(n.toStdString());
+    return out;
+}
+
+bool Session::resolve(Address& a, int access, std::string& why)
+{
+    const std::vector<std::string> bits = registers(true), words = registers(false);
+    const bool isBitReg = std::find(bits.begin(), bits.end(), a.reg) != bits.end();
+    const bool isWordReg = std::find(words.begin(), words.end(), a.reg) != words.end();
+    if (!isBitReg && !isWordReg) {
+        why = a.text() + ": unknown register '" + a.reg + "' (the driver has";
+        for (const std::string& n : bits)
+            why += " " + n;
+        for (const std::string& n : words)
+            why += " " + n;
+        why += ")";
+        return false;
+    }
+    int out = 0;
+    const int r = d->plugin.checkAddr(
+        QString::fromStdString(a.reg), QString::fromStdString(a.addrText), &out, isBitReg ? -1 : 1, a.count, access);
+    if (r != 0) {
+        QList<QString> desc;  // format mask, minimum, maximum, width code, access code
+        d->plugin.getRegDiscription(QString::fromStdString(a.reg), desc);
+        why = a.text() + ": " + checkResultText(r);
+        if (desc.size() >= 3 && (r == 2 || r == 4))
+            why += " (" + a.reg + " addresses run from " + desc[1].toStdString() + " to " + desc[2].toStdString()
+                + (isBitReg ? ", written BYTE.BIT" : ", a byte offset") + (isBitReg ? "" : "; COUNT is in words") + ")";
+        why += "; the driver's check result " + std::to_string(r);
+        return false;
+    }
+    a.address = out;
+    return true;
+}
+
 int Session::checkAddress(const Address& a, int access)
 {
     int out = 0;
@@ -765,7 +1014,9 @@ Exchange Session::step()
     if (s.pollStart == 0)
         s.pollStart = nowSec();
 
-    const bool recipeUp = s.recipeFlagsUp();
+    bool recipeWriteUp = false, recipeReadUp = false;
+    s.recipeFlags(recipeWriteUp, recipeReadUp);
+    const bool recipeUp = recipeWriteUp || recipeReadUp;
     FRAME_PRO* frame = s.frame.get();
     ex.sent = s.plugin.getSendFrame(frame);
     if (ex.sent != 1) {
@@ -783,6 +1034,20 @@ Exchange Session::step()
     ex.varKind = f.var.kind;
     ex.frame.assign(f.frame, f.frame + ex.sendLen);
     ex.cyclicRead = f.readLen > 0 && f.var.kind == 4 && !recipeUp && endsWith(ex.varReg, "_W");
+    ex.targetPort = f.frame[12] | f.frame[13] << 8;
+    ex.sourceNetId = netIdOf(f.frame + 14);
+    if (ex.commandId == 6)
+        ex.purpose = 'H';
+    else if (ex.commandId == 3)
+        ex.purpose = recipeWriteUp ? 'w' : 'W';
+    else if (ex.commandId == 2 && recipeReadUp && !recipeWriteUp)
+        ex.purpose = 'r';
+    else if (ex.commandId == 2 && f.var.kind == 4 && !recipeUp)
+        ex.purpose = 'R';
+    else if (ex.commandId == 2 && endsWith(ex.varReg, "_bit") && f.var.kind == s.cfg.writeMode)
+        ex.purpose = 'B';
+    else if (ex.commandId == 2)
+        ex.purpose = 'C';
 
     s.drain();
     std::vector<uint8_t> reply;
@@ -802,6 +1067,22 @@ Exchange Session::step()
             s.pcap.plcToHost(reply.data(), reply.size());
     }
     const double t1 = nowSec();
+
+    // What the reply says, read from its bytes before the driver sees it (the driver's
+    // callback for a condition read settles that action with these codes).
+    ex.codes = decodeReply(reply.data(), reply.size());
+    {
+        std::lock_guard<std::mutex> g(s.lock);
+        if (!reply.empty())
+            s.anyReply = true;
+        s.sourceNetId = ex.sourceNetId;
+        if (ex.frame != s.inFlight) {
+            s.inFlight = ex.frame;
+            s.frameCodes = ReplyCodes();
+        }
+        if (ex.codes.header)
+            s.frameCodes = ex.codes;
+    }
 
     // Hand over what arrived, also nothing, so that the driver counts a failure.
     QByteArray bytes(reinterpret_cast<const char*>(reply.data()), int(reply.size()));
@@ -824,8 +1105,11 @@ Exchange Session::step()
             s.closeSocket(true);
     }
 
+    bool writeStillUp = false, readStillUp = false;
+    s.recipeFlags(writeStillUp, readStillUp);
     {
         std::lock_guard<std::mutex> g(s.lock);
+        s.settle(ex, writeStillUp, readStillUp);
         if (ex.result >= 0 && ex.result <= 8)
             ++s.stats.results[ex.result];
         if (ex.timedOut)
@@ -874,12 +1158,22 @@ bool Session::run(uint64_t cycles, int ms, const std::function<bool()>& until)
     return true;
 }
 
-void Session::write(const Write& w)
+int Session::write(const Write& w)
 {
+    const int id = d->addAction("write", w.text());
+    {
+        std::lock_guard<std::mutex> g(d->lock);
+        Impl::ActionRec& r = d->actionRecs.back();
+        r.area = w.addr.area();
+        r.first = w.addr.firstByte();
+        r.last = w.addr.lastByte();
+        r.confirmed.assign(size_t(std::max(0, r.last - r.first + 1)), false);
+    }
     std::vector<uint8_t> data = w.data;
     data.resize(std::max<size_t>(data.size(), 4), 0);
     d->plugin.setData(
         d->cfg.keyNo, QString::fromStdString(w.addr.reg), w.addr.address, w.addr.count, data.data(), d->cfg.writeMode);
+    return id;
 }
 
 std::vector<uint8_t> Session::read(const Address& a)
@@ -891,16 +1185,20 @@ std::vector<uint8_t> Session::read(const Address& a)
     return out;
 }
 
-void Session::requestRecipeWrite()
+int Session::requestRecipeWrite()
 {
+    const int id = d->addAction("recipe write", std::to_string(d->cfg.recipe.size()) + " variables");
     QMutexLocker g(&d->hostMutex);
     d->statusBlock[HOST_FLAG_RECIPE_WRITE] = 1;
+    return id;
 }
 
-void Session::requestRecipeRead()
+int Session::requestRecipeRead()
 {
+    const int id = d->addAction("recipe read", std::to_string(d->cfg.recipe.size()) + " variables");
     QMutexLocker g(&d->hostMutex);
     d->statusBlock[HOST_FLAG_RECIPE_READ] = 1;
+    return id;
 }
 
 bool Session::recipeWritePending()
@@ -932,15 +1230,101 @@ void Session::setRecipeWord(int index, uint16_t value)
     d->recipeBuffer[at + 1] = uint8_t(value >> 8);
 }
 
-void Session::addConditionRead(const Address& a)
+int Session::addConditionRead(const Address& a)
 {
+    const int id = d->addAction("condition read", a.text());
     KEY_ADDRESS k = d->key(a);
     d->plugin.addConditionRead(&k, d->cfg.conditionKind);
+    return id;
 }
+
+std::vector<Action> Session::actions()
+{
+    std::lock_guard<std::mutex> g(d->lock);
+    std::vector<Action> out;
+    for (const Impl::ActionRec& r : d->actionRecs)
+        out.push_back(r.a);
+    return out;
+}
+
+Action Session::action(int id)
+{
+    std::lock_guard<std::mutex> g(d->lock);
+    if (id < 1 || id > int(d->actionRecs.size()))
+        return Action();
+    return d->actionRecs[size_t(id - 1)].a;
+}
+
+bool Session::actionsSettled()
+{
+    std::lock_guard<std::mutex> g(d->lock);
+    for (const Impl::ActionRec& r : d->actionRecs)
+        if (r.a.state == Action::Pending)
+            return false;
+    return true;
+}
+
+Fatal Session::fatal()
+{
+    std::lock_guard<std::mutex> g(d->lock);
+    return d->fatal;
+}
+
+bool Session::handshakeDone()
+{
+    std::lock_guard<std::mutex> g(d->lock);
+    return d->handshakeDone;
+}
+
+bool Session::everRead(const Address& a)
+{
+    std::lock_guard<std::mutex> g(d->lock);
+    const int i = Impl::areaIndex(a.area());
+    if (i < 0 || d->known[i].empty())
+        return false;
+    for (int b = a.firstByte(); b <= a.lastByte(); ++b)
+        if (b < 0 || size_t(b) >= d->known[i].size() || !d->known[i][size_t(b)])
+            return false;
+    return true;
+}
+
+std::string Session::explain(const Exchange& ex)
+{
+    std::lock_guard<std::mutex> g(d->lock);
+    ReplyCodes c = ex.codes;
+    if (!c.header && ex.frame == d->inFlight)
+        c = d->frameCodes;
+    // After a give-up the driver has moved on; the codes are those of the frame given up.
+    if (!c.header && ex.result == 2)
+        c = d->frameCodes;
+    const std::string what = ex.errorText.empty() ? std::string("(handshake)") : ex.errorText;
+    return what + ": "
+        + d->meaning(
+            c, ex.targetPort, ex.sourceNetId, ex.timedOut, ex.connectionLost, ex.replyBytes, ex.purpose != 'H');
+}
+
+bool Session::captureLimitReached() const { return d->pcap.limitReached(); }
+uint64_t Session::capturePackets() const { return d->pcap.packets(); }
 
 void Session::onChange(int context, int keyNo, const std::string& text, int address)
 {
     std::lock_guard<std::mutex> g(d->lock);
+    if (text == "-1" && context == -1) {
+        // A condition read is over; they are served in the order they were queued.
+        for (Impl::ActionRec& r : d->actionRecs) {
+            if (r.a.kind != "condition read" || r.a.state != Action::Pending)
+                continue;
+            if (address == 0) {
+                r.a.state = Action::Done;
+                r.a.codes = d->frameCodes;
+            } else {
+                d->fail(r, d->frameCodes,
+                    "given up after the retry limit: "
+                        + d->meaning(d->frameCodes, d->cfg.amsPort, d->sourceNetId, false, false, 0));
+            }
+            break;
+        }
+    }
     ++d->stats.changes;
     if (d->changes.size() < 1000000)
         d->changes.push_back(Change {context, keyNo, text, address});

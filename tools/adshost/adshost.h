@@ -12,6 +12,11 @@
 // frame is sent. Writes may come from another thread (intf_setData); the value-change
 // callback collects the driver's change reports.
 //
+// The host reads what the driver does not: the AMS header's error code and the ADS result of
+// every reply (ReplyCodes). With them it settles the actions asked of it (writes, recipe
+// transfers, condition reads: done or failed, with the codes), tells a session that cannot go
+// on (Fatal: no answer at all, or an AMS error), and knows which addresses were ever read.
+//
 // The driver keeps one global state per loaded library, so only one Session may be open in
 // a process at a time.
 #pragma once
@@ -26,14 +31,42 @@
 namespace adshost {
 
 // An address as the host's editor writes it: "M_W:100:4", "M_bit:10.3", "I_W:0", "Q_bit:0.1:8".
+// Which registers exist and which address texts are valid is the driver's to say
+// (intf_getRegListByType, intf_checkAddr); Session::open and Session::resolve ask it.
 struct Address {
     std::string reg;       // "I_bit", "Q_bit", "M_bit", "I_W", "Q_W", "M_W"
     std::string addrText;  // "10.3" or "100"
     int address = 0;       // bit number (byte * 8 + bit) or byte offset
     int count = 1;         // bits for bit registers, 16-bit words for word registers
+    // A bit register: the name ends in "_bit", the driver's own rule (a test checks it
+    // against the driver's list of bit registers).
     bool isBit() const;
     std::string text() const;  // "M_W:100:4"
+    // PLC memory the address covers: area letter ("I", "Q", "M") and bytes [first, last].
+    char area() const { return reg.empty() ? '?' : reg[0]; }
+    int firstByte() const;
+    int lastByte() const;
 };
+
+// What a reply says about its request: the AMS header's error code and the ADS result (the
+// first four bytes of the reply's data), read from the reply's bytes by the host. The
+// driver examines neither; a write that the PLC refuses has the length of a good reply.
+struct ReplyCodes {
+    bool header = false;     // at least the AMS/TCP and AMS headers arrived
+    uint32_t amsError = 0;   // AMS header error code (0x6 no such port, 0x7 no such Net ID)
+    bool hasResult = false;  // the reply carries an ADS result
+    uint32_t adsResult = 0;
+    bool ok() const { return header && amsError == 0 && (!hasResult || adsResult == 0); }
+    bool anyError() const { return header && (amsError != 0 || (hasResult && adsResult != 0)); }
+};
+// Decodes one AMS/TCP reply frame (bytes from the AMS/TCP header on).
+ReplyCodes decodeReply(const uint8_t* p, size_t n);
+// "AMS error 0x7 (target machine not found)" or "ADS error 0x702 (invalid index group)";
+// empty when the codes carry no error.
+std::string codesText(const ReplyCodes& c);
+
+// The meaning of an intf_checkAddr result: "the address text does not fit ...".
+std::string checkResultText(int result);
 
 // A write: an address and its value bytes in the driver's layout (one byte per bit for bit
 // registers, two bytes per word, low byte first, for word registers).
@@ -64,7 +97,7 @@ struct Config {
     std::string plcHost = "127.0.0.1";
     uint16_t plcPort = 48898;
     std::string netId = "192.168.1.100.1.1";
-    int amsPort = 801;
+    int amsPort = 851;      // the AMS port of the PLC runtime; the same default as --probe
     int keyNo = 1;          // station number handed to the driver with every address
     int context = 0;        // first field of the initialisation string
     int retries = 3;        // retry limit (fourth field)
@@ -79,8 +112,12 @@ struct Config {
     std::vector<Address> watches;
     std::vector<RecipeVar> recipe;
     std::vector<Address> conditions;  // queued once, before polling starts
-    std::string pcapPath;             // empty: no capture
-    bool pcapRaw = false;             // LINKTYPE_RAW (101) instead of Ethernet (1)
+    // Writes the host will make: open() checks their addresses with the driver (as written)
+    // before anything is configured; they are handed over with Session::write().
+    std::vector<Write> writes;
+    uint64_t pcapLimitBytes = 0;  // 0: no limit; else the capture ends before this size
+    std::string pcapPath;         // empty: no capture
+    bool pcapRaw = false;         // LINKTYPE_RAW (101) instead of Ethernet (1)
 };
 
 // One change report of the driver's value-change callback.
@@ -106,6 +143,12 @@ struct Exchange {
     bool timedOut = false;
     bool connectionLost = false;
     bool cyclicRead = false;  // counted as a read of a block of the screen
+    // What the frame served: 'H' handshake, 'R' cyclic read, 'C' condition read, 'W' write,
+    // 'B' the read before a bit write, 'w' recipe write, 'r' recipe read.
+    char purpose = 0;
+    ReplyCodes codes;         // decoded from this reply
+    int targetPort = 0;       // AMS port the frame was sent to
+    std::string sourceNetId;  // the Net ID the driver sent as ("192.168.1.20.1.1")
     double rttMs = 0;
     std::vector<uint8_t> frame;  // the bytes sent
 };
@@ -126,6 +169,28 @@ struct Stats {
     std::string figuresLine() const;  // "figures: requests=... "
 };
 
+// One action asked for on the command line: a write, a recipe write or read, a condition
+// read. Done: the PLC's reply was accepted and its ADS result was 0. Failed: with the reply's
+// codes (when there were any) and a reason.
+struct Action {
+    enum State { Pending, Done, Failed };
+    int id = 0;
+    std::string kind;  // "write", "recipe write", "recipe read", "condition read"
+    std::string what;  // "M_W:10=0x1234"
+    State state = Pending;
+    ReplyCodes codes;  // of the reply that settled it (failure) or of the last reply seen
+    std::string why;   // for a failure: what went wrong, with the meaning of the codes
+};
+
+// Why a session cannot go on: no answer at all since the connection was made, or an AMS
+// error that retrying does not cure (no such Net ID or port).
+struct Fatal {
+    enum Kind { None, NoAnswer, AmsError };
+    Kind kind = None;
+    ReplyCodes codes;
+    std::string message;
+};
+
 class Plugin;   // the loaded driver
 class Capture;  // the pcap writer
 
@@ -140,6 +205,20 @@ public:
     // intf_checkAddr and configures the driver (initialisation string, property page,
     // callback, addresses, recipe, condition reads). No connection yet.
     bool open(const Config& cfg, std::string& why);
+    // After a failed open(): true when an address was the cause (a usage error).
+    bool openFailedOnAddress() const;
+    // Loads the plugin only (for --version); the driver's version text, or empty.
+    static std::string pluginVersion(const std::string& path, std::string& why);
+    // Checks an address with the driver (intf_checkAddr; access 1: it is written) and takes
+    // the driver's integer address. False with the register, the rule and the driver's
+    // result in `why`.
+    bool resolve(Address& a, int access, std::string& why);
+    // The addresses of the screen and the condition reads, as the driver resolved them.
+    std::vector<Address> watches() const;
+    std::vector<Address> conditions() const;
+    std::vector<Write> writes() const;  // Config::writes, as the driver resolved them
+    // The driver's register names (intf_getRegListByType 0: bits, 1: words).
+    std::vector<std::string> registers(bool bits);
     // Connects (with the configured time-out). False with a reason.
     bool connect(std::string& why);
     bool connected() const;
@@ -159,19 +238,40 @@ public:
     const std::string& failure() const;
 
     // Thread-safe: may be called from another thread while the polling thread runs.
-    void write(const Write& w);
+    // Returns the id of the write's Action.
+    int write(const Write& w);
     // Values from the driver's cache: one byte per bit, two bytes per word (low byte first).
     std::vector<uint8_t> read(const Address& a);
-    // Recipe transfers: raise the host's request flag under the host mutex.
-    void requestRecipeWrite();
-    void requestRecipeRead();
+    // Recipe transfers: raise the host's request flag under the host mutex. Return the id
+    // of the transfer's Action.
+    int requestRecipeWrite();
+    int requestRecipeRead();
     bool recipeWritePending();
     bool recipeReadPending();
     // The host's recipe buffer (words at rcpDataIndex).
     uint16_t recipeWord(int index);
     void setRecipeWord(int index, uint16_t value);
-    // Queues a condition read (only while no other thread is in the driver).
-    void addConditionRead(const Address& a);
+    // Queues a condition read (only while no other thread is in the driver). Returns the id
+    // of its Action.
+    int addConditionRead(const Address& a);
+
+    // The actions so far, in the order they were asked for.
+    std::vector<Action> actions();
+    Action action(int id);
+    bool actionsSettled();  // none pending
+    // Set when the session cannot go on (see Fatal).
+    Fatal fatal();
+    bool handshakeDone();
+    // Whether every byte of the address has been read from the PLC (or written and
+    // confirmed by it) in this session.
+    bool everRead(const Address& a);
+    // A communication error, with the meaning of the last reply's codes and the likely
+    // fix: "1#M_W0(2)(38): AMS error 0x6 (target port not found): no ADS port 851 on the
+    // PLC: check --ams-port".
+    std::string explain(const Exchange& ex);
+    // Whether the capture ended at its size limit (pcapLimitBytes).
+    bool captureLimitReached() const;
+    uint64_t capturePackets() const;
 
     // Change reports collected since the last call.
     std::vector<Change> takeChanges();

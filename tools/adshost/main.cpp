@@ -1,74 +1,121 @@
-// adshost: drives an ads_ethernet driver plugin against a PLC as a panel runtime does.
+// adshost: drives an ads_ethernet driver plugin against a PLC as a panel runtime does, or
+// (--probe) checks the path to a PLC with frames of its own.
 #include "adshost.h"
 #include "probe.h"
 #include "text_util.h"
 
+#include "adstool/cli.h"
+#include "adstool/hostport.h"
+#include "adstool/netid.h"
+
+#include <signal.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <cerrno>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
+#ifndef ADSHOST_VERSION
+#define ADSHOST_VERSION "0.0.0.0"
+#endif
+#ifndef ADSHOST_DEFAULT_DRIVER
+#define ADSHOST_DEFAULT_DRIVER "/usr/lib/libads_ethernet.so"
+#endif
+
 namespace {
 
-const char* const kVersion = "adshost 1.0.0";
+using namespace adshost::probe;  // the exit codes
 
-const char* const kHelp = "Usage: adshost --driver PATH --plc HOST:PORT --watch REG:ADDR[:COUNT] ...\n"
-                          "               (--cycles N | --duration SECONDS) [options]\n"
-                          "Loads an ADS driver plugin and polls a PLC through it like a panel runtime.\n"
-                          "\n"
-                          "  --driver PATH          driver plugin (libads_ethernet.so)\n"
-                          "  --plc HOST:PORT        PLC address (IPv4), e.g. 127.0.0.1:48898\n"
-                          "  --netid A.B.C.D.E.F    PLC's AMS Net ID (default 192.168.1.100.1.1)\n"
-                          "  --ams-port N           PLC's AMS port (default 801)\n"
-                          "  --watch REG:ADDR[:N]   watched address, repeatable: M_W:100:4 (4 words\n"
-                          "                         from byte 100), M_bit:10.3, I_W:0, Q_bit:0.1:8\n"
-                          "  --write REG:ADDR=V     write once the screen has been read, from a second\n"
-                          "                         thread: M_W:10=0x1234 (low byte first), M_bit:10.3=1\n"
-                          "  --recipe REG:ADDR:N[=V,...]  recipe variable; with values: download them,\n"
-                          "                         then read the recipe back and compare\n"
-                          "  --condition REG:ADDR[:N]  one-shot read queued before polling\n"
-                          "  --cycles N             stop after N polling cycles\n"
-                          "  --duration SECONDS     stop after this time\n"
-                          "  --retries N            retry limit of the driver (default 3)\n"
-                          "  --gap N                largest gap in bytes bridged when merging (default 16)\n"
-                          "  --timeout-ms N         reply time-out (default 500)\n"
-                          "  --interval-ms N        pause between polling cycles (default 0)\n"
-                          "  --pcap FILE            capture every frame (Ethernet link type)\n"
-                          "  --pcap-raw             capture with link type raw IPv4 instead\n"
-                          "  --quiet                no live table and no value list at the end\n"
-                          "  --probe                check the path to a PLC instead (no driver needed);\n"
-                          "                         see adshost --probe --help\n"
-                          "  --version, --help\n"
-                          "\n"
-                          "Exit status: 0 when the session ran, 1 when it could not start (plugin or\n"
-                          "entry point missing, bad address, no connection), 2 for a usage error,\n"
-                          "3 when the connection was lost for good.\n";
+volatile sig_atomic_t g_signal = 0;
 
-int usage(const std::string& why)
+extern "C" void onSignal(int sig) { g_signal = sig; }
+
+void installSignals()
 {
-    std::fprintf(stderr, "adshost: %s (try --help)\n", why.c_str());
-    return 2;
+    struct sigaction sa;
+    std::memset(&sa, 0, sizeof sa);
+    sa.sa_handler = onSignal;
+    sigemptyset(&sa.sa_mask);
+    sa.sa_flags = 0;  // no SA_RESTART: a waiting recv() returns at once
+    ::sigaction(SIGINT, &sa, nullptr);
+    ::sigaction(SIGTERM, &sa, nullptr);
 }
 
-int fail(const std::string& why)
+const char* const kDescription = "adshost: the reference host of the ads_ethernet driver and a commissioning tool.\n"
+                                 "Driver mode loads the driver plugin and polls a PLC through it as a panel\n"
+                                 "runtime does:\n"
+                                 "  adshost --driver PATH --plc HOST:PORT --netid NETID --watch REG:ADDR[:COUNT]\n"
+                                 "          (--cycles N | --duration SECONDS) [--write ...] [options]\n"
+                                 "Probe mode sends its own ReadDeviceInfo and ReadState (no driver needed):\n"
+                                 "  adshost --probe --plc HOST:PORT --netid NETID [--ams-port N]\n"
+                                 "Addresses: I_bit, Q_bit, M_bit take BYTE.BIT (10.3; 10.9 is 11.1), I_W, Q_W,\n"
+                                 "M_W a byte offset; COUNT is bits or 16-bit words. The driver checks them.";
+
+const char* const kExitCodes = "Exit status:\n"
+                               "  0  the session ran and every action asked for (--write, --recipe,\n"
+                               "     --condition) was confirmed by the PLC; --probe: the PLC answers in RUN\n"
+                               "  1  could not start: driver plugin or entry point missing, capture file not\n"
+                               "     writable, no TCP connection\n"
+                               "  2  usage error: a bad option, or an address the driver refuses\n"
+                               "  3  the connection was lost and could not be made again\n"
+                               "  4  connected, but the PLC never answered: no route for this panel's Net ID\n"
+                               "  5  AMS error in a reply: no such AMS Net ID (0x7, check --netid) or AMS\n"
+                               "     port (0x6, check --ams-port)\n"
+                               "  6  the PLC refused an action or a read with an ADS error\n"
+                               "  7  --probe: the PLC answers but is not in RUN\n"
+                               "  8  --probe: a reply that is not a well-formed answer\n"
+                               "  9  an action did not finish within --action-timeout or was given up\n"
+                               "     without an error code, or a watched address was never read\n"
+                               "SIGINT and SIGTERM end a session cleanly: values, actions and figures are\n"
+                               "printed and the capture ends on a whole packet; the status is as above.\n"
+                               "With --json every value, action, error and the figures are one JSON object\n"
+                               "per line on standard output.";
+
+std::string jsonEscape(const std::string& s)
 {
-    std::fprintf(stderr, "adshost: %s\n", why.c_str());
-    return 1;
+    std::string o = "\"";
+    for (unsigned char c : s) {
+        switch (c) {
+        case '"':
+            o += "\\\"";
+            break;
+        case '\\':
+            o += "\\\\";
+            break;
+        case '\n':
+            o += "\\n";
+            break;
+        case '\r':
+            o += "\\r";
+            break;
+        case '\t':
+            o += "\\t";
+            break;
+        default:
+            if (c < 0x20) {
+                char buf[8];
+                std::snprintf(buf, sizeof buf, "\\u%04x", c);
+                o += buf;
+            } else {
+                o += char(c);
+            }
+        }
+    }
+    return o + "\"";
 }
 
-using adshost::util::toInt;
-
-std::string hex16(const std::vector<uint8_t>& b, size_t i)
+std::string hex16(unsigned v)
 {
     char buf[16];
-    std::snprintf(buf, sizeof buf, "0x%04X", unsigned(b[i] | b[i + 1] << 8));
+    std::snprintf(buf, sizeof buf, "0x%04X", v & 0xFFFF);
     return buf;
 }
 
@@ -80,249 +127,425 @@ std::string valuesText(const adshost::Address& a, const std::vector<uint8_t>& v)
             out += (i ? " " : "") + std::to_string(v[i] ? 1 : 0);
     } else {
         for (size_t i = 0; i + 1 < v.size(); i += 2)
-            out += (i ? " " : "") + hex16(v, i);
+            out += (i ? " " : "") + hex16(unsigned(v[i] | v[i + 1] << 8));
     }
     return out;
+}
+
+std::string valuesJson(const adshost::Address& a, const std::vector<uint8_t>& v)
+{
+    std::string out = "[";
+    if (a.isBit()) {
+        for (size_t i = 0; i < v.size(); ++i)
+            out += (i ? "," : "") + std::to_string(v[i] ? 1 : 0);
+    } else {
+        for (size_t i = 0; i + 1 < v.size(); i += 2)
+            out += (i ? "," : "") + std::to_string(unsigned(v[i] | v[i + 1] << 8));
+    }
+    return out + "]";
+}
+
+std::string figuresJson(const adshost::Stats& s)
+{
+    char buf[640];
+    std::snprintf(buf, sizeof buf,
+        "{\"type\":\"figures\",\"requests\":%llu,\"result1\":%llu,\"result8\":%llu,\"result2\":%llu,"
+        "\"result3\":%llu,\"result0\":%llu,\"timeouts\":%llu,\"reconnects\":%llu,\"stale_bytes\":%llu,"
+        "\"changes\":%llu,\"rtt_ms_min\":%.3f,\"rtt_ms_median\":%.3f,\"rtt_ms_max\":%.3f,\"refreshes\":%llu,"
+        "\"refreshes_per_s\":%.1f,\"blocks_per_refresh\":%d,\"seconds\":%.3f}",
+        (unsigned long long)s.requests, (unsigned long long)s.results[1], (unsigned long long)s.results[8],
+        (unsigned long long)s.results[2], (unsigned long long)s.results[3], (unsigned long long)s.results[0],
+        (unsigned long long)s.timeouts, (unsigned long long)s.reconnects, (unsigned long long)s.staleBytes,
+        (unsigned long long)s.changes, s.rttMinMs, s.rttMedianMs, s.rttMaxMs, (unsigned long long)s.fullRefreshes,
+        s.refreshesPerSecond(), s.blocksPerRefresh, s.seconds);
+    return buf;
+}
+
+std::string realText(double v)
+{
+    char buf[32];
+    std::snprintf(buf, sizeof buf, "%g", v);
+    return buf;
+}
+
+std::string signalName(int sig) { return sig == SIGINT ? "SIGINT" : sig == SIGTERM ? "SIGTERM" : "a signal"; }
+
+// Output: human-readable lines, or one JSON object per line (--json).
+struct Out {
+    bool json = false;
+    bool quiet = false;
+    void line(const std::string& text, const std::string& jsonObject)
+    {
+        if (json)
+            std::printf("%s\n", jsonObject.c_str());
+        else
+            std::printf("%s\n", text.c_str());
+        std::fflush(stdout);
+    }
+    // A diagnostic: always one text line on stderr; in JSON mode an "error" object too.
+    void error(const std::string& text, const std::string& kind)
+    {
+        std::fprintf(stderr, "adshost: %s\n", text.c_str());
+        std::fflush(stderr);
+        if (json) {
+            std::printf("{\"type\":\"error\",\"kind\":%s,\"message\":%s}\n", jsonEscape(kind).c_str(),
+                jsonEscape(text).c_str());
+            std::fflush(stdout);
+        }
+    }
+};
+
+std::string defaultDriver()
+{
+    const char* p = ADSHOST_DEFAULT_DRIVER;
+    return ::access(p, R_OK) == 0 ? std::string(p) : std::string();
 }
 
 }  // namespace
 
 int main(int argc, char** argv)
 {
-    for (int i = 1; i < argc; ++i)
-        if (std::strcmp(argv[i], "--probe") == 0)
-            return adshost::probe::main(argc, argv);
+    const std::string prog = "adshost";
+    CLI::App app(kDescription, "adshost");
+    adstool::cli::prepare(app);
+    app.set_help_flag("-h,--help", "print this help and exit");
+    app.get_formatter()->column_width(26);
+    app.footer(kExitCodes);
+
+    std::string driverPath, plcText, netIdText = "192.168.1.100.1.1", sourceNetIdText;
+    unsigned long long amsPort = 851, cycles = 0, retries = 3, gap = 16, timeoutMs = 0, intervalMs = 0;
+    double durationS = 0, actionTimeoutS = 10, pcapLimitMb = 100;
+    std::vector<std::string> watchTexts, writeTexts, recipeTexts, conditionTexts;
+    std::string pcapPath;
+    bool pcapRaw = false, quiet = false, json = false, probeMode = false, version = false;
+
+    // The rule of each option is in its description; CLI11 would add the validator's name
+    // to the option's type.
+    auto plain = [](CLI::Validator v) {
+        v.description("");
+        return v;
+    };
+    auto Number = [&](unsigned long long lo, unsigned long long hi, const std::string& what) {
+        return plain(adstool::cli::Number(lo, hi, what));
+    };
+    auto Real = [&](double lo, double hi, const std::string& what) { return plain(adstool::cli::Real(lo, hi, what)); };
+    app.add_flag("--probe", probeMode, "check the path to a PLC with frames of\nits own instead (no driver needed)");
+    app.add_option("--driver", driverPath, "driver plugin (libads_ethernet.so); default\n" ADSHOST_DEFAULT_DRIVER)
+        ->type_name("PATH");
+    app.add_option("--plc", plcText, "PLC address and AMS/TCP port (usually\n48898), e.g. 192.168.1.100:48898")
+        ->type_name("HOST:PORT")
+        ->check(plain(adstool::cli::HostPortText()));
+    app.add_option("--netid", netIdText, "the PLC's AMS Net ID (driver mode default\n192.168.1.100.1.1)")
+        ->type_name("A.B.C.D.E.F")
+        ->check(plain(adstool::cli::NetIdText()));
+    app.add_option("--ams-port", amsPort, "the PLC runtime's AMS port (default 851)")
+        ->type_name("N")
+        ->check(Number(1, 65535, "an AMS port"));
+    app.add_option("--source-netid", sourceNetIdText,
+           "--probe: this panel's Net ID; default: the\ndriver's rule (the first IPv4 address that\n"
+           "contains the PLC Net ID's first two\nnumbers, then .1.1)")
+        ->type_name("A.B.C.D.E.F")
+        ->check(plain(adstool::cli::NetIdText()));
+    app.add_option("--watch", watchTexts, "watched address, repeatable: M_W:100:4\n(4 words from byte 100), M_bit:10.3")
+        ->type_name("REG:ADDR[:N]")
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    app.add_option("--write", writeTexts,
+           "write once the screen was read, from a\nsecond thread: M_W:10=0x1234 (low byte\n"
+           "first), M_bit:10.3=1; repeatable")
+        ->type_name("REG:ADDR=V[,V]")
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    app.add_option("--recipe", recipeTexts,
+           "recipe variable (word registers); with\nvalues: download them, then read back\nand compare")
+        ->type_name("REG:ADDR:N[=V,..]")
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    app.add_option("--condition", conditionTexts, "one-shot read queued before polling")
+        ->type_name("REG:ADDR[:N]")
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    app.add_option("--cycles", cycles, "poll at least N cycles")
+        ->type_name("N")
+        ->check(Number(1, 1000000000000ULL, "a number of cycles"));
+    app.add_option("--duration", durationS, "poll at least this long, e.g. 0.5 or 10")
+        ->type_name("SECONDS")
+        ->check(Real(0.001, 604800, "seconds"));
+    app.add_option("--action-timeout", actionTimeoutS,
+           "time the actions (--write, --recipe,\n--condition) have to finish, from the\nstart (default 10)")
+        ->type_name("SECONDS")
+        ->check(Real(0.001, 3600, "seconds"));
+    app.add_option("--retries", retries, "retry limit of the driver (default 3)")
+        ->type_name("N")
+        ->check(Number(1, 1000, "a retry limit"));
+    app.add_option("--gap", gap, "largest gap in bytes bridged when merging\n(default 16)")
+        ->type_name("N")
+        ->check(Number(0, 128, "a gap in bytes"));
+    app.add_option("--timeout-ms", timeoutMs, "reply time-out (default 500; --probe: 2000)")
+        ->type_name("N")
+        ->check(Number(1, 600000, "milliseconds"));
+    app.add_option("--interval-ms", intervalMs, "pause between polling cycles (default 0)")
+        ->type_name("N")
+        ->check(Number(0, 600000, "milliseconds"));
+    app.add_option("--pcap", pcapPath, "capture every frame (Ethernet link type)")->type_name("FILE");
+    app.add_flag("--pcap-raw", pcapRaw, "capture with link type raw IPv4 instead");
+    app.add_option("--pcap-limit", pcapLimitMb, "end the capture at this size (default 100)")
+        ->type_name("MB")
+        ->check(Real(0.001, 1000000, "megabytes"));
+    app.add_flag("-q,--quiet", quiet, "no live table and no value list at the end");
+    app.add_flag("--json", json, "one JSON object per line on stdout");
+    app.add_flag("--version", version, "print adshost's and the driver's version");
+
+    const int parsed = adstool::cli::parse(app, argc, argv, prog);
+    if (parsed >= 0)
+        return parsed;
+    auto usage = [&](const std::string& why) { return adstool::cli::usageError(prog, why); };
+
+    if (version) {
+        std::printf("adshost %s\n", ADSHOST_VERSION);
+        const std::string path = driverPath.empty() ? defaultDriver() : driverPath;
+        if (!path.empty()) {
+            std::string why;
+            const std::string v = adshost::Session::pluginVersion(path, why);
+            if (!v.empty())
+                std::printf("driver %s %s\n", path.c_str(), v.c_str());
+            else
+                std::printf("driver %s: %s\n", path.c_str(), why.c_str());
+        }
+        return 0;
+    }
+    if (plcText.empty())
+        return usage("--plc: needs HOST:PORT (the PLC's address and AMS/TCP port, usually 48898)");
+    adstool::HostPort plc;
+    adstool::parseHostPort(plcText, plc);
+
+    if (probeMode) {
+        for (const char* o :
+            {"--driver", "--watch", "--write", "--recipe", "--condition", "--cycles", "--duration", "--action-timeout",
+                "--retries", "--gap", "--interval-ms", "--pcap", "--pcap-raw", "--pcap-limit", "--json", "--quiet"})
+            if (app.count(o) > 0)
+                return usage(std::string(o) + ": not used with --probe");
+        if (app.count("--netid") == 0)
+            return usage("--netid: --probe needs the PLC's AMS Net ID A.B.C.D.E.F");
+        Options opt;
+        opt.host = plc.host;
+        opt.port = plc.port;
+        opt.netId = netIdText;
+        opt.amsPort = int(amsPort);
+        opt.sourceNetId = sourceNetIdText;
+        if (timeoutMs > 0)
+            opt.timeoutMs = int(timeoutMs);
+        return run(opt, stdout, stderr);
+    }
+    if (app.count("--source-netid") > 0)
+        return usage("--source-netid: only with --probe (the driver finds its own Net ID)");
 
     adshost::Config cfg;
-    std::vector<adshost::Write> writes;
-    long long cycles = 0, durationS = 0, intervalMs = 0;
-    bool quiet = false, haveLimit = false, havePlc = false;
-
-    for (int i = 1; i < argc; ++i) {
-        const std::string a = argv[i];
-        auto value = [&](std::string& out) {
-            if (i + 1 >= argc)
-                return false;
-            out = argv[++i];
-            return true;
-        };
-        std::string v, why;
-        long long n = 0;
-        if (a == "--help" || a == "-h") {
-            std::fputs(kHelp, stdout);
-            return 0;
-        } else if (a == "--version") {
-            std::printf("%s\n", kVersion);
-            return 0;
-        } else if (a == "--driver") {
-            if (!value(cfg.driverPath))
-                return usage("--driver needs a path");
-        } else if (a == "--plc") {
-            if (!value(v))
-                return usage("--plc needs HOST:PORT");
-            const size_t c = v.rfind(':');
-            if (c == std::string::npos || !toInt(v.substr(c + 1), 1, 65535, n))
-                return usage("--plc needs HOST:PORT, got '" + v + "'");
-            cfg.plcHost = v.substr(0, c);
-            cfg.plcPort = uint16_t(n);
-            havePlc = true;
-        } else if (a == "--netid") {
-            if (!value(cfg.netId))
-                return usage("--netid needs A.B.C.D.E.F");
-            int parts = 1;
-            for (char ch : cfg.netId)
-                parts += ch == '.';
-            if (parts != 6)
-                return usage("--netid needs six numbers, got '" + cfg.netId + "'");
-        } else if (a == "--ams-port") {
-            if (!value(v) || !toInt(v, 1, 65535, n))
-                return usage("--ams-port needs a port number");
-            cfg.amsPort = int(n);
-        } else if (a == "--watch") {
-            adshost::Address ad;
-            if (!value(v))
-                return usage("--watch needs REG:ADDR[:COUNT]");
-            if (!adshost::parseAddress(v, ad, why))
-                return usage(why);
-            cfg.watches.push_back(ad);
-        } else if (a == "--write") {
-            adshost::Write w;
-            if (!value(v))
-                return usage("--write needs REG:ADDR=VALUE");
-            if (!adshost::parseWrite(v, w, why))
-                return usage(why);
-            writes.push_back(w);
-        } else if (a == "--recipe") {
-            adshost::RecipeVar r;
-            if (!value(v))
-                return usage("--recipe needs REG:ADDR:COUNT[=V,...]");
-            if (!adshost::parseRecipe(v, r, why))
-                return usage(why);
-            if (r.addr.isBit())
-                return usage("--recipe takes word registers (I_W, Q_W, M_W)");
-            int next = 0;
-            for (const adshost::RecipeVar& o : cfg.recipe)
-                next = o.rcpDataIndex + o.addr.count;
-            r.rcpDataIndex = next;
-            cfg.recipe.push_back(r);
-        } else if (a == "--condition") {
-            adshost::Address ad;
-            if (!value(v))
-                return usage("--condition needs REG:ADDR[:COUNT]");
-            if (!adshost::parseAddress(v, ad, why))
-                return usage(why);
-            cfg.conditions.push_back(ad);
-        } else if (a == "--cycles") {
-            if (!value(v) || !toInt(v, 1, 1000000000000LL, cycles))
-                return usage("--cycles needs a number");
-            haveLimit = true;
-        } else if (a == "--duration") {
-            if (!value(v) || !toInt(v, 1, 86400 * 7, durationS))
-                return usage("--duration needs seconds");
-            haveLimit = true;
-        } else if (a == "--retries") {
-            if (!value(v) || !toInt(v, 1, 1000, n))
-                return usage("--retries needs a number from 1");
-            cfg.retries = int(n);
-        } else if (a == "--gap") {
-            if (!value(v) || !toInt(v, 0, 128, n))
-                return usage("--gap needs a number from 0 to 128");
-            cfg.gap = int(n);
-        } else if (a == "--timeout-ms") {
-            if (!value(v) || !toInt(v, 1, 600000, n))
-                return usage("--timeout-ms needs milliseconds");
-            cfg.replyTimeoutMs = int(n);
-        } else if (a == "--interval-ms") {
-            if (!value(v) || !toInt(v, 0, 600000, intervalMs))
-                return usage("--interval-ms needs milliseconds");
-        } else if (a == "--pcap") {
-            if (!value(cfg.pcapPath))
-                return usage("--pcap needs a file");
-        } else if (a == "--pcap-raw") {
-            cfg.pcapRaw = true;
-        } else if (a == "--quiet" || a == "-q") {
-            quiet = true;
-        } else {
-            return usage("unknown option '" + a + "'");
-        }
-    }
+    cfg.driverPath = driverPath.empty() ? defaultDriver() : driverPath;
     if (cfg.driverPath.empty())
-        return usage("--driver is required");
-    if (!havePlc)
-        return usage("--plc is required");
-    if (!haveLimit)
-        return usage("give --cycles or --duration");
-    if (cfg.watches.empty() && writes.empty() && cfg.recipe.empty() && cfg.conditions.empty())
+        return usage("--driver: needs the driver plugin's path (not found at " ADSHOST_DEFAULT_DRIVER ")");
+    if (!adstool::isIpv4Address(plc.host))
+        return usage("--plc: needs an IPv4 address as HOST, got '" + plc.host + "'");
+    cfg.plcHost = plc.host;
+    cfg.plcPort = plc.port;
+    cfg.netId = netIdText;
+    cfg.amsPort = int(amsPort);
+    cfg.retries = int(retries);
+    cfg.gap = int(gap);
+    if (timeoutMs > 0)
+        cfg.replyTimeoutMs = int(timeoutMs);
+    if (!pcapPath.empty())
+        cfg.pcapPath = pcapPath;
+    else if (pcapRaw || app.count("--pcap-limit") > 0)
+        return usage("--pcap-raw and --pcap-limit: only with --pcap FILE");
+    cfg.pcapRaw = pcapRaw;
+    cfg.pcapLimitBytes = uint64_t(std::llround(pcapLimitMb * 1000000.0));
+
+    std::string why;
+    for (const std::string& t : watchTexts) {
+        adshost::Address a;
+        if (!adshost::parseAddress(t, a, why))
+            return usage("--watch: " + why);
+        cfg.watches.push_back(a);
+    }
+    std::vector<adshost::Write> writes;
+    for (const std::string& t : writeTexts) {
+        adshost::Write w;
+        if (!adshost::parseWrite(t, w, why))
+            return usage("--write: " + why);
+        writes.push_back(w);
+    }
+    for (const std::string& t : recipeTexts) {
+        adshost::RecipeVar r;
+        if (!adshost::parseRecipe(t, r, why))
+            return usage("--recipe: " + why);
+        if (r.addr.isBit())
+            return usage("--recipe: " + t + ": takes word registers (I_W, Q_W, M_W)");
+        int next = 0;
+        for (const adshost::RecipeVar& o : cfg.recipe)
+            next = o.rcpDataIndex + o.addr.count;
+        r.rcpDataIndex = next;
+        cfg.recipe.push_back(r);
+    }
+    for (const std::string& t : conditionTexts) {
+        adshost::Address a;
+        if (!adshost::parseAddress(t, a, why))
+            return usage("--condition: " + why);
+        cfg.conditions.push_back(a);
+    }
+    cfg.writes = writes;
+    const bool anyActions = !writes.empty() || !cfg.recipe.empty() || !cfg.conditions.empty();
+    const bool haveLimit = cycles > 0 || durationS > 0;
+    if (cfg.watches.empty() && !anyActions)
         return usage("nothing to do: give --watch, --write, --recipe or --condition");
+    if (!haveLimit && !anyActions)
+        return usage("--cycles or --duration: a session of only --watch needs one of them");
+
+    Out out;
+    out.json = json;
+    out.quiet = quiet;
+    installSignals();
 
     adshost::Session session;
-    std::string why;
-    if (!session.open(cfg, why))
-        return fail(why);
-    for (const adshost::Write& w : writes) {
-        const int r = session.checkAddress(w.addr, 1);
-        if (r != 0)
-            return fail(
-                "write address " + w.addr.text() + " rejected by the driver (check result " + std::to_string(r) + ")");
+    if (!session.open(cfg, why)) {
+        if (session.openFailedOnAddress())
+            return usage(why);
+        std::fprintf(stderr, "adshost: %s\n", why.c_str());
+        return ExitNoConnection;
     }
-    if (!session.connect(why))
-        return fail(why);
+    writes = session.writes();  // with the driver's integer addresses
+    if (!session.connect(why)) {
+        std::fprintf(stderr, "adshost: %s\n", why.c_str());
+        return ExitNoConnection;
+    }
 
-    const bool live = !quiet && ::isatty(1);
-    std::atomic<bool> stopping {false};
-    std::vector<std::string> actionLines;  // written by the action thread, read after join
+    const bool live = !quiet && !json && ::isatty(1);
+    const int64_t t0 = adshost::nowMs();
+    const int64_t actionDeadline = t0 + int64_t(actionTimeoutS * 1000.0);
+    std::atomic<bool> stopping {false}, actionsHandedOver {false}, actionsOver {false};
+    bool recipeSkipped = false;
+    std::string recipeLine, recipeJson;
+    bool recipeMatches = true;
 
-    // Writes and recipe transfers come from a second thread, as a panel's screens do.
+    // Writes and recipe transfers come from a second thread, as a panel's screens do; each
+    // waits for the PLC's answer to the one before.
     std::thread actions([&] {
-        const int64_t start = adshost::nowMs();
-        while (!stopping && session.stats().fullRefreshes < 1 && adshost::nowMs() - start < 3000)
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        for (const adshost::Write& w : writes) {
-            if (stopping)
-                return;
-            session.write(w);
-            actionLines.push_back("write " + w.text() + ": handed to the driver");
-        }
-        bool anyValues = false;
-        for (const adshost::RecipeVar& r : cfg.recipe)
-            anyValues = anyValues || !r.values.empty();
-        auto waitFlag = [&](bool writeFlag) {
-            const int64_t t0 = adshost::nowMs();
-            while (!stopping && adshost::nowMs() - t0 < 10000) {
-                if (!(writeFlag ? session.recipeWritePending() : session.recipeReadPending()))
+        struct Over {
+            std::atomic<bool>& flag;
+            ~Over() { flag = true; }
+        } over {actionsOver};
+        auto waitUntil = [&](const std::function<bool()>& ready) {
+            while (!stopping && adshost::nowMs() < actionDeadline) {
+                if (ready())
                     return true;
                 std::this_thread::sleep_for(std::chrono::milliseconds(5));
             }
             return false;
         };
+        // The screen first: after the handshake, once every block has been read.
+        if (!waitUntil([&] {
+                return session.handshakeDone() && (session.blocks() == 0 || session.stats().fullRefreshes >= 1);
+            }))
+            return;  // never handed over: reported as not finished
+        std::vector<int> ids;
+        for (const adshost::Write& w : writes)
+            ids.push_back(session.write(w));
+        actionsHandedOver = true;
+        auto settled = [&](int id) { return session.action(id).state != adshost::Action::Pending; };
+        for (int id : ids)
+            if (!waitUntil([&] { return settled(id); }))
+                return;
+        bool anyValues = false;
+        for (const adshost::RecipeVar& r : cfg.recipe)
+            anyValues = anyValues || !r.values.empty();
         if (anyValues) {
-            session.requestRecipeWrite();
-            actionLines.push_back(std::string("recipe write: ") + (waitFlag(true) ? "done" : "not finished"));
+            const int id = session.requestRecipeWrite();
+            if (!waitUntil([&] { return settled(id); }))
+                return;
+            if (session.action(id).state != adshost::Action::Done) {
+                recipeSkipped = true;
+                return;
+            }
             // Clear the buffer so that the read-back shows what the PLC holds.
             for (const adshost::RecipeVar& r : cfg.recipe)
                 for (int k = 0; k < r.addr.count; ++k)
                     session.setRecipeWord(r.rcpDataIndex + k, 0);
         }
-        if (!cfg.recipe.empty() && !stopping) {
-            session.requestRecipeRead();
-            const bool done = waitFlag(false);
-            std::string line = std::string("recipe read: ") + (done ? "done" : "not finished");
-            bool same = true;
+        if (!cfg.recipe.empty()) {
+            const int id = session.requestRecipeRead();
+            if (!waitUntil([&] { return settled(id); }))
+                return;
+            std::string vars, varsJson;
             for (const adshost::RecipeVar& r : cfg.recipe) {
-                line += " " + r.addr.text() + "=";
+                vars += " " + r.addr.text() + "=";
+                varsJson += std::string(varsJson.empty() ? "" : ",") + "{\"address\":" + jsonEscape(r.addr.text())
+                    + ",\"values\":[";
                 for (int k = 0; k < r.addr.count; ++k) {
                     const uint16_t got = session.recipeWord(r.rcpDataIndex + k);
-                    char buf[16];
-                    std::snprintf(buf, sizeof buf, "%s0x%04X", k ? "," : "", got);
-                    line += buf;
+                    vars += (k ? "," : "") + hex16(got);
+                    varsJson += (k ? "," : "") + std::to_string(got);
                     if (!r.values.empty() && got != r.values[size_t(k)])
-                        same = false;
+                        recipeMatches = false;
                 }
+                varsJson += "]}";
             }
+            recipeLine = vars;
             if (anyValues)
-                line += same && done ? " (matches the download)" : " (DIFFERS from the download)";
-            actionLines.push_back(line);
+                recipeLine += recipeMatches ? " (matches the download)" : " (DIFFERS from the download)";
+            recipeJson = ",\"variables\":[" + varsJson + "]"
+                + (anyValues ? std::string(",\"matches\":") + (recipeMatches ? "true" : "false") : "");
         }
     });
 
-    const int64_t t0 = adshost::nowMs();
-    const int64_t deadline = durationS > 0 ? t0 + durationS * 1000 : 0;
-    long long done = 0;
+    const int64_t deadline = durationS > 0 ? t0 + int64_t(durationS * 1000.0) : 0;
+    unsigned long long done = 0;
     int64_t lastDraw = 0;
-    int errorsShown = 0;
     uint64_t errorsTotal = 0;
-    std::vector<std::string> conditionLines;
+    std::set<std::string> errorsShown;  // each distinct line once, ten at most
+    uint64_t errorsPrinted = 0;         // communication errors among them
+    bool adsErrorSeen = false;
+    std::string stopReason;
     for (;;) {
-        if (cycles > 0 && done >= cycles)
+        if (g_signal) {
+            stopReason = "stopped by " + signalName(g_signal);
             break;
-        if (deadline > 0 && adshost::nowMs() >= deadline)
-            break;
+        }
+        const bool limitReached
+            = (cycles > 0 && done >= cycles) || (deadline > 0 && adshost::nowMs() >= deadline) || !haveLimit;
+        if (limitReached) {
+            const bool allSettled = !anyActions || (actionsOver && session.actionsSettled());
+            if (allSettled || adshost::nowMs() >= actionDeadline)
+                break;
+        }
         const adshost::Exchange ex = session.step();
         if (session.failedForGood())
             break;
         ++done;
         if (ex.result == 2) {
             ++errorsTotal;
-            if (errorsShown < 10) {
-                ++errorsShown;
-                // The handshake names no register, so its error text is empty.
-                std::fprintf(stderr, "adshost: communication error %s\n",
-                    ex.errorText.empty() ? "(handshake)" : ex.errorText.c_str());
+            const std::string text = session.explain(ex);
+            adsErrorSeen = adsErrorSeen || (ex.codes.hasResult && ex.codes.adsResult != 0);
+            if (errorsShown.size() < 10 && errorsShown.insert(text).second) {
+                out.error("communication error " + text, "communication");
+                ++errorsPrinted;
             }
         }
-        for (const adshost::Change& c : session.takeChanges()) {
-            if (c.text == "-1")
-                conditionLines.push_back(std::string("condition read: ") + (c.address == 0 ? "done" : "failed"));
+        // A reply the driver accepted though it carries an error code (the handshake's answer
+        // has a minimum length only); writes are reported with their action.
+        if (ex.result == 1 && ex.codes.anyError() && ex.purpose != 'W' && ex.purpose != 'w') {
+            const std::string text = "reply with an error code " + session.explain(ex) + " (the driver accepted it)";
+            if (errorsShown.size() < 10 && errorsShown.insert(text).second)
+                out.error(text, "accepted error");
         }
+        if (session.fatal().kind != adshost::Fatal::None)
+            break;
+        session.takeChanges();
         if (live && adshost::nowMs() - lastDraw >= 200) {
             lastDraw = adshost::nowMs();
             std::string screen = "\033[H\033[2J";
             screen += "adshost  " + cfg.plcHost + ":" + std::to_string(cfg.plcPort) + "  driver "
                 + session.driverVersion() + "\n\n";
-            for (const adshost::Address& w : cfg.watches) {
+            for (const adshost::Address& w : session.watches()) {
                 char line[64];
                 std::snprintf(line, sizeof line, "  %-18s ", w.text().c_str());
-                screen += line + valuesText(w, session.read(w)) + "\n";
+                screen
+                    += line + (session.everRead(w) ? valuesText(w, session.read(w)) : std::string("never read")) + "\n";
             }
             screen += "\n" + session.stats().figuresLine() + "\n";
             std::fputs(screen.c_str(), stdout);
@@ -333,26 +556,156 @@ int main(int argc, char** argv)
     }
     stopping = true;
     actions.join();
+    const adshost::Stats stats = session.stats();
+    session.disconnect();  // the capture ends on a whole packet
 
     if (live)
         std::fputs("\033[H\033[2J", stdout);
-    if (!quiet) {
-        for (const adshost::Address& w : cfg.watches)
-            std::printf("value %s = %s\n", w.text().c_str(), valuesText(w, session.read(w)).c_str());
-        for (const adshost::Address& c : cfg.conditions)
-            std::printf("value %s = %s (condition)\n", c.text().c_str(), valuesText(c, session.read(c)).c_str());
+    bool neverRead = false;
+    auto valueLine = [&](const adshost::Address& a, const char* kind) {
+        const bool read = session.everRead(a);
+        neverRead = neverRead || !read;
+        if (quiet && !json)
+            return;
+        const std::vector<uint8_t> v = session.read(a);
+        out.line("value " + a.text() + " = " + (read ? valuesText(a, v) : std::string("never read"))
+                + (std::strcmp(kind, "watch") ? std::string(" (") + kind + ")" : std::string()),
+            "{\"type\":\"value\",\"address\":" + jsonEscape(a.text()) + ",\"kind\":" + jsonEscape(kind)
+                + ",\"read\":" + (read ? "true" : "false") + ",\"values\":" + (read ? valuesJson(a, v) : "null") + "}");
+    };
+    for (const adshost::Address& a : session.watches())
+        valueLine(a, "watch");
+    for (const adshost::Address& a : session.conditions())
+        valueLine(a, "condition");
+
+    // Every action asked for, with its outcome.
+    const adshost::Fatal fatal = session.fatal();
+    bool anyFailedAms = false, anyFailedAds = false, anyUnfinished = false;
+    std::vector<adshost::Action> acts = session.actions();
+    // Writes that were never handed over are actions too.
+    if (!actionsHandedOver)
+        for (const adshost::Write& w : writes) {
+            adshost::Action a;
+            a.kind = "write";
+            a.what = w.text();
+            acts.push_back(a);
+        }
+    bool recipeWriteAsked = false, recipeReadAsked = false;
+    for (const adshost::Action& a : acts) {
+        recipeWriteAsked = recipeWriteAsked || a.kind == "recipe write";
+        recipeReadAsked = recipeReadAsked || a.kind == "recipe read";
     }
-    for (const std::string& l : actionLines)
-        std::printf("%s\n", l.c_str());
-    for (const std::string& l : conditionLines)
-        std::printf("%s\n", l.c_str());
-    if (errorsTotal > uint64_t(errorsShown))
+    bool anyValues = false;
+    for (const adshost::RecipeVar& r : cfg.recipe)
+        anyValues = anyValues || !r.values.empty();
+    if (anyValues && !recipeWriteAsked) {
+        adshost::Action a;
+        a.kind = "recipe write";
+        a.what = std::to_string(cfg.recipe.size()) + " variables";
+        acts.push_back(a);
+    }
+    if (!cfg.recipe.empty() && !recipeReadAsked) {
+        adshost::Action a;
+        a.kind = "recipe read";
+        a.what = std::to_string(cfg.recipe.size()) + " variables";
+        if (recipeSkipped)
+            a.why = "not started: the recipe write failed";
+        acts.push_back(a);
+    }
+    const std::string notFinishedWhy = !stopReason.empty() ? stopReason
+        : fatal.kind != adshost::Fatal::None               ? "the session stopped: " + fatal.message
+        : session.failedForGood()                          ? "the connection was lost"
+                                                           : "no confirmation from the PLC within --action-timeout";
+    for (const adshost::Action& a : acts) {
+        std::string status, detail = a.why;
+        if (a.state == adshost::Action::Done) {
+            status = "done";
+            if (a.kind == "write")
+                detail = "confirmed by the PLC, ADS result 0";
+            if (a.kind == "recipe read" && !recipeMatches) {
+                status = "FAILED";
+                anyUnfinished = true;
+            }
+        } else if (a.state == adshost::Action::Failed) {
+            status = "FAILED";
+            if (a.codes.header && a.codes.amsError != 0)
+                anyFailedAms = true;
+            else if (a.codes.hasResult && a.codes.adsResult != 0)
+                anyFailedAds = true;
+            else
+                anyUnfinished = true;
+        } else {
+            status = "NOT FINISHED";
+            if (detail.empty())
+                detail = notFinishedWhy;
+            anyUnfinished = true;
+        }
+        std::string text = a.kind + ": " + status;
+        if (a.kind == "recipe read" && a.state == adshost::Action::Done)
+            text += recipeLine;
+        else if (a.kind != "recipe write" && a.kind != "recipe read")
+            text += " " + a.what;
+        if (!detail.empty() && !(a.kind == "recipe read" && a.state == adshost::Action::Done))
+            text += (a.state == adshost::Action::Done ? " (" + detail + ")" : ": " + detail);
+        std::string j = "{\"type\":\"action\",\"action\":" + jsonEscape(a.kind) + ",\"what\":" + jsonEscape(a.what)
+            + ",\"status\":"
+            + jsonEscape(status == "done" ? "done"
+                    : status == "FAILED"  ? "failed"
+                                          : "not finished");
+        if (a.codes.header)
+            j += ",\"ams_error\":" + std::to_string(a.codes.amsError);
+        if (a.codes.hasResult)
+            j += ",\"ads_result\":" + std::to_string(a.codes.adsResult);
+        if (!detail.empty())
+            j += ",\"message\":" + jsonEscape(detail);
+        if (a.kind == "recipe read" && a.state == adshost::Action::Done)
+            j += recipeJson;
+        j += "}";
+        out.line(text, j);
+    }
+
+    if (errorsTotal > errorsPrinted && !json)
         std::fprintf(stderr, "adshost: %llu communication errors in all\n", (unsigned long long)errorsTotal);
-    std::printf("%s\n", session.stats().figuresLine().c_str());
-    std::fflush(stdout);
+    if (!stopReason.empty())
+        out.error(stopReason, "signal");
+    if (session.captureLimitReached())
+        out.error("capture ended at the --pcap-limit of " + realText(pcapLimitMb) + " MB after "
+                + std::to_string(session.capturePackets()) + " packets: " + cfg.pcapPath,
+            "capture");
+    out.line(stats.figuresLine(), figuresJson(stats));
+
+    int status = ExitOk;
+    std::string reason = "every action asked for was confirmed";
     if (session.failedForGood()) {
-        std::fprintf(stderr, "adshost: %s\n", session.failure().c_str());
-        return 3;
+        status = ExitConnectionLost;
+        reason = session.failure();
+        out.error(reason, "connection");
+    } else if (fatal.kind == adshost::Fatal::NoAnswer) {
+        status = ExitNoAnswer;
+        reason = fatal.message;
+        out.error("stopped: " + reason, "no answer");
+    } else if (fatal.kind == adshost::Fatal::AmsError) {
+        status = ExitAmsError;
+        reason = fatal.message;
+        out.error("stopped: " + reason, "ams error");
+    } else if (anyFailedAms) {
+        status = ExitAmsError;
+        reason = "an action failed with an AMS error";
+    } else if (anyFailedAds) {
+        status = ExitAdsError;
+        reason = "the PLC refused an action with an ADS error";
+    } else if (anyUnfinished) {
+        status = ExitUnfinished;
+        reason = "an action did not finish or failed";
+    } else if (neverRead && errorsTotal > 0) {
+        status = adsErrorSeen ? ExitAdsError : ExitUnfinished;
+        reason = "a watched address was never read";
+    } else if (!session.handshakeDone()) {
+        status = ExitUnfinished;
+        reason = "the driver's handshake was not answered";
     }
-    return 0;
+    if (json)
+        std::printf("{\"type\":\"exit\",\"status\":%d,\"reason\":%s}\n", status, jsonEscape(reason).c_str());
+    std::fflush(stdout);
+    return status;
 }

@@ -52,6 +52,8 @@ bool PcapWriter::open(const std::string& path, int linkType)
     if (!f_)
         return false;
     link_ = linkType;
+    bytes_ = 24;
+    limitReached_ = false;
     putLe32(f_, 0xa1b2c3d4u);  // microsecond time stamps, written little-endian
     putLe16(f_, 2);
     putLe16(f_, 4);
@@ -173,6 +175,16 @@ void PcapWriter::segment(bool fromHost, const uint8_t* data, size_t len, uint8_t
 
 void PcapWriter::writePacket(const std::vector<uint8_t>& bytes)
 {
+    if (!f_)
+        return;
+    if (limit_ > 0 && bytes_ + 16 + bytes.size() > limit_) {
+        limitReached_ = true;
+        inConnection_ = false;  // no closing packets: the file ends here
+        std::fclose(f_);
+        f_ = nullptr;
+        return;
+    }
+    bytes_ += 16 + bytes.size();
     timeval tv {};
     ::gettimeofday(&tv, nullptr);
     putLe32(f_, uint32_t(tv.tv_sec));

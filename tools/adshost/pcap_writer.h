@@ -34,6 +34,11 @@ public:
     // The connection ends: FIN from the side that closed, answered by the other.
     void connectionClosed(bool byHost);
     uint64_t packets() const { return packets_; }
+    // The file may grow to at most `bytes` (0: no limit). The packet that would pass the
+    // limit is not written; the file ends after the last whole packet and is closed.
+    void setLimit(uint64_t bytes) { limit_ = bytes; }
+    bool limitReached() const { return limitReached_; }
+    uint64_t bytes() const { return bytes_; }
 
 private:
     void segment(bool fromHost, const uint8_t* data, size_t len, uint8_t flags);
@@ -47,6 +52,9 @@ private:
     uint32_t hostSeq_ = 0, plcSeq_ = 0;
     uint16_t ipId_ = 1;
     uint64_t packets_ = 0;
+    uint64_t bytes_ = 0;
+    uint64_t limit_ = 0;
+    bool limitReached_ = false;
 };
 
 }  // namespace adshost

@@ -1,6 +1,11 @@
 #include "probe.h"
 #include "text_util.h"
 
+#include "adstool/deadline_io.h"
+#include "adstool/hex.h"
+#include "adstool/le.h"
+#include "adstool/netid.h"
+
 #include <arpa/inet.h>
 #include <ifaddrs.h>
 #include <netdb.h>
@@ -30,56 +35,17 @@ constexpr size_t kAmsHeader = 32;
 constexpr uint32_t kMaxBody = 0x10000;
 constexpr uint16_t kAdsStateRun = 5;
 
-const char* const kHelp = "Usage: adshost --probe --plc HOST:PORT --netid A.B.C.D.E.F [--ams-port N]\n"
-                          "               [--source-netid A.B.C.D.E.F] [--timeout-ms N]\n"
-                          "Checks the path from this panel to a PLC: sends ReadDeviceInfo and ReadState\n"
-                          "with the source AMS Net ID the driver would use and says what is wrong.\n"
-                          "\n"
-                          "  --plc HOST:PORT          PLC address and AMS/TCP port (usually 48898)\n"
-                          "  --netid A.B.C.D.E.F      the PLC's AMS Net ID\n"
-                          "  --ams-port N             the PLC runtime's AMS port (default 851)\n"
-                          "  --source-netid X         this panel's AMS Net ID; default: the first IPv4\n"
-                          "                           address of this machine whose text contains the\n"
-                          "                           first two numbers of the PLC's Net ID, then .1.1\n"
-                          "                           (the driver's rule)\n"
-                          "  --timeout-ms N           connect and reply time-out (default 2000)\n"
-                          "\n"
-                          "Exit status: 0 the PLC answers and runs, 1 no TCP connection, 2 usage error,\n"
-                          "4 connected but no answer (no route), 5 no such AMS port or Net ID,\n"
-                          "6 ADS error result, 7 the PLC is not in RUN, 8 a malformed reply.\n";
-
 using util::nowMs;
 using util::split;
 
-std::string hex(uint32_t v)
-{
-    char buf[16];
-    std::snprintf(buf, sizeof buf, "0x%X", v);
-    return buf;
-}
+std::string hex(uint32_t v) { return adstool::hexNumber(v, true); }
 
-std::string netIdText(const uint8_t b[6])
-{
-    char buf[32];
-    std::snprintf(buf, sizeof buf, "%u.%u.%u.%u.%u.%u", b[0], b[1], b[2], b[3], b[4], b[5]);
-    return buf;
-}
+std::string netIdText(const uint8_t b[6]) { return adstool::NetId::fromBytes(b).str(); }
 
-void putU16(std::vector<uint8_t>& v, uint16_t x)
-{
-    v.push_back(uint8_t(x));
-    v.push_back(uint8_t(x >> 8));
-}
-void putU32(std::vector<uint8_t>& v, uint32_t x)
-{
-    for (int i = 0; i < 4; ++i)
-        v.push_back(uint8_t(x >> (8 * i)));
-}
-uint16_t getU16(const uint8_t* p) { return uint16_t(p[0] | p[1] << 8); }
-uint32_t getU32(const uint8_t* p)
-{
-    return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24;
-}
+using adstool::getU16;
+using adstool::getU32;
+using adstool::putU16;
+using adstool::putU32;
 
 struct ErrorEntry {
     uint32_t code;
@@ -258,55 +224,28 @@ public:
 
     bool sendAll(const std::vector<uint8_t>& v, int timeoutMs)
     {
-        const int64_t deadline = nowMs() + timeoutMs;
-        size_t done = 0;
-        for (int guard = 0; done < v.size() && guard < 10000; ++guard) {
-            const ssize_t n = ::send(fd_, v.data() + done, v.size() - done, MSG_NOSIGNAL);
-            if (n > 0) {
-                done += size_t(n);
-                continue;
-            }
-            if (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)
-                return false;
-            pollfd p {fd_, POLLOUT, 0};
-            const int64_t left = deadline - nowMs();
-            if (left <= 0 || ::poll(&p, 1, int(left)) <= 0)
-                return false;
-        }
-        return done == v.size();
+        return adstool::sendAll(fd_, v.data(), v.size(), adstool::Deadline(timeoutMs)) == adstool::IoStatus::Ok;
     }
 
     enum Read { Ok, TimedOut, Closed };
     // Exactly n more bytes into out, or time-out / close.
     Read readExact(size_t n, std::vector<uint8_t>& out, int64_t deadline)
     {
-        const size_t want = out.size() + n;
-        for (int guard = 0; out.size() < want && guard < 100000; ++guard) {
-            const int64_t left = deadline - nowMs();
-            if (left <= 0)
-                return TimedOut;
-            pollfd p {fd_, POLLIN, 0};
-            const int r = ::poll(&p, 1, int(left));
-            if (r == 0)
-                return TimedOut;
-            if (r < 0) {
-                if (errno == EINTR)
-                    continue;
-                return Closed;
+        const size_t at = out.size();
+        out.resize(at + n);
+        // Byte by byte up to what arrived, so that a reply cut short shows how far it got.
+        size_t got = 0;
+        const adstool::Deadline d = adstool::Deadline::at(deadline);
+        while (got < n) {
+            size_t k = 0;
+            const adstool::IoStatus st = adstool::recvSome(fd_, out.data() + at + got, n - got, k, d);
+            if (st != adstool::IoStatus::Ok) {
+                out.resize(at + got);
+                return st == adstool::IoStatus::TimedOut ? TimedOut : Closed;
             }
-            uint8_t buf[4096];
-            const size_t ask = std::min(sizeof buf, want - out.size());
-            const ssize_t got = ::recv(fd_, buf, ask, 0);
-            if (got == 0)
-                return Closed;
-            if (got < 0) {
-                if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)
-                    continue;
-                return Closed;
-            }
-            out.insert(out.end(), buf, buf + got);
+            got += k;
         }
-        return out.size() == want ? Ok : TimedOut;
+        return Ok;
     }
 
 private:
@@ -420,19 +359,7 @@ private:
 
     std::vector<uint8_t> request(uint16_t cmd, uint32_t invoke) const
     {
-        std::vector<uint8_t> f;
-        putU16(f, 0);                     // AMS/TCP reserved
-        putU32(f, uint32_t(kAmsHeader));  // no ADS data
-        f.insert(f.end(), target, target + 6);
-        putU16(f, uint16_t(opt.amsPort));
-        f.insert(f.end(), source, source + 6);
-        putU16(f, kSourcePort);
-        putU16(f, cmd);
-        putU16(f, kFlagsRequest);
-        putU32(f, 0);  // data length
-        putU32(f, 0);  // error code
-        putU32(f, invoke);
-        return f;
+        return requestFrame(target, uint16_t(opt.amsPort), source, cmd, invoke);
     }
 
     // Sends one request and waits for its answer. 0 with `reply` filled, else the exit code.
@@ -535,21 +462,15 @@ private:
     uint8_t source[6] = {};
 };
 
-using util::toInt;
-
-int usage(const std::string& why)
-{
-    std::fprintf(stderr, "adshost: %s (try --probe --help)\n", why.c_str());
-    return ExitUsage;
-}
-
 }  // namespace
 
 std::string panelAddressFor(const std::string& plcNetId, const std::vector<std::string>& addresses)
 {
     const std::vector<std::string> parts = split(plcNetId, '.');
     for (const std::string& a : addresses) {
-        if (a == "0.0.0.0" || a == "127.0.0.1")
+        // The driver skips the loopback address 127.0.0.1 and QHostAddress's null address,
+        // which no interface lists; 0.0.0.0 is not null to QHostAddress, so it is taken.
+        if (a == "127.0.0.1" || a.empty())
             continue;
         if (parts.size() < 2)
             return a;
@@ -597,76 +518,32 @@ std::string adsStateName(uint16_t state)
 
 bool parseNetId(const std::string& text, uint8_t out[6])
 {
-    const std::vector<std::string> parts = split(text, '.');
-    if (parts.size() != 6)
+    adstool::NetId id;
+    if (!adstool::NetId::parse(text, id))
         return false;
-    uint8_t b[6];
-    for (size_t i = 0; i < 6; ++i) {
-        long long v = 0;
-        if (!toInt(parts[i], 0, 255, v))
-            return false;
-        b[i] = uint8_t(v);
-    }
-    std::memcpy(out, b, 6);
+    std::memcpy(out, id.b, 6);
     return true;
 }
 
-int run(const Options& opt, FILE* out, FILE* err) { return Prober(opt, out, err).run(); }
-
-int main(int argc, char** argv)
+std::vector<uint8_t> requestFrame(
+    const uint8_t target[6], uint16_t targetPort, const uint8_t source[6], uint16_t command, uint32_t invoke)
 {
-    Options opt;
-    bool havePlc = false;
-    for (int i = 1; i < argc; ++i) {
-        const std::string a = argv[i];
-        std::string v;
-        auto value = [&]() {
-            if (i + 1 >= argc)
-                return false;
-            v = argv[++i];
-            return true;
-        };
-        long long n = 0;
-        if (a == "--probe") {
-            continue;
-        } else if (a == "--help" || a == "-h") {
-            std::fputs(kHelp, stdout);
-            return ExitOk;
-        } else if (a == "--plc") {
-            const size_t c = value() ? v.rfind(':') : std::string::npos;
-            if (c == std::string::npos || c == 0 || !toInt(v.substr(c + 1), 1, 65535, n))
-                return usage("--plc needs HOST:PORT");
-            opt.host = v.substr(0, c);
-            opt.port = uint16_t(n);
-            havePlc = true;
-        } else if (a == "--netid") {
-            uint8_t id[6];
-            if (!value() || !parseNetId(v, id))
-                return usage("--netid needs six numbers 0..255 (A.B.C.D.E.F)");
-            opt.netId = v;
-        } else if (a == "--ams-port") {
-            if (!value() || !toInt(v, 1, 65535, n))
-                return usage("--ams-port needs a port number");
-            opt.amsPort = int(n);
-        } else if (a == "--source-netid") {
-            uint8_t id[6];
-            if (!value() || !parseNetId(v, id))
-                return usage("--source-netid needs six numbers 0..255");
-            opt.sourceNetId = v;
-        } else if (a == "--timeout-ms") {
-            if (!value() || !toInt(v, 1, 600000, n))
-                return usage("--timeout-ms needs milliseconds");
-            opt.timeoutMs = int(n);
-        } else {
-            return usage("--probe does not take '" + a + "'");
-        }
-    }
-    if (!havePlc)
-        return usage("--probe needs --plc HOST:PORT");
-    if (opt.netId.empty())
-        return usage("--probe needs --netid A.B.C.D.E.F (the PLC's AMS Net ID)");
-    return run(opt, stdout, stderr);
+    std::vector<uint8_t> f;
+    putU16(f, 0);                     // AMS/TCP reserved
+    putU32(f, uint32_t(kAmsHeader));  // no ADS data
+    f.insert(f.end(), target, target + 6);
+    putU16(f, targetPort);
+    f.insert(f.end(), source, source + 6);
+    putU16(f, kSourcePort);
+    putU16(f, command);
+    putU16(f, kFlagsRequest);
+    putU32(f, 0);  // data length
+    putU32(f, 0);  // error code
+    putU32(f, invoke);
+    return f;
 }
+
+int run(const Options& opt, FILE* out, FILE* err) { return Prober(opt, out, err).run(); }
 
 }  // namespace probe
 }  // namespace adshost

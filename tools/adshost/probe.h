@@ -13,16 +13,18 @@
 namespace adshost {
 namespace probe {
 
-// Exit codes of adshost --probe.
+// Exit codes of adshost, in driver mode and with --probe (listed in --help).
 enum Exit : int {
     ExitOk = 0,
-    ExitNoConnection = 1,  // TCP connection refused or not established
+    ExitNoConnection = 1,  // could not start: no TCP connection, plugin, capture file
     ExitUsage = 2,
-    ExitNoAnswer = 4,    // connected, but no reply (no route) or the PLC closed
-    ExitAmsError = 5,    // error code in the reply's AMS header (no such port or machine)
-    ExitAdsError = 6,    // ADS result of ReadDeviceInfo or ReadState not 0
-    ExitNotRunning = 7,  // the PLC answers but its ADS state is not RUN
-    ExitBadReply = 8,    // a reply that is not a well-formed answer to the request
+    ExitConnectionLost = 3,  // driver mode: the connection was lost and not made again
+    ExitNoAnswer = 4,        // connected, but no reply (no route) or the PLC closed
+    ExitAmsError = 5,        // error code in the reply's AMS header (no such port or machine)
+    ExitAdsError = 6,        // an ADS result not 0 (a refused request)
+    ExitNotRunning = 7,      // the PLC answers but its ADS state is not RUN
+    ExitBadReply = 8,        // a reply that is not a well-formed answer to the request
+    ExitUnfinished = 9,      // driver mode: an action not finished, or given up without a code
 };
 
 struct Options {
@@ -35,7 +37,7 @@ struct Options {
 };
 
 // The panel address the driver takes for a PLC Net ID: the first address of `addresses`
-// (IPv4 dotted texts in interface order) that is neither 0.0.0.0 nor 127.0.0.1 and whose
+// (IPv4 dotted texts in interface order) that is not 127.0.0.1 and whose
 // text contains the first and the second part of the Net ID as substrings (any address
 // when the Net ID has fewer than two parts). Empty when none matches.
 std::string panelAddressFor(const std::string& plcNetId, const std::vector<std::string>& addresses);
@@ -53,11 +55,14 @@ std::string adsStateName(uint16_t state);
 // Parses a six-part Net ID ("a.b.c.d.e.f", each 0..255).
 bool parseNetId(const std::string& text, uint8_t out[6]);
 
-// Runs the probe: progress and the result on `out`, a failure line on `err`.
+// Runs the probe: progress and the result on `out`, a failure line on `err`. The command
+// line is adshost's (main.cpp), shared with driver mode.
 int run(const Options& opt, FILE* out, FILE* err);
 
-// The command line of adshost --probe (argv as given to adshost).
-int main(int argc, char** argv);
+// The request frame the probe sends: AMS/TCP and AMS header, no ADS data, flags 0x0004,
+// from source port 0x8147 (the port of the driver's requests).
+std::vector<uint8_t> requestFrame(
+    const uint8_t target[6], uint16_t targetPort, const uint8_t source[6], uint16_t command, uint32_t invoke);
 
 }  // namespace probe
 }  // namespace adshost

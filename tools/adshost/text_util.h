@@ -3,10 +3,9 @@
 #ifndef ADSHOST_TEXT_UTIL_H
 #define ADSHOST_TEXT_UTIL_H
 
-#include <cerrno>
-#include <chrono>
+#include "adstool/deadline_io.h"
+
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -14,11 +13,7 @@ namespace adshost {
 namespace util {
 
 // Milliseconds of a monotonic clock.
-inline int64_t nowMs()
-{
-    using namespace std::chrono;
-    return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
-}
+inline int64_t nowMs() { return adstool::nowMs(); }
 
 // The fields of `s` between the separators; an empty text gives one empty field.
 inline std::vector<std::string> split(const std::string& s, char sep)
@@ -35,20 +30,6 @@ inline std::vector<std::string> split(const std::string& s, char sep)
     }
     out.push_back(cur);
     return out;
-}
-
-// A whole decimal number from lo to hi; false for anything else.
-inline bool toInt(const std::string& s, long long lo, long long hi, long long& out)
-{
-    if (s.empty())
-        return false;
-    char* end = nullptr;
-    errno = 0;
-    const long long v = std::strtoll(s.c_str(), &end, 10);
-    if (errno || *end || v < lo || v > hi)
-        return false;
-    out = v;
-    return true;
 }
 
 }  // namespace util

@@ -3,6 +3,9 @@
 
 #include "plc_core.h"
 
+#include "adstool/cli.h"
+#include "adstool/deadline_io.h"
+
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -35,7 +38,8 @@ const char* kHelp = "Usage: plcsim --listen ADDR:PORT [options]\n"
                     "Simulated PLC answering ADS over AMS/TCP (IPv4).\n"
                     "\n"
                     "  --listen ADDR:PORT     ADS port to listen on (PORT 0 picks a free port);\n"
-                    "                         prints 'listening on ADDR:PORT' as the first line\n"
+                    "                         prints 'listening on ADDR:PORT' as the first line,\n"
+                    "                         then (after the control line) 'AMS Net ID ...'\n"
                     "  --control ADDR:PORT    line-protocol control port; prints\n"
                     "                         'control on ADDR:PORT' as the second line\n"
                     "  --netid A.B.C.D.E.F    own AMS Net ID (default 192.168.1.100.1.1)\n"
@@ -53,6 +57,9 @@ const char* kHelp = "Usage: plcsim --listen ADDR:PORT [options]\n"
                     "  --one-connection-per-peer  a new connection from an address closes the\n"
                     "                         older one from that address (as a real PLC does)\n"
                     "  --log FILE             request log, one line per frame ('-' = stderr)\n"
+                    "  --port-file FILE       once listening, write the ports to FILE (replaced\n"
+                    "                         whole): ads_port=N, control_port=N (0 without\n"
+                    "                         --control), netid=A.B.C.D.E.F, pid=N\n"
                     "  --version, --help\n"
                     "\n"
                     "Memory: index groups 0xF020 (inputs), 0xF030 (outputs), 0x4020 (PLC\n"
@@ -65,61 +72,11 @@ const char* kHelp = "Usage: plcsim --listen ADDR:PORT [options]\n"
 volatile sig_atomic_t g_stop = 0;
 void onSignal(int) { g_stop = 1; }
 
-int64_t nowMs()
-{
-    using namespace std::chrono;
-    return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
-}
+using adstool::nowMs;
+using adstool::sockaddrText;
 
-bool parseHostPort(const std::string& s, sockaddr_in& out)
-{
-    const size_t colon = s.rfind(':');
-    if (colon == std::string::npos)
-        return false;
-    std::memset(&out, 0, sizeof out);
-    out.sin_family = AF_INET;
-    if (inet_pton(AF_INET, s.substr(0, colon).c_str(), &out.sin_addr) != 1)
-        return false;
-    char* end = nullptr;
-    const unsigned long port = std::strtoul(s.c_str() + colon + 1, &end, 10);
-    if (colon + 1 == s.size() || *end || port > 65535)
-        return false;
-    out.sin_port = htons(uint16_t(port));
-    return true;
-}
-
-std::string addrText(const sockaddr_in& a)
-{
-    char buf[INET_ADDRSTRLEN] = {};
-    inet_ntop(AF_INET, &a.sin_addr, buf, sizeof buf);
-    return std::string(buf) + ":" + std::to_string(ntohs(a.sin_port));
-}
-
-int listenOn(const sockaddr_in& addr, sockaddr_in& bound)
-{
-    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (fd < 0)
-        return -1;
-    const int one = 1;
-    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-    if (bind(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) < 0 || listen(fd, 16) < 0) {
-        close(fd);
-        return -1;
-    }
-    socklen_t len = sizeof bound;
-    getsockname(fd, reinterpret_cast<sockaddr*>(&bound), &len);
-    return fd;
-}
-
-bool parseNumber(const std::string& s, unsigned long long& v)
-{
-    if (s.empty())
-        return false;
-    char* end = nullptr;
-    errno = 0;
-    v = std::strtoull(s.c_str(), &end, 0);
-    return !errno && *end == 0 && s[0] != '-';
-}
+// A whole number, decimal or 0x-hex (the control protocol's numbers).
+bool parseNumber(const std::string& s, unsigned long long& v) { return adstool::cli::toNumber(s, 0, ~0ull, v); }
 
 struct Outgoing {
     int64_t due;
@@ -171,7 +128,7 @@ public:
             c->fd = fd;
             c->control = control;
             c->peerIp = peer.sin_addr.s_addr;
-            c->peer = addrText(peer);
+            c->peer = sockaddrText(peer);
             if (!control && onePerPeer) {
                 for (auto& o : conns) {
                     if (!o->control && o->fd >= 0 && o->peerIp == c->peerIp) {
@@ -498,10 +455,62 @@ public:
     }
 };
 
-int usage(const std::string& why)
+int usage(const std::string& why) { return adstool::cli::usageError("plcsim", why); }
+
+// LIST: runtime AMS ports, comma separated, each 1..65535.
+bool parsePorts(const std::string& text, std::set<uint16_t>& out, std::string* why)
 {
-    std::fprintf(stderr, "plcsim: %s\nTry 'plcsim --help'.\n", why.c_str());
-    return 2;
+    std::set<uint16_t> ports;
+    std::istringstream is(text);
+    for (std::string p; std::getline(is, p, ',');) {
+        unsigned long long n = 0;
+        if (!adstool::cli::toNumber(p, 1, 65535, n)) {
+            if (why)
+                *why = "needs AMS ports from 1 to 65535, comma separated; got '" + p + "'";
+            return false;
+        }
+        ports.insert(uint16_t(n));
+    }
+    if (ports.empty() || text.back() == ',') {
+        if (why)
+            *why = "needs AMS ports from 1 to 65535, comma separated; got '" + text + "'";
+        return false;
+    }
+    out = ports;
+    return true;
+}
+
+// KIND:PROB of --fault.
+bool parseFaultProb(const std::string& text, Fault& f, double& p, std::string* why)
+{
+    const size_t colon = text.find(':');
+    if (colon == std::string::npos || !parseFault(text.substr(0, colon), f) || f == Fault::None
+        || !adstool::cli::toReal(text.substr(colon + 1), 0, 1, p)) {
+        if (why)
+            *why = "needs KIND:PROB with KIND one of noreply short long adserror split delay close and PROB "
+                   "from 0 to 1, got '"
+                + text + "'";
+        return false;
+    }
+    return true;
+}
+
+// The port file, written under a temporary name and renamed, so that a reader never sees
+// half of it.
+bool writePortFile(const std::string& path, uint16_t adsPort, uint16_t controlPort, const NetId& id)
+{
+    const std::string tmp = path + ".tmp" + std::to_string(::getpid());
+    FILE* f = std::fopen(tmp.c_str(), "w");
+    if (!f)
+        return false;
+    std::fprintf(f, "ads_port=%u\ncontrol_port=%u\nnetid=%s\npid=%ld\n", unsigned(adsPort), unsigned(controlPort),
+        id.str().c_str(), long(::getpid()));
+    const bool ok = std::fflush(f) == 0 && std::fclose(f) == 0;
+    if (!ok || std::rename(tmp.c_str(), path.c_str()) != 0) {
+        std::remove(tmp.c_str());
+        return false;
+    }
+    return true;
 }
 
 }  // namespace
@@ -509,113 +518,100 @@ int usage(const std::string& why)
 int main(int argc, char** argv)
 {
     Server srv;
-    std::string listenArg, controlArg, logArg;
-    unsigned long long seed = 1;
-    for (int i = 1; i < argc; ++i) {
-        const std::string a = argv[i];
-        auto value = [&](std::string& out) {
-            if (i + 1 >= argc)
-                return false;
-            out = argv[++i];
-            return true;
-        };
-        std::string v;
-        if (a == "--help" || a == "-h") {
-            std::fputs(kHelp, stdout);
-            return 0;
-        } else if (a == "--version") {
-            std::printf("%s\n", kVersion);
-            return 0;
-        } else if (a == "--listen") {
-            if (!value(listenArg))
-                return usage("--listen needs ADDR:PORT");
-        } else if (a == "--control") {
-            if (!value(controlArg))
-                return usage("--control needs ADDR:PORT");
-        } else if (a == "--log") {
-            if (!value(logArg))
-                return usage("--log needs a file name");
-        } else if (a == "--netid") {
-            NetId id;
-            if (!value(v) || !NetId::parse(v, id))
-                return usage("--netid needs A.B.C.D.E.F");
-            srv.plc.setNetId(id);
-        } else if (a == "--route") {
-            NetId id;
-            if (!value(v) || !NetId::parse(v, id))
-                return usage("--route needs A.B.C.D.E.F");
-            srv.plc.addRoute(id);
-        } else if (a == "--ports") {
-            if (!value(v))
-                return usage("--ports needs a list");
-            std::set<uint16_t> ports;
-            std::istringstream is(v);
-            for (std::string p; std::getline(is, p, ',');) {
-                unsigned long long n = 0;
-                if (!parseNumber(p, n) || n == 0 || n > 65535)
-                    return usage("bad port in --ports: " + p);
-                ports.insert(uint16_t(n));
-            }
-            srv.plc.setRuntimePorts(ports);
-        } else if (a == "--seed") {
-            if (!value(v) || !parseNumber(v, seed))
-                return usage("--seed needs a number");
-        } else if (a == "--fault") {
-            if (!value(v))
-                return usage("--fault needs KIND:PROB");
-            const size_t colon = v.find(':');
-            Fault f;
-            char* end = nullptr;
-            const double p = colon == std::string::npos ? -1 : std::strtod(v.c_str() + colon + 1, &end);
-            if (colon == std::string::npos || !parseFault(v.substr(0, colon), f) || f == Fault::None || *end || p < 0
-                || p > 1)
-                return usage("bad --fault " + v);
-            srv.plc.setFaultProbability(f, p);
-        } else if (a == "--fault-code") {
-            unsigned long long n = 0;
-            if (!value(v) || !parseNumber(v, n) || n > 0xFFFFFFFFull)
-                return usage("--fault-code needs a number");
-            srv.plc.setFaultErrorCode(uint32_t(n));
-        } else if (a == "--delay") {
-            unsigned long long n = 0;
-            if (!value(v) || !parseNumber(v, n) || n > 60000)
-                return usage("--delay needs milliseconds");
-            srv.plc.setDelayMs(int(n));
-        } else if (a == "--split-pause") {
-            unsigned long long n = 0;
-            if (!value(v) || !parseNumber(v, n) || n > 60000)
-                return usage("--split-pause needs milliseconds");
-            srv.plc.setSplitPauseMs(int(n));
-        } else if (a == "--no-program") {
-            srv.program = false;
-        } else if (a == "--one-connection-per-peer") {
-            srv.onePerPeer = true;
-        } else {
-            return usage("unknown option " + a);
-        }
+    std::string listenArg, controlArg, logArg, portFile, netIdArg, portsArg;
+    std::vector<std::string> routeArgs, faultArgs;
+    unsigned long long seed = 1, faultCode = ErrServiceNotSupported, delayMs = 300, splitPauseMs = 20;
+    bool noProgram = false, version = false;
+
+    using namespace adstool::cli;
+    auto check = [](bool (*parse)(const std::string&, std::string*)) {
+        return CLI::Validator(
+            [parse](std::string& v) {
+                std::string why;
+                return parse(v, &why) ? std::string() : why;
+            },
+            "", "");
+    };
+    CLI::App app("Simulated PLC answering ADS over AMS/TCP (IPv4).", "plcsim");
+    prepare(app);
+    app.add_option("--listen", listenArg)->check(HostPortText(adstool::PortRule::AnyPort));
+    app.add_option("--control", controlArg)->check(HostPortText(adstool::PortRule::AnyPort));
+    app.add_option("--netid", netIdArg)->check(NetIdText());
+    app.add_option("--route", routeArgs)->check(NetIdText());
+    app.add_option("--ports", portsArg)->check(check([](const std::string& v, std::string* why) {
+        std::set<uint16_t> p;
+        return parsePorts(v, p, why);
+    }));
+    app.add_option("--seed", seed)->check(Number(0, ~0ull));
+    app.add_option("--fault", faultArgs)->check(check([](const std::string& v, std::string* why) {
+        Fault f;
+        double p;
+        return parseFaultProb(v, f, p, why);
+    }));
+    app.add_option("--fault-code", faultCode)->check(Number(0, 0xFFFFFFFFull));
+    app.add_option("--delay", delayMs)->check(Number(0, 60000, "milliseconds"));
+    app.add_option("--split-pause", splitPauseMs)->check(Number(0, 60000, "milliseconds"));
+    app.add_flag("--no-program", noProgram);
+    app.add_flag("--one-connection-per-peer", srv.onePerPeer);
+    app.add_option("--log", logArg);
+    app.add_option("--port-file", portFile);
+    app.add_flag("--version", version);
+    const int parsed = parse(app, argc, argv, "plcsim", kHelp);
+    if (parsed >= 0)
+        return parsed;
+    if (version) {
+        std::printf("%s\n", kVersion);
+        return 0;
     }
+    if (!netIdArg.empty()) {
+        NetId id;
+        NetId::parse(netIdArg, id);
+        srv.plc.setNetId(id);
+    }
+    for (const std::string& r : routeArgs) {
+        NetId id;
+        NetId::parse(r, id);
+        srv.plc.addRoute(id);
+    }
+    if (!portsArg.empty()) {
+        std::set<uint16_t> ports;
+        parsePorts(portsArg, ports, nullptr);
+        srv.plc.setRuntimePorts(ports);
+    }
+    for (const std::string& fa : faultArgs) {
+        Fault f;
+        double p = 0;
+        parseFaultProb(fa, f, p, nullptr);
+        srv.plc.setFaultProbability(f, p);
+    }
+    srv.plc.setFaultErrorCode(uint32_t(faultCode));
+    srv.plc.setDelayMs(int(delayMs));
+    srv.plc.setSplitPauseMs(int(splitPauseMs));
+    srv.program = !noProgram;
     srv.plc.setSeed(seed);
     if (listenArg.empty())
         return usage("--listen ADDR:PORT is required");
 
-    sockaddr_in addr {}, bound {};
-    if (!parseHostPort(listenArg, addr))
-        return usage("bad --listen address " + listenArg);
-    srv.listenFd = listenOn(addr, bound);
-    if (srv.listenFd < 0) {
-        std::fprintf(stderr, "plcsim: cannot listen on %s: %s\n", listenArg.c_str(), std::strerror(errno));
-        return 1;
-    }
-    sockaddr_in cbound {};
-    if (!controlArg.empty()) {
-        sockaddr_in caddr {};
-        if (!parseHostPort(controlArg, caddr))
-            return usage("bad --control address " + controlArg);
-        srv.controlFd = listenOn(caddr, cbound);
-        if (srv.controlFd < 0) {
-            std::fprintf(stderr, "plcsim: cannot listen on %s: %s\n", controlArg.c_str(), std::strerror(errno));
+    // Host and port were checked by the parser; the host must be an IPv4 address.
+    auto listenAt = [](const char* option, const std::string& arg, sockaddr_in& bound, int& fd) {
+        adstool::HostPort hp;
+        adstool::parseHostPort(arg, hp, adstool::PortRule::AnyPort);
+        if (!adstool::isIpv4Address(hp.host))
+            return usage(std::string(option) + ": needs an IPv4 address before the port, got '" + arg + "'");
+        std::string why;
+        fd = adstool::listenTcp(hp.host, hp.port, &bound, &why);
+        if (fd < 0) {
+            std::fprintf(stderr, "plcsim: %s\n", why.c_str());
             return 1;
         }
+        return 0;
+    };
+    sockaddr_in bound {}, cbound {};
+    if (const int rc = listenAt("--listen", listenArg, bound, srv.listenFd))
+        return rc;
+    if (!controlArg.empty()) {
+        if (const int rc = listenAt("--control", controlArg, cbound, srv.controlFd))
+            return rc;
     }
     if (!logArg.empty()) {
         srv.logFile = logArg == "-" ? stderr : std::fopen(logArg.c_str(), "w");
@@ -633,11 +629,22 @@ int main(int argc, char** argv)
     sigaction(SIGINT, &sa, nullptr);
     signal(SIGPIPE, SIG_IGN);
 
-    std::printf("listening on %s\n", addrText(bound).c_str());
+    std::printf("listening on %s\n", sockaddrText(bound).c_str());
     if (srv.controlFd >= 0)
-        std::printf("control on %s\n", addrText(cbound).c_str());
+        std::printf("control on %s\n", sockaddrText(cbound).c_str());
+    std::string portList;
+    for (uint16_t p : srv.plc.runtimePorts())
+        portList += (portList.empty() ? "" : ",") + std::to_string(p);
+    std::printf("AMS Net ID %s, runtime AMS ports %s (notifications also on 100)\n", srv.plc.netId().str().c_str(),
+        portList.c_str());
     std::fflush(stdout);
-    srv.log(std::string(kVersion) + " listening on " + addrText(bound) + " as " + srv.plc.netId().str());
+    if (!portFile.empty()
+        && !writePortFile(
+            portFile, ntohs(bound.sin_port), srv.controlFd >= 0 ? ntohs(cbound.sin_port) : 0, srv.plc.netId())) {
+        std::fprintf(stderr, "plcsim: cannot write the port file %s: %s\n", portFile.c_str(), std::strerror(errno));
+        return 1;
+    }
+    srv.log(std::string(kVersion) + " listening on " + sockaddrText(bound) + " as " + srv.plc.netId().str());
 
     const int rc = srv.run();
     srv.log("stopped");

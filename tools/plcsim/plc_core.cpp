@@ -10,68 +10,9 @@ namespace plcsim {
 
 // ---------------------------------------------------------------- helpers
 
-uint16_t getU16(const uint8_t* p) { return uint16_t(p[0] | (p[1] << 8)); }
-uint32_t getU32(const uint8_t* p)
-{
-    return uint32_t(p[0]) | (uint32_t(p[1]) << 8) | (uint32_t(p[2]) << 16) | (uint32_t(p[3]) << 24);
-}
-void putU16(std::vector<uint8_t>& v, uint16_t x)
-{
-    v.push_back(uint8_t(x));
-    v.push_back(uint8_t(x >> 8));
-}
-void putU32(std::vector<uint8_t>& v, uint32_t x)
-{
-    for (int i = 0; i < 4; ++i)
-        v.push_back(uint8_t(x >> (8 * i)));
-}
-static void setU32(uint8_t* p, uint32_t x)
-{
-    for (int i = 0; i < 4; ++i)
-        p[i] = uint8_t(x >> (8 * i));
-}
+using adstool::setU32;
 
-std::string toHex(const uint8_t* p, size_t n)
-{
-    static const char* digits = "0123456789abcdef";
-    std::string s;
-    s.reserve(n * 2);
-    for (size_t i = 0; i < n; ++i) {
-        s += digits[p[i] >> 4];
-        s += digits[p[i] & 15];
-    }
-    return s;
-}
-
-bool fromHex(const std::string& text, std::vector<uint8_t>& out)
-{
-    out.clear();
-    if (text.size() % 2)
-        return false;
-    auto val = [](char c) -> int {
-        if (c >= '0' && c <= '9')
-            return c - '0';
-        if (c >= 'a' && c <= 'f')
-            return c - 'a' + 10;
-        if (c >= 'A' && c <= 'F')
-            return c - 'A' + 10;
-        return -1;
-    };
-    for (size_t i = 0; i < text.size(); i += 2) {
-        int hi = val(text[i]), lo = val(text[i + 1]);
-        if (hi < 0 || lo < 0)
-            return false;
-        out.push_back(uint8_t(hi * 16 + lo));
-    }
-    return true;
-}
-
-static std::string hex(uint32_t x)
-{
-    char buf[16];
-    std::snprintf(buf, sizeof buf, "0x%x", x);
-    return buf;
-}
+static std::string hex(uint32_t x) { return adstool::hexNumber(x); }
 
 static const char* commandName(uint16_t cmd)
 {
@@ -135,56 +76,6 @@ bool parseFault(const std::string& name, Fault& f)
         }
     }
     return false;
-}
-
-// ---------------------------------------------------------------- NetId
-
-bool NetId::parse(const std::string& text, NetId& out)
-{
-    NetId id;
-    size_t pos = 0;
-    for (int i = 0; i < 6; ++i) {
-        if (pos >= text.size() || !std::isdigit(static_cast<unsigned char>(text[pos])))
-            return false;
-        unsigned v = 0;
-        size_t digits = 0;
-        while (pos < text.size() && std::isdigit(static_cast<unsigned char>(text[pos]))) {
-            v = v * 10 + unsigned(text[pos++] - '0');
-            if (++digits > 3 || v > 255)
-                return false;
-        }
-        id.b[i] = uint8_t(v);
-        if (i < 5) {
-            if (pos >= text.size() || text[pos] != '.')
-                return false;
-            ++pos;
-        }
-    }
-    if (pos != text.size())
-        return false;
-    out = id;
-    return true;
-}
-
-std::string NetId::str() const
-{
-    std::string s;
-    for (int i = 0; i < 6; ++i) {
-        if (i)
-            s += '.';
-        s += std::to_string(b[i]);
-    }
-    return s;
-}
-
-bool NetId::operator==(const NetId& o) const { return std::memcmp(b, o.b, 6) == 0; }
-bool NetId::operator<(const NetId& o) const { return std::memcmp(b, o.b, 6) < 0; }
-
-static NetId netIdAt(const uint8_t* p)
-{
-    NetId id;
-    std::memcpy(id.b, p, 6);
-    return id;
 }
 
 // ---------------------------------------------------------------- framing
@@ -292,9 +183,9 @@ ParsedFrame parseFrame(const uint8_t* p, size_t len)
     }
     if (len < HeadersSize)
         return r;
-    r.target = netIdAt(p + 6);
+    r.target = NetId::fromBytes(p + 6);
     r.targetPort = getU16(p + 12);
-    r.source = netIdAt(p + 14);
+    r.source = NetId::fromBytes(p + 14);
     r.sourcePort = getU16(p + 20);
     r.cmd = getU16(p + 22);
     r.stateFlags = getU16(p + 24);
@@ -367,15 +258,7 @@ void Plc::clearFaults()
         p = 0;
 }
 
-void Plc::setSeed(uint64_t seed) { rng_ = seed; }
-
-uint64_t Plc::nextRandom()
-{  // splitmix64
-    uint64_t z = (rng_ += 0x9E3779B97F4A7C15ull);
-    z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
-    z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
-    return z ^ (z >> 31);
-}
+void Plc::setSeed(uint64_t seed) { random_.seed(seed); }
 
 Fault Plc::drawFault()
 {
@@ -386,8 +269,7 @@ Fault Plc::drawFault()
     for (int i = 1; i <= int(Fault::Close); ++i) {
         if (prob_[i] <= 0)
             continue;
-        const double u = double(nextRandom() >> 11) / double(1ull << 53);
-        if (u < prob_[i])
+        if (random_.chance(prob_[i]))
             return Fault(i);
     }
     return Fault::None;
@@ -467,9 +349,9 @@ std::vector<uint8_t> Plc::handleAds(const uint8_t* f, size_t len, uint32_t bodyL
         log("AMS/TCP length " + std::to_string(bodyLen) + " is shorter than the AMS header: dropped");
         return {};
     }
-    const NetId target = netIdAt(f + 6);
+    const NetId target = NetId::fromBytes(f + 6);
     const uint16_t targetPort = getU16(f + 12);
-    const NetId source = netIdAt(f + 14);
+    const NetId source = NetId::fromBytes(f + 14);
     const uint16_t sourcePort = getU16(f + 20);
     const uint16_t cmd = getU16(f + 22);
     const uint16_t flags = getU16(f + 24);

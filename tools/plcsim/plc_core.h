@@ -8,6 +8,11 @@
 // that a mistake in the driver's frames shows up as a wrong answer or a log line.
 #pragma once
 
+#include "adstool/hex.h"
+#include "adstool/le.h"
+#include "adstool/netid.h"
+#include "adstool/random.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -61,14 +66,8 @@ enum class Fault { None, NoReply, Short, Long, AdsError, Split, Delay, Close };
 const char* faultName(Fault f);
 bool parseFault(const std::string& name, Fault& f);  // case-insensitive: none, noreply, short, ...
 
-struct NetId {
-    uint8_t b[6] = {0, 0, 0, 0, 0, 0};
-    static bool parse(const std::string& text, NetId& out);  // "a.b.c.d.e.f", each 0..255
-    std::string str() const;
-    bool operator==(const NetId& o) const;
-    bool operator!=(const NetId& o) const { return !(*this == o); }
-    bool operator<(const NetId& o) const;
-};
+// AMS Net ID "a.b.c.d.e.f" (each 0..255): parse(), str(), comparisons.
+using adstool::NetId;
 
 // Not thread-safe: use one Plc from one thread (or guard it).
 class Plc {
@@ -83,6 +82,7 @@ public:
     // Runtime ports that answer ADS requests (default {801, 851}). Port 100 always
     // accepts AddDeviceNotification, which the panel driver uses as its hello.
     void setRuntimePorts(const std::set<uint16_t>& ports);
+    const std::set<uint16_t>& runtimePorts() const { return ports_; }
 
     // Handle one complete AMS/TCP frame (6-byte header + body). Returns the reply
     // (empty = no reply). Port-registration frames (0x1000) are answered too.
@@ -133,7 +133,6 @@ private:
     std::vector<uint8_t> handleAds(const uint8_t* f, size_t len, uint32_t bodyLen, bool fixedUp);
     uint32_t checkRange(uint32_t group, uint32_t offset, uint32_t length) const;
     Fault drawFault();
-    uint64_t nextRandom();
     void log(const std::string& line);
 
     NetId netId_;
@@ -149,7 +148,7 @@ private:
     Fault injected_ = Fault::None;
     int injectedLeft_ = 0;
     double prob_[8] = {};
-    uint64_t rng_ = 0x9E3779B97F4A7C15ull;
+    adstool::Random random_ {1};
     uint32_t faultErrorCode_ = ErrServiceNotSupported;
     int delayMs_ = 300;
     int splitPauseMs_ = 20;
@@ -195,11 +194,12 @@ struct ParsedFrame {
 ParsedFrame parseFrame(const uint8_t* p, size_t len);
 inline ParsedFrame parseFrame(const std::vector<uint8_t>& v) { return parseFrame(v.data(), v.size()); }
 
-uint16_t getU16(const uint8_t* p);
-uint32_t getU32(const uint8_t* p);
-void putU16(std::vector<uint8_t>& v, uint16_t x);
-void putU32(std::vector<uint8_t>& v, uint32_t x);
-std::string toHex(const uint8_t* p, size_t n);
-bool fromHex(const std::string& text, std::vector<uint8_t>& out);
+// Little-endian fields and hex text, as the rest of the tools use them.
+using adstool::fromHex;
+using adstool::getU16;
+using adstool::getU32;
+using adstool::putU16;
+using adstool::putU32;
+using adstool::toHex;
 
 }  // namespace plcsim

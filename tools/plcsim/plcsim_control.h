@@ -1,232 +1,62 @@
-// plcsim_control.h: header-only helpers (C++17, POSIX) for end-to-end tests.
+// plcsim_control.h: header-only helpers (C++14, POSIX) for the tests and tools that run the
+// simulator. Target plcsim_control (links ads_toolkit).
 //
-//   plcsim::Process     start the plcsim executable, learn its ports, stop it by PID
-//   plcsim::TcpClient   a blocking-with-time-out TCP client (lines and AMS/TCP frames)
+//   plcsim::Process        start the plcsim executable with --port-file in a temporary
+//                          folder, wait (bounded) for the file, read the ADS and control
+//                          ports, stop it by PID (SIGTERM, bounded wait, then SIGKILL)
+//   plcsim::readPortFile   the port file on its own
+//   plcsim::TcpClient      a TCP connection with time-outs (lines and AMS/TCP frames);
+//                          adstool::TcpStream
 //   plcsim::ControlClient  one command line out, one reply line back
 //
 // Example:
 //   plcsim::Process sim;
-//   if (!sim.start(PLCSIM_EXE, {"--listen", "127.0.0.1:0", "--control", "127.0.0.1:0"})) ...
+//   if (!sim.start(PLCSIM_EXE, {"--listen", "127.0.0.1:0", "--control", "127.0.0.1:0"})) ... sim.error()
 //   plcsim::ControlClient ctl;
 //   ctl.connect("127.0.0.1", sim.controlPort());
 //   std::string r = ctl.command("get 0x4020 0 2");   // "ok 0000"
 //   int status = sim.stop();                          // 0 after a clean SIGTERM
 #pragma once
 
-#include <arpa/inet.h>
+#include "adstool/deadline_io.h"
+#include "adstool/hostport.h"
+
 #include <fcntl.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <poll.h>
 #include <signal.h>
-#include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <chrono>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <sstream>
 #include <string>
 #include <vector>
 
 namespace plcsim {
 
 namespace detail {
-inline int64_t nowMs()
-{
-    using namespace std::chrono;
-    return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
-}
+inline int64_t nowMs() { return adstool::nowMs(); }
 // Milliseconds left until deadline, at least 0.
-inline int leftMs(int64_t deadline)
-{
-    const int64_t left = deadline - nowMs();
-    return left > 0 ? int(left) : 0;
-}
+inline int leftMs(int64_t deadline) { return adstool::Deadline::at(deadline).leftMs(); }
 }  // namespace detail
 
-// "127.0.0.1:4711" -> host, port
+// "127.0.0.1:4711" -> host, port (0..65535)
 inline bool splitHostPort(const std::string& text, std::string& host, uint16_t& port)
 {
-    const size_t colon = text.rfind(':');
-    if (colon == std::string::npos || colon + 1 >= text.size())
+    adstool::HostPort hp;
+    if (!adstool::parseHostPort(text, hp, adstool::PortRule::AnyPort))
         return false;
-    unsigned long p = 0;
-    for (size_t i = colon + 1; i < text.size(); ++i) {
-        if (text[i] < '0' || text[i] > '9')
-            return false;
-        p = p * 10 + unsigned(text[i] - '0');
-        if (p > 65535)
-            return false;
-    }
-    host = text.substr(0, colon);
-    port = uint16_t(p);
+    host = hp.host;
+    port = hp.port;
     return true;
 }
 
-class TcpClient {
-public:
-    TcpClient() = default;
-    TcpClient(const TcpClient&) = delete;
-    TcpClient& operator=(const TcpClient&) = delete;
-    ~TcpClient() { close(); }
-
-    bool connect(const std::string& host, uint16_t port, int timeoutMs = 2000)
-    {
-        close();
-        sockaddr_in a {};
-        a.sin_family = AF_INET;
-        a.sin_port = htons(port);
-        if (inet_pton(AF_INET, host.c_str(), &a.sin_addr) != 1)
-            return false;
-        fd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-        if (fd_ < 0)
-            return false;
-        const int one = 1;
-        ::setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-        if (::connect(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a) < 0) {
-            if (errno != EINPROGRESS)
-                return fail();
-            pollfd p {fd_, POLLOUT, 0};
-            if (::poll(&p, 1, timeoutMs) != 1)
-                return fail();
-            int err = 0;
-            socklen_t len = sizeof err;
-            ::getsockopt(fd_, SOL_SOCKET, SO_ERROR, &err, &len);
-            if (err)
-                return fail();
-        }
-        return true;
-    }
-    bool connected() const { return fd_ >= 0; }
-    int fd() const { return fd_; }
-    void close()
-    {
-        if (fd_ >= 0)
-            ::close(fd_);
-        fd_ = -1;
-        closed_ = false;
-        buf_.clear();
-    }
-
-    bool sendAll(const void* data, size_t len, int timeoutMs = 2000)
-    {
-        const int64_t deadline = detail::nowMs() + timeoutMs;
-        const char* p = static_cast<const char*>(data);
-        while (len > 0 && fd_ >= 0) {
-            const ssize_t n = ::send(fd_, p, len, MSG_NOSIGNAL);
-            if (n > 0) {
-                p += n;
-                len -= size_t(n);
-                continue;
-            }
-            if (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)
-                return false;
-            pollfd pf {fd_, POLLOUT, 0};
-            if (::poll(&pf, 1, detail::leftMs(deadline)) <= 0)
-                return false;
-        }
-        return len == 0;
-    }
-    bool sendAll(const std::vector<uint8_t>& v, int timeoutMs = 2000) { return sendAll(v.data(), v.size(), timeoutMs); }
-
-    // Exactly n bytes, or false on time-out / close (peerClosed() tells which).
-    bool readExact(size_t n, std::vector<uint8_t>& out, int timeoutMs = 2000)
-    {
-        const int64_t deadline = detail::nowMs() + timeoutMs;
-        while (buf_.size() < n) {
-            if (!fill(deadline))
-                return false;
-        }
-        out.assign(buf_.begin(), buf_.begin() + long(n));
-        buf_.erase(buf_.begin(), buf_.begin() + long(n));
-        return true;
-    }
-
-    // One AMS/TCP frame, delimited by the length field of its 6-byte header.
-    bool readFrame(std::vector<uint8_t>& out, int timeoutMs = 2000)
-    {
-        const int64_t deadline = detail::nowMs() + timeoutMs;
-        std::vector<uint8_t> head, body;
-        if (!readExact(6, head, detail::leftMs(deadline)))
-            return false;
-        const uint32_t len
-            = uint32_t(head[2]) | uint32_t(head[3]) << 8 | uint32_t(head[4]) << 16 | uint32_t(head[5]) << 24;
-        if (len > (1u << 20) || !readExact(len, body, detail::leftMs(deadline))) {
-            buf_.insert(buf_.begin(), head.begin(), head.end());
-            return false;
-        }
-        out = head;
-        out.insert(out.end(), body.begin(), body.end());
-        return true;
-    }
-
-    // One line without its "\n" (and "\r").
-    bool readLine(std::string& line, int timeoutMs = 2000)
-    {
-        const int64_t deadline = detail::nowMs() + timeoutMs;
-        for (;;) {
-            for (size_t i = 0; i < buf_.size(); ++i) {
-                if (buf_[i] == '\n') {
-                    line.assign(buf_.begin(), buf_.begin() + long(i));
-                    if (!line.empty() && line.back() == '\r')
-                        line.pop_back();
-                    buf_.erase(buf_.begin(), buf_.begin() + long(i) + 1);
-                    return true;
-                }
-            }
-            if (!fill(deadline))
-                return false;
-        }
-    }
-
-    // True once the peer has closed the connection (seen by a read).
-    bool peerClosed() const { return closed_; }
-    // Wait up to timeoutMs for the peer to close; bytes that arrive meanwhile are kept.
-    bool waitClosed(int timeoutMs = 2000)
-    {
-        const int64_t deadline = detail::nowMs() + timeoutMs;
-        while (!closed_ && fd_ >= 0 && detail::leftMs(deadline) > 0)
-            fill(deadline);
-        return closed_;
-    }
-    size_t buffered() const { return buf_.size(); }
-
-private:
-    bool fail()
-    {
-        close();
-        return false;
-    }
-    bool fill(int64_t deadline)
-    {
-        if (fd_ < 0 || closed_)
-            return false;
-        pollfd p {fd_, POLLIN, 0};
-        const int r = ::poll(&p, 1, detail::leftMs(deadline));
-        if (r <= 0)
-            return false;
-        char tmp[4096];
-        const ssize_t n = ::recv(fd_, tmp, sizeof tmp, 0);
-        if (n == 0) {
-            closed_ = true;
-            return false;
-        }
-        if (n < 0) {
-            if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)
-                return detail::leftMs(deadline) > 0;
-            closed_ = true;
-            return false;
-        }
-        buf_.insert(buf_.end(), tmp, tmp + n);
-        return true;
-    }
-    int fd_ = -1;
-    bool closed_ = false;
-    std::vector<uint8_t> buf_;
-};
+using TcpClient = adstool::TcpStream;
 
 class ControlClient {
 public:
@@ -246,12 +76,12 @@ public:
     // or an empty string on time-out or a lost connection.
     std::string command(const std::string& line, int timeoutMs = 2000)
     {
-        const int64_t deadline = detail::nowMs() + timeoutMs;
+        const adstool::Deadline deadline(timeoutMs);
         const std::string out = line + "\n";
         std::string reply;
         if (!tcp_.sendAll(out.data(), out.size(), timeoutMs))
             return std::string();
-        if (!tcp_.readLine(reply, detail::leftMs(deadline)))
+        if (!tcp_.readLine(reply, deadline.leftMs()))
             return std::string();
         return reply;
     }
@@ -259,6 +89,45 @@ public:
 private:
     TcpClient tcp_;
 };
+
+// What plcsim --port-file FILE writes: "key=value" lines.
+struct PortFile {
+    uint16_t adsPort = 0;
+    uint16_t controlPort = 0;  // 0 without --control
+    std::string netId;
+    long pid = 0;
+};
+
+// False until the file is there and complete (plcsim renames it into place whole).
+inline bool readPortFile(const std::string& path, PortFile& out)
+{
+    std::ifstream f(path);
+    if (!f)
+        return false;
+    PortFile pf;
+    bool ads = false, control = false;
+    for (std::string line; std::getline(f, line);) {
+        const size_t eq = line.find('=');
+        if (eq == std::string::npos)
+            return false;
+        const std::string key = line.substr(0, eq), value = line.substr(eq + 1);
+        uint16_t port = 0;
+        if (key == "ads_port" || key == "control_port") {
+            if (!adstool::parsePort(value, port, adstool::PortRule::AnyPort))
+                return false;
+            (key == "ads_port" ? pf.adsPort : pf.controlPort) = port;
+            (key == "ads_port" ? ads : control) = true;
+        } else if (key == "netid") {
+            pf.netId = value;
+        } else if (key == "pid") {
+            pf.pid = std::atol(value.c_str());
+        }
+    }
+    if (!ads || !control || pf.adsPort == 0)
+        return false;
+    out = pf;
+    return true;
+}
 
 // The plcsim executable as a child process.
 class Process {
@@ -270,58 +139,105 @@ public:
     {
         if (pid_ > 0)
             stop(2000);
+        removeDir();
     }
 
-    // Starts exe with args and reads the address lines it prints ("listening on",
-    // and "control on" when --control is given). False if it does not print them in time.
+    // Starts exe with args and "--port-file" in a new temporary folder (unless args name one),
+    // its standard output in a file there. True once the port file has been read (with a
+    // control port when args have --control); false, with error(), when it does not appear
+    // within timeoutMs or plcsim ends first.
     bool start(const std::string& exe, const std::vector<std::string>& args, int timeoutMs = 5000)
     {
         if (pid_ > 0)
-            return false;
-        int fds[2];
-        if (::pipe2(fds, O_CLOEXEC) < 0)
-            return false;
+            return fail("already running");
+        removeDir();
+        error_.clear();
+        const char* tmp = std::getenv("TMPDIR");
+        std::string dir = std::string(tmp && *tmp ? tmp : "/tmp") + "/plcsim.XXXXXX";
+        if (!::mkdtemp(&dir[0]))
+            return fail(std::string("mkdtemp: ") + std::strerror(errno));
+        dir_ = dir;
+        portFile_ = dir_ + "/ports";
+        outPath_ = dir_ + "/stdout";
+        std::vector<std::string> all = args;
+        bool wantControl = false, ownPortFile = false;
+        std::string listenHost = "127.0.0.1", controlHost = "127.0.0.1";
+        for (size_t i = 0; i < args.size(); ++i) {
+            const bool hasValue = i + 1 < args.size();
+            if (args[i] == "--control" && hasValue) {
+                wantControl = true;
+                controlHost = args[i + 1].substr(0, args[i + 1].rfind(':'));
+            } else if (args[i] == "--listen" && hasValue) {
+                listenHost = args[i + 1].substr(0, args[i + 1].rfind(':'));
+            } else if (args[i] == "--port-file" && hasValue) {
+                portFile_ = args[i + 1];
+                ownPortFile = true;
+            }
+        }
+        if (!ownPortFile) {
+            all.push_back("--port-file");
+            all.push_back(portFile_);
+        }
         std::vector<char*> argv;
         argv.push_back(const_cast<char*>(exe.c_str()));
-        bool wantControl = false;
-        for (const std::string& a : args) {
+        for (const std::string& a : all)
             argv.push_back(const_cast<char*>(a.c_str()));
-            if (a == "--control")
-                wantControl = true;
-        }
         argv.push_back(nullptr);
         const pid_t pid = ::fork();
-        if (pid < 0) {
-            ::close(fds[0]);
-            ::close(fds[1]);
-            return false;
-        }
+        if (pid < 0)
+            return fail(std::string("fork: ") + std::strerror(errno));
         if (pid == 0) {
-            ::dup2(fds[1], 1);
+            const int out = ::open(outPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+            const int in = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+            if (out >= 0)
+                ::dup2(out, 1);
+            if (in >= 0)
+                ::dup2(in, 0);
             ::execv(exe.c_str(), argv.data());
             ::_exit(127);
         }
-        ::close(fds[1]);
         pid_ = pid;
-        out_ = fds[0];
-        const int64_t deadline = detail::nowMs() + timeoutMs;
-        std::string line;
-        if (!readLine(line, deadline) || !parseLine(line, "listening on ", listen_, port_)) {
-            stop(2000);
-            return false;
+        const adstool::Deadline deadline(timeoutMs);
+        PortFile pf;
+        while (!readPortFile(portFile_, pf) || (wantControl && pf.controlPort == 0)) {
+            if (!running()) {
+                const std::string why = "plcsim ended (status " + std::to_string(status_) + ") before writing "
+                    + portFile_ + "; its output: " + output();
+                stop(0);
+                return fail(why);
+            }
+            if (deadline.expired()) {
+                const std::string why
+                    = "plcsim wrote no port file " + portFile_ + " within " + std::to_string(timeoutMs) + " ms";
+                stop(2000);
+                return fail(why);
+            }
+            ::usleep(5000);
         }
-        if (wantControl && (!readLine(line, deadline) || !parseLine(line, "control on ", control_, controlPort_))) {
-            stop(2000);
-            return false;
-        }
+        port_ = pf.adsPort;
+        controlPort_ = pf.controlPort;
+        netId_ = pf.netId;
+        listen_ = listenHost + ":" + std::to_string(port_);
+        control_ = wantControl ? controlHost + ":" + std::to_string(controlPort_) : std::string();
         return true;
     }
 
     pid_t pid() const { return pid_; }
     uint16_t port() const { return port_; }
     uint16_t controlPort() const { return controlPort_; }
+    const std::string& netId() const { return netId_; }             // from the port file
     const std::string& listenAddress() const { return listen_; }    // "127.0.0.1:PORT"
     const std::string& controlAddress() const { return control_; }  // "" without --control
+    const std::string& portFilePath() const { return portFile_; }
+    const std::string& error() const { return error_; }  // why start() failed
+    // What plcsim printed on its standard output so far.
+    std::string output() const
+    {
+        std::ifstream f(outPath_);
+        std::stringstream s;
+        s << f.rdbuf();
+        return s.str();
+    }
     bool running()
     {
         if (pid_ <= 0)
@@ -342,11 +258,11 @@ public:
     {
         if (pid_ > 0) {
             ::kill(pid_, SIGTERM);
-            const int64_t deadline = detail::nowMs() + timeoutMs;
+            const adstool::Deadline deadline(timeoutMs);
             int st = 0;
             pid_t r = 0;
-            while ((r = ::waitpid(pid_, &st, WNOHANG)) == 0 && detail::leftMs(deadline) > 0)
-                ::usleep(10000);
+            while ((r = ::waitpid(pid_, &st, WNOHANG)) == 0 && !deadline.expired())
+                ::usleep(5000);
             if (r == 0) {
                 ::kill(pid_, SIGKILL);
                 r = ::waitpid(pid_, &st, 0);
@@ -354,9 +270,6 @@ public:
             status_ = r == pid_ ? decode(st) : -1;
             pid_ = -1;
         }
-        if (out_ >= 0)
-            ::close(out_);
-        out_ = -1;
         return status_;
     }
 
@@ -369,37 +282,25 @@ private:
             return 128 + WTERMSIG(st);
         return -1;
     }
-    bool readLine(std::string& line, int64_t deadline)
+    bool fail(const std::string& why)
     {
-        line.clear();
-        for (;;) {
-            pollfd p {out_, POLLIN, 0};
-            if (::poll(&p, 1, detail::leftMs(deadline)) <= 0)
-                return false;
-            char c;
-            if (::read(out_, &c, 1) != 1)
-                return false;
-            if (c == '\n')
-                return true;
-            line += c;
-            if (line.size() > 256)
-                return false;
-        }
+        error_ = why;
+        return false;
     }
-    static bool parseLine(const std::string& line, const std::string& prefix, std::string& addr, uint16_t& port)
+    void removeDir()
     {
-        if (line.compare(0, prefix.size(), prefix) != 0)
-            return false;
-        addr = line.substr(prefix.size());
-        std::string host;
-        return splitHostPort(addr, host, port);
+        if (dir_.empty())
+            return;
+        std::remove((dir_ + "/ports").c_str());
+        std::remove(outPath_.c_str());
+        ::rmdir(dir_.c_str());
+        dir_.clear();
     }
 
     pid_t pid_ = -1;
-    int out_ = -1;
     int status_ = -1;
     uint16_t port_ = 0, controlPort_ = 0;
-    std::string listen_, control_;
+    std::string dir_, portFile_, outPath_, netId_, listen_, control_, error_;
 };
 
 }  // namespace plcsim

@@ -1,0 +1,103 @@
+// Socket I/O that never waits past a deadline (POSIX, IPv4, TCP), and a buffered connection
+// that reads bytes, lines and AMS/TCP frames with time-outs.
+#ifndef ADSTOOL_DEADLINE_IO_H
+#define ADSTOOL_DEADLINE_IO_H
+
+#include <netinet/in.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace adstool {
+
+// Milliseconds of a monotonic clock.
+int64_t nowMs();
+
+// A point in time on the nowMs() clock.
+class Deadline {
+public:
+    explicit Deadline(int64_t timeoutMs) : when_(nowMs() + (timeoutMs > 0 ? timeoutMs : 0)) { }
+    static Deadline at(int64_t whenMs)
+    {
+        Deadline d(0);
+        d.when_ = whenMs;
+        return d;
+    }
+    int64_t when() const { return when_; }
+    // Milliseconds left, at least 0 (and at most INT_MAX): a time-out for poll().
+    int leftMs() const;
+    bool expired() const { return leftMs() == 0; }
+
+private:
+    int64_t when_;
+};
+
+enum class IoStatus {
+    Ok,
+    TimedOut,  // the deadline passed first
+    Closed,    // the peer closed the connection (recv returned 0)
+    Error,     // any other failure (errno tells)
+};
+const char* ioStatusText(IoStatus s);
+
+// 127.0.0.1:4711 -> sockaddr_in; false when host is not a dotted IPv4 address.
+bool toSockaddr(const std::string& host, uint16_t port, sockaddr_in& out);
+std::string sockaddrText(const sockaddr_in& a);  // "127.0.0.1:4711"
+
+// A connected, non-blocking TCP socket (TCP_NODELAY, close-on-exec) or -1 with why.
+int connectTcp(const std::string& host, uint16_t port, const Deadline& deadline, std::string* why = nullptr);
+// A non-blocking listening socket (SO_REUSEADDR, close-on-exec) or -1 with why; bound gets
+// the address it was bound to (port 0 picks a free port).
+int listenTcp(
+    const std::string& host, uint16_t port, sockaddr_in* bound = nullptr, std::string* why = nullptr, int backlog = 16);
+
+// True once fd is readable (or writable) before the deadline.
+bool waitReadable(int fd, const Deadline& deadline);
+bool waitWritable(int fd, const Deadline& deadline);
+
+// All len bytes, waiting for room as needed (blocking or non-blocking fd; MSG_NOSIGNAL).
+IoStatus sendAll(int fd, const void* data, size_t len, const Deadline& deadline);
+// At least one byte (at most cap) into buf; got tells how many.
+IoStatus recvSome(int fd, void* buf, size_t cap, size_t& got, const Deadline& deadline);
+// Exactly n bytes into buf.
+IoStatus recvExact(int fd, void* buf, size_t n, const Deadline& deadline);
+
+// A TCP connection with a read buffer. Every call takes its own time-out in milliseconds.
+class TcpStream {
+public:
+    TcpStream() = default;
+    TcpStream(const TcpStream&) = delete;
+    TcpStream& operator=(const TcpStream&) = delete;
+    ~TcpStream() { close(); }
+
+    bool connect(const std::string& host, uint16_t port, int timeoutMs = 2000);
+    bool connected() const { return fd_ >= 0; }
+    int fd() const { return fd_; }
+    void close();
+
+    bool sendAll(const void* data, size_t len, int timeoutMs = 2000);
+    bool sendAll(const std::vector<uint8_t>& v, int timeoutMs = 2000) { return sendAll(v.data(), v.size(), timeoutMs); }
+    // Exactly n bytes, or false on time-out / close (peerClosed() tells which).
+    bool readExact(size_t n, std::vector<uint8_t>& out, int timeoutMs = 2000);
+    // One AMS/TCP frame, delimited by the length field of its 6-byte header (at most 1 MiB).
+    bool readFrame(std::vector<uint8_t>& out, int timeoutMs = 2000);
+    // One line without its "\n" (and "\r").
+    bool readLine(std::string& line, int timeoutMs = 2000);
+    // True once the peer has closed the connection (seen by a read).
+    bool peerClosed() const { return closed_; }
+    // Wait up to timeoutMs for the peer to close; bytes that arrive meanwhile are kept.
+    bool waitClosed(int timeoutMs = 2000);
+    size_t buffered() const { return buf_.size(); }
+
+private:
+    bool fill(const Deadline& deadline);
+    int fd_ = -1;
+    bool closed_ = false;
+    std::vector<uint8_t> buf_;
+};
+
+}  // namespace adstool
+
+#endif  // ADSTOOL_DEADLINE_IO_H

@@ -1,0 +1,69 @@
+#include "adstool/netid.h"
+
+#include <cstring>
+
+namespace adstool {
+
+bool NetId::parse(const std::string& text, NetId& out, std::string* why)
+{
+    auto fail = [why](const std::string& reason) {
+        if (why)
+            *why = reason;
+        return false;
+    };
+    NetId id;
+    size_t pos = 0;
+    for (int i = 0; i < 6; ++i) {
+        const std::string field = "field " + std::to_string(i + 1);
+        if (pos >= text.size() || text[pos] < '0' || text[pos] > '9') {
+            if (pos >= text.size() && i > 0)
+                return fail("'" + text + "' has " + std::to_string(i) + " of 6 numbers");
+            return fail(field + " of '" + text + "' is not a number");
+        }
+        unsigned v = 0;
+        size_t digits = 0;
+        while (pos < text.size() && text[pos] >= '0' && text[pos] <= '9') {
+            v = v * 10 + unsigned(text[pos++] - '0');
+            if (++digits > 3)
+                return fail(field + " of '" + text + "' has more than 3 digits");
+        }
+        if (v > 255)
+            return fail(field + " of '" + text + "' is " + std::to_string(v) + ", above 255");
+        id.b[i] = uint8_t(v);
+        if (i < 5) {
+            if (pos >= text.size())
+                return fail("'" + text + "' has " + std::to_string(i + 1) + " of 6 numbers");
+            if (text[pos] != '.')
+                return fail(
+                    "'" + text + "' has '" + text[pos] + "' after " + field + " (numbers are separated by '.')");
+            ++pos;
+        }
+    }
+    if (pos != text.size())
+        return fail("'" + text + "' goes on after 6 numbers");
+    out = id;
+    return true;
+}
+
+std::string NetId::str() const
+{
+    std::string s;
+    for (int i = 0; i < 6; ++i) {
+        if (i)
+            s += '.';
+        s += std::to_string(b[i]);
+    }
+    return s;
+}
+
+NetId NetId::fromBytes(const uint8_t* p)
+{
+    NetId id;
+    std::memcpy(id.b, p, 6);
+    return id;
+}
+
+bool NetId::operator==(const NetId& o) const { return std::memcmp(b, o.b, 6) == 0; }
+bool NetId::operator<(const NetId& o) const { return std::memcmp(b, o.b, 6) < 0; }
+
+}  // namespace adstool
