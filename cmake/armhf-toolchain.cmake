@@ -25,4 +25,4 @@ set(CMAKE_CROSSCOMPILING_EMULATOR "qemu-arm;-L;${ADS_ARMHF_SYSROOT}")
 # The sysroot's Qt 5 CMake files name ARM moc/qmake/rcc that cannot run here: the root
 # CMakeLists.txt points them at the host's (ADS_HOST_QT_BIN). With ADS_QT4=ON, Qt comes from
 # the armhf Qt 4.8 prefix instead and the sysroot gives GoogleTest and the C++ runtime only.
-set(ADS_CROSS_ARMHF ON)
+set(ADS_CROSS_ARMHF ON CACHE BOOL "Cross-build for armhf (set by cmake/armhf-toolchain.cmake, not by hand)" FORCE)
