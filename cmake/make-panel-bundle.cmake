@@ -11,15 +11,15 @@ set(root ${WORK}/${NAME})
 file(REMOVE_RECURSE ${WORK})
 file(MAKE_DIRECTORY ${root}/lib ${root}/include ${root}/doc)
 set(plugin ${root}/lib/libads_ethernet.so)
-file(COPY_FILE ${PLUGIN} ${plugin})
+configure_file(${PLUGIN} ${plugin} COPYONLY)
 # The build tree's RPATH names this machine's Qt; on the panel the runtime's own Qt is used.
 file(RPATH_REMOVE FILE ${plugin})
 execute_process(COMMAND ${STRIP} --strip-all ${plugin} RESULT_VARIABLE rc)
 if(NOT rc EQUAL 0)
   message(FATAL_ERROR "make-panel-bundle.cmake: ${STRIP} failed on ${plugin}")
 endif()
-file(COPY_FILE ${HEADER} ${root}/include/ads_ethernet.h)
-file(COPY_FILE ${GUIDE} ${root}/doc/HOST_INTEGRATION.md)
+configure_file(${HEADER} ${root}/include/ads_ethernet.h COPYONLY)
+configure_file(${GUIDE} ${root}/doc/HOST_INTEGRATION.md COPYONLY)
 
 # What the plugin needs at run time: its libraries, and the highest symbol version it takes
 # from the C library and the C++ runtime.
