@@ -1,5 +1,6 @@
 # Cross-build for the ARM panel (arm-linux-gnueabihf) against a private sysroot of Debian's
 # armhf packages made by scripts/make-armhf-sysroot.sh. Test binaries run under qemu-arm.
+# Used by scripts/cross-armhf.sh (Qt 5 from the sysroot) and scripts/cross-armhf-qt4.sh.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR arm)
 set(CMAKE_C_COMPILER arm-linux-gnueabihf-gcc)
@@ -21,6 +22,7 @@ set(CMAKE_EXE_LINKER_FLAGS_INIT "${_rpl}")
 set(CMAKE_SHARED_LINKER_FLAGS_INIT "${_rpl}")
 set(CMAKE_MODULE_LINKER_FLAGS_INIT "${_rpl}")
 set(CMAKE_CROSSCOMPILING_EMULATOR "qemu-arm;-L;${ADS_ARMHF_SYSROOT}")
-# The sysroot's Qt CMake files name ARM moc/qmake/rcc that cannot run here: use the host's.
-set(ADS_HOST_QT_BIN /usr/lib/x86_64-linux-gnu/qt5/bin)
-set(ADS_CROSS_ARMHF ON)
+# The sysroot's Qt 5 CMake files name ARM moc/qmake/rcc that cannot run here: the root
+# CMakeLists.txt points them at the host's (ADS_HOST_QT_BIN). With ADS_QT4=ON, Qt comes from
+# the armhf Qt 4.8 prefix instead and the sysroot gives GoogleTest and the C++ runtime only.
+set(ADS_CROSS_ARMHF ON CACHE BOOL "Cross-build for armhf (set by cmake/armhf-toolchain.cmake, not by hand)" FORCE)

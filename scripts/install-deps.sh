@@ -13,6 +13,7 @@ packages=(
   valgrind help2man dpkg-dev bc            # benchmarks, man pages, packaging
   tshark                                    # every frame checked by a protocol analyser
   crossbuild-essential-armhf qemu-user      # the ARM panel build and its tests
+  file                                      # the panel bundle check (is the plugin stripped)
 )
 missing=()
 for p in "${packages[@]}"; do

@@ -10,7 +10,10 @@
 #include <cstring>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
+
+#include <QStringList>
 
 #include "ads_ethernet.h"
 #include "driver_fixture.h"
@@ -75,7 +78,7 @@ void oracleBubbleSort(QList<T>& items)
             int wj = oracleWeight(items.at(j).keyNo, items.at(j).regName, items.at(j).address);
             int wj1 = oracleWeight(items.at(j + 1).keyNo, items.at(j + 1).regName, items.at(j + 1).address);
             if (wj1 < wj)
-                items.swapItemsAt(j, j + 1);
+                std::swap(items[j], items[j + 1]);  // swapItemsAt is Qt 5.13+
         }
     }
 }
