@@ -7,6 +7,7 @@
  * intf_getSendFrame().
  */
 #include "ads_ethernet.h"
+#include "driver_private.h"
 
 #include <QtCore/QStringList>
 
@@ -189,7 +190,7 @@ int getReadFrame(QList<VARIABLE> list)
         = static_cast<int>(static_cast<unsigned int>(kReadReplyDataStart) + static_cast<unsigned int>(byteCount));
     fp.dataStart = kReadReplyDataStart;
     fp.readLen = byteCount;
-    fp.var = v;
+    copyVariable(fp.var, v);
     driver.frameList.append(fp);
     return 1;
 }
@@ -250,7 +251,7 @@ void getWriteFrame(VARIABLE& var)
     fp.recvLen = 42;
     fp.dataStart = kWriteDataStart;
     fp.readLen = 0;
-    fp.var = var;
+    copyVariable(fp.var, var);
     driver.frameList.append(fp);
 }
 

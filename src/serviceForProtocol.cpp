@@ -4,6 +4,7 @@
  * host, address merging, condition reads, recipes, send scheduling and reply handling.
  */
 #include "ads_ethernet.h"
+#include "driver_private.h"
 
 #include <QtCore/QStringList>
 #include <QtNetwork/QAbstractSocket>
@@ -21,7 +22,7 @@ Protocol::Protocol()
     : valueChangeCallBack(0), callBackContext(0), initParam1(0), initParam2(0), initParam3(0), maxMergeGap(0),
       hostStatusBlock(0), hostArg2(0), rcpBuffer(0), hostMutex(0), curFrameKind(0), priorityCount(0), needHandShake(0),
       errorCount(0), maxBlockBits(0), maxBlockUnits(0), commFailed(0), curFrameIndex(0), initDone(0), rcpIndex(0),
-      framesBuilt(0), targetAmsPort(0), dataAreaIndexedCount(0), dataAreaIndexedFirst(0)
+      framesBuilt(0), targetAmsPort(0)
 {
     dataAreaList.clear();
     curVar.kind = 0;
@@ -181,27 +182,8 @@ void clearHostFlag(int position)
         driver.hostMutex->unlock();
 }
 
-/* ------------------------------------------------------------------ the cache index */
+/* ------------------------------------------------------------------ the cache */
 /* All of this runs with the driver's mutex held. */
-
-int areaNameId(const QString& name)
-{
-    QList<AREA_NAME_TEXTS>& table = driver.areaNameTable;
-    for (int i = 0; i < table.size(); ++i)
-        if (table.at(i).name.isSharedWith(name))
-            return i;
-    for (int i = 0; i < table.size(); ++i)
-        if (table.at(i).name == name)
-            return i;
-    AREA_NAME_TEXTS t;
-    t.name = name;
-    t.bitText = name + QLatin1String("_bit");
-    t.byteText = name + QLatin1String("_B");
-    t.wordText = name + QLatin1String("_W");
-    t.dwordText = name + QLatin1String("_D");
-    table.append(t);
-    return table.size() - 1;
-}
 
 /* A new cached unit: the three keys, everything else zero. */
 _DATA_ newArea(int keyNo, const QString& areaName, int address)
@@ -229,100 +211,63 @@ DATA_AREA_KEY keyOf(int keyNo, int nameId, int address)
     return k;
 }
 
-/* Brings the index in step with dataAreaList, which code outside the cache functions may
- * also have emptied or extended. The first of equal entries is the one indexed, as a
- * walk from the front would find it. */
-bool g_areaDuplicates = false;
-void syncAreaIndex()
-{
-    const QList<_DATA_>& list = driver.dataAreaList;
-    const _DATA_* first = list.isEmpty() ? 0 : &list.at(0);
-    if (list.size() == driver.dataAreaIndexedCount && first == driver.dataAreaIndexedFirst)
-        return;
-    if (list.size() < driver.dataAreaIndexedCount || first != driver.dataAreaIndexedFirst) {
-        driver.dataAreaIndex.clear();
-        driver.dataAreaIndexedCount = 0;
-        g_areaDuplicates = false;
-    }
-    for (int i = driver.dataAreaIndexedCount; i < list.size(); ++i) {
-        const _DATA_& d = list.at(i);
-        DATA_AREA_KEY k = keyOf(d.keyNo, areaNameId(d.areaName), d.address);
-        if (!driver.dataAreaIndex.contains(k))
-            driver.dataAreaIndex.insert(k, i);
-        else
-            g_areaDuplicates = true;
-    }
-    driver.dataAreaIndexedCount = list.size();
-    driver.dataAreaIndexedFirst = first;
-}
+/* The cached unit at `position`, without the list's detach-and-assert accessors. */
+inline _DATA_& unitAt(int position) { return driver.dataAreaList.begin()[position]; }
+inline const _DATA_& constUnitAt(int position) { return driver.dataAreaList.constBegin()[position]; }
 
-/* Index of the area (keyNo, area name, address) in dataAreaList; appended, zeroed, when
- * missing. Same answer as walking the list from the front. */
+int areaNameId(const QString& name) { return driver.dataAreaIndex.areaId(name); }
+
+/* Position of the unit (keyNo, area, address) in dataAreaList; appended, zeroed, when
+ * missing. */
 int findOrCreateArea(int keyNo, int nameId, int address)
 {
-    syncAreaIndex();
+    CacheIndex& index = driver.dataAreaIndex;
+    int position = index.find(keyNo, nameId, address);
+    if (position >= 0)
+        return position;
     QList<_DATA_>& list = driver.dataAreaList;
-    DATA_AREA_KEY k = keyOf(keyNo, nameId, address);
-    QHash<DATA_AREA_KEY, int>::const_iterator it = driver.dataAreaIndex.constFind(k);
-    if (it != driver.dataAreaIndex.constEnd()) {
-        int idx = it.value();
-        if (idx < list.size()) {
-            const _DATA_& d = list.at(idx);
-            if (d.keyNo == keyNo && d.address == address
-                && (d.areaName.isSharedWith(driver.areaNameTable.at(nameId).name)
-                    || d.areaName == driver.areaNameTable.at(nameId).name))
-                return idx;
-        }
-        /* An entry was changed in place behind the index's back: index again. */
-        driver.dataAreaIndexedCount = 0;
-        driver.dataAreaIndexedFirst = 0;
-        driver.dataAreaIndex.clear();
-        g_areaDuplicates = false;
-        syncAreaIndex();
-        it = driver.dataAreaIndex.constFind(k);
-        if (it != driver.dataAreaIndex.constEnd())
-            return it.value();
-    }
-    int idx = list.size();
-    list.append(newArea(keyNo, driver.areaNameTable.at(nameId).name, address));
-    driver.dataAreaIndex.insert(k, idx);
-    driver.dataAreaIndexedCount = list.size();
-    driver.dataAreaIndexedFirst = &list.at(0);
-    return idx;
+    position = list.size();
+    list.append(newArea(keyNo, index.texts(nameId).name, address));
+    index.insert(keyNo, nameId, address, position);
+    return position;
 }
 
-/* The area of the unit after `previous` (the consecutive units of a read block were
- * usually created one after another): the entry after it when that one has the keys and
- * the list holds no duplicate keys, else the index. */
-int findOrCreateNextArea(int previous, int keyNo, int nameId, int address)
-{
-    const QList<_DATA_>& list = driver.dataAreaList;
-    int next = previous + 1;
-    if (previous >= 0 && next < list.size() && !g_areaDuplicates && list.size() == driver.dataAreaIndexedCount
-        && &list.at(0) == driver.dataAreaIndexedFirst) {
-        const _DATA_& d = list.at(next);
-        if (d.keyNo == keyNo && d.address == address && d.areaName.isSharedWith(driver.areaNameTable.at(nameId).name))
-            return next;
+/* The units of consecutive addresses of one area, in address order: the unit after the
+ * previous one is tried first (the units of a read block were usually created one after
+ * another), else findOrCreateArea. The area's name is held by value: a callback made
+ * between two steps may add names to the index's table. */
+class ConsecutiveUnits {
+public:
+    ConsecutiveUnits(int keyNo, int nameId)
+        : keyNo_(keyNo), nameId_(nameId), name_(driver.dataAreaIndex.texts(nameId).name),
+          hint_(!driver.dataAreaIndex.hasDuplicates()), previous_(-1)
+    {
     }
-    return findOrCreateArea(keyNo, nameId, address);
-}
+    int next(int address)
+    {
+        int candidate = previous_ + 1;
+        if (hint_ && previous_ >= 0 && candidate < driver.dataAreaList.size()) {
+            const _DATA_& d = constUnitAt(candidate);
+            if (d.keyNo == keyNo_ && d.address == address && d.areaName.isSharedWith(name_))
+                return previous_ = candidate;
+        }
+        return previous_ = findOrCreateArea(keyNo_, nameId_, address);
+    }
+
+private:
+    int keyNo_;
+    int nameId_;
+    QString name_;
+    bool hint_;
+    int previous_;
+};
 
 int findOrCreateArea(int keyNo, const QString& areaName, int address)
 {
     return findOrCreateArea(keyNo, areaNameId(areaName), address);
 }
 
-/* areaNameId(areaOf(regName)) without building the area's name. */
-int areaNameIdOfRegister(const QString& regName)
-{
-    int cut = regName.indexOf(QLatin1Char('_'));
-    int length = cut < 0 ? regName.size() : cut;
-    const QList<AREA_NAME_TEXTS>& table = driver.areaNameTable;
-    for (int i = 0; i < table.size(); ++i)
-        if (table.at(i).name.size() == length && regName.startsWith(table.at(i).name))
-            return i;
-    return areaNameId(areaOf(regName));
-}
+int areaNameIdOfRegister(const QString& regName) { return driver.dataAreaIndex.areaIdOfRegister(regName); }
 
 /* ------------------------------------------------------------------ change reports */
 
@@ -374,7 +319,7 @@ void fireUnlocked(Reports& r, DriverLock& lock)
     lock.acquire();
 }
 
-const AREA_NAME_TEXTS& textsOf(const _DATA_& d) { return driver.areaNameTable.at(areaNameId(d.areaName)); }
+const AREA_NAME_TEXTS& textsOf(const _DATA_& d) { return driver.dataAreaIndex.texts(areaNameId(d.areaName)); }
 
 /* Bits in ascending order, then the byte, then words, then double words from the nearest
  * start downward. Whole items are reported without comparing values: a word whose two
@@ -785,8 +730,6 @@ int intf_initProperty(
         driver.writeList.clear();
         driver.dataAreaList.clear();
         driver.dataAreaIndex.clear();
-        driver.dataAreaIndexedCount = 0;
-        driver.dataAreaIndexedFirst = 0;
     }
     driver.curFrameKind = 0;
     driver.priorityCount = 0;
@@ -861,6 +804,74 @@ void intf_SetDriverPropertyPage(QString settings)
 /* ====================================================================================
  * Data areas: the cache of PLC memory
  * ================================================================================== */
+
+CacheIndex::CacheIndex() : duplicates_(false) { }
+
+void CacheIndex::clear()
+{
+    positions_.clear();
+    duplicates_ = false;
+}
+
+int CacheIndex::areaId(const QString& name)
+{
+    for (int i = 0; i < names_.size(); ++i)
+        if (names_.constBegin()[i].name.isSharedWith(name))
+            return i;
+    for (int i = 0; i < names_.size(); ++i)
+        if (names_.constBegin()[i].name == name)
+            return i;
+    AREA_NAME_TEXTS t;
+    t.name = name;
+    t.bitText = name + QLatin1String("_bit");
+    t.byteText = name + QLatin1String("_B");
+    t.wordText = name + QLatin1String("_W");
+    t.dwordText = name + QLatin1String("_D");
+    names_.append(t);
+    return names_.size() - 1;
+}
+
+int CacheIndex::areaIdOfRegister(const QString& regName)
+{
+    int cut = regName.indexOf(QLatin1Char('_'));
+    int length = cut < 0 ? regName.size() : cut;
+    for (int i = 0; i < names_.size(); ++i) {
+        const QString& name = names_.constBegin()[i].name;
+        if (name.size() == length && regName.startsWith(name))
+            return i;
+    }
+    return areaId(areaOf(regName));
+}
+
+int CacheIndex::find(int keyNo, int areaId, int address) const
+{
+    QHash<DATA_AREA_KEY, int>::const_iterator it = positions_.constFind(keyOf(keyNo, areaId, address));
+    return it == positions_.constEnd() ? -1 : it.value();
+}
+
+void CacheIndex::insert(int keyNo, int areaId, int address, int position)
+{
+    positions_.insert(keyOf(keyNo, areaId, address), position);
+}
+
+void CacheIndex::rebuild(const QList<_DATA_>& list)
+{
+    clear();
+    for (int i = 0; i < list.size(); ++i) {
+        const _DATA_& d = list.at(i);
+        DATA_AREA_KEY k = keyOf(d.keyNo, areaId(d.areaName), d.address);
+        if (positions_.contains(k))
+            duplicates_ = true;
+        else
+            positions_.insert(k, i);
+    }
+}
+
+void rebuildDataAreaIndex()
+{
+    DriverLock lock;
+    driver.dataAreaIndex.rebuild(driver.dataAreaList);
+}
 
 int getIndexOfDataArea(int keyNo, QString areaName, int address, QList<_DATA_>& list)
 {
@@ -1474,7 +1485,7 @@ namespace {
 void buildCurrentRead()
 {
     if (driver.curReadList.size() == 1) {
-        driver.curReadList[0] = driver.curVar;
+        copyVariable(*driver.curReadList.begin(), driver.curVar);
     } else {
         driver.curReadList.clear();
         driver.curReadList.append(driver.curVar);
@@ -1489,7 +1500,7 @@ bool copyHead(FRAME_PRO* out)
 {
     if (driver.frameList.isEmpty())
         return false;
-    *out = driver.frameList.first();
+    copyFrame(*out, headOf(driver.frameList));
     return true;
 }
 
@@ -1554,7 +1565,7 @@ int intf_getSendFrame(FRAME_PRO* out)
         if (driver.priorityCount <= 9) {
             DriverLock lock;
             if (!driver.writeList.isEmpty()) {
-                driver.curVar = driver.writeList.first();
+                copyVariable(driver.curVar, headOf(driver.writeList));
                 haveWrite = true;
             }
         }
@@ -1564,7 +1575,7 @@ int intf_getSendFrame(FRAME_PRO* out)
             driver.framesBuilt = 1;
             getWriteFrame(driver.curVar);
         } else if (!driver.conditionReadList.isEmpty() && driver.priorityCount <= 2) {
-            driver.curVar = driver.conditionReadList.first();
+            copyVariable(driver.curVar, headOf(driver.conditionReadList));
             driver.curFrameKind = 3;
             driver.priorityCount += 1;
             buildCurrentRead();
@@ -1574,7 +1585,7 @@ int intf_getSendFrame(FRAME_PRO* out)
             driver.frameList.clear();
             return 0;
         } else {
-            driver.curVar = driver.readList.first();
+            copyVariable(driver.curVar, headOf(driver.readList));
             driver.curFrameKind = 4;
             driver.priorityCount = 0;
             buildCurrentRead();
@@ -1744,13 +1755,10 @@ void analyzeFrameOfVal(QByteArray reply, int readLen, int dataStart, VARIABLE va
         }
         DriverLock lock;
         Reports r;
-        int area = areaNameIdOfRegister(var.regName);
-        syncAreaIndex();
-        int idx = -1;
+        ConsecutiveUnits units(var.keyNo, areaNameIdOfRegister(var.regName));
         for (int j = 0; j < readLen; ++j) {
             unsigned char newByte = bytes.at(static_cast<long long>(dataStart) + j);
-            idx = findOrCreateNextArea(idx, var.keyNo, area, wrapAdd(var.address, j));
-            _DATA_& d = driver.dataAreaList[idx];
+            _DATA_& d = unitAt(units.next(wrapAdd(var.address, j)));
             if (d.value[0] != newByte) {
                 applyWriteFlagRule(d);
                 unsigned char oldByte = d.value[0];
@@ -1838,9 +1846,10 @@ int intf_dealRcvFrame(QByteArray& reply, QString& errorText)
      * a host that keeps its string reuses its storage. */
     char text[160];
     int textLength = formatErrorInfo(static_cast<int>(reply.size()), text);
-    errorText.resize(0);
+    errorText.resize(textLength);
+    QChar* out = textLength > 0 ? errorText.data() : 0;
     for (int i = 0; i < textLength; ++i)
-        errorText.append(QLatin1Char(text[i]));
+        out[i] = QLatin1Char(text[i]);
     int r = check_rcv_data(
         reinterpret_cast<unsigned char*>(const_cast<char*>(reply.constData())), driver.curReadList, reply.size());
     if (r == 1) {
