@@ -97,14 +97,8 @@ void requestSpan(const VARIABLE& v, QString& reg, int& byteAddress, int& byteCou
     }
 }
 
-unsigned int indexGroupOf(const QString& reg)
-{
-    if (reg == QLatin1String("I_W"))
-        return 0xF020;
-    if (reg == QLatin1String("Q_W"))
-        return 0xF030;
-    return 0x4020; /* "M_W" and anything else */
-}
+/* The index group of a word register ("M_W" and any unknown name: PLC memory). */
+unsigned int indexGroupOf(const QString& reg) { return ruleOf(reg).indexGroup; }
 
 }  // namespace
 

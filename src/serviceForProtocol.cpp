@@ -20,9 +20,9 @@ Protocol driver;
 
 Protocol::Protocol()
     : valueChangeCallBack(0), callBackContext(0), initParam1(0), initParam2(0), initParam3(0), maxMergeGap(0),
-      hostStatusBlock(0), hostArg2(0), rcpBuffer(0), hostMutex(0), curFrameKind(0), priorityCount(0), needHandShake(0),
-      errorCount(0), maxBlockBits(0), maxBlockUnits(0), commFailed(0), curFrameIndex(0), initDone(0), rcpIndex(0),
-      framesBuilt(0), targetAmsPort(0)
+      hostStatusBlock(0), hostArg2(0), rcpBuffer(0), hostMutex(0), curFrameKind(kFrameNone), priorityCount(0),
+      needHandShake(0), errorCount(0), maxBlockBits(0), maxBlockUnits(0), commFailed(0), curFrameIndex(0), initDone(0),
+      rcpIndex(0), framesBuilt(0), targetAmsPort(0)
 {
     dataAreaList.clear();
     curVar.kind = 0;
@@ -41,6 +41,14 @@ Protocol::Protocol()
     for (int i = 0; i < 6; ++i)
         regNameList.append(REG_LIST[i]);
 }
+
+/* Derived from REG_LIST and ADDRESS_RANGE_PRO; see driver_private.h. */
+const RegisterRule REGISTER_RULES[7] = {
+    {kBitRegister, 1, 8, kReadWrite, 'I', 0xF020}, {kBitRegister, 1, 8, kReadWrite, 'Q', 0xF030},
+    {kBitRegister, 1, 8, kReadWrite, 'M', 0x4020}, {kWordRegister, 16, 8, kReadWrite, 'I', 0xF020},
+    {kWordRegister, 16, 8, kReadWrite, 'Q', 0xF030}, {kWordRegister, 16, 8, kReadWrite, 'M', 0x4020},
+    {kWordRegister, 16, 8, kReadWrite, 'M', 0x4020}, /* spare row: an unknown name */
+};
 
 namespace {
 
@@ -66,31 +74,12 @@ inline int wrapMul(int a, int b)
 
 inline int clampInt(int v, int lo, int hi) { return v < lo ? lo : (v > hi ? hi : v); }
 
-/* The row of a register in ADDRESS_RANGE_PRO; 6, the spare word row, for an unknown name,
- * so that no look-up ever reads past the table. */
-int rowOf(const QString& regName)
-{
-    for (int i = 0; i < 6; ++i)
-        if (REG_LIST[i] == regName)
-            return i;
-    return 6;
-}
-
-bool isKnownRegister(const QString& regName) { return rowOf(regName) < 6; }
-
-const QString& widthOf(int row) { return ADDRESS_RANGE_PRO[row][3]; }
-const QString& unitOf(int row) { return ADDRESS_RANGE_PRO[row][5]; }
-
-bool is(const QString& s, const char* text) { return s == QLatin1String(text); }
-
 /* The area a register's units are cached under: its name up to the first "_". */
 QString areaOf(const QString& regName)
 {
     int cut = regName.indexOf(QLatin1Char('_'));
     return cut < 0 ? regName : regName.left(cut);
 }
-
-bool containsBit(const QString& regName) { return regName.contains(QLatin1String("_bit")); }
 
 int toIntOrZero(const QString& text)
 {
@@ -404,9 +393,6 @@ void collectBitReports(const _DATA_& d, Reports& r)
         r.add(d.keyNo, textsOf(d).name, d.address);
 }
 
-int wordOf(const unsigned char* b) { return uchar2int16(b[0], b[1]); }
-int dwordOf(const unsigned char* b) { return uchar2int32(b[0], b[1], b[2], b[3]); }
-
 /* The byte the host is shown: its own written value until the write is settled. */
 unsigned char shownByte(const _DATA_& d, int k) { return d.writeFlag ? d.writeValue[k] : d.value[k]; }
 
@@ -622,17 +608,17 @@ int intf_checkAddr(QString regName, QString addrText, int* address, int dataType
     double maximum = 0;
     double factor = 1;
     if (row >= 0) {
-        bool bitRegister = is(widthOf(row), "1");
-        if (bitRegister != (dataType == -1))
+        const RegisterRule& rule = REGISTER_RULES[row];
+        if ((rule.kind == kBitRegister) != (dataType == -1))
             return 1;
-        if (is(ADDRESS_RANGE_PRO[row][4], "R") && (access == 1 || access == 2))
+        if (rule.access == kReadOnly && (access == 1 || access == 2))
             return 6;
-        if (is(widthOf(row), "32") && dataType != 1 && dataType != 3 && dataType != 5 && dataType != 6 && dataType != 9)
+        if (rule.widthBits == 32 && dataType != 1 && dataType != 3 && dataType != 5 && dataType != 6 && dataType != 9)
             return 5;
         if (!parseWithRow(row, regName, addrText, addr, minimum, maximum))
             return 4;
         /* Each 16-bit item takes 16 / unit address steps; a bit takes one. */
-        factor = dataType != -1 ? toIntOrZero(unitOf(row)) / 16.0 : 1.0;
+        factor = dataType != -1 ? rule.unitBits / 16.0 : 1.0;
     }
     return finishAddressCheck(row, regName, addr, count, factor, minimum, maximum);
 }
@@ -646,12 +632,12 @@ int intf_checkAddrValidity(QString regName, QString addrText, int* address, int 
     double maximum = 0;
     double factor = 1;
     if (row >= 0) {
-        bool bitRegister = is(widthOf(row), "1");
-        if (bitRegister == (isWord != 0))
+        const RegisterRule& rule = REGISTER_RULES[row];
+        if ((rule.kind == kBitRegister) == (isWord != 0))
             return 1;
         if (!parseWithRow(row, regName, addrText, addr, minimum, maximum))
             return 4;
-        factor = isWord != 0 ? toIntOrZero(unitOf(row)) : 1.0;
+        factor = isWord != 0 ? rule.unitBits : 1.0;
     }
     return finishAddressCheck(row, regName, addr, count, factor, minimum, maximum);
 }
@@ -659,8 +645,8 @@ int intf_checkAddrValidity(QString regName, QString addrText, int* address, int 
 int intf_getRegListByType(int type, QList<QString>& names)
 {
     for (int i = 0; i < 6; ++i) {
-        int width = toIntOrZero(widthOf(i));
-        if (type == 0 ? is(widthOf(i), "1") : width > 1)
+        int width = REGISTER_RULES[i].widthBits;
+        if (type == 0 ? width == 1 : width > 1)
             names.append(REG_LIST[i]);
     }
     /* 0 tells the host the type is unknown, although the word names were appended. */
@@ -672,23 +658,14 @@ int intf_getRegDiscription(QString regName, QList<QString>& description)
     int row = getIndexFromRegName(regName);
     if (row < 0)
         return 0;
-    const QString& width = widthOf(row);
-    const QString& access = ADDRESS_RANGE_PRO[row][4];
-    QString widthCode = QString::fromLatin1("1");
-    if (is(width, "1"))
-        widthCode = QString::fromLatin1("0");
-    else if (is(width, "32"))
-        widthCode = QString::fromLatin1("2");
-    QString accessCode = QString::fromLatin1("1");
-    if (is(access, "R"))
-        accessCode = QString::fromLatin1("0");
-    else if (is(access, "W"))
-        accessCode = QString::fromLatin1("2");
+    const RegisterRule& rule = REGISTER_RULES[row];
+    const char* widthCode = rule.widthBits == 1 ? "0" : (rule.widthBits == 32 ? "2" : "1");
+    const char* accessCode = rule.access == kReadOnly ? "0" : (rule.access == kWriteOnly ? "2" : "1");
     description.append(ADDRESS_RANGE_PRO[row][0]);
     description.append(ADDRESS_RANGE_PRO[row][1]);
     description.append(ADDRESS_RANGE_PRO[row][2]);
-    description.append(widthCode);
-    description.append(accessCode);
+    description.append(QString::fromLatin1(widthCode));
+    description.append(QString::fromLatin1(accessCode));
     return 0;
 }
 
@@ -731,7 +708,7 @@ int intf_initProperty(
         driver.dataAreaList.clear();
         driver.dataAreaIndex.clear();
     }
-    driver.curFrameKind = 0;
+    driver.curFrameKind = kFrameNone;
     driver.priorityCount = 0;
     driver.errorCount = 0;
     driver.commFailed = 0;
@@ -899,56 +876,26 @@ void markArea(int keyNo, int nameId, int address, unsigned int flags, unsigned i
 
 int _setDataAreaMonitorFlag(int keyNo, QString regName, int address, int count)
 {
-    int row = rowOf(regName);
-    const QString& w = widthOf(row);
-    const QString& u = unitOf(row);
+    const RegisterRule& rule = ruleOf(regName);
     DriverLock lock;
     int area = areaNameId(areaOf(regName));
-    if (is(w, "1") || is(w, "8")) {
-        if (!containsBit(regName)) {
-            /* Keyed by the whole register name here, on purpose. */
-            int whole = areaNameId(regName);
-            for (int i = 0; i < count; ++i)
-                markArea(keyNo, whole, wrapAdd(address, i), 1u, 0);
-        } else if (is(u, "8") || is(u, "16")) {
-            int bitsPerUnit = is(u, "8") ? 8 : 16;
-            for (int i = 0; i < count; ++i) {
-                int b = wrapAdd(address, i);
-                int bit = b % bitsPerUnit;
-                if (bit < 0)
-                    continue; /* a negative bit number names no bit */
-                markArea(keyNo, area, b / bitsPerUnit, 0, 1u << bit);
-            }
+    switch (rule.kind) {
+    case kBitRegister:
+        for (int i = 0; i < count; ++i) {
+            int b = wrapAdd(address, i);
+            int bit = b % 8;
+            if (bit < 0)
+                continue; /* a negative bit number names no bit */
+            markArea(keyNo, area, b / 8, 0, 1u << bit);
         }
-    } else if (is(w, "16")) {
-        if (is(u, "8")) {
-            for (int j = 0; j < count; ++j) {
-                int a = wrapAdd(address, wrapMul(2, j));
-                markArea(keyNo, area, a, 1u << 1, 0);
-                markArea(keyNo, area, wrapAdd(a, 1), 1u << 2, 0);
-            }
-        } else {
-            for (int i = 0; i < count; ++i)
-                markArea(keyNo, area, wrapAdd(address, i), 1u, 0);
+        break;
+    case kWordRegister:
+        for (int j = 0; j < count; ++j) {
+            int a = wrapAdd(address, wrapMul(2, j));
+            markArea(keyNo, area, a, 1u << 1, 0);
+            markArea(keyNo, area, wrapAdd(a, 1), 1u << 2, 0);
         }
-    } else if (is(w, "32")) {
-        int n = count / 2; /* counted in 16-bit halves */
-        if (is(u, "8")) {
-            for (int j = 0; j < n; ++j) {
-                int a = wrapAdd(address, wrapMul(4, j));
-                for (int k = 0; k < 4; ++k)
-                    markArea(keyNo, area, wrapAdd(a, k), 1u << (3 + k), 0);
-            }
-        } else if (is(u, "16")) {
-            for (int j = 0; j < n; ++j) {
-                int a = wrapAdd(address, wrapMul(2, j));
-                markArea(keyNo, area, a, 1u << 1, 0);
-                markArea(keyNo, area, wrapAdd(a, 1), 1u << 2, 0);
-            }
-        } else {
-            for (int i = 0; i < n; ++i)
-                markArea(keyNo, area, wrapAdd(address, i), 1u, 0);
-        }
+        break;
     }
     return 0;
 }
@@ -1003,67 +950,28 @@ int intf_getData(int keyNo, QString regName, int address, int count, unsigned ch
     /* A name outside the register table is not a PLC area: nothing is read or created. */
     if (!out || !isKnownRegister(regName))
         return 1;
-    int row = rowOf(regName);
-    const QString& w = widthOf(row);
-    const QString& u = unitOf(row);
+    const RegisterRule& rule = ruleOf(regName);
     DriverLock lock;
     int area = areaNameId(areaOf(regName));
-    if (is(w, "1") || is(w, "8")) {
-        if (containsBit(regName)) {
-            int bitsPerUnit = is(u, "8") ? 8 : (is(u, "16") ? 16 : 0);
-            if (bitsPerUnit == 0)
-                return 1;
-            for (int i = 0; i < count; ++i) {
-                int b = wrapAdd(address, i);
-                if (b < 0) {
-                    out[i] = 0;
-                    continue;
-                }
-                const _DATA_& d = driver.dataAreaList.at(findOrCreateArea(keyNo, area, b / bitsPerUnit));
-                int byteInUnit = (b % bitsPerUnit) / 8;
-                out[i] = static_cast<unsigned char>((shownByte(d, byteInUnit) >> (b % 8)) & 1);
+    switch (rule.kind) {
+    case kBitRegister:
+        for (int i = 0; i < count; ++i) {
+            int b = wrapAdd(address, i);
+            if (b < 0) {
+                out[i] = 0;
+                continue;
             }
-        } else {
-            int unitBits = toIntOrZero(u);
-            if (unitBits <= 0)
-                return 1;
-            int units = static_cast<int>(static_cast<long long>(count) * 16 / unitBits);
-            int whole = areaNameId(regName);
-            for (int i = 0; i < units; ++i)
-                out[i] = shownByte(driver.dataAreaList.at(findOrCreateArea(keyNo, whole, wrapAdd(address, i))), 0);
+            const _DATA_& d = constUnitAt(findOrCreateArea(keyNo, area, b / 8));
+            out[i] = static_cast<unsigned char>((shownByte(d, 0) >> (b % 8)) & 1);
         }
-    } else if (is(w, "16")) {
+        break;
+    case kWordRegister:
         for (int j = 0; j < count; ++j) {
-            if (is(u, "8")) {
-                int a = wrapAdd(address, wrapMul(2, j));
-                out[2 * j] = shownByte(driver.dataAreaList.at(findOrCreateArea(keyNo, area, a)), 0);
-                out[2 * j + 1] = shownByte(driver.dataAreaList.at(findOrCreateArea(keyNo, area, wrapAdd(a, 1))), 0);
-            } else {
-                const _DATA_& d = driver.dataAreaList.at(findOrCreateArea(keyNo, area, wrapAdd(address, j)));
-                out[2 * j] = shownByte(d, 0);
-                out[2 * j + 1] = shownByte(d, 1);
-            }
+            int a = wrapAdd(address, wrapMul(2, j));
+            out[2 * j] = shownByte(constUnitAt(findOrCreateArea(keyNo, area, a)), 0);
+            out[2 * j + 1] = shownByte(constUnitAt(findOrCreateArea(keyNo, area, wrapAdd(a, 1))), 0);
         }
-    } else if (is(w, "32")) {
-        int n = count / 2;
-        for (int j = 0; j < n; ++j) {
-            if (is(u, "8")) {
-                int a = wrapAdd(address, wrapMul(4, j));
-                for (int k = 0; k < 4; ++k)
-                    out[4 * j + k] = shownByte(driver.dataAreaList.at(findOrCreateArea(keyNo, area, wrapAdd(a, k))), 0);
-            } else if (is(u, "16")) {
-                int a = wrapAdd(address, wrapMul(2, j));
-                for (int h = 0; h < 2; ++h) {
-                    const _DATA_& d = driver.dataAreaList.at(findOrCreateArea(keyNo, area, wrapAdd(a, h)));
-                    out[4 * j + 2 * h] = shownByte(d, 0);
-                    out[4 * j + 2 * h + 1] = shownByte(d, 1);
-                }
-            } else {
-                const _DATA_& d = driver.dataAreaList.at(findOrCreateArea(keyNo, area, wrapAdd(address, j)));
-                for (int k = 0; k < 4; ++k)
-                    out[4 * j + k] = shownByte(d, k);
-            }
-        }
+        break;
     }
     return 1;
 }
@@ -1071,13 +979,13 @@ int intf_getData(int keyNo, QString regName, int address, int count, unsigned ch
 void dealListWhenFinish()
 {
     switch (driver.curFrameKind) {
-    case 2: {
+    case kFrameWrite: {
         DriverLock lock;
         if (!driver.writeList.isEmpty())
             driver.writeList.removeFirst();
         break;
     }
-    case 3: {
+    case kFrameConditionRead: {
         if (!driver.conditionReadList.isEmpty()) {
             const VARIABLE& head = driver.conditionReadList.first();
             const VARIABLE& last = driver.lastVar;
@@ -1093,19 +1001,19 @@ void dealListWhenFinish()
             driver.conditionReadList.removeFirst();
         break;
     }
-    case 4:
+    case kFrameCyclicRead:
         if (driver.readList.size() >= 2)
             driver.readList.move(0, driver.readList.size() - 1);
         break;
-    case 5:
-    case 6:
+    case kFrameRecipeWrite:
+    case kFrameRecipeRead:
         if (!driver.commFailed) {
             ++driver.rcpIndex;
             if (driver.rcpIndex < driver.rcpTransferList.size())
                 break;
         }
         driver.rcpIndex = 0;
-        clearHostFlag(driver.curFrameKind == 5 ? HOST_FLAG_RECIPE_WRITE : HOST_FLAG_RECIPE_READ);
+        clearHostFlag(driver.curFrameKind == kFrameRecipeWrite ? HOST_FLAG_RECIPE_WRITE : HOST_FLAG_RECIPE_READ);
         break;
     default:
         break;
@@ -1137,43 +1045,6 @@ void storeWrittenByte(int keyNo, int nameId, int address, unsigned char newByte)
     d.writeFlag = 1;
 }
 
-void storeWrittenWord(int keyNo, int nameId, int address, unsigned char b0, unsigned char b1)
-{
-    DriverLock lock;
-    Reports r;
-    int idx = findOrCreateArea(keyNo, nameId, address);
-    {
-        const _DATA_& d = driver.dataAreaList.at(idx);
-        int shown = uchar2int16(shownByte(d, 0), shownByte(d, 1));
-        int written = uchar2int16(b0, b1);
-        if (shown != written)
-            collectWordReports(d, &shown, &written, 0, r);
-    }
-    fireUnlocked(r, lock);
-    _DATA_& d = driver.dataAreaList[idx];
-    d.writeValue[0] = b0;
-    d.writeValue[1] = b1;
-    d.writeFlag = 1;
-}
-
-void storeWrittenDword(int keyNo, int nameId, int address, const unsigned char* b)
-{
-    DriverLock lock;
-    Reports r;
-    int idx = findOrCreateArea(keyNo, nameId, address);
-    {
-        const _DATA_& d = driver.dataAreaList.at(idx);
-        int shown = uchar2int32(shownByte(d, 0), shownByte(d, 1), shownByte(d, 2), shownByte(d, 3));
-        int written = uchar2int32(b[0], b[1], b[2], b[3]);
-        if (shown != written)
-            collectDwordReports(d, &shown, &written, 0, r);
-    }
-    fireUnlocked(r, lock);
-    _DATA_& d = driver.dataAreaList[idx];
-    memcpy(d.writeValue, b, 4);
-    d.writeFlag = 1;
-}
-
 /* One bit of a byte-addressed bit register. The old value of the report is the last
  * written byte even when the host was shown the read one; that choice is kept. */
 void storeWrittenBitInByte(int keyNo, int nameId, int bitNumber, bool on)
@@ -1193,66 +1064,6 @@ void storeWrittenBitInByte(int keyNo, int nameId, int bitNumber, bool on)
         }
     }
     fireUnlocked(r, lock);
-    _DATA_& d = driver.dataAreaList[idx];
-    d.writeValue[0] = newByte;
-    d.writeFlag = 1;
-}
-
-/* One bit of a word-addressed bit register, with the marks of queued bit writes. */
-void storeWrittenBitInWord(
-    int keyNo, int nameId, int bitNumber, bool on, const QString& regName, int address, int count)
-{
-    DriverLock lock;
-    Reports r;
-    int idx = findOrCreateArea(keyNo, nameId, bitNumber / 16);
-    int bitInUnit = bitNumber % 16;
-    unsigned char newBytes[2];
-    {
-        const _DATA_& d = driver.dataAreaList.at(idx);
-        newBytes[0] = shownByte(d, 0);
-        newBytes[1] = shownByte(d, 1);
-        unsigned char m = static_cast<unsigned char>(1u << (bitInUnit % 8));
-        unsigned char& b = newBytes[bitInUnit / 8];
-        unsigned char before = b;
-        b = on ? static_cast<unsigned char>(b | m) : static_cast<unsigned char>(b & ~m);
-        if (b != before) {
-            int old = uchar2int16(d.writeValue[0], d.writeValue[1]);
-            int written = uchar2int16(newBytes[0], newBytes[1]);
-            collectWordReports(d, &old, &written, 0, r);
-        }
-    }
-    fireUnlocked(r, lock);
-    _DATA_& d = driver.dataAreaList[idx];
-    d.writeValue[0] = newBytes[0];
-    d.writeValue[1] = newBytes[1];
-    d.writeFlag = 1;
-    unsigned int first = 1u << (2 * bitInUnit);
-    if (d.bitWriteState & first) {
-        int matching = 0;
-        for (int i = 0; i < driver.writeList.size(); ++i) {
-            const VARIABLE& v = driver.writeList.at(i);
-            if (v.keyNo == keyNo && v.regName == regName && v.address == address && v.length == count)
-                ++matching;
-        }
-        if (matching == 2)
-            d.bitWriteState |= first << 1;
-    }
-    d.bitWriteState |= first;
-}
-
-/* A unit keyed by the whole register name (a byte register without "_bit"): reported to
- * the host directly with the register name. */
-void storeWrittenNamedByte(int keyNo, const QString& regName, int address, unsigned char newByte)
-{
-    DriverLock lock;
-    int idx = findOrCreateArea(keyNo, regName, address);
-    bool changed = shownByte(driver.dataAreaList.at(idx), 0) != newByte;
-    if (changed && driver.valueChangeCallBack) {
-        VALUE_CHANGE_CALLBACK cb = driver.valueChangeCallBack;
-        lock.release();
-        cb(driver.callBackContext, keyNo, regName, address);
-        lock.acquire();
-    }
     _DATA_& d = driver.dataAreaList[idx];
     d.writeValue[0] = newByte;
     d.writeFlag = 1;
@@ -1283,51 +1094,28 @@ void write_saveDataToArea(int keyNo, QString regName, int address, int count, un
 {
     if (!data)
         return;
-    int row = rowOf(regName);
-    const QString& w = widthOf(row);
-    const QString& u = unitOf(row);
+    const RegisterRule& rule = ruleOf(regName);
     int area;
     {
         DriverLock lock;
         area = areaNameId(areaOf(regName));
     }
-    if (is(w, "16")) {
+    switch (rule.kind) {
+    case kWordRegister:
         for (int j = 0; j < count; ++j) {
-            if (is(u, "8")) {
-                int a = wrapAdd(address, wrapMul(2, j));
-                storeWrittenByte(keyNo, area, a, data[2 * j]);
-                storeWrittenByte(keyNo, area, wrapAdd(a, 1), data[2 * j + 1]);
-            } else {
-                storeWrittenWord(keyNo, area, wrapAdd(address, j), data[2 * j], data[2 * j + 1]);
-            }
+            int a = wrapAdd(address, wrapMul(2, j));
+            storeWrittenByte(keyNo, area, a, data[2 * j]);
+            storeWrittenByte(keyNo, area, wrapAdd(a, 1), data[2 * j + 1]);
         }
-    } else if ((is(w, "1") || is(w, "8")) && containsBit(regName)) {
+        break;
+    case kBitRegister:
         for (int i = 0; i < count; ++i) {
             int b = wrapAdd(address, i);
             if (b < 0)
                 continue; /* a negative bit number names no bit */
-            if (is(u, "8"))
-                storeWrittenBitInByte(keyNo, area, b, data[i] == 1);
-            else if (is(u, "16"))
-                storeWrittenBitInWord(keyNo, area, b, data[i] == 1, regName, address, count);
+            storeWrittenBitInByte(keyNo, area, b, data[i] == 1);
         }
-    } else if (is(w, "1") || is(w, "8")) {
-        for (int i = 0; i < count; ++i)
-            storeWrittenNamedByte(keyNo, regName, wrapAdd(address, i), data[i]);
-    } else if (is(w, "32")) {
-        int n = count / 2;
-        for (int j = 0; j < n; ++j) {
-            const unsigned char* item = data + 4 * j;
-            if (is(u, "16")) {
-                /* The second word of the item first, on purpose. */
-                int a = wrapAdd(address, wrapMul(2, j));
-                storeWrittenWord(keyNo, area, wrapAdd(a, 1), item[2], item[3]);
-                storeWrittenWord(keyNo, area, a, item[0], item[1]);
-            } else {
-                /* Whole double-word units even on byte addressing: kept as it is. */
-                storeWrittenDword(keyNo, area, wrapAdd(address, j), item);
-            }
-        }
+        break;
     }
 }
 
@@ -1337,8 +1125,8 @@ int intf_setData(int keyNo, QString regName, int address, int count, unsigned ch
     if (!data || !isKnownRegister(regName))
         return 1;
     if (driver.initParam1 == 0) {
-        int row = rowOf(regName);
-        bool bitRegister = is(widthOf(row), "1");
+        RegisterRow row = registerRow(regName);
+        bool bitRegister = REGISTER_RULES[row].kind == kBitRegister;
         KEY_ADDRESS key = zeroKey();
         key.keyNo = keyNo;
         /* The table's own text: the queued write then shares no string with the host. */
@@ -1352,7 +1140,7 @@ int intf_setData(int keyNo, QString regName, int address, int count, unsigned ch
             memcpy(key.data, data, static_cast<size_t>(bytes < kBufferSize ? bytes : kBufferSize));
         QList<KEY_ADDRESS> pieces;
         groupingKey(key, bitRegister ? driver.maxBlockBits : driver.maxBlockUnits, pieces, 1);
-        int unitBits = toIntOrZero(unitOf(row));
+        int unitBits = REGISTER_RULES[row].unitBits;
         int lengthsBefore = 0;
         for (int p = 0; p < pieces.size(); ++p) {
             const KEY_ADDRESS& piece = pieces.at(p);
@@ -1385,48 +1173,36 @@ int intf_setData(int keyNo, QString regName, int address, int count, unsigned ch
 
 void _write_FailOrSuc(int keyNo, QString regName, int address, int count, int ok)
 {
-    int row = rowOf(regName);
-    const QString& w = widthOf(row);
-    const QString& u = unitOf(row);
-    bool wordWidth = is(w, "16");
+    const RegisterRule& rule = ruleOf(regName);
     DriverLock lock;
     int area = areaNameId(areaOf(regName));
     Reports r;
-    if (wordWidth || is(w, "32")) {
-        int units = is(u, "8") ? wrapMul(count, 2) : count;
-        int unitBytes = is(u, "16") ? 2 : (is(u, "32") ? 4 : 1);
+    switch (rule.kind) {
+    case kWordRegister: {
+        int units = wrapMul(count, 2); /* two byte units per word */
         for (int k = 0; k < units; ++k) {
-            _DATA_& d = driver.dataAreaList[findOrCreateArea(keyNo, area, wrapAdd(address, k))];
+            _DATA_& d = unitAt(findOrCreateArea(keyNo, area, wrapAdd(address, k)));
             d.writeFlag = 0;
             if (ok == 1) {
-                memcpy(d.value, d.writeValue, static_cast<size_t>(unitBytes));
-            } else if (is(u, "8")) {
-                /* Word items: the written value as old and new, so single bits are not
-                 * redrawn while the byte, word and double-word items are; kept so. */
-                unsigned char oldByte = d.writeValue[0];
-                unsigned char newByte = wordWidth ? d.writeValue[0] : d.value[0];
-                collectByteReports(d, &oldByte, &newByte, 0, r);
-            } else if (is(u, "16")) {
-                int oldWord = wordOf(d.writeValue);
-                int newWord = wordOf(d.value);
-                collectWordReports(d, &oldWord, &newWord, 0, r);
-            } else if (is(u, "32")) {
-                collectDwordReports(d, 0, 0, 0, r);
+                d.value[0] = d.writeValue[0];
             } else {
-                collectByteReports(d, 0, 0, 0, r);
+                /* The written value as old and new: single bits are not redrawn while the
+                 * byte, word and double-word items are (INTERNALS.md, kept behaviours). */
+                unsigned char written = d.writeValue[0];
+                unsigned char again = d.writeValue[0];
+                collectByteReports(d, &written, &again, 0, r);
             }
             fireUnlocked(r, lock);
         }
-    } else if (is(w, "1") && containsBit(regName)) {
-        int bitsPerUnit = is(u, "8") ? 8 : (is(u, "16") ? 16 : 0);
-        if (bitsPerUnit == 0)
-            return;
+        break;
+    }
+    case kBitRegister:
         for (int i = 0; i < count; ++i) {
             int b = wrapAdd(address, i);
             if (b < 0)
                 continue;
-            int bit = b % bitsPerUnit;
-            _DATA_& d = driver.dataAreaList[findOrCreateArea(keyNo, area, b / bitsPerUnit)];
+            int bit = b % 8;
+            _DATA_& d = unitAt(findOrCreateArea(keyNo, area, b / 8));
             unsigned int first = 1u << (2 * bit);
             if (d.bitWriteState & first)
                 d.bitWriteState &= ~first;
@@ -1435,43 +1211,14 @@ void _write_FailOrSuc(int keyNo, QString regName, int address, int count, int ok
             if (d.bitWriteState == 0)
                 d.writeFlag = 0;
             if (ok == 1) {
-                unsigned char m = static_cast<unsigned char>(1u << (bit % 8));
-                int byteNo = bit / 8;
-                d.value[byteNo] = static_cast<unsigned char>((d.value[byteNo] & ~m) | (d.writeValue[byteNo] & m));
+                unsigned char m = static_cast<unsigned char>(1u << bit);
+                d.value[0] = static_cast<unsigned char>((d.value[0] & ~m) | (d.writeValue[0] & m));
             }
-            if (d.writeFlag == 0) {
-                if (bitsPerUnit == 8)
-                    collectByteReports(d, 0, 0, 0, r);
-                else
-                    collectWordReports(d, 0, 0, 0, r);
-            }
-            fireUnlocked(r, lock);
-        }
-    } else if (is(w, "1")) {
-        int whole = areaNameId(regName);
-        for (int i = 0; i < count; ++i) {
-            int a = wrapAdd(address, i);
-            _DATA_& d = driver.dataAreaList[findOrCreateArea(keyNo, whole, a)];
-            d.writeFlag = 0;
-            if (ok == 1) {
-                d.value[0] = d.writeValue[0];
-            } else if (driver.valueChangeCallBack) {
-                VALUE_CHANGE_CALLBACK cb = driver.valueChangeCallBack;
-                lock.release();
-                cb(driver.callBackContext, keyNo, regName, a);
-                lock.acquire();
-            }
-        }
-    } else if (is(w, "8")) {
-        for (int i = 0; i < count; ++i) {
-            _DATA_& d = driver.dataAreaList[findOrCreateArea(keyNo, area, wrapAdd(address, i))];
-            d.writeFlag = 0;
-            if (ok == 1)
-                d.value[0] = d.writeValue[0];
-            else
+            if (d.writeFlag == 0)
                 collectByteReports(d, 0, 0, 0, r);
             fireUnlocked(r, lock);
         }
+        break;
     }
 }
 
@@ -1492,7 +1239,7 @@ void buildCurrentRead()
     }
     driver.framesBuilt = 1;
     int built = getReadFrame(driver.curReadList);
-    if (driver.curFrameKind == 3 || driver.curFrameKind == 6)
+    if (driver.curFrameKind == kFrameConditionRead || driver.curFrameKind == kFrameRecipeRead)
         driver.framesBuilt = built;
 }
 
@@ -1508,17 +1255,17 @@ bool copyHead(FRAME_PRO* out)
 bool repeatLastKind()
 {
     switch (driver.curFrameKind) {
-    case 2:
-    case 5:
+    case kFrameWrite:
+    case kFrameRecipeWrite:
         driver.framesBuilt = 1;
         getWriteFrame(driver.curVar);
         return true;
-    case 3:
-    case 4:
-    case 6:
+    case kFrameConditionRead:
+    case kFrameCyclicRead:
+    case kFrameRecipeRead:
         buildCurrentRead();
         return true;
-    case 1:
+    case kFrameHandshake:
         handShakeFrame();
         return true;
     default:
@@ -1541,12 +1288,12 @@ int intf_getSendFrame(FRAME_PRO* out)
     readHostFlags(recipeWrite, recipeRead);
 
     if (driver.needHandShake) {
-        driver.curFrameKind = 1;
+        driver.curFrameKind = kFrameHandshake;
         handShakeFrame();
     } else if (recipeWrite == 1) {
         if (driver.rcpIndex >= 0 && driver.rcpIndex < driver.rcpTransferList.size()) {
             rcpAddrToVar(driver.rcpTransferList.at(driver.rcpIndex), driver.curVar, 1);
-            driver.curFrameKind = 5;
+            driver.curFrameKind = kFrameRecipeWrite;
             driver.framesBuilt = 1;
             getWriteFrame(driver.curVar);
         } else if (!repeatLastKind()) {
@@ -1555,7 +1302,7 @@ int intf_getSendFrame(FRAME_PRO* out)
     } else if (recipeRead == 1) {
         if (driver.rcpIndex >= 0 && driver.rcpIndex < driver.rcpTransferList.size()) {
             rcpAddrToVar(driver.rcpTransferList.at(driver.rcpIndex), driver.curVar, 0);
-            driver.curFrameKind = 6;
+            driver.curFrameKind = kFrameRecipeRead;
             buildCurrentRead();
         } else if (!repeatLastKind()) {
             return 0;
@@ -1570,23 +1317,23 @@ int intf_getSendFrame(FRAME_PRO* out)
             }
         }
         if (haveWrite) {
-            driver.curFrameKind = 2;
+            driver.curFrameKind = kFrameWrite;
             driver.priorityCount += 1;
             driver.framesBuilt = 1;
             getWriteFrame(driver.curVar);
         } else if (!driver.conditionReadList.isEmpty() && driver.priorityCount <= 2) {
             copyVariable(driver.curVar, headOf(driver.conditionReadList));
-            driver.curFrameKind = 3;
+            driver.curFrameKind = kFrameConditionRead;
             driver.priorityCount += 1;
             buildCurrentRead();
         } else if (driver.readList.isEmpty()) {
             driver.priorityCount = 0;
-            driver.curFrameKind = 0;
+            driver.curFrameKind = kFrameNone;
             driver.frameList.clear();
             return 0;
         } else {
             copyVariable(driver.curVar, headOf(driver.readList));
-            driver.curFrameKind = 4;
+            driver.curFrameKind = kFrameCyclicRead;
             driver.priorityCount = 0;
             buildCurrentRead();
         }
@@ -1727,6 +1474,26 @@ void applyWriteFlagRule(_DATA_& d)
         d.writeFlag = 0;
 }
 
+/* The bytes a read brought, into the cache: every register addresses bytes, one cached
+ * unit per reply byte; a changed byte is reported at once. */
+void storeReadBytes(const ReplyBytes& bytes, int readLen, int dataStart, const VARIABLE& var)
+{
+    DriverLock lock;
+    Reports r;
+    ConsecutiveUnits units(var.keyNo, areaNameIdOfRegister(var.regName));
+    for (int j = 0; j < readLen; ++j) {
+        unsigned char newByte = bytes.at(static_cast<long long>(dataStart) + j);
+        _DATA_& d = unitAt(units.next(wrapAdd(var.address, j)));
+        if (d.value[0] != newByte) {
+            applyWriteFlagRule(d);
+            unsigned char oldByte = d.value[0];
+            d.value[0] = newByte;
+            collectByteReports(d, &oldByte, &newByte, 0, r);
+            fireUnlocked(r, lock);
+        }
+    }
+}
+
 }  // namespace
 
 void analyzeFrameOfVal(QByteArray reply, int readLen, int dataStart, VARIABLE var)
@@ -1736,7 +1503,7 @@ void analyzeFrameOfVal(QByteArray reply, int readLen, int dataStart, VARIABLE va
     /* The recipe variables a recipe read serves, noted before anything else. */
     int recipeFrom = 0;
     int recipeTo = 0;
-    if (driver.curFrameKind == 6) {
+    if (driver.curFrameKind == kFrameRecipeRead) {
         int blocks = driver.rcpBlockStartList.size();
         int idx = driver.rcpIndex;
         if (idx >= 0 && idx < blocks) {
@@ -1746,73 +1513,11 @@ void analyzeFrameOfVal(QByteArray reply, int readLen, int dataStart, VARIABLE va
         }
     }
 
-    int row = rowOf(var.regName);
-    const QString& u = unitOf(row);
-    if (is(u, "8")) {
-        if (containsBit(var.regName) && driver.curFrameKind == 2) {
-            completeBitWrite(bytes, readLen, dataStart, var);
-            return;
-        }
-        DriverLock lock;
-        Reports r;
-        ConsecutiveUnits units(var.keyNo, areaNameIdOfRegister(var.regName));
-        for (int j = 0; j < readLen; ++j) {
-            unsigned char newByte = bytes.at(static_cast<long long>(dataStart) + j);
-            _DATA_& d = unitAt(units.next(wrapAdd(var.address, j)));
-            if (d.value[0] != newByte) {
-                applyWriteFlagRule(d);
-                unsigned char oldByte = d.value[0];
-                d.value[0] = newByte;
-                collectByteReports(d, &oldByte, &newByte, 0, r);
-                fireUnlocked(r, lock);
-            }
-        }
-    } else if (is(u, "16") || is(u, "32")) {
-        bool words = is(u, "16");
-        int unitBytes = words ? 2 : 4;
-        DriverLock lock;
-        Reports r;
-        int area = areaNameId(areaOf(var.regName));
-        for (int k = 0; k < readLen; ++k) {
-            long long pos = static_cast<long long>(dataStart) + static_cast<long long>(unitBytes) * k;
-            unsigned char b[4] = {bytes.at(pos), bytes.at(pos + 1), 0, 0};
-            if (!words) {
-                b[2] = bytes.at(pos + 2);
-                b[3] = bytes.at(pos + 3);
-            }
-            _DATA_& d = driver.dataAreaList[findOrCreateArea(var.keyNo, area, wrapAdd(var.address, k))];
-            int oldValue = words ? wordOf(d.value) : dwordOf(d.value);
-            int newValue = words ? wordOf(b) : dwordOf(b);
-            if (oldValue != newValue) {
-                applyWriteFlagRule(d);
-                memcpy(d.value, b, static_cast<size_t>(unitBytes));
-                if (words)
-                    collectWordReports(d, &oldValue, &newValue, 0, r);
-                else
-                    collectDwordReports(d, &oldValue, &newValue, 0, r);
-                fireUnlocked(r, lock);
-            }
-        }
-    } else if (is(u, "1")) {
-        /* One unit per bit. */
-        DriverLock lock;
-        Reports r;
-        int area = areaNameId(areaOf(var.regName));
-        long long bits = static_cast<long long>(readLen) * 8;
-        for (long long k = 0; k < bits; ++k) {
-            unsigned char bit
-                = static_cast<unsigned char>((bytes.at(static_cast<long long>(dataStart) + k / 8) >> (k % 8)) & 1);
-            _DATA_& d
-                = driver.dataAreaList[findOrCreateArea(var.keyNo, area, wrapAdd(var.address, static_cast<int>(k)))];
-            if (d.value[0] != bit) {
-                applyWriteFlagRule(d);
-                d.value[0] = bit;
-                collectBitReports(d, r);
-                fireUnlocked(r, lock);
-            }
-        }
+    if (driver.curFrameKind == kFrameWrite && ruleOf(var.regName).kind == kBitRegister) {
+        completeBitWrite(bytes, readLen, dataStart, var);
         return;
     }
+    storeReadBytes(bytes, readLen, dataStart, var);
 
     /* Recipe read: after the cache, copy each variable's bytes into the host's recipe
      * buffer and report each byte (twice per word, kept so). */
@@ -1856,7 +1561,7 @@ int intf_dealRcvFrame(QByteArray& reply, QString& errorText)
         driver.commFailed = 0;
         dealReadFrameReturnSaveData(reply);
     } else if (r == 2) {
-        if (driver.curFrameKind == 2) {
+        if (driver.curFrameKind == kFrameWrite) {
             const VARIABLE& v = driver.frameList.first().var;
             _write_FailOrSuc(v.keyNo, v.regName, v.address, v.length, 1);
         }
@@ -1869,7 +1574,7 @@ int intf_dealRcvFrame(QByteArray& reply, QString& errorText)
         if (driver.errorCount < driver.initParam3)
             return 8;
         driver.commFailed = 1;
-        if (driver.curFrameKind == 2) {
+        if (driver.curFrameKind == kFrameWrite) {
             const VARIABLE v = driver.frameList.first().var;
             _write_FailOrSuc(v.keyNo, v.regName, v.address, v.length, 0);
         }
@@ -1918,9 +1623,7 @@ namespace {
 void convertToBytes(KEY_ADDRESS& k)
 {
     QStringList parts = k.regName.split(QLatin1String("_"));
-    int u = toIntOrZero(unitOf(rowOf(k.regName)));
-    if (u == 0)
-        u = 1;
+    int u = ruleOf(k.regName).unitBits;
     if (parts.size() >= 2 && parts.last() == QLatin1String("bit")) {
         int length = wrapAdd(k.length, k.address % u);
         k.length = length / u + (length % u != 0 ? 1 : 0);
@@ -2042,9 +1745,9 @@ void addrMerge(QList<KEY_ADDRESS>& keys, int mode)
         /* Recipes: word lengths to bytes, bit items stay in bits; the caller has sorted. */
         for (int i = 0; i < keys.size(); ++i) {
             KEY_ADDRESS& k = keys[i];
-            int idx = getIndexFromRegName(k.regName);
-            if (idx >= 0 && !is(widthOf(idx), "1"))
-                k.length = static_cast<int>(k.length * (16.0 / toIntOrZero(unitOf(idx))));
+            RegisterRow row = registerRow(k.regName);
+            if (row != kRowSpare && REGISTER_RULES[row].kind == kWordRegister)
+                k.length = static_cast<int>(k.length * (16.0 / REGISTER_RULES[row].unitBits));
         }
         keys = mergeContiguous(keys, 2);
         return;
@@ -2103,9 +1806,11 @@ int intf_addConditionRead(KEY_ADDRESS* key, int kind)
 {
     if (!key || !isKnownRegister(key->regName))
         return 1;
-    int u = toIntOrZero(unitOf(rowOf(key->regName)));
-    if (u == 0)
-        u = 1;
+    const RegisterRule& rule = ruleOf(key->regName);
+    /* A condition read of a bit register does nothing (INTERNALS.md, kept behaviours). */
+    if (rule.kind == kBitRegister)
+        return 1;
+    int u = rule.unitBits;
     int limit = key->unitMark == -1 ? driver.maxBlockBits : driver.maxBlockUnits;
     int pieces = pieceCount(key->length, limit);
     int remainder = pieces > 1 ? key->length % limit : 0;
@@ -2116,9 +1821,6 @@ int intf_addConditionRead(KEY_ADDRESS* key, int kind)
         v.kind = kind;
         v.keyNo = key->keyNo;
         v.regName = key->regName;
-        /* A condition read of a bit register does nothing; kept as it is. */
-        if (key->regName.contains(QLatin1String("_bit")))
-            return 1;
         v.address = pieceAddress;
         v.length = wrapMul(pieceLength, 16 / u);
 
@@ -2204,8 +1906,7 @@ void rcpAddrToVar(_RCP_VAR_PRO item, VARIABLE& var, int mode)
     memset(var.data, 0, sizeof(var.data));
     if (mode == 0 || !driver.rcpBuffer || item.rcpDataIndex < 0)
         return;
-    int idx = getIndexFromRegName(item.regName);
-    int u = toIntOrZero(unitOf(idx < 0 ? 6 : idx));
+    int u = ruleOf(item.regName).unitBits;
     long long n = static_cast<long long>(item.length) * (u / 8);
     if (n <= 0)
         return;
@@ -2228,9 +1929,9 @@ int multiCp(QString regName, QString format, int start, int count, int interval,
             mixed = true;
     if (count < 1)
         return 1;
-    bool bitRegister
-        = regName == QLatin1String("I_bit") || regName == QLatin1String("Q_bit") || regName == QLatin1String("M_bit");
-    int u = toIntOrZero(unitOf(rowOf(regName)));
+    const RegisterRule& rule = ruleOf(regName);
+    bool bitRegister = rule.kind == kBitRegister;
+    int u = rule.unitBits;
     int result = 1;
     for (int i = 0; i < count; ++i) {
         int step = 1;
