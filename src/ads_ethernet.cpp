@@ -23,7 +23,7 @@ const unsigned short kCmdAddDeviceNotification = 6;
 const unsigned short kCmdRead = 2;
 const unsigned short kCmdWrite = 3;
 const unsigned short kStateFlagsRequest = 0x0004;
-/* The handshake and the other requests come from different source ports on purpose. */
+/* The handshake and the other requests come from different source ports (INTERNALS.md K1). */
 const unsigned short kHandshakeTargetPort = 100;
 const unsigned short kHandshakeSourcePort = 0x80BB;
 const unsigned short kRequestSourcePort = 0x8147;
@@ -230,7 +230,7 @@ void getWriteFrame(VARIABLE& var)
         memcpy(f + kWriteDataStart, var.data, static_cast<size_t>(n));
     }
     fillAmsHeader(f, static_cast<unsigned short>(driver.targetAmsPort), kRequestSourcePort, kCmdWrite, 0);
-    /* Only the low bytes of the two length fields are set: a write carries a few bytes. */
+    /* Only the low bytes of the two length fields are set (INTERNALS.md K2). */
     unsigned int n = static_cast<unsigned int>(byteCount);
     f[2] = static_cast<unsigned char>((n + 44) & 0xFF);
     f[3] = f[4] = f[5] = 0;
@@ -264,7 +264,7 @@ int addr_str2int(QString text, QString regName)
     int bitNo = parts.at(1).toInt(&okBit, 10);
     if (!okByte || !okBit)
         return -1;
-    /* The bit part is not limited to 0..7 on purpose: 10.9 is the same bit as 11.1. */
+    /* The bit part is not limited to 0..7: 10.9 is the same bit as 11.1 (INTERNALS.md K3). */
     return static_cast<int>(static_cast<unsigned int>(byteNo) * 8u + static_cast<unsigned int>(bitNo));
 }
 

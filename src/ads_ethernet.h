@@ -122,7 +122,7 @@ static const QString ADDRESS_RANGE_PRO[7][6]
         {QString::fromLatin1("DDDDD"), QString::fromLatin1("0"), QString::fromLatin1("65535"),
             QString::fromLatin1("16"), QString::fromLatin1("RW"), QString::fromLatin1("8")}};
 
-/* The identifiers below are spelled so on purpose: the rest of the driver uses them. */
+/* The identifiers below are spelled so: the rest of the driver uses them (INTERNALS.md K4). */
 static const QString PROCOTOL_NAME = QString::fromLatin1("ads_ethernet");
 static const QString PROCOTOL_VERSION = QString::fromLatin1("2.0.0.0");
 static const QString PROCOTOL_DEFALT_COM_PAR = QString::fromLatin1("9600,8,NONE,1");

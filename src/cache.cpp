@@ -250,7 +250,7 @@ void storeWrittenByte(int keyNo, int nameId, int address, unsigned char newByte)
 }
 
 /* One bit of a byte-addressed bit register. The old value of the report is the last
- * written byte even when the host was shown the read one; that choice is kept. */
+ * written byte even when the host was shown the read one (INTERNALS.md K10). */
 void storeWrittenBitInByte(int keyNo, int nameId, int bitNumber, bool on)
 {
     DriverLock lock;
@@ -274,7 +274,7 @@ void storeWrittenBitInByte(int keyNo, int nameId, int bitNumber, bool on)
 }
 
 /* Queues one write, coalescing with a queued write of the same item. The head is the
- * write in flight and is never replaced. */
+ * write in flight and is never replaced (INTERNALS.md K19). */
 void queueWrite(const VARIABLE& v)
 {
     DriverLock lock;
@@ -338,7 +338,7 @@ int intf_setData(int keyNo, QString regName, int address, int count, unsigned ch
         key.address = address;
         key.length = count;
         /* unitMark stays 0 for bits too, so later pieces of a long bit write take their
-         * bytes two per unit; kept as it is (a bit write of one piece is unaffected). */
+         * bytes two per unit (INTERNALS.md K11; a bit write of one piece is unaffected). */
         long long bytes = bitRegister ? count : 2LL * count;
         if (bytes > 0)
             memcpy(key.data, data, static_cast<size_t>(bytes < kBufferSize ? bytes : kBufferSize));
@@ -391,7 +391,7 @@ void _write_FailOrSuc(int keyNo, QString regName, int address, int count, int ok
                 d.value[0] = d.writeValue[0];
             } else {
                 /* The written value as old and new: single bits are not redrawn while the
-                 * byte, word and double-word items are (INTERNALS.md, kept behaviours). */
+                 * byte, word and double-word items are (INTERNALS.md K9). */
                 unsigned char written = d.writeValue[0];
                 unsigned char again = d.writeValue[0];
                 collectByteReports(d, &written, &again, 0, r);

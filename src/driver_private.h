@@ -99,8 +99,9 @@ inline const T& headOf(const QList<T>& list)
 namespace drv {
 
 static const int kBufferSize = 1024;
-static const int kMaxQueued = 512; /* lists hold at most 513 entries; the newest replaces index 512 */
-static const int kMaxBlock = 128;  /* largest read block in bytes */
+static const int kMaxQueued
+    = 512;                        /* lists hold at most 513 entries; the newest replaces index 512 (INTERNALS.md K20) */
+static const int kMaxBlock = 128; /* largest read block in bytes */
 
 /* Host values are trusted to be sensible, but arithmetic on them must never be undefined. */
 inline int wrapAdd(int a, int b)

@@ -270,7 +270,7 @@ int intf_addrMerge(QList<KEY_ADDRESS>& keys)
         DriverLock lock;
         for (int i = 0; i < driver.dataAreaList.size(); ++i) {
             _DATA_& d = driver.dataAreaList[i];
-            /* The marks of queued bit writes go with the monitor marks, on purpose. */
+            /* The marks of queued bit writes go with the monitor marks (INTERNALS.md K12). */
             d.bitWriteState = 0;
             d.monitorFlag = 0;
             d.bitMonitorMask = 0;
@@ -311,7 +311,7 @@ int intf_addConditionRead(KEY_ADDRESS* key, int kind)
     if (!key || !isKnownRegister(key->regName))
         return 1;
     const RegisterRule& rule = ruleOf(key->regName);
-    /* A condition read of a bit register does nothing (INTERNALS.md, kept behaviours). */
+    /* A condition read of a bit register does nothing (INTERNALS.md K14). */
     if (rule.kind == kBitRegister)
         return 1;
     int u = rule.unitBits;
@@ -331,7 +331,7 @@ int intf_addConditionRead(KEY_ADDRESS* key, int kind)
         QList<VARIABLE>& list = driver.conditionReadList;
         bool refreshed = false;
         if (!list.isEmpty()) {
-            /* The head is being served and is never compared. */
+            /* The head is being served and is never compared (INTERNALS.md K19). */
             for (int i = list.size() - 1; i >= 1; --i) {
                 const VARIABLE& q = list.at(i);
                 if (q.keyNo == v.keyNo && q.regName == v.regName && q.address == v.address && q.length == v.length) {
@@ -367,7 +367,7 @@ int intf_setRcpAddress(QVector<_RCP_VAR_PRO>* vars)
                 driver.rcpVarList.append(v);
         }
     }
-    /* Nothing of ours: the transfer lists of an earlier call stay, on purpose. */
+    /* Nothing of ours: the transfer lists of an earlier call stay (INTERNALS.md K13). */
     if (driver.rcpVarList.isEmpty())
         return 0;
     driver.rcpVarList = stableSortedByWeight(driver.rcpVarList, recipeWeight);

@@ -189,7 +189,7 @@ void analyzeFrameOfVal(QByteArray reply, int readLen, int dataStart, VARIABLE va
     storeReadBytes(bytes, readLen, dataStart, var);
 
     /* Recipe read: after the cache, copy each variable's bytes into the host's recipe
-     * buffer and report each byte (twice per word, kept so). */
+     * buffer and report each byte, so each word twice (INTERNALS.md K15). */
     if (recipeFrom >= recipeTo || !driver.rcpBuffer)
         return;
     static const QString recipeText = QString::fromLatin1("RWI");
@@ -234,7 +234,7 @@ int intf_dealRcvFrame(QByteArray& reply, QString& errorText)
             const VARIABLE& v = driver.frameList.first().var;
             _write_FailOrSuc(v.keyNo, v.regName, v.address, v.length, 1);
         }
-        /* A reply that fills the host's buffer may go on: keep the frame and wait. */
+        /* A reply that fills the host's buffer may go on: keep the frame and wait (INTERNALS.md K18). */
         if (reply.size() == kBufferSize)
             return 3;
         driver.commFailed = 0;

@@ -13,7 +13,7 @@ const AREA_NAME_TEXTS& textsOf(const _DATA_& d) { return driver.dataAreaIndex.te
 
 /* Bits in ascending order, then the byte, then words, then double words from the nearest
  * start downward. Whole items are reported without comparing values: a word whose two
- * bytes change is reported twice, once from each byte. */
+ * bytes change is reported twice, once from each byte (INTERNALS.md K8). */
 void collectByteReports(
     const _DATA_& d, const unsigned char* oldValue, const unsigned char* newValue, int noBits, Reports& r)
 {

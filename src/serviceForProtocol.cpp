@@ -68,7 +68,7 @@ int getRegAddressWeight(int keyNo, QString regName, int address, int spare)
     (void)spare;
     int n = driver.regNameList.size();
     int idx = driver.regNameList.indexOf(regName);
-    /* The step is 65535, not 65536, on purpose; merging relies on these exact values. */
+    /* The step is 65535, not 65536: merging relies on these exact values (INTERNALS.md K5). */
     unsigned int w = static_cast<unsigned int>(keyNo) * static_cast<unsigned int>(n) * 65535u
         + static_cast<unsigned int>(idx) * 65535u + static_cast<unsigned int>(address);
     return static_cast<int>(w);
@@ -158,7 +158,7 @@ bool parseWithRow(
     return true;
 }
 
-/* The range test of both checks, then the unknown-register result; this order is kept. */
+/* The range test of both checks, then the unknown-register result (INTERNALS.md K6). */
 int finishAddressCheck(
     int row, const QString& regName, int& address, int count, double factor, double minimum, double maximum)
 {
@@ -223,7 +223,7 @@ int intf_getRegListByType(int type, QList<QString>& names)
         if (type == 0 ? width == 1 : width > 1)
             names.append(REG_LIST[i]);
     }
-    /* 0 tells the host the type is unknown, although the word names were appended. */
+    /* 0 tells the host the type is unknown, although the word names were appended (INTERNALS.md K16). */
     return (type == 0 || type == 1) ? 1 : 0;
 }
 
@@ -276,6 +276,7 @@ int intf_initProperty(
     driver.hostMutex = hostMutex;
     driver.readList.clear();
     driver.conditionReadList.clear();
+    /* The recipe lists and cursor stay (INTERNALS.md K17). */
     {
         DriverLock lock;
         driver.writeList.clear();
@@ -323,7 +324,7 @@ QString selectOwnIpv4Address(const QList<QHostAddress>& addresses, const QList<Q
         if (a.protocol() != QAbstractSocket::IPv4Protocol || a.isNull() || a == loopback)
             continue;
         QString text = a.toString();
-        /* A substring test on purpose, not a subnet test: the first two numbers of the
+        /* A substring test, not a subnet test (INTERNALS.md K7): the first two numbers of the
          * PLC's Net ID pick the panel's interface. */
         if (netIdParts.size() < 2 || (text.contains(netIdParts.at(0)) && text.contains(netIdParts.at(1))))
             return text;

@@ -90,7 +90,7 @@ inline int initWithGap(int gap)
     return initDriver(s.c_str());
 }
 
-// intf_initProperty keeps the recipe lists and cursor on purpose; a new panel starts
+// intf_initProperty keeps the recipe lists and cursor (docs/INTERNALS.md K17); a new panel starts
 // without them.
 inline void clearRecipeState()
 {
