@@ -182,6 +182,10 @@ inline int unitIndex(const QString& area, int address, int keyNo = 1)
     return getIndexOfDataArea(keyNo, area, address, driver.dataAreaList);
 }
 
+// The cached unit at `index`, for a test that sets its values or marks in place (never its
+// keys: the cache index relies on them).
+inline _DATA_& unitRef(int index) { return driver.dataAreaList[index]; }
+
 // A unit as the driver creates it: the three keys, everything else zero.
 inline _DATA_ makeUnit(int keyNo, const QString& area, int address)
 {
@@ -234,10 +238,7 @@ protected:
 
     // The cached unit of `area` at `address`: its index, the unit itself, a copy.
     int idx(const QString& area, int address, int keyNo = 1) { return unitIndex(area, address, keyNo); }
-    _DATA_& ref(const QString& area, int address, int keyNo = 1)
-    {
-        return driver.dataAreaList[idx(area, address, keyNo)];
-    }
+    _DATA_& ref(const QString& area, int address, int keyNo = 1) { return unitRef(idx(area, address, keyNo)); }
     _DATA_ at(const QString& area, int address, int keyNo = 1)
     {
         return driver.dataAreaList.at(idx(area, address, keyNo));

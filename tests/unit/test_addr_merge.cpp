@@ -508,8 +508,8 @@ TEST_F(AddrMerge, EmptyKeyListClearsReadListAndMarksAndReturnsZero)
     keys.append(makeKey(0, "M_bit", 3, 1));
     ASSERT_EQ(intf_addrMerge(keys), 1);  // byte 0 and bytes 10..11, gap 9 bridged
     ASSERT_EQ(driver.dataAreaList.size(), 3);
-    driver.dataAreaList[0].bitWriteState = 3;
-    driver.dataAreaList[0].value[0] = 0x5A;
+    adstest::unitRef(0).bitWriteState = 3;
+    adstest::unitRef(0).value[0] = 0x5A;
 
     QList<KEY_ADDRESS> none;
     EXPECT_EQ(intf_addrMerge(none), 0);

@@ -378,11 +378,11 @@ TEST_F(DataAreas, CountZeroLeavesExistingMarksAlone)
 TEST_F(DataAreas, MarkingKeepsCachedValuesAndWriteState)
 {
     int idx = getIndexOfDataArea(0, L("M"), 10, driver.dataAreaList);
-    driver.dataAreaList[idx].value[0] = 0xAB;
-    driver.dataAreaList[idx].writeValue[0] = 0xCD;
-    driver.dataAreaList[idx].writeFlag = 1;
-    driver.dataAreaList[idx].bitWriteState = 0x5;
-    driver.dataAreaList[idx].monitorFlag = 0x8;
+    adstest::unitRef(idx).value[0] = 0xAB;
+    adstest::unitRef(idx).writeValue[0] = 0xCD;
+    adstest::unitRef(idx).writeFlag = 1;
+    adstest::unitRef(idx).bitWriteState = 0x5;
+    adstest::unitRef(idx).monitorFlag = 0x8;
     _setDataAreaMonitorFlag(0, L("M_W"), 10, 1);
     _setDataAreaMonitorFlag(0, L("M_bit"), 84, 1);
     ASSERT_EQ(driver.dataAreaList.size(), 2);
@@ -460,10 +460,10 @@ TEST_F(DataAreas, NewAddressSetClearsOldMarksButKeepsAreasAndValues)
     ASSERT_NE(area(1, "M", 10), nullptr);
     int idx10 = areasWith(1, L("M"), 10)[0];
     int idx11 = areasWith(1, L("M"), 11)[0];
-    driver.dataAreaList[idx10].value[0] = 0x34;
-    driver.dataAreaList[idx11].value[0] = 0x12;
-    driver.dataAreaList[idx10].writeValue[0] = 0x99;
-    driver.dataAreaList[idx10].writeFlag = 1;
+    adstest::unitRef(idx10).value[0] = 0x34;
+    adstest::unitRef(idx11).value[0] = 0x12;
+    adstest::unitRef(idx10).writeValue[0] = 0x99;
+    adstest::unitRef(idx10).writeFlag = 1;
 
     QList<KEY_ADDRESS> other;
     other.append(makeKey(1, "M_W", 20, 1));

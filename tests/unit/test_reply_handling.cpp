@@ -242,11 +242,11 @@ TEST_F(ReplyHandling, ADifferentReadValueHidesTheWrittenOneUnlessBitWritesAreQue
     v.length = 2;
     std::memset(v.data, 0, sizeof v.data);
     for (int a : {10, 11}) {
-        _DATA_& d = driver.dataAreaList[idx(QStringLiteral("M"), a)];
+        _DATA_& d = adstest::unitRef(idx(QStringLiteral("M"), a));
         d.writeFlag = 1;
         d.writeValue[0] = 0x77;
     }
-    driver.dataAreaList[idx(QStringLiteral("M"), 10)].bitWriteState = 1;
+    adstest::unitRef(idx(QStringLiteral("M"), 10)).bitWriteState = 1;
     h->setData(1, M_W, 200, {1, 1});  // the write list is not empty
     driver.curFrameKind = 4;
     analyzeFrameOfVal(readReply({0x55, 0x66}), 2, 46, v);
