@@ -135,6 +135,64 @@ bool repeatLastKind()
 
 }  // namespace
 
+namespace {
+
+/* The recipe transfer's next block, written (recipe-write flag) or read; when every block
+ * has been sent, the last kind again. False: nothing to send. */
+bool startRecipeBlock(bool write)
+{
+    if (driver.rcpIndex < 0 || driver.rcpIndex >= driver.rcpTransferList.size())
+        return repeatLastKind();
+    rcpAddrToVar(driver.rcpTransferList.at(driver.rcpIndex), driver.curVar, write ? 1 : 0);
+    if (write) {
+        driver.curFrameKind = kFrameRecipeWrite;
+        driver.framesBuilt = 1;
+        getWriteFrame(driver.curVar);
+    } else {
+        driver.curFrameKind = kFrameRecipeRead;
+        buildCurrentRead();
+    }
+    return true;
+}
+
+/* A queued write (at most 10 in a row), else a condition read (at most 3 in a row, the
+ * count shared with writes), else the next cyclic read. False: every queue is empty. */
+bool startQueuedRequest()
+{
+    bool haveWrite = false;
+    if (driver.priorityCount <= 9) {
+        DriverLock lock;
+        if (!driver.writeList.isEmpty()) {
+            copyVariable(driver.curVar, headOf(driver.writeList));
+            haveWrite = true;
+        }
+    }
+    if (haveWrite) {
+        driver.curFrameKind = kFrameWrite;
+        driver.priorityCount += 1;
+        driver.framesBuilt = 1;
+        getWriteFrame(driver.curVar);
+    } else if (!driver.conditionReadList.isEmpty() && driver.priorityCount <= 2) {
+        copyVariable(driver.curVar, headOf(driver.conditionReadList));
+        driver.curFrameKind = kFrameConditionRead;
+        driver.priorityCount += 1;
+        buildCurrentRead();
+    } else if (driver.readList.isEmpty()) {
+        driver.priorityCount = 0;
+        driver.curFrameKind = kFrameNone;
+        driver.frameList.clear();
+        return false;
+    } else {
+        copyVariable(driver.curVar, headOf(driver.readList));
+        driver.curFrameKind = kFrameCyclicRead;
+        driver.priorityCount = 0;
+        buildCurrentRead();
+    }
+    return true;
+}
+
+}  // namespace
+
 int intf_getSendFrame(FRAME_PRO* out)
 {
     if (!out)
@@ -150,53 +208,11 @@ int intf_getSendFrame(FRAME_PRO* out)
     if (driver.needHandShake) {
         driver.curFrameKind = kFrameHandshake;
         handShakeFrame();
-    } else if (recipeWrite == 1) {
-        if (driver.rcpIndex >= 0 && driver.rcpIndex < driver.rcpTransferList.size()) {
-            rcpAddrToVar(driver.rcpTransferList.at(driver.rcpIndex), driver.curVar, 1);
-            driver.curFrameKind = kFrameRecipeWrite;
-            driver.framesBuilt = 1;
-            getWriteFrame(driver.curVar);
-        } else if (!repeatLastKind()) {
+    } else if (recipeWrite == 1 || recipeRead == 1) {
+        if (!startRecipeBlock(recipeWrite == 1))
             return 0;
-        }
-    } else if (recipeRead == 1) {
-        if (driver.rcpIndex >= 0 && driver.rcpIndex < driver.rcpTransferList.size()) {
-            rcpAddrToVar(driver.rcpTransferList.at(driver.rcpIndex), driver.curVar, 0);
-            driver.curFrameKind = kFrameRecipeRead;
-            buildCurrentRead();
-        } else if (!repeatLastKind()) {
-            return 0;
-        }
-    } else {
-        bool haveWrite = false;
-        if (driver.priorityCount <= 9) {
-            DriverLock lock;
-            if (!driver.writeList.isEmpty()) {
-                copyVariable(driver.curVar, headOf(driver.writeList));
-                haveWrite = true;
-            }
-        }
-        if (haveWrite) {
-            driver.curFrameKind = kFrameWrite;
-            driver.priorityCount += 1;
-            driver.framesBuilt = 1;
-            getWriteFrame(driver.curVar);
-        } else if (!driver.conditionReadList.isEmpty() && driver.priorityCount <= 2) {
-            copyVariable(driver.curVar, headOf(driver.conditionReadList));
-            driver.curFrameKind = kFrameConditionRead;
-            driver.priorityCount += 1;
-            buildCurrentRead();
-        } else if (driver.readList.isEmpty()) {
-            driver.priorityCount = 0;
-            driver.curFrameKind = kFrameNone;
-            driver.frameList.clear();
-            return 0;
-        } else {
-            copyVariable(driver.curVar, headOf(driver.readList));
-            driver.curFrameKind = kFrameCyclicRead;
-            driver.priorityCount = 0;
-            buildCurrentRead();
-        }
+    } else if (!startQueuedRequest()) {
+        return 0;
     }
     return copyHead(out) ? 1 : 0;
 }
