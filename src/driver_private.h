@@ -27,7 +27,7 @@ struct RegisterRule {
     int widthBits;           /* data width: column 3 */
     int unitBits;            /* bits per address step: column 5 */
     RegisterAccess access;   /* column 4 */
-    char area;               /* the area its units are cached under */
+    char area;               /* its area; the cache keys units by areaOf(name), the same letter */
     unsigned int indexGroup; /* ADS index group of the area */
 };
 
@@ -99,8 +99,8 @@ inline const T& headOf(const QList<T>& list)
 namespace drv {
 
 static const int kBufferSize = 1024;
-static const int kMaxQueued
-    = 512;                        /* lists hold at most 513 entries; the newest replaces index 512 (INTERNALS.md K20) */
+/* Queues hold at most 513 entries; the newest replaces index 512 (INTERNALS.md K20). */
+static const int kMaxQueued = 512;
 static const int kMaxBlock = 128; /* largest read block in bytes */
 
 /* Host values are trusted to be sensible, but arithmetic on them must never be undefined. */
