@@ -171,15 +171,24 @@ int finishAddressCheck(
     address = addrOffset(regName, address);
     return 0;
 }
+
+/* What both address checks do after their own tests of the row: the text in the row's
+ * syntax (4 when it does not fit), then the range and the unknown register. */
+int checkAddressText(int row, const QString& regName, const QString& addrText, int* address, int count, double factor)
+{
+    int scratch = 0;
+    int& addr = address ? *address : scratch;
+    double minimum = 0;
+    double maximum = 0;
+    if (row >= 0 && !parseWithRow(row, regName, addrText, addr, minimum, maximum))
+        return 4;
+    return finishAddressCheck(row, regName, addr, count, factor, minimum, maximum);
+}
 }  // namespace
 
 int intf_checkAddr(QString regName, QString addrText, int* address, int dataType, int count, int access)
 {
-    int scratch = 0;
-    int& addr = address ? *address : scratch;
     int row = getIndexFromRegName(regName);
-    double minimum = 0;
-    double maximum = 0;
     double factor = 1;
     if (row >= 0) {
         const RegisterRule& rule = REGISTER_RULES[row];
@@ -189,31 +198,23 @@ int intf_checkAddr(QString regName, QString addrText, int* address, int dataType
             return 6;
         if (rule.widthBits == 32 && dataType != 1 && dataType != 3 && dataType != 5 && dataType != 6 && dataType != 9)
             return 5;
-        if (!parseWithRow(row, regName, addrText, addr, minimum, maximum))
-            return 4;
         /* Each 16-bit item takes 16 / unit address steps; a bit takes one. */
         factor = dataType != -1 ? rule.unitBits / 16.0 : 1.0;
     }
-    return finishAddressCheck(row, regName, addr, count, factor, minimum, maximum);
+    return checkAddressText(row, regName, addrText, address, count, factor);
 }
 
 int intf_checkAddrValidity(QString regName, QString addrText, int* address, int count, int isWord)
 {
-    int scratch = 0;
-    int& addr = address ? *address : scratch;
     int row = getIndexFromRegName(regName);
-    double minimum = 0;
-    double maximum = 0;
     double factor = 1;
     if (row >= 0) {
         const RegisterRule& rule = REGISTER_RULES[row];
         if ((rule.kind == kBitRegister) == (isWord != 0))
             return 1;
-        if (!parseWithRow(row, regName, addrText, addr, minimum, maximum))
-            return 4;
         factor = isWord != 0 ? rule.unitBits : 1.0;
     }
-    return finishAddressCheck(row, regName, addr, count, factor, minimum, maximum);
+    return checkAddressText(row, regName, addrText, address, count, factor);
 }
 
 int intf_getRegListByType(int type, QList<QString>& names)
