@@ -7,6 +7,7 @@
  * intf_getSendFrame().
  */
 #include "ads_ethernet.h"
+#include "driver_private.h"
 
 #include <QtCore/QStringList>
 
@@ -22,7 +23,7 @@ const unsigned short kCmdAddDeviceNotification = 6;
 const unsigned short kCmdRead = 2;
 const unsigned short kCmdWrite = 3;
 const unsigned short kStateFlagsRequest = 0x0004;
-/* The handshake and the other requests come from different source ports on purpose. */
+/* The handshake and the other requests come from different source ports (INTERNALS.md K1). */
 const unsigned short kHandshakeTargetPort = 100;
 const unsigned short kHandshakeSourcePort = 0x80BB;
 const unsigned short kRequestSourcePort = 0x8147;
@@ -96,14 +97,8 @@ void requestSpan(const VARIABLE& v, QString& reg, int& byteAddress, int& byteCou
     }
 }
 
-unsigned int indexGroupOf(const QString& reg)
-{
-    if (reg == QLatin1String("I_W"))
-        return 0xF020;
-    if (reg == QLatin1String("Q_W"))
-        return 0xF030;
-    return 0x4020; /* "M_W" and anything else */
-}
+/* The index group of a word register ("M_W" and any unknown name: PLC memory). */
+unsigned int indexGroupOf(const QString& reg) { return ruleOf(reg).indexGroup; }
 
 }  // namespace
 
@@ -189,7 +184,7 @@ int getReadFrame(QList<VARIABLE> list)
         = static_cast<int>(static_cast<unsigned int>(kReadReplyDataStart) + static_cast<unsigned int>(byteCount));
     fp.dataStart = kReadReplyDataStart;
     fp.readLen = byteCount;
-    fp.var = v;
+    copyVariable(fp.var, v);
     driver.frameList.append(fp);
     return 1;
 }
@@ -235,7 +230,7 @@ void getWriteFrame(VARIABLE& var)
         memcpy(f + kWriteDataStart, var.data, static_cast<size_t>(n));
     }
     fillAmsHeader(f, static_cast<unsigned short>(driver.targetAmsPort), kRequestSourcePort, kCmdWrite, 0);
-    /* Only the low bytes of the two length fields are set: a write carries a few bytes. */
+    /* Only the low bytes of the two length fields are set (INTERNALS.md K2). */
     unsigned int n = static_cast<unsigned int>(byteCount);
     f[2] = static_cast<unsigned char>((n + 44) & 0xFF);
     f[3] = f[4] = f[5] = 0;
@@ -250,7 +245,7 @@ void getWriteFrame(VARIABLE& var)
     fp.recvLen = 42;
     fp.dataStart = kWriteDataStart;
     fp.readLen = 0;
-    fp.var = var;
+    copyVariable(fp.var, var);
     driver.frameList.append(fp);
 }
 
@@ -269,7 +264,7 @@ int addr_str2int(QString text, QString regName)
     int bitNo = parts.at(1).toInt(&okBit, 10);
     if (!okByte || !okBit)
         return -1;
-    /* The bit part is not limited to 0..7 on purpose: 10.9 is the same bit as 11.1. */
+    /* The bit part is not limited to 0..7: 10.9 is the same bit as 11.1 (INTERNALS.md K3). */
     return static_cast<int>(static_cast<unsigned int>(byteNo) * 8u + static_cast<unsigned int>(bitNo));
 }
 

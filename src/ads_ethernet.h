@@ -122,7 +122,7 @@ static const QString ADDRESS_RANGE_PRO[7][6]
         {QString::fromLatin1("DDDDD"), QString::fromLatin1("0"), QString::fromLatin1("65535"),
             QString::fromLatin1("16"), QString::fromLatin1("RW"), QString::fromLatin1("8")}};
 
-/* The identifiers below are spelled so on purpose: the rest of the driver uses them. */
+/* The identifiers below are spelled so: the rest of the driver uses them (INTERNALS.md K4). */
 static const QString PROCOTOL_NAME = QString::fromLatin1("ads_ethernet");
 static const QString PROCOTOL_VERSION = QString::fromLatin1("2.0.0.0");
 static const QString PROCOTOL_DEFALT_COM_PAR = QString::fromLatin1("9600,8,NONE,1");
@@ -132,8 +132,7 @@ static const QString PROCOTOL_PAR_HMI_SET_MODE = QString::fromLatin1("2_0,AmsNet
 /* Positions of the recipe request flags in the host's status block. */
 enum { HOST_FLAG_RECIPE_WRITE = 60115, HOST_FLAG_RECIPE_READ = 60116 };
 
-/* Key of the look-up index beside dataAreaList: the area name is replaced by its
- * position in Protocol::areaNameTable. */
+/* Key of the cache index: the area name is replaced by its id in the index's name table. */
 struct DATA_AREA_KEY {
     int keyNo;
     int nameId;
@@ -161,13 +160,43 @@ struct AREA_NAME_TEXTS {
     QString dwordText;
 };
 
+/* The cache index: where the unit (keyNo, area, address) lies in Protocol::dataAreaList,
+ * and the report texts of each area name. dataAreaList grows only by
+ * findOrCreateArea, which keeps the index in step, and is emptied only by
+ * intf_initProperty, which clears it; so each key is in the list once and the index
+ * needs no checks of its own. Guarded by Protocol::mutex, like the list. */
+class CacheIndex {
+public:
+    CacheIndex();
+    /* Forgets every position (the list is emptied beside it); the name table stays. */
+    void clear();
+    /* The id of an area name; a name seen for the first time is added to the table. */
+    int areaId(const QString& name);
+    /* areaId() of a register's area (its name up to the first "_"), without building it. */
+    int areaIdOfRegister(const QString& regName);
+    const AREA_NAME_TEXTS& texts(int areaId) const { return names_.constBegin()[areaId]; }
+    /* Position of the unit in dataAreaList; -1 when it is not cached. */
+    int find(int keyNo, int areaId, int address) const;
+    void insert(int keyNo, int areaId, int address, int position);
+    /* Indexes `list` from scratch, the first of equal entries winning. Only for a list
+     * built by hand (tests): the driver's own changes keep the index in step. */
+    void rebuild(const QList<_DATA_>& list);
+    /* True only after rebuild() met the same key twice. */
+    bool hasDuplicates() const { return duplicates_; }
+
+private:
+    QList<AREA_NAME_TEXTS> names_;
+    QHash<DATA_AREA_KEY, int> positions_;
+    bool duplicates_;
+};
+
 /* ------------------------------------------------------------------------------------
  * The driver object. There is exactly one, `driver`, per loaded library.
  *
  * Locking. The host calls intf_getSendFrame/intf_dealRcvFrame from one communication
  * thread and may call intf_setData (and intf_getData) from another at the same time.
  *  - `mutex` (the driver's own, non-recursive) guards writeList and dataAreaList with its
- *    look-up index (areaNameTable, dataAreaIndex, dataAreaIndexedCount): every access to
+ *    look-up index dataAreaIndex: every access to
  *    them from the entry points that may overlap happens under it.
  *  - `hostMutex` (the host's) guards bytes 60115 and 60116 of hostStatusBlock.
  *  - The two are never held together, and neither is held while the value-change
@@ -221,11 +250,7 @@ public:
     int targetAmsPort;
     unsigned char sourceIp[4];
 
-    /* Look-up index beside dataAreaList (guarded by mutex, like the list). */
-    QList<AREA_NAME_TEXTS> areaNameTable;
-    QHash<DATA_AREA_KEY, int> dataAreaIndex;
-    int dataAreaIndexedCount;           /* entries of dataAreaList in the index */
-    const _DATA_* dataAreaIndexedFirst; /* where entry 0 lay when last indexed */
+    CacheIndex dataAreaIndex; /* beside dataAreaList; guarded by mutex, like the list */
 };
 
 extern Protocol driver;
@@ -295,6 +320,8 @@ void analyzeFrameOfVal(QByteArray reply, int readLen, int dataStart, VARIABLE va
 
 /* Data store */
 int getIndexOfDataArea(int keyNo, QString areaName, int address, QList<_DATA_>& list);
+/* Indexes dataAreaList anew after code outside the driver (a test) changed its entries. */
+void rebuildDataAreaIndex();
 int _setDataAreaMonitorFlag(int keyNo, QString regName, int address, int count);
 void dealListWhenFinish();
 void write_saveDataToArea(int keyNo, QString regName, int address, int count, unsigned char* data);

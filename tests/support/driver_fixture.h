@@ -18,6 +18,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <initializer_list>
 #include <memory>
@@ -89,7 +90,7 @@ inline int initWithGap(int gap)
     return initDriver(s.c_str());
 }
 
-// intf_initProperty keeps the recipe lists and cursor on purpose; a new panel starts
+// intf_initProperty keeps the recipe lists and cursor (docs/INTERNALS.md K17); a new panel starts
 // without them.
 inline void clearRecipeState()
 {
@@ -169,11 +170,62 @@ inline _RCP_VAR_PRO makeRcpVar(
 }
 
 // ------------------------------------------------------------------ cached units
+//
+// The test API of the cache. A test reaches cached units through the driver's own
+// find-or-create look-up (unitIndex, HostTest::ref/at) and may change their values and
+// marks in place; a test that must put entries into the list by hand (its contents as the
+// header exposes them) does so through appendUnits(), which tells the cache index.
 
 // The index of the cached unit of `area` at byte `address` (created when missing).
 inline int unitIndex(const QString& area, int address, int keyNo = 1)
 {
     return getIndexOfDataArea(keyNo, area, address, driver.dataAreaList);
+}
+
+// The cached unit at `index`, for a test that sets its values or marks in place (never its
+// keys: the cache index relies on them).
+inline _DATA_& unitRef(int index) { return driver.dataAreaList[index]; }
+
+// A unit as the driver creates it: the three keys, everything else zero.
+inline _DATA_ makeUnit(int keyNo, const QString& area, int address)
+{
+    _DATA_ d;
+    d.spare = 0;
+    d.writeFlag = 0;
+    d.bitWriteState = 0;
+    d.monitorFlag = 0;
+    d.bitMonitorMask = 0;
+    d.keyNo = keyNo;
+    d.areaName = area;
+    d.address = address;
+    std::memset(d.value, 0, sizeof d.value);
+    std::memset(d.writeValue, 0, sizeof d.writeValue);
+    return d;
+}
+
+inline _DATA_ makeUnit(int keyNo, const char* area, int address) { return makeUnit(keyNo, L(area), address); }
+
+// Appends units to the driver's cache by hand (duplicates of cached keys included) and
+// indexes the cache anew, as only a test needs to.
+inline void appendUnits(std::initializer_list<_DATA_> units)
+{
+    for (const _DATA_& d : units)
+        driver.dataAreaList.append(d);
+    rebuildDataAreaIndex();
+}
+
+// The sort weight of a register address, as the merge orders keys: keyNo x 6 x 65535 +
+// row x 65535 + address in wrapping 32-bit arithmetic, row -1 for an unknown name.
+inline int oracleWeight(int keyNo, const QString& reg, int address)
+{
+    static const char* const names[6] = {"I_bit", "Q_bit", "M_bit", "I_W", "Q_W", "M_W"};
+    int row = -1;
+    for (int i = 0; i < 6; ++i)
+        if (reg == QLatin1String(names[i]))
+            row = i;
+    uint32_t w = static_cast<uint32_t>(keyNo) * 6u * 65535u + static_cast<uint32_t>(row) * 65535u
+        + static_cast<uint32_t>(address);
+    return static_cast<int32_t>(w);
 }
 
 // ------------------------------------------------------------------ Host fixture
@@ -186,14 +238,15 @@ protected:
 
     // The cached unit of `area` at `address`: its index, the unit itself, a copy.
     int idx(const QString& area, int address, int keyNo = 1) { return unitIndex(area, address, keyNo); }
-    _DATA_& ref(const QString& area, int address, int keyNo = 1)
-    {
-        return driver.dataAreaList[idx(area, address, keyNo)];
-    }
+    _DATA_& ref(const QString& area, int address, int keyNo = 1) { return unitRef(idx(area, address, keyNo)); }
     _DATA_ at(const QString& area, int address, int keyNo = 1)
     {
         return driver.dataAreaList.at(idx(area, address, keyNo));
     }
+
+    // Leaves the screen's cyclic reads out of the polling turns, so that only the requests
+    // the test queues go out (the cache keeps the screen's monitor marks).
+    void stopCyclicReads() { driver.readList.clear(); }
 
     std::unique_ptr<Host> h;
 };

@@ -52,21 +52,7 @@ std::vector<Block> blocksOf(const QList<VARIABLE>& vars)
     return out;
 }
 
-int regIndex(const QString& name)
-{
-    for (int i = 0; i < 6; ++i)
-        if (REG_LIST[i] == name)
-            return i;
-    return -1;
-}
-
-// keyNo x 6 x 65535 + index x 65535 + address, wrapping in 32 bits.
-int weightOf(int keyNo, const QString& reg, int address)
-{
-    uint32_t w = static_cast<uint32_t>(keyNo) * 6u * 65535u + static_cast<uint32_t>(regIndex(reg)) * 65535u
-        + static_cast<uint32_t>(address);
-    return static_cast<int>(w);
-}
+using adstest::oracleWeight;
 
 std::vector<Block> merged(QList<KEY_ADDRESS> keys, int mode)
 {
@@ -238,8 +224,8 @@ TEST_F(AddrMerge, WeightOfHighAddressRunsIntoNextKeyNumber)
     initWithGap(0);
     // Key 1 "I_W" 0 weighs 6 x 65535 + 3 x 65535 = 589815, as does key 0 "M_W" 262140
     // (5 x 65535 + 262140): equal weights keep the host's order.
-    ASSERT_EQ(weightOf(1, L("I_W"), 0), 589815);
-    ASSERT_EQ(weightOf(0, L("M_W"), 262140), 589815);
+    ASSERT_EQ(oracleWeight(1, L("I_W"), 0), 589815);
+    ASSERT_EQ(oracleWeight(0, L("M_W"), 262140), 589815);
     QList<KEY_ADDRESS> keys;
     keys.append(makeKey(1, "I_W", 0, 1, 1));
     keys.append(makeKey(0, "M_W", 262140, 1, 2));
@@ -258,9 +244,9 @@ TEST_F(AddrMerge, WeightWrapsInThirtyTwoBits)
 {
     initWithGap(0);
     // For "M_W" 0, key 5462 weighs more than 2^31 - 1 and wraps negative; key 5460 does not.
-    ASSERT_LT(weightOf(5462, L("M_W"), 0), 0);
-    ASSERT_GT(weightOf(5460, L("M_W"), 0), 0);
-    ASSERT_EQ(weightOf(-1, L("M_W"), 0), -65535);
+    ASSERT_LT(oracleWeight(5462, L("M_W"), 0), 0);
+    ASSERT_GT(oracleWeight(5460, L("M_W"), 0), 0);
+    ASSERT_EQ(oracleWeight(-1, L("M_W"), 0), -65535);
     QList<KEY_ADDRESS> keys;
     keys.append(makeKey(0, "M_W", 0, 1, 1));
     keys.append(makeKey(5460, "M_W", 0, 1, 2));
@@ -522,8 +508,8 @@ TEST_F(AddrMerge, EmptyKeyListClearsReadListAndMarksAndReturnsZero)
     keys.append(makeKey(0, "M_bit", 3, 1));
     ASSERT_EQ(intf_addrMerge(keys), 1);  // byte 0 and bytes 10..11, gap 9 bridged
     ASSERT_EQ(driver.dataAreaList.size(), 3);
-    driver.dataAreaList[0].bitWriteState = 3;
-    driver.dataAreaList[0].value[0] = 0x5A;
+    adstest::unitRef(0).bitWriteState = 3;
+    adstest::unitRef(0).value[0] = 0x5A;
 
     QList<KEY_ADDRESS> none;
     EXPECT_EQ(intf_addrMerge(none), 0);
@@ -765,7 +751,7 @@ TEST_F(AddrMerge, RandomSetsAreCoveredByBoundedOrderedBlocks)
                     EXPECT_LE(run, gap) << "byte " << a;
                 }
             }
-            int w = weightOf(b.keyNo, QString::fromStdString(b.reg), b.address);
+            int w = oracleWeight(b.keyNo, QString::fromStdString(b.reg), b.address);
             if (i > 0) {
                 EXPECT_LE(prevWeight, w);
             }

@@ -19,8 +19,8 @@ protected:
     int unit(int address, unsigned monitorFlag, unsigned bitMask, int keyNo = 1, const QString& area = M)
     {
         const int i = idx(area, address, keyNo);
-        driver.dataAreaList[i].monitorFlag = monitorFlag;
-        driver.dataAreaList[i].bitMonitorMask = bitMask;
+        adstest::unitRef(i).monitorFlag = monitorFlag;
+        adstest::unitRef(i).bitMonitorMask = bitMask;
         return i;
     }
     void byteChange(int index, unsigned char oldV, unsigned char newV, int noBits = 0)

@@ -33,21 +33,7 @@ const _DATA_* area(int keyNo, const char* name, int address)
     return &driver.dataAreaList.at(found[0]);
 }
 
-_DATA_ makeArea(int keyNo, const char* name, int address)
-{
-    _DATA_ d;
-    d.spare = 0;
-    d.writeFlag = 0;
-    d.bitWriteState = 0;
-    d.monitorFlag = 0;
-    d.bitMonitorMask = 0;
-    d.keyNo = keyNo;
-    d.areaName = L(name);
-    d.address = address;
-    std::memset(d.value, 0, sizeof d.value);
-    std::memset(d.writeValue, 0, sizeof d.writeValue);
-    return d;
-}
+using adstest::appendUnits;
 
 class DataAreas : public ::testing::Test {
 protected:
@@ -94,9 +80,9 @@ TEST_F(DataAreas, LookUpFindsExistingAreaWithoutGrowingTheList)
 TEST_F(DataAreas, NewAreaIndexIsTheOldCount)
 {
     QList<_DATA_> list;
-    list.append(makeArea(0, "I", 0));
-    list.append(makeArea(0, "I", 1));
-    list.append(makeArea(0, "I", 2));
+    list.append(adstest::makeUnit(0, "I", 0));
+    list.append(adstest::makeUnit(0, "I", 1));
+    list.append(adstest::makeUnit(0, "I", 2));
     EXPECT_EQ(getIndexOfDataArea(0, L("I"), 3, list), 3);
     EXPECT_EQ(list.size(), 4);
     EXPECT_EQ(list.at(3).address, 3);
@@ -125,9 +111,9 @@ TEST_F(DataAreas, AreaNameComparisonIsCaseSensitive)
 TEST_F(DataAreas, FirstMatchWinsWhenTheListHoldsDuplicates)
 {
     QList<_DATA_> list;
-    list.append(makeArea(0, "I", 0));
-    list.append(makeArea(4, "M", 9));
-    list.append(makeArea(4, "M", 9));
+    list.append(adstest::makeUnit(0, "I", 0));
+    list.append(adstest::makeUnit(4, "M", 9));
+    list.append(adstest::makeUnit(4, "M", 9));
     list[2].value[0] = 0x55;
     EXPECT_EQ(getIndexOfDataArea(4, L("M"), 9, list), 1);
     EXPECT_EQ(list.size(), 3);
@@ -136,7 +122,7 @@ TEST_F(DataAreas, FirstMatchWinsWhenTheListHoldsDuplicates)
 TEST_F(DataAreas, LookUpKeepsEveryExistingFieldOfFoundArea)
 {
     QList<_DATA_> list;
-    _DATA_ d = makeArea(7, "Q", 300);
+    _DATA_ d = adstest::makeUnit(7, "Q", 300);
     d.spare = 9;
     d.writeFlag = 1;
     d.bitWriteState = 0x30;
@@ -182,8 +168,7 @@ TEST_F(DataAreas, DriverCacheLookUpFindsAndCreates)
 TEST_F(DataAreas, DriverCacheLookUpSeesAreasAppendedDirectly)
 {
     getIndexOfDataArea(1, L("M"), 0, driver.dataAreaList);
-    driver.dataAreaList.append(makeArea(1, "M", 1));
-    driver.dataAreaList.append(makeArea(1, "M", 0));  // duplicate of index 0
+    appendUnits({adstest::makeUnit(1, "M", 1), adstest::makeUnit(1, "M", 0)});  // the second a duplicate of index 0
     EXPECT_EQ(getIndexOfDataArea(1, L("M"), 1, driver.dataAreaList), 1);
     EXPECT_EQ(getIndexOfDataArea(1, L("M"), 0, driver.dataAreaList), 0);
     EXPECT_EQ(driver.dataAreaList.size(), 3);
@@ -393,11 +378,11 @@ TEST_F(DataAreas, CountZeroLeavesExistingMarksAlone)
 TEST_F(DataAreas, MarkingKeepsCachedValuesAndWriteState)
 {
     int idx = getIndexOfDataArea(0, L("M"), 10, driver.dataAreaList);
-    driver.dataAreaList[idx].value[0] = 0xAB;
-    driver.dataAreaList[idx].writeValue[0] = 0xCD;
-    driver.dataAreaList[idx].writeFlag = 1;
-    driver.dataAreaList[idx].bitWriteState = 0x5;
-    driver.dataAreaList[idx].monitorFlag = 0x8;
+    adstest::unitRef(idx).value[0] = 0xAB;
+    adstest::unitRef(idx).writeValue[0] = 0xCD;
+    adstest::unitRef(idx).writeFlag = 1;
+    adstest::unitRef(idx).bitWriteState = 0x5;
+    adstest::unitRef(idx).monitorFlag = 0x8;
     _setDataAreaMonitorFlag(0, L("M_W"), 10, 1);
     _setDataAreaMonitorFlag(0, L("M_bit"), 84, 1);
     ASSERT_EQ(driver.dataAreaList.size(), 2);
@@ -475,10 +460,10 @@ TEST_F(DataAreas, NewAddressSetClearsOldMarksButKeepsAreasAndValues)
     ASSERT_NE(area(1, "M", 10), nullptr);
     int idx10 = areasWith(1, L("M"), 10)[0];
     int idx11 = areasWith(1, L("M"), 11)[0];
-    driver.dataAreaList[idx10].value[0] = 0x34;
-    driver.dataAreaList[idx11].value[0] = 0x12;
-    driver.dataAreaList[idx10].writeValue[0] = 0x99;
-    driver.dataAreaList[idx10].writeFlag = 1;
+    adstest::unitRef(idx10).value[0] = 0x34;
+    adstest::unitRef(idx11).value[0] = 0x12;
+    adstest::unitRef(idx10).writeValue[0] = 0x99;
+    adstest::unitRef(idx10).writeFlag = 1;
 
     QList<KEY_ADDRESS> other;
     other.append(makeKey(1, "M_W", 20, 1));

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "ads_ethernet.h"
+#include "driver_fixture.h"
 
 namespace {
 
@@ -43,19 +44,7 @@ int initDriver(const char* text)
     return intf_initProperty(host().status.data(), nullptr, host().recipe.data(), &host().mode, text, &host().mutex);
 }
 
-KEY_ADDRESS makeKey(int keyNo, const char* reg, int address, int length)
-{
-    KEY_ADDRESS k;
-    k.hostNumber = 0;
-    k.rcpDataIndex = 0;
-    k.keyNo = keyNo;
-    k.regName = QString::fromLatin1(reg);
-    k.address = address;
-    k.unitMark = 0;
-    k.length = length;
-    std::memset(k.data, 0, sizeof k.data);
-    return k;
-}
+using adstest::makeKey;
 
 _RCP_VAR_PRO makeRcp(int driverNo, const char* reg, int address, int length, int index)
 {

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "ads_ethernet.h"
+#include "driver_private.h"
 
 namespace {
 
@@ -61,6 +62,32 @@ TEST(RegisterTable, RowsHoldFormatRangeWidthAccessAndUnit)
         EXPECT_EQ("RW", S(ADDRESS_RANGE_PRO[i][4])) << "row " << i;
         EXPECT_EQ("8", S(ADDRESS_RANGE_PRO[i][5])) << "row " << i;
     }
+}
+
+// The rules the driver applies are derived from the text tables; every row must say what
+// its texts say, and the driver's code handles only bit and word rows that address bytes.
+TEST(RegisterTable, RulesAgreeWithTheTextTables)
+{
+    for (int row = 0; row < 7; ++row) {
+        SCOPED_TRACE(row);
+        const RegisterRule& rule = REGISTER_RULES[row];
+        EXPECT_EQ(Q(std::to_string(rule.widthBits).c_str()), ADDRESS_RANGE_PRO[row][3]);
+        EXPECT_EQ(Q(std::to_string(rule.unitBits).c_str()), ADDRESS_RANGE_PRO[row][5]);
+        EXPECT_EQ(rule.unitBits, 8);
+        EXPECT_EQ(rule.kind == kBitRegister, rule.widthBits == 1);
+        EXPECT_TRUE(rule.widthBits == 1 || rule.widthBits == 16);
+        const char* access = rule.access == kReadOnly ? "R" : (rule.access == kWriteOnly ? "W" : "RW");
+        EXPECT_EQ(Q(access), ADDRESS_RANGE_PRO[row][4]);
+        if (row < 6) {
+            EXPECT_EQ(registerRow(REG_LIST[row]), row);
+            EXPECT_EQ(QString(QLatin1Char(rule.area)), REG_LIST[row].left(REG_LIST[row].indexOf(QLatin1Char('_'))));
+            const unsigned int groups[3] = {0xF020, 0xF030, 0x4020};
+            EXPECT_EQ(rule.indexGroup, groups[row % 3]);
+        }
+    }
+    EXPECT_EQ(registerRow(Q("X_bit")), kRowSpare);
+    EXPECT_EQ(REGISTER_RULES[kRowSpare].kind, kWordRegister);
+    EXPECT_EQ(REGISTER_RULES[kRowSpare].indexGroup, 0x4020u);
 }
 
 TEST(RegisterTable, IndexFromNameIsExactAndCaseSensitive)

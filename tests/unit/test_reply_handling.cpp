@@ -178,7 +178,7 @@ TEST_F(ReplyHandling, AWriteThatFailsForGoodIsSettledAsFailureAndDropped)
 {
     ASSERT_TRUE(h->handshake());
     h->addrMerge({Host::key(1, M_W, 10, 1)});
-    driver.readList.clear();  // keep only the write in play
+    stopCyclicReads();  // keep only the write in play
     h->setData(1, M_W, 10, {0x34, 0x12});
     h->clearReports();
     EXPECT_EQ(h->cycle(Fault::Short), 8);
@@ -197,7 +197,7 @@ TEST_F(ReplyHandling, ABitWriteWhoseReadFailsForGoodIsSettledAndItsWriteDiscarde
 {
     ASSERT_TRUE(h->handshake());
     h->addrMerge({Host::key(1, M_bit, 83, 1)});
-    driver.readList.clear();
+    stopCyclicReads();
     h->plc.setBytes(kMemory, 10, {0xF0});
     h->setData(1, M_bit, 83, {1});
     EXPECT_EQ(at(QStringLiteral("M"), 10).writeFlag, 1);
@@ -242,11 +242,11 @@ TEST_F(ReplyHandling, ADifferentReadValueHidesTheWrittenOneUnlessBitWritesAreQue
     v.length = 2;
     std::memset(v.data, 0, sizeof v.data);
     for (int a : {10, 11}) {
-        _DATA_& d = driver.dataAreaList[idx(QStringLiteral("M"), a)];
+        _DATA_& d = adstest::unitRef(idx(QStringLiteral("M"), a));
         d.writeFlag = 1;
         d.writeValue[0] = 0x77;
     }
-    driver.dataAreaList[idx(QStringLiteral("M"), 10)].bitWriteState = 1;
+    adstest::unitRef(idx(QStringLiteral("M"), 10)).bitWriteState = 1;
     h->setData(1, M_W, 200, {1, 1});  // the write list is not empty
     driver.curFrameKind = 4;
     analyzeFrameOfVal(readReply({0x55, 0x66}), 2, 46, v);
@@ -265,7 +265,7 @@ TEST_F(ReplyHandling, TheReadOfABitWriteDoesNotUpdateTheCache)
 {
     ASSERT_TRUE(h->handshake());
     h->addrMerge({Host::key(1, M_bit, 80, 8)});
-    driver.readList.clear();
+    stopCyclicReads();
     h->plc.setBytes(kMemory, 10, {0xF0});
     h->setData(1, M_bit, 83, {1});
     h->clearReports();
@@ -303,7 +303,7 @@ TEST_F(ReplyHandling, RecipeReadCopiesIntoTheHostBufferAndReportsEachByte)
 {
     ASSERT_TRUE(h->handshake());
     h->addrMerge({Host::key(1, M_W, 4, 1)});  // word 4 is on a screen too
-    driver.readList.clear();
+    stopCyclicReads();
     h->setRcpAddress({Host::rcpVar(1, 1, M_W, 0, 2, 0), Host::rcpVar(1, 1, M_W, 4, 2, 10)});
     ASSERT_EQ(driver.rcpTransferList.size(), 1);
     h->plc.setBytes(kMemory, 0, {0x10, 0x11, 0x12, 0x13, 0x14, 0x15, 0x16, 0x17});

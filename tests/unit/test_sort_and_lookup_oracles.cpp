@@ -36,13 +36,7 @@ int regIndex(const QString& name)
     return -1;
 }
 
-// keyNo x n x 65535 + idx x 65535 + address with n = 6 names, wrapping in 32 bits.
-int oracleWeight(int keyNo, const QString& reg, int address)
-{
-    uint32_t w = static_cast<uint32_t>(keyNo) * 6u * 65535u + static_cast<uint32_t>(regIndex(reg)) * 65535u
-        + static_cast<uint32_t>(address);
-    return static_cast<int>(w);
-}
+using adstest::oracleWeight;
 
 // Linear search: walk the list, compare keyNo, areaName, address; first match; append when none.
 int oracleIndexOfDataArea(int keyNo, const QString& areaName, int address, QList<_DATA_>& list)
@@ -52,18 +46,7 @@ int oracleIndexOfDataArea(int keyNo, const QString& areaName, int address, QList
         if (d.keyNo == keyNo && d.areaName == areaName && d.address == address)
             return i;
     }
-    _DATA_ d;
-    d.spare = 0;
-    d.writeFlag = 0;
-    d.bitWriteState = 0;
-    d.monitorFlag = 0;
-    d.bitMonitorMask = 0;
-    d.keyNo = keyNo;
-    d.areaName = areaName;
-    d.address = address;
-    std::memset(d.value, 0, sizeof d.value);
-    std::memset(d.writeValue, 0, sizeof d.writeValue);
-    list.append(d);
+    list.append(adstest::makeUnit(keyNo, areaName, address));
     return list.size() - 1;
 }
 
@@ -586,21 +569,7 @@ AreaKey randomAreaKey(std::mt19937& rng)
     return key;
 }
 
-_DATA_ freshArea(const AreaKey& k)
-{
-    _DATA_ d;
-    d.spare = 0;
-    d.writeFlag = 0;
-    d.bitWriteState = 0;
-    d.monitorFlag = 0;
-    d.bitMonitorMask = 0;
-    d.keyNo = k.keyNo;
-    d.areaName = k.name;
-    d.address = k.address;
-    std::memset(d.value, 0, sizeof d.value);
-    std::memset(d.writeValue, 0, sizeof d.writeValue);
-    return d;
-}
+_DATA_ freshArea(const AreaKey& k) { return adstest::makeUnit(k.keyNo, k.name, k.address); }
 
 ::testing::AssertionResult sameAreas(const QList<_DATA_>& got, const QList<_DATA_>& expected)
 {
@@ -636,7 +605,7 @@ TEST_F(Oracles, DriverCacheLookUpEqualsLinearSearch)
             } else if (o < 72) {
                 // The test appends directly, sometimes a key that is already there.
                 AreaKey k = randomAreaKey(rng);
-                driver.dataAreaList.append(freshArea(k));
+                adstest::appendUnits({freshArea(k)});
                 oracle.append(freshArea(k));
             } else if (o < 82) {
                 // Marking words finds or creates units a, a + 1 for each word.

@@ -1,0 +1,427 @@
+/*
+ * The cache of PLC memory: the units of dataAreaList and their index, the monitor marks,
+ * values read for the host, values the host writes and the results of those writes.
+ * Everything that touches dataAreaList or its index runs with the driver's mutex held
+ * (INTERNALS.md, The cache and its index).
+ */
+#include "ads_ethernet.h"
+#include "driver_private.h"
+
+#include <string.h>
+
+using namespace drv;
+
+namespace {
+
+/* A new cached unit: the three keys, everything else zero. */
+_DATA_ newArea(int keyNo, const QString& areaName, int address)
+{
+    _DATA_ d;
+    d.spare = 0;
+    d.writeFlag = 0;
+    d.bitWriteState = 0;
+    d.monitorFlag = 0;
+    d.bitMonitorMask = 0;
+    d.keyNo = keyNo;
+    d.areaName = areaName;
+    d.address = address;
+    memset(d.value, 0, sizeof(d.value));
+    memset(d.writeValue, 0, sizeof(d.writeValue));
+    return d;
+}
+
+DATA_AREA_KEY keyOf(int keyNo, int nameId, int address)
+{
+    DATA_AREA_KEY k;
+    k.keyNo = keyNo;
+    k.nameId = nameId;
+    k.address = address;
+    return k;
+}
+
+}  // namespace
+
+namespace drv {
+
+int areaNameId(const QString& name) { return driver.dataAreaIndex.areaId(name); }
+
+/* Position of the unit (keyNo, area, address) in dataAreaList; appended, zeroed, when
+ * missing. */
+int findOrCreateArea(int keyNo, int nameId, int address)
+{
+    CacheIndex& index = driver.dataAreaIndex;
+    int position = index.find(keyNo, nameId, address);
+    if (position >= 0)
+        return position;
+    QList<_DATA_>& list = driver.dataAreaList;
+    position = list.size();
+    list.append(newArea(keyNo, index.texts(nameId).name, address));
+    index.insert(keyNo, nameId, address, position);
+    return position;
+}
+
+int findOrCreateArea(int keyNo, const QString& areaName, int address)
+{
+    return findOrCreateArea(keyNo, areaNameId(areaName), address);
+}
+
+int areaNameIdOfRegister(const QString& regName) { return driver.dataAreaIndex.areaIdOfRegister(regName); }
+
+}  // namespace drv
+
+/* ------------------------------------------------------------------ the index */
+
+CacheIndex::CacheIndex() : duplicates_(false) { }
+
+void CacheIndex::clear()
+{
+    positions_.clear();
+    duplicates_ = false;
+}
+
+int CacheIndex::areaId(const QString& name)
+{
+    for (int i = 0; i < names_.size(); ++i)
+        if (names_.constBegin()[i].name.isSharedWith(name))
+            return i;
+    for (int i = 0; i < names_.size(); ++i)
+        if (names_.constBegin()[i].name == name)
+            return i;
+    AREA_NAME_TEXTS t;
+    t.name = name;
+    t.bitText = name + QLatin1String("_bit");
+    t.byteText = name + QLatin1String("_B");
+    t.wordText = name + QLatin1String("_W");
+    t.dwordText = name + QLatin1String("_D");
+    names_.append(t);
+    return names_.size() - 1;
+}
+
+int CacheIndex::areaIdOfRegister(const QString& regName)
+{
+    int cut = regName.indexOf(QLatin1Char('_'));
+    int length = cut < 0 ? regName.size() : cut;
+    for (int i = 0; i < names_.size(); ++i) {
+        const QString& name = names_.constBegin()[i].name;
+        if (name.size() == length && regName.startsWith(name))
+            return i;
+    }
+    return areaId(areaOf(regName));
+}
+
+int CacheIndex::find(int keyNo, int areaId, int address) const
+{
+    QHash<DATA_AREA_KEY, int>::const_iterator it = positions_.constFind(keyOf(keyNo, areaId, address));
+    return it == positions_.constEnd() ? -1 : it.value();
+}
+
+void CacheIndex::insert(int keyNo, int areaId, int address, int position)
+{
+    positions_.insert(keyOf(keyNo, areaId, address), position);
+}
+
+void CacheIndex::rebuild(const QList<_DATA_>& list)
+{
+    clear();
+    for (int i = 0; i < list.size(); ++i) {
+        const _DATA_& d = list.at(i);
+        DATA_AREA_KEY k = keyOf(d.keyNo, areaId(d.areaName), d.address);
+        if (positions_.contains(k))
+            duplicates_ = true;
+        else
+            positions_.insert(k, i);
+    }
+}
+
+void rebuildDataAreaIndex()
+{
+    DriverLock lock;
+    driver.dataAreaIndex.rebuild(driver.dataAreaList);
+}
+
+int getIndexOfDataArea(int keyNo, QString areaName, int address, QList<_DATA_>& list)
+{
+    if (&list == &driver.dataAreaList)
+        return findOrCreateArea(keyNo, areaName, address);
+    /* Some other list: walk it from the front. */
+    for (int i = 0; i < list.size(); ++i) {
+        const _DATA_& d = list.at(i);
+        if (d.keyNo == keyNo && d.areaName == areaName && d.address == address)
+            return i;
+    }
+    list.append(newArea(keyNo, areaName, address));
+    return list.size() - 1;
+}
+
+namespace {
+void markArea(int keyNo, int nameId, int address, unsigned int flags, unsigned int bitMask)
+{
+    int idx = findOrCreateArea(keyNo, nameId, address);
+    _DATA_& d = driver.dataAreaList[idx];
+    d.monitorFlag |= flags;
+    d.bitMonitorMask |= bitMask;
+}
+}  // namespace
+
+int _setDataAreaMonitorFlag(int keyNo, QString regName, int address, int count)
+{
+    const RegisterRule& rule = ruleOf(regName);
+    DriverLock lock;
+    int area = areaNameId(areaOf(regName));
+    switch (rule.kind) {
+    case kBitRegister:
+        for (int i = 0; i < count; ++i) {
+            int b = wrapAdd(address, i);
+            int bit = b % 8;
+            if (bit < 0)
+                continue; /* a negative bit number names no bit */
+            markArea(keyNo, area, b / 8, 0, 1u << bit);
+        }
+        break;
+    case kWordRegister:
+        for (int j = 0; j < count; ++j) {
+            int a = wrapAdd(address, wrapMul(2, j));
+            markArea(keyNo, area, a, 1u << 1, 0);
+            markArea(keyNo, area, wrapAdd(a, 1), 1u << 2, 0);
+        }
+        break;
+    }
+    return 0;
+}
+
+/* ====================================================================================
+ * Reading values for the host
+ * ================================================================================== */
+
+int intf_getData(int keyNo, QString regName, int address, int count, unsigned char* out)
+{
+    /* A name outside the register table is not a PLC area: nothing is read or created. */
+    if (!out || !isKnownRegister(regName))
+        return 1;
+    const RegisterRule& rule = ruleOf(regName);
+    DriverLock lock;
+    int area = areaNameId(areaOf(regName));
+    switch (rule.kind) {
+    case kBitRegister:
+        for (int i = 0; i < count; ++i) {
+            int b = wrapAdd(address, i);
+            if (b < 0) {
+                out[i] = 0;
+                continue;
+            }
+            const _DATA_& d = constUnitAt(findOrCreateArea(keyNo, area, b / 8));
+            out[i] = static_cast<unsigned char>((shownByte(d, 0) >> (b % 8)) & 1);
+        }
+        break;
+    case kWordRegister:
+        for (int j = 0; j < count; ++j) {
+            int a = wrapAdd(address, wrapMul(2, j));
+            out[2 * j] = shownByte(constUnitAt(findOrCreateArea(keyNo, area, a)), 0);
+            out[2 * j + 1] = shownByte(constUnitAt(findOrCreateArea(keyNo, area, wrapAdd(a, 1))), 0);
+        }
+        break;
+    }
+    return 1;
+}
+
+/* ====================================================================================
+ * Writing values
+ * ================================================================================== */
+
+namespace {
+
+/* One byte unit takes a written byte: reported against what the host was shown, then
+ * stored as the written value, which the host is shown until the write is settled. */
+void storeWrittenByte(int keyNo, int nameId, int address, unsigned char newByte)
+{
+    DriverLock lock;
+    Reports r;
+    int idx = findOrCreateArea(keyNo, nameId, address);
+    {
+        const _DATA_& d = driver.dataAreaList.at(idx);
+        unsigned char shown = shownByte(d, 0);
+        if (shown != newByte)
+            collectByteReports(d, &shown, &newByte, 0, r);
+    }
+    fireUnlocked(r, lock);
+    _DATA_& d = driver.dataAreaList[idx];
+    d.writeValue[0] = newByte;
+    d.writeFlag = 1;
+}
+
+/* One bit of a byte-addressed bit register. The old value of the report is the last
+ * written byte even when the host was shown the read one (INTERNALS.md K10). */
+void storeWrittenBitInByte(int keyNo, int nameId, int bitNumber, bool on)
+{
+    DriverLock lock;
+    Reports r;
+    int idx = findOrCreateArea(keyNo, nameId, bitNumber / 8);
+    unsigned char newByte;
+    {
+        const _DATA_& d = driver.dataAreaList.at(idx);
+        unsigned char shown = shownByte(d, 0);
+        unsigned char m = static_cast<unsigned char>(1u << (bitNumber % 8));
+        newByte = on ? static_cast<unsigned char>(shown | m) : static_cast<unsigned char>(shown & ~m);
+        if (newByte != shown) {
+            unsigned char old = d.writeValue[0];
+            collectByteReports(d, &old, &newByte, 0, r);
+        }
+    }
+    fireUnlocked(r, lock);
+    _DATA_& d = driver.dataAreaList[idx];
+    d.writeValue[0] = newByte;
+    d.writeFlag = 1;
+}
+
+/* Queues one write, coalescing with a queued write of the same item. The head is the
+ * write in flight and is never replaced (INTERNALS.md K19). */
+void queueWrite(const VARIABLE& v)
+{
+    DriverLock lock;
+    QList<VARIABLE>& list = driver.writeList;
+    for (int i = list.size() - 1; i >= 1; --i) {
+        const VARIABLE& q = list.at(i);
+        if (q.keyNo == v.keyNo && q.regName == v.regName && q.address == v.address && q.length == v.length) {
+            list[i] = v;
+            return;
+        }
+    }
+    if (list.size() > kMaxQueued)
+        list[kMaxQueued] = v;
+    else
+        list.append(v);
+}
+
+}  // namespace
+
+void write_saveDataToArea(int keyNo, QString regName, int address, int count, unsigned char* data)
+{
+    if (!data)
+        return;
+    const RegisterRule& rule = ruleOf(regName);
+    int area;
+    {
+        DriverLock lock;
+        area = areaNameId(areaOf(regName));
+    }
+    switch (rule.kind) {
+    case kWordRegister:
+        for (int j = 0; j < count; ++j) {
+            int a = wrapAdd(address, wrapMul(2, j));
+            storeWrittenByte(keyNo, area, a, data[2 * j]);
+            storeWrittenByte(keyNo, area, wrapAdd(a, 1), data[2 * j + 1]);
+        }
+        break;
+    case kBitRegister:
+        for (int i = 0; i < count; ++i) {
+            int b = wrapAdd(address, i);
+            if (b < 0)
+                continue; /* a negative bit number names no bit */
+            storeWrittenBitInByte(keyNo, area, b, data[i] == 1);
+        }
+        break;
+    }
+}
+
+int intf_setData(int keyNo, QString regName, int address, int count, unsigned char* data, int mode)
+{
+    /* A name outside the register table must never turn into a write to PLC memory. */
+    if (!data || !isKnownRegister(regName))
+        return 1;
+    if (driver.initParam1 == 0) {
+        RegisterRow row = registerRow(regName);
+        bool bitRegister = REGISTER_RULES[row].kind == kBitRegister;
+        KEY_ADDRESS key = zeroKey();
+        key.keyNo = keyNo;
+        /* The table's own text: the queued write then shares no string with the host. */
+        key.regName = REG_LIST[row];
+        key.address = address;
+        key.length = count;
+        /* unitMark stays 0 for bits too, so later pieces of a long bit write take their
+         * bytes two per unit (INTERNALS.md K11; a bit write of one piece is unaffected). */
+        long long bytes = bitRegister ? count : 2LL * count;
+        if (bytes > 0)
+            memcpy(key.data, data, static_cast<size_t>(bytes < kBufferSize ? bytes : kBufferSize));
+        QList<KEY_ADDRESS> pieces;
+        groupingKey(key, bitRegister ? driver.maxBlockBits : driver.maxBlockUnits, pieces, 1);
+        int unitBits = REGISTER_RULES[row].unitBits;
+        int lengthsBefore = 0;
+        for (int p = 0; p < pieces.size(); ++p) {
+            const KEY_ADDRESS& piece = pieces.at(p);
+            VARIABLE v;
+            v.kind = mode;
+            v.keyNo = piece.keyNo;
+            v.regName = piece.regName;
+            v.address = piece.address;
+            v.length = piece.length;
+            memcpy(v.data, piece.data, sizeof(v.data));
+            if (bytes > kBufferSize) {
+                /* More than the key's 1024 bytes: the pieces take their share straight from
+                 * the host's bytes, which hold all of them. */
+                long long perUnit = 2;
+                boundedCopy(v.data, data, bytes,
+                    perUnit * p * (bitRegister ? driver.maxBlockBits : driver.maxBlockUnits), perUnit * piece.length);
+            }
+            if (!bitRegister && unitBits > 0) {
+                /* Words to bytes; each piece starts where the ones before it ended. */
+                v.length = static_cast<int>(piece.length * 16.0 / unitBits);
+                v.address = wrapAdd(piece.address, lengthsBefore);
+            }
+            lengthsBefore = wrapAdd(lengthsBefore, piece.length);
+            queueWrite(v);
+        }
+    }
+    write_saveDataToArea(keyNo, regName, address, count, data);
+    return 1;
+}
+
+void _write_FailOrSuc(int keyNo, QString regName, int address, int count, int ok)
+{
+    const RegisterRule& rule = ruleOf(regName);
+    DriverLock lock;
+    int area = areaNameId(areaOf(regName));
+    Reports r;
+    switch (rule.kind) {
+    case kWordRegister: {
+        int units = wrapMul(count, 2); /* two byte units per word */
+        for (int k = 0; k < units; ++k) {
+            _DATA_& d = unitAt(findOrCreateArea(keyNo, area, wrapAdd(address, k)));
+            d.writeFlag = 0;
+            if (ok == 1) {
+                d.value[0] = d.writeValue[0];
+            } else {
+                /* The written value as old and new: single bits are not redrawn while the
+                 * byte, word and double-word items are (INTERNALS.md K9). */
+                unsigned char written = d.writeValue[0];
+                unsigned char again = d.writeValue[0];
+                collectByteReports(d, &written, &again, 0, r);
+            }
+            fireUnlocked(r, lock);
+        }
+        break;
+    }
+    case kBitRegister:
+        for (int i = 0; i < count; ++i) {
+            int b = wrapAdd(address, i);
+            if (b < 0)
+                continue;
+            int bit = b % 8;
+            _DATA_& d = unitAt(findOrCreateArea(keyNo, area, b / 8));
+            unsigned int first = 1u << (2 * bit);
+            if (d.bitWriteState & first)
+                d.bitWriteState &= ~first;
+            else
+                d.bitWriteState &= ~(first << 1);
+            if (d.bitWriteState == 0)
+                d.writeFlag = 0;
+            if (ok == 1) {
+                unsigned char m = static_cast<unsigned char>(1u << bit);
+                d.value[0] = static_cast<unsigned char>((d.value[0] & ~m) | (d.writeValue[0] & m));
+            }
+            if (d.writeFlag == 0)
+                collectByteReports(d, 0, 0, 0, r);
+            fireUnlocked(r, lock);
+        }
+        break;
+    }
+}

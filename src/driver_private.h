@@ -1,0 +1,310 @@
+/*
+ * Helpers shared by the driver's source files; not part of the installed header.
+ */
+#ifndef ADS_DRIVER_PRIVATE_H
+#define ADS_DRIVER_PRIVATE_H
+
+#include "ads_ethernet.h"
+
+#include <QtCore/QMutex>
+
+#include <string.h>
+
+/* ------------------------------------------------------------------ register rules
+ * The register table as the code uses it, one row per row of ADDRESS_RANGE_PRO: the rows of
+ * REG_LIST in their order, then the spare word row that an unknown name looks up. The text
+ * tables stay the host's view (formats, limits, descriptions); every rule the driver applies
+ * (bit or word, width, address unit, area, index group) comes from this table, and each
+ * operation switches on `kind`. tests/unit/test_registers.cpp checks it against the texts.
+ * All rows address bytes (unit 8): a bit register's address is byte x 8 + bit, a word
+ * register's address is a byte offset and one word takes two address steps. */
+enum RegisterRow { kRowIBit, kRowQBit, kRowMBit, kRowIW, kRowQW, kRowMW, kRowSpare };
+enum RegisterKind { kBitRegister, kWordRegister };
+enum RegisterAccess { kReadOnly, kReadWrite, kWriteOnly };
+
+struct RegisterRule {
+    RegisterKind kind;
+    int widthBits;           /* data width: column 3 */
+    int unitBits;            /* bits per address step: column 5 */
+    RegisterAccess access;   /* column 4 */
+    char area;               /* its area; the cache keys units by areaOf(name), the same letter */
+    unsigned int indexGroup; /* ADS index group of the area */
+};
+
+extern const RegisterRule REGISTER_RULES[7];
+
+/* The row of a name; kRowSpare for a name outside REG_LIST. */
+inline RegisterRow registerRow(const QString& regName)
+{
+    for (int i = 0; i < 6; ++i)
+        if (REG_LIST[i] == regName)
+            return static_cast<RegisterRow>(i);
+    return kRowSpare;
+}
+
+inline const RegisterRule& ruleOf(const QString& regName) { return REGISTER_RULES[registerRow(regName)]; }
+inline bool isKnownRegister(const QString& regName) { return registerRow(regName) != kRowSpare; }
+
+/* The kinds of request in flight (Protocol::curFrameKind). intf_getSendFrame sets the kind
+ * when it builds a request; dealListWhenFinish moves the kind's queue on when the request
+ * is answered or given up; intf_initProperty resets it to kFrameNone. */
+enum FrameKind {
+    kFrameNone = 0,
+    kFrameHandshake = 1,
+    kFrameWrite = 2,
+    kFrameConditionRead = 3,
+    kFrameCyclicRead = 4,
+    kFrameRecipeWrite = 5,
+    kFrameRecipeRead = 6
+};
+
+/* Whole-record copies with one memcpy per buffer. The assignments the compiler writes
+ * for these records copy the 1024-byte buffers byte by byte below -O3, and the polling
+ * cycle copies a VARIABLE or a FRAME_PRO several times per request. */
+inline void copyVariable(VARIABLE& to, const VARIABLE& from)
+{
+    if (&to == &from)
+        return;
+    to.kind = from.kind;
+    to.keyNo = from.keyNo;
+    to.regName = from.regName;
+    to.address = from.address;
+    to.length = from.length;
+    memcpy(to.data, from.data, sizeof(to.data));
+}
+
+inline void copyFrame(FRAME_PRO& to, const FRAME_PRO& from)
+{
+    if (&to == &from)
+        return;
+    memcpy(to.frame, from.frame, sizeof(to.frame));
+    to.sendLen = from.sendLen;
+    to.recvLen = from.recvLen;
+    to.dataStart = from.dataStart;
+    to.readLen = from.readLen;
+    to.spareField = from.spareField;
+    copyVariable(to.var, from.var);
+}
+
+/* The first item of a list without the non-const accessors' detach and assertion. */
+template <typename T>
+inline const T& headOf(const QList<T>& list)
+{
+    return *list.constBegin();
+}
+
+/* ------------------------------------------------------------------ shared helpers
+ * Used by more than one of the driver's source files. Everything in namespace drv is
+ * internal to the driver. */
+namespace drv {
+
+static const int kBufferSize = 1024;
+/* Queues hold at most 513 entries; the newest replaces index 512 (INTERNALS.md K20). */
+static const int kMaxQueued = 512;
+static const int kMaxBlock = 128; /* largest read block in bytes */
+
+/* Host values are trusted to be sensible, but arithmetic on them must never be undefined. */
+inline int wrapAdd(int a, int b)
+{
+    return static_cast<int>(static_cast<unsigned int>(a) + static_cast<unsigned int>(b));
+}
+inline int wrapSub(int a, int b)
+{
+    return static_cast<int>(static_cast<unsigned int>(a) - static_cast<unsigned int>(b));
+}
+inline int wrapMul(int a, int b)
+{
+    return static_cast<int>(static_cast<unsigned int>(a) * static_cast<unsigned int>(b));
+}
+
+inline int clampInt(int v, int lo, int hi) { return v < lo ? lo : (v > hi ? hi : v); }
+
+/* The area a register's units are cached under: its name up to the first "_". */
+inline QString areaOf(const QString& regName)
+{
+    int cut = regName.indexOf(QLatin1Char('_'));
+    return cut < 0 ? regName : regName.left(cut);
+}
+
+inline int toIntOrZero(const QString& text)
+{
+    bool ok = false;
+    int v = text.toInt(&ok, 10);
+    return ok ? v : 0;
+}
+
+/* ------------------------------------------------------------------ locks (INTERNALS.md, Locks) */
+
+#if defined(ADS_TSAN_ANNOTATE)
+/* Qt is not built for ThreadSanitizer, so a contended QMutex hides its ordering from it:
+ * tell it about the driver's lock ourselves. */
+extern "C" void AnnotateRWLockCreate(const char* file, int line, const volatile void* lock);
+extern "C" void AnnotateRWLockAcquired(const char* file, int line, const volatile void* lock, long isWrite);
+extern "C" void AnnotateRWLockReleased(const char* file, int line, const volatile void* lock, long isWrite);
+#define ADS_LOCK_ACQUIRED(m) AnnotateRWLockAcquired(__FILE__, __LINE__, (m), 1)
+#define ADS_LOCK_RELEASED(m) AnnotateRWLockReleased(__FILE__, __LINE__, (m), 1)
+#else
+#define ADS_LOCK_ACQUIRED(m) ((void)0)
+#define ADS_LOCK_RELEASED(m) ((void)0)
+#endif
+
+inline void lockDriver()
+{
+    driver.mutex.lock();
+    ADS_LOCK_ACQUIRED(&driver.mutex);
+}
+
+inline void unlockDriver()
+{
+    ADS_LOCK_RELEASED(&driver.mutex);
+    driver.mutex.unlock();
+}
+
+/* Holds the driver's own mutex for a scope; may be let go around a callback. */
+class DriverLock {
+public:
+    DriverLock() : held_(true) { lockDriver(); }
+    ~DriverLock()
+    {
+        if (held_)
+            unlockDriver();
+    }
+    void release()
+    {
+        if (held_) {
+            unlockDriver();
+            held_ = false;
+        }
+    }
+    void acquire()
+    {
+        if (!held_) {
+            lockDriver();
+            held_ = true;
+        }
+    }
+
+private:
+    DriverLock(const DriverLock&);
+    DriverLock& operator=(const DriverLock&);
+    bool held_;
+};
+
+/* ------------------------------------------------------------------ the cache (cache.cpp) */
+/* All of these run with the driver's mutex held. */
+
+/* The cached unit at `position`, without the list's detach-and-assert accessors. */
+inline _DATA_& unitAt(int position) { return driver.dataAreaList.begin()[position]; }
+inline const _DATA_& constUnitAt(int position) { return driver.dataAreaList.constBegin()[position]; }
+
+/* The byte the host is shown: its own written value until the write is settled. */
+inline unsigned char shownByte(const _DATA_& d, int k) { return d.writeFlag ? d.writeValue[k] : d.value[k]; }
+
+int areaNameId(const QString& name);
+/* areaNameId(areaOf(regName)) without building the area's name. */
+int areaNameIdOfRegister(const QString& regName);
+/* Position of the unit (keyNo, area, address) in dataAreaList; appended, zeroed, when
+ * missing. */
+int findOrCreateArea(int keyNo, int nameId, int address);
+int findOrCreateArea(int keyNo, const QString& areaName, int address);
+
+/* The units of consecutive addresses of one area, in address order: the unit after the
+ * previous one is tried first (the units of a read block were usually created one after
+ * another), else findOrCreateArea. The area's name is held by value: a callback made
+ * between two steps may add names to the index's table. */
+class ConsecutiveUnits {
+public:
+    ConsecutiveUnits(int keyNo, int nameId)
+        : keyNo_(keyNo), nameId_(nameId), name_(driver.dataAreaIndex.texts(nameId).name),
+          hint_(!driver.dataAreaIndex.hasDuplicates()), previous_(-1)
+    {
+    }
+    int next(int address)
+    {
+        int candidate = previous_ + 1;
+        if (hint_ && previous_ >= 0 && candidate < driver.dataAreaList.size()) {
+            const _DATA_& d = constUnitAt(candidate);
+            if (d.keyNo == keyNo_ && d.address == address && d.areaName.isSharedWith(name_))
+                return previous_ = candidate;
+        }
+        return previous_ = findOrCreateArea(keyNo_, nameId_, address);
+    }
+
+private:
+    int keyNo_;
+    int nameId_;
+    QString name_;
+    bool hint_;
+    int previous_;
+};
+
+/* ------------------------------------------------------------------ change reports (reports.cpp) */
+
+struct Report {
+    int keyNo;
+    QString text;
+    int address;
+};
+
+/* The reports of one unit, collected under the driver's mutex and made after it is let go,
+ * so that the host's callback may call back into the driver. */
+class Reports {
+public:
+    Reports() : count_(0) { }
+    void add(int keyNo, const QString& text, int address)
+    {
+        if (count_ < kCapacity) {
+            items_[count_].keyNo = keyNo;
+            items_[count_].text = text;
+            items_[count_].address = address;
+            ++count_;
+        }
+    }
+    bool isEmpty() const { return count_ == 0; }
+    /* Calls the host's callback for each report, in order, then forgets them. */
+    void fire()
+    {
+        VALUE_CHANGE_CALLBACK cb = driver.valueChangeCallBack;
+        int context = driver.callBackContext;
+        for (int i = 0; i < count_; ++i)
+            if (cb)
+                cb(context, items_[i].keyNo, items_[i].text, items_[i].address);
+        count_ = 0;
+    }
+
+private:
+    enum { kCapacity = 40 }; /* a double word: 32 bits and one whole item */
+    Report items_[kCapacity];
+    int count_;
+};
+
+/* Makes the collected reports with the driver's lock let go, then takes it again. */
+inline void fireUnlocked(Reports& r, DriverLock& lock)
+{
+    if (r.isEmpty())
+        return;
+    lock.release();
+    r.fire();
+    lock.acquire();
+}
+
+const AREA_NAME_TEXTS& textsOf(const _DATA_& d);
+/* The reports a change of one unit makes (INTERNALS.md, Change reports); a null old or new
+ * value reports every monitored bit. */
+void collectByteReports(
+    const _DATA_& d, const unsigned char* oldValue, const unsigned char* newValue, int noBits, Reports& r);
+void collectWordReports(const _DATA_& d, const int* oldValue, const int* newValue, int noBits, Reports& r);
+void collectDwordReports(const _DATA_& d, const int* oldValue, const int* newValue, int noBits, Reports& r);
+void collectBitReports(const _DATA_& d, Reports& r);
+
+/* ------------------------------------------------------------------ planning (planning.cpp) */
+
+/* A key with every field zero and empty texts. */
+KEY_ADDRESS zeroKey();
+/* Copies `count` bytes from src+srcOffset to the start of dst, where src holds srcSize bytes
+ * and dst 1024: the copy stops at dst's end, and bytes past src's end arrive as zeros. */
+void boundedCopy(unsigned char* dst, const unsigned char* src, long long srcSize, long long srcOffset, long long count);
+
+}  // namespace drv
+
+#endif /* ADS_DRIVER_PRIVATE_H */

@@ -1,0 +1,262 @@
+/*
+ * Reply handling: the error text of the frame in flight, the reply checked against it, the
+ * bytes of a read stored in the cache, a bit write completed, a recipe read copied out.
+ */
+#include "ads_ethernet.h"
+#include "driver_private.h"
+
+#include <stdio.h>
+#include <string.h>
+
+using namespace drv;
+
+/* ====================================================================================
+ * Reply handling
+ * ================================================================================== */
+
+namespace {
+/* Appends the decimal text of v at buf + n; returns the new length. */
+int appendDecimal(char* buf, int n, long long v)
+{
+    char digits[24];
+    int count = 0;
+    unsigned long long u = v < 0 ? 0ULL - static_cast<unsigned long long>(v) : static_cast<unsigned long long>(v);
+    do {
+        digits[count++] = static_cast<char>('0' + u % 10);
+        u /= 10;
+    } while (u != 0);
+    if (v < 0)
+        buf[n++] = '-';
+    while (count > 0)
+        buf[n++] = digits[--count];
+    return n;
+}
+
+/* The error text of the frame in flight, "key#REGISTERaddress(length)(reply size)", into a
+ * character buffer of at least 160 bytes; its length, 0 when the frame names no register
+ * (the handshake). Built without the heap: it runs for every reply. */
+int formatErrorInfo(int replySize, char* buf)
+{
+    if (driver.frameList.isEmpty())
+        return 0;
+    const VARIABLE& v = driver.frameList.first().var;
+    int row = getIndexFromRegName(v.regName);
+    if (row == 6 || row == -1)
+        return 0;
+    int n = appendDecimal(buf, 0, v.keyNo);
+    buf[n++] = '#';
+    for (int i = 0; i < v.regName.size() && n < 100; ++i)
+        buf[n++] = v.regName.at(i).toLatin1();
+    if (v.regName.right(4) == QLatin1String("_bit")) {
+        /* As addr_int2str writes it: byte, point, bit (truncating division). */
+        n = appendDecimal(buf, n, v.address / 8);
+        buf[n++] = '.';
+        n = appendDecimal(buf, n, v.address % 8);
+    } else {
+        const QString& format = ADDRESS_RANGE_PRO[row][0];
+        QChar c = format.isEmpty() ? QChar() : format.at(0);
+        unsigned int a = static_cast<unsigned int>(v.address);
+        if (c == QLatin1Char('D'))
+            n = appendDecimal(buf, n, a);
+        else if (c == QLatin1Char('H'))
+            n += snprintf(buf + n, 32, "%x", a);
+        else if (c == QLatin1Char('O'))
+            n += snprintf(buf + n, 32, "%o", a);
+    }
+    buf[n++] = '(';
+    n = appendDecimal(buf, n, v.length);
+    buf[n++] = ')';
+    buf[n++] = '(';
+    n = appendDecimal(buf, n, replySize);
+    buf[n++] = ')';
+    return n;
+}
+}  // namespace
+
+QString getErrorInfo(QByteArray reply)
+{
+    char buf[160];
+    int n = formatErrorInfo(static_cast<int>(reply.size()), buf);
+    return QString::fromLatin1(buf, n);
+}
+
+int dealReadFrameReturnSaveData(QByteArray reply)
+{
+    if (driver.frameList.isEmpty())
+        return 0;
+    const FRAME_PRO& head = driver.frameList.first();
+    analyzeFrameOfVal(reply, head.readLen, head.dataStart, head.var);
+    return 0;
+}
+
+namespace {
+
+/* Reply bytes beyond the end of the reply read as 0. */
+class ReplyBytes {
+public:
+    explicit ReplyBytes(const QByteArray& reply)
+        : data_(reinterpret_cast<const unsigned char*>(reply.constData())), size_(reply.size())
+    {
+    }
+    unsigned char at(long long pos) const { return (pos >= 0 && pos < size_) ? data_[pos] : 0; }
+
+private:
+    const unsigned char* data_;
+    long long size_;
+};
+
+/* The first half of a bit write came back: set or clear the bits to write in the bytes
+ * read, and put them into the write frame queued behind it. */
+void completeBitWrite(const ReplyBytes& reply, int readLen, int dataStart, const VARIABLE& var)
+{
+    unsigned char bytes[kBufferSize];
+    int n = clampInt(readLen, 0, kBufferSize);
+    for (int k = 0; k < n; ++k)
+        bytes[k] = reply.at(static_cast<long long>(dataStart) + k);
+    for (int i = 0; i < var.length && i < kBufferSize; ++i) {
+        long long p = static_cast<long long>(var.address % 8) + i;
+        if (p < 0)
+            continue;
+        long long k = p / 8;
+        if (k >= n)
+            break;
+        unsigned char m = static_cast<unsigned char>(1u << (p % 8));
+        if (var.data[i] != 0)
+            bytes[k] = static_cast<unsigned char>(bytes[k] | m);
+        else
+            bytes[k] = static_cast<unsigned char>(bytes[k] & ~m);
+    }
+    if (driver.frameList.size() < 2)
+        return;
+    FRAME_PRO& write = driver.frameList[1];
+    if (write.dataStart < 0 || write.dataStart >= kBufferSize)
+        return;
+    int room = kBufferSize - write.dataStart;
+    memcpy(write.frame + write.dataStart, bytes, static_cast<size_t>(n < room ? n : room));
+}
+
+/* A read value differs from the cache: a pending bit write keeps showing the written
+ * value; otherwise the host is shown the value read. */
+void applyWriteFlagRule(_DATA_& d)
+{
+    if (!(d.bitWriteState != 0 && !driver.writeList.isEmpty()))
+        d.writeFlag = 0;
+}
+
+/* The bytes a read brought, into the cache: every register addresses bytes, one cached
+ * unit per reply byte; a changed byte is reported at once. */
+void storeReadBytes(const ReplyBytes& bytes, int readLen, int dataStart, const VARIABLE& var)
+{
+    DriverLock lock;
+    Reports r;
+    ConsecutiveUnits units(var.keyNo, areaNameIdOfRegister(var.regName));
+    for (int j = 0; j < readLen; ++j) {
+        unsigned char newByte = bytes.at(static_cast<long long>(dataStart) + j);
+        _DATA_& d = unitAt(units.next(wrapAdd(var.address, j)));
+        if (d.value[0] != newByte) {
+            applyWriteFlagRule(d);
+            unsigned char oldByte = d.value[0];
+            d.value[0] = newByte;
+            collectByteReports(d, &oldByte, &newByte, 0, r);
+            fireUnlocked(r, lock);
+        }
+    }
+}
+
+}  // namespace
+
+void analyzeFrameOfVal(QByteArray reply, int readLen, int dataStart, VARIABLE var)
+{
+    ReplyBytes bytes(reply);
+
+    /* The recipe variables a recipe read serves, noted before anything else. */
+    int recipeFrom = 0;
+    int recipeTo = 0;
+    if (driver.curFrameKind == kFrameRecipeRead) {
+        int blocks = driver.rcpBlockStartList.size();
+        int idx = driver.rcpIndex;
+        if (idx >= 0 && idx < blocks) {
+            int vars = driver.rcpVarList.size();
+            recipeFrom = clampInt(driver.rcpBlockStartList.at(idx), 0, vars);
+            recipeTo = clampInt(idx == blocks - 1 ? vars : driver.rcpBlockStartList.at(idx + 1), 0, vars);
+        }
+    }
+
+    if (driver.curFrameKind == kFrameWrite && ruleOf(var.regName).kind == kBitRegister) {
+        completeBitWrite(bytes, readLen, dataStart, var);
+        return;
+    }
+    storeReadBytes(bytes, readLen, dataStart, var);
+
+    /* Recipe read: after the cache, copy each variable's bytes into the host's recipe
+     * buffer and report each byte, so each word twice (INTERNALS.md K15). */
+    if (recipeFrom >= recipeTo || !driver.rcpBuffer)
+        return;
+    static const QString recipeText = QString::fromLatin1("RWI");
+    int firstAddress = driver.rcpVarList.at(recipeFrom).address;
+    for (int e = recipeFrom; e < recipeTo; ++e) {
+        const _RCP_VAR_PRO item = driver.rcpVarList.at(e);
+        long long bytesOfItem = 2LL * item.length;
+        for (long long j = 0; j < bytesOfItem; ++j) {
+            long long from
+                = static_cast<long long>(dataStart) + (static_cast<long long>(item.address) - firstAddress) + j;
+            long long to = 2LL * item.rcpDataIndex + j;
+            if (to < 0)
+                continue;
+            driver.rcpBuffer[to] = bytes.at(from);
+            if (driver.valueChangeCallBack)
+                driver.valueChangeCallBack(0, -1, recipeText, static_cast<int>(item.rcpDataIndex + j / 2));
+        }
+    }
+}
+
+int intf_dealRcvFrame(QByteArray& reply, QString& errorText)
+{
+    if (driver.frameList.isEmpty()) {
+        errorText = QString();
+        return 0;
+    }
+    /* The same text getErrorInfo() gives, written into the host's string in place so that
+     * a host that keeps its string reuses its storage. */
+    char text[160];
+    int textLength = formatErrorInfo(static_cast<int>(reply.size()), text);
+    errorText.resize(textLength);
+    QChar* out = textLength > 0 ? errorText.data() : 0;
+    for (int i = 0; i < textLength; ++i)
+        out[i] = QLatin1Char(text[i]);
+    int r = check_rcv_data(
+        reinterpret_cast<unsigned char*>(const_cast<char*>(reply.constData())), driver.curReadList, reply.size());
+    if (r == 1) {
+        driver.commFailed = 0;
+        dealReadFrameReturnSaveData(reply);
+    } else if (r == 2) {
+        if (driver.curFrameKind == kFrameWrite) {
+            const VARIABLE& v = driver.frameList.first().var;
+            _write_FailOrSuc(v.keyNo, v.regName, v.address, v.length, 1);
+        }
+        /* A reply that fills the host's buffer may go on: keep the frame and wait (INTERNALS.md K18). */
+        if (reply.size() == kBufferSize)
+            return 3;
+        driver.commFailed = 0;
+    } else if (r == 0) {
+        driver.errorCount += 1;
+        if (driver.errorCount < driver.initParam3)
+            return 8;
+        driver.commFailed = 1;
+        if (driver.curFrameKind == kFrameWrite) {
+            const VARIABLE v = driver.frameList.first().var;
+            _write_FailOrSuc(v.keyNo, v.regName, v.address, v.length, 0);
+        }
+        driver.frameList.clear(); /* a queued write of a bit write goes with it */
+        driver.errorCount = 0;
+        dealListWhenFinish();
+        return 2;
+    } else {
+        return 0;
+    }
+    driver.frameList.removeFirst();
+    if (driver.frameList.isEmpty())
+        dealListWhenFinish();
+    driver.errorCount = 0;
+    return 1;
+}
