@@ -10,11 +10,13 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <fstream>
+#include <map>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -105,46 +107,89 @@ inline std::string readWhole(const std::string& path)
     return s.str();
 }
 
-// Runs a program with stdout and stderr in files; kills it after timeoutMs.
+// A program running as a child process, stdout and stderr in files, stdin from /dev/null.
+// The test stops it by its PID: wait() kills it when it outlives its time.
+class Child {
+public:
+    Child() = default;
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+    ~Child()
+    {
+        if (pid_ > 0)
+            wait(0);
+        std::remove(outPath_.c_str());
+        std::remove(errPath_.c_str());
+    }
+    bool start(const std::vector<std::string>& argv)
+    {
+        static int serial = 0;
+        const std::string base
+            = ::testing::TempDir() + "e2e_run_" + std::to_string(::getpid()) + "_" + std::to_string(serial++);
+        outPath_ = base + ".out";
+        errPath_ = base + ".err";
+        pid_ = ::fork();
+        if (pid_ < 0)
+            return false;
+        if (pid_ == 0) {
+            const int o = ::open(outPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+            const int e = ::open(errPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+            const int in = ::open("/dev/null", O_RDONLY);
+            ::dup2(o, 1);
+            ::dup2(e, 2);
+            ::dup2(in, 0);
+            std::vector<char*> args;
+            for (const std::string& a : argv)
+                args.push_back(const_cast<char*>(a.c_str()));
+            args.push_back(nullptr);
+            ::execv(args[0], args.data());
+            ::_exit(127);
+        }
+        return true;
+    }
+    pid_t pid() const { return pid_; }
+    // The exit code (128 + signal when killed by one), or -1 when it did not end within
+    // timeoutMs and was killed.
+    int wait(int timeoutMs)
+    {
+        if (pid_ <= 0)
+            return -1;
+        const adstool::Deadline deadline(timeoutMs);
+        int st = 0;
+        pid_t r = 0;
+        while ((r = ::waitpid(pid_, &st, WNOHANG)) == 0 && !deadline.expired())
+            ::usleep(10000);
+        const bool timedOut = r == 0;
+        if (timedOut) {
+            ::kill(pid_, SIGKILL);
+            ::waitpid(pid_, &st, 0);
+        }
+        pid_ = -1;
+        if (timedOut)
+            return -1;
+        return WIFEXITED(st) ? WEXITSTATUS(st) : (WIFSIGNALED(st) ? 128 + WTERMSIG(st) : -1);
+    }
+    std::string out() const { return readWhole(outPath_); }
+    std::string err() const { return readWhole(errPath_); }
+
+private:
+    pid_t pid_ = -1;
+    std::string outPath_, errPath_;
+};
+
+// Runs a program to its end; kills it after timeoutMs.
 inline RunResult runProgram(const std::vector<std::string>& argv, int timeoutMs)
 {
-    static int serial = 0;
-    const std::string base
-        = ::testing::TempDir() + "e2e_run_" + std::to_string(::getpid()) + "_" + std::to_string(serial++);
-    const std::string outPath = base + ".out", errPath = base + ".err";
     RunResult rr;
-    const pid_t pid = ::fork();
-    if (pid < 0)
+    Child c;
+    if (!c.start(argv))
         return rr;
-    if (pid == 0) {
-        const int o = ::open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        const int e = ::open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        const int in = ::open("/dev/null", O_RDONLY);
-        ::dup2(o, 1);
-        ::dup2(e, 2);
-        ::dup2(in, 0);
-        std::vector<char*> args;
-        for (const std::string& a : argv)
-            args.push_back(const_cast<char*>(a.c_str()));
-        args.push_back(nullptr);
-        ::execv(args[0], args.data());
-        ::_exit(127);
-    }
-    const adstool::Deadline deadline(timeoutMs);
-    int st = 0;
-    pid_t r = 0;
-    while ((r = ::waitpid(pid, &st, WNOHANG)) == 0 && !deadline.expired())
-        ::usleep(10000);
-    if (r == 0) {
-        rr.timedOut = true;
-        ::kill(pid, SIGKILL);
-        ::waitpid(pid, &st, 0);
-    }
-    rr.exitCode = WIFEXITED(st) ? WEXITSTATUS(st) : (WIFSIGNALED(st) ? 128 + WTERMSIG(st) : -1);
-    rr.out = readWhole(outPath);
-    rr.err = readWhole(errPath);
-    std::remove(outPath.c_str());
-    std::remove(errPath.c_str());
+    rr.exitCode = c.wait(timeoutMs);
+    rr.timedOut = rr.exitCode == -1;
+    if (rr.timedOut)
+        rr.exitCode = 128 + SIGKILL;
+    rr.out = c.out();
+    rr.err = c.err();
     return rr;
 }
 
@@ -156,6 +201,24 @@ inline std::vector<std::string> lines(const std::string& text)
     while (std::getline(s, l))
         out.push_back(l);
     return out;
+}
+
+// The "figures: key=value ..." line of adshost's output as a map.
+inline std::map<std::string, std::string> figures(const std::string& out)
+{
+    std::map<std::string, std::string> f;
+    for (const std::string& l : lines(out)) {
+        if (l.compare(0, 9, "figures: ") != 0)
+            continue;
+        std::stringstream s(l.substr(9));
+        std::string kv;
+        while (s >> kv) {
+            const size_t eq = kv.find('=');
+            if (eq != std::string::npos)
+                f[kv.substr(0, eq)] = kv.substr(eq + 1);
+        }
+    }
+    return f;
 }
 
 // A TCP port on 127.0.0.1 on which nothing listens (bound once, then released).

@@ -18,24 +18,9 @@
 
 namespace {
 
-const unsigned M = 0x4020;
+using e2e::figures;
 
-std::map<std::string, std::string> figures(const std::string& out)
-{
-    std::map<std::string, std::string> f;
-    for (const std::string& l : e2e::lines(out)) {
-        if (l.compare(0, 9, "figures: ") != 0)
-            continue;
-        std::stringstream s(l.substr(9));
-        std::string kv;
-        while (s >> kv) {
-            const size_t eq = kv.find('=');
-            if (eq != std::string::npos)
-                f[kv.substr(0, eq)] = kv.substr(eq + 1);
-        }
-    }
-    return f;
-}
+const unsigned M = 0x4020;
 
 bool hasLine(const std::string& text, const std::string& line)
 {
@@ -291,62 +276,18 @@ TEST_F(CommissioningE2E, BitPartBeyondSevenIsTheDriversNextByte)
     EXPECT_TRUE(hasLine(r.out, "value M_bit:10.9 = 1")) << r.out;
 }
 
-// A child that runs until it is signalled.
-struct Child {
-    pid_t pid = -1;
-    std::string outPath, errPath;
-    bool start(const std::vector<std::string>& argv)
-    {
-        outPath = tempPath("out");
-        errPath = tempPath("err");
-        pid = ::fork();
-        if (pid < 0)
-            return false;
-        if (pid == 0) {
-            std::FILE* o = std::freopen(outPath.c_str(), "w", stdout);
-            std::FILE* e = std::freopen(errPath.c_str(), "w", stderr);
-            (void)o;
-            (void)e;
-            std::vector<char*> args;
-            for (const std::string& a : argv)
-                args.push_back(const_cast<char*>(a.c_str()));
-            args.push_back(nullptr);
-            ::execv(args[0], args.data());
-            ::_exit(127);
-        }
-        return true;
-    }
-    // Exit code (128 + signal when killed), -1 when it did not end within timeoutMs.
-    int wait(int timeoutMs)
-    {
-        const int64_t deadline = adshost::nowMs() + timeoutMs;
-        int st = 0;
-        while (adshost::nowMs() < deadline) {
-            const pid_t r = ::waitpid(pid, &st, WNOHANG);
-            if (r == pid)
-                return WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
-            ::usleep(10000);
-        }
-        ::kill(pid, SIGKILL);
-        ::waitpid(pid, &st, 0);
-        return -1;
-    }
-    std::string out() const { return e2e::readWhole(outPath); }
-    std::string err() const { return e2e::readWhole(errPath); }
-};
-
 class SignalE2E : public CommissioningE2E, public ::testing::WithParamInterface<int> { };
 
 TEST_P(SignalE2E, EndsTheSessionWithFiguresAndAWholeCapture)
 {
     const std::string pcap = tempPath("signal.pcap");
-    Child c;
+    e2e::Child c;
     ASSERT_TRUE(c.start(base({"--watch", "M_W:0:2", "--duration", "60", "--pcap", pcap, "--quiet"})));
     // Polling runs (the capture grows), then the signal.
     const int64_t until = adshost::nowMs() + 5000;
     while (readPcap(pcap).packetLengths.size() < 50 && adshost::nowMs() < until)
         ::usleep(20000);
-    ASSERT_EQ(::kill(c.pid, GetParam()), 0);
+    ASSERT_EQ(::kill(c.pid(), GetParam()), 0);
     const int status = c.wait(10000);
     EXPECT_EQ(status, 0) << c.out() << c.err();
     const std::string name = GetParam() == SIGINT ? "SIGINT" : "SIGTERM";

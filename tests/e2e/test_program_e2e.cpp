@@ -8,24 +8,9 @@
 
 namespace {
 
-const unsigned M = 0x4020;
+using e2e::figures;
 
-std::map<std::string, std::string> figures(const std::string& out)
-{
-    std::map<std::string, std::string> f;
-    for (const std::string& l : e2e::lines(out)) {
-        if (l.compare(0, 9, "figures: ") != 0)
-            continue;
-        std::stringstream s(l.substr(9));
-        std::string kv;
-        while (s >> kv) {
-            const size_t eq = kv.find('=');
-            if (eq != std::string::npos)
-                f[kv.substr(0, eq)] = kv.substr(eq + 1);
-        }
-    }
-    return f;
-}
+const unsigned M = 0x4020;
 
 class ProgramE2E : public ::testing::Test {
 protected:

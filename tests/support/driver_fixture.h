@@ -36,16 +36,16 @@ constexpr const char* kDefaultInit = "1#0#0#3#64";
 inline QString L(const char* s) { return QString::fromLatin1(s); }
 
 // Register and area names.
-inline const QString M = QStringLiteral("M");
-inline const QString M_W = QStringLiteral("M_W");
-inline const QString M_B = QStringLiteral("M_B");
-inline const QString M_D = QStringLiteral("M_D");
-inline const QString M_bit = QStringLiteral("M_bit");
-inline const QString I_W = QStringLiteral("I_W");
-inline const QString I_bit = QStringLiteral("I_bit");
-inline const QString Q_W = QStringLiteral("Q_W");
-inline const QString RWI = QStringLiteral("RWI");
-inline const QString MINUS_ONE = QStringLiteral("-1");
+inline const QString M = QString::fromLatin1("M");
+inline const QString M_W = QString::fromLatin1("M_W");
+inline const QString M_B = QString::fromLatin1("M_B");
+inline const QString M_D = QString::fromLatin1("M_D");
+inline const QString M_bit = QString::fromLatin1("M_bit");
+inline const QString I_W = QString::fromLatin1("I_W");
+inline const QString I_bit = QString::fromLatin1("I_bit");
+inline const QString Q_W = QString::fromLatin1("Q_W");
+inline const QString RWI = QString::fromLatin1("RWI");
+inline const QString MINUS_ONE = QString::fromLatin1("-1");
 
 // ------------------------------------------------------------------ host memory
 

@@ -132,10 +132,11 @@ TEST_F(ChangeDetection, AnUnmonitoredUnitReportsNothing)
 TEST_F(ChangeDetection, ReportsCarryTheContextTheAreaKeyAndTheAreaName)
 {
     h->init("9#0#0#3#64");
-    const int i = unit(3, 0x02, 0x10, 4, QStringLiteral("Q"));
+    const int i = unit(3, 0x02, 0x10, 4, QString::fromLatin1("Q"));
     byteChange(i, 0x00, 0x10);
     EXPECT_EQ(h->reports,
-        (std::vector<Report> {Report {9, 4, QStringLiteral("Q_bit"), 28}, Report {9, 4, QStringLiteral("Q_W"), 3}}));
+        (std::vector<Report> {
+            Report {9, 4, QString::fromLatin1("Q_bit"), 28}, Report {9, 4, QString::fromLatin1("Q_W"), 3}}));
 }
 
 std::vector<int> g_seenInCallback;
@@ -143,7 +144,7 @@ std::vector<int> g_seenInCallback;
 int readBackInCallback(int, int, QString, int)
 {
     unsigned char out[2] = {0, 0};
-    intf_getData(1, QStringLiteral("M_W"), 10, 1, out);
+    intf_getData(1, QString::fromLatin1("M_W"), 10, 1, out);
     g_seenInCallback.push_back(out[0]);
     return 0;
 }

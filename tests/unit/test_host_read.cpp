@@ -78,7 +78,7 @@ TEST_F(HostRead, AreasAreSeparateByKeyAndByLetter)
 {
     setValue(M, 10, 0x11, 1);
     setValue(M, 10, 0x22, 2);
-    setValue(QStringLiteral("I"), 10, 0x33, 1);
+    setValue(QString::fromLatin1("I"), 10, 0x33, 1);
     EXPECT_EQ(h->getData(1, M_W, 10, 1, 2)[0], 0x11);
     EXPECT_EQ(h->getData(2, M_W, 10, 1, 2)[0], 0x22);
     EXPECT_EQ(h->getData(1, I_W, 10, 1, 2)[0], 0x33);
@@ -134,7 +134,7 @@ TEST_F(HostRead, AWrittenValueShowsUntilAReadReplyBringsADifferentValue)
 TEST_F(HostRead, AnUnknownRegisterNameStillReturnsOne)
 {
     unsigned char out[8] = {0};
-    EXPECT_EQ(intf_getData(1, QStringLiteral("X_W"), 0, 1, out), 1);
+    EXPECT_EQ(intf_getData(1, QString::fromLatin1("X_W"), 0, 1, out), 1);
 }
 
 // ------------------------------------------------------------------ dealListWhenFinish

@@ -142,7 +142,7 @@ TEST_F(HostWrite, AnItemDiffersByKeyRegisterAddressOrLength)
     h->setData(1, M_W, 50, {5, 5});
     h->setData(1, M_W, 10, {1, 1});
     h->setData(2, M_W, 10, {1, 1});
-    h->setData(1, QStringLiteral("Q_W"), 10, {1, 1});
+    h->setData(1, QString::fromLatin1("Q_W"), 10, {1, 1});
     h->setData(1, M_W, 12, {1, 1});
     h->setData(1, M_W, 10, {1, 1, 1, 1});
     EXPECT_EQ(driver.writeList.size(), 6);

@@ -109,7 +109,7 @@ TEST_F(PollingCycle, ABitWriteOfSeveralBitsAcrossTwoBytes)
 {
     ASSERT_TRUE(h->handshake());
     h->plc.setBytes(kOutputs, 1, {0x0F, 0xF0});
-    h->setData(1, QStringLiteral("Q_bit"), 14, {1, 0, 0, 1});  // bits 6, 7 of byte 1; 0, 1 of byte 2
+    h->setData(1, QString::fromLatin1("Q_bit"), 14, {1, 0, 0, 1});  // bits 6, 7 of byte 1; 0, 1 of byte 2
     h->plc.clearLog();
     EXPECT_EQ(h->runUntilIdle(10), 2);
     EXPECT_EQ(h->plc.requests()[0].group, kOutputs);
@@ -204,10 +204,10 @@ TEST_F(PollingCycle, TheRetryLimitIsEightEightTwo)
     h->addrMerge({Host::key(1, M_W, 0, 1), Host::key(1, M_W, 500, 1)});
     h->plc.injectFault(Fault::Short, 3);
     EXPECT_EQ(h->cycle(), 8);
-    EXPECT_EQ(h->errorText, QStringLiteral("1#M_W0(2)(47)"));
+    EXPECT_EQ(h->errorText, QString::fromLatin1("1#M_W0(2)(47)"));
     EXPECT_EQ(h->cycle(), 8);
     EXPECT_EQ(h->cycle(), 2);
-    EXPECT_EQ(h->errorText, QStringLiteral("1#M_W0(2)(47)"));
+    EXPECT_EQ(h->errorText, QString::fromLatin1("1#M_W0(2)(47)"));
     EXPECT_EQ(driver.commFailed, 1);
     EXPECT_TRUE(driver.frameList.isEmpty());
     // The same request three times; then the next block.
@@ -216,7 +216,7 @@ TEST_F(PollingCycle, TheRetryLimitIsEightEightTwo)
         EXPECT_EQ(h->plc.requests()[size_t(i)].frame, h->plc.requests()[1].frame);
     EXPECT_EQ(h->cycle(), 1);
     EXPECT_EQ(h->plc.requests().back().offset, 500u);
-    EXPECT_EQ(h->errorText, QStringLiteral("1#M_W500(2)(48)"));
+    EXPECT_EQ(h->errorText, QString::fromLatin1("1#M_W500(2)(48)"));
     EXPECT_EQ(driver.commFailed, 0);
 }
 

@@ -29,7 +29,7 @@ TEST_F(ReplyHandling, NoFrameInFlightGivesZeroAndAnEmptyText)
 {
     ASSERT_TRUE(h->handshake());
     ASSERT_TRUE(driver.frameList.isEmpty());
-    QString text = QStringLiteral("stale");
+    QString text = QString::fromLatin1("stale");
     QByteArray reply = replyOfSize(46);
     EXPECT_EQ(intf_dealRcvFrame(reply, text), 0);
     EXPECT_TRUE(text.isEmpty());
@@ -40,16 +40,16 @@ TEST_F(ReplyHandling, ErrorTextNamesTheItemAndTheReplySizeEvenOnSuccess)
     startWithReadBlock(100, 1);
     ASSERT_EQ(h->cycle(), 1);
     EXPECT_EQ(h->lastReply.size(), 48);
-    EXPECT_EQ(h->errorText, QStringLiteral("1#M_W100(2)(48)"));
+    EXPECT_EQ(h->errorText, QString::fromLatin1("1#M_W100(2)(48)"));
 }
 
 TEST_F(ReplyHandling, ErrorTextOnRejectedRepliesCarriesTheirSize)
 {
     startWithReadBlock(100, 1);
     EXPECT_EQ(h->cycle(Fault::Short), 8);
-    EXPECT_EQ(h->errorText, QStringLiteral("1#M_W100(2)(47)"));
+    EXPECT_EQ(h->errorText, QString::fromLatin1("1#M_W100(2)(47)"));
     EXPECT_EQ(h->cycle(Fault::NoReply), 8);
-    EXPECT_EQ(h->errorText, QStringLiteral("1#M_W100(2)(0)"));
+    EXPECT_EQ(h->errorText, QString::fromLatin1("1#M_W100(2)(0)"));
 }
 
 TEST_F(ReplyHandling, ErrorTextOfABitWriteReadUsesTheBitAddressText)
@@ -57,12 +57,12 @@ TEST_F(ReplyHandling, ErrorTextOfABitWriteReadUsesTheBitAddressText)
     ASSERT_TRUE(h->handshake());
     h->setData(1, M_bit, 83, {1});
     EXPECT_EQ(h->cycle(Fault::Long), 8);
-    EXPECT_EQ(h->errorText, QStringLiteral("1#M_bit10.3(1)(48)"));
+    EXPECT_EQ(h->errorText, QString::fromLatin1("1#M_bit10.3(1)(48)"));
 }
 
 TEST_F(ReplyHandling, ErrorTextOfTheHandshakeIsEmpty)
 {
-    h->errorText = QStringLiteral("stale");
+    h->errorText = QString::fromLatin1("stale");
     EXPECT_EQ(h->cycle(), 1);
     EXPECT_TRUE(h->errorText.isEmpty());
 }
@@ -72,7 +72,7 @@ TEST_F(ReplyHandling, ErrorTextOfAWordWrite)
     ASSERT_TRUE(h->handshake());
     h->setData(3, M_W, 10, {0x34, 0x12});
     EXPECT_EQ(h->cycle(), 1);
-    EXPECT_EQ(h->errorText, QStringLiteral("3#M_W10(2)(42)"));
+    EXPECT_EQ(h->errorText, QString::fromLatin1("3#M_W10(2)(42)"));
 }
 
 TEST_F(ReplyHandling, RetryLimitThreeGivesEightEightThenTwo)
@@ -153,7 +153,7 @@ TEST_F(ReplyHandling, TheAdsResultOfAWriteReplyIsNotExamined)
     EXPECT_EQ(h->cycle(Fault::AdsError), 1);
     EXPECT_EQ(h->lastReply.size(), 42);
     EXPECT_EQ(h->plc.bytes(kMemory, 10, 2), (std::vector<uint8_t> {0, 0}));  // not carried out
-    EXPECT_EQ(at(QStringLiteral("M"), 10).value[0], 0x34);                   // but settled as done
+    EXPECT_EQ(at(QString::fromLatin1("M"), 10).value[0], 0x34);              // but settled as done
     EXPECT_TRUE(driver.writeList.isEmpty());
 }
 
@@ -161,11 +161,11 @@ TEST_F(ReplyHandling, AnAcknowledgedWriteIsSettledAsSuccess)
 {
     ASSERT_TRUE(h->handshake());
     h->setData(1, M_W, 10, {0x34, 0x12});
-    EXPECT_EQ(at(QStringLiteral("M"), 10).writeFlag, 1);
+    EXPECT_EQ(at(QString::fromLatin1("M"), 10).writeFlag, 1);
     EXPECT_EQ(h->cycle(), 1);
     EXPECT_EQ(h->lastReply.size(), 42);
-    const _DATA_& a10 = at(QStringLiteral("M"), 10);
-    const _DATA_& a11 = at(QStringLiteral("M"), 11);
+    const _DATA_& a10 = at(QString::fromLatin1("M"), 10);
+    const _DATA_& a11 = at(QString::fromLatin1("M"), 11);
     EXPECT_EQ(a10.writeFlag, 0);
     EXPECT_EQ(a11.writeFlag, 0);
     EXPECT_EQ(a10.value[0], 0x34);
@@ -185,7 +185,7 @@ TEST_F(ReplyHandling, AWriteThatFailsForGoodIsSettledAsFailureAndDropped)
     EXPECT_EQ(h->cycle(Fault::Short), 8);
     EXPECT_EQ(h->cycle(Fault::Short), 2);
     EXPECT_TRUE(driver.writeList.isEmpty());
-    const _DATA_& a10 = at(QStringLiteral("M"), 10);
+    const _DATA_& a10 = at(QString::fromLatin1("M"), 10);
     EXPECT_EQ(a10.writeFlag, 0);
     EXPECT_EQ(a10.value[0], 0);
     // The word is reported so that the host redraws the old value: once per unit.
@@ -200,7 +200,7 @@ TEST_F(ReplyHandling, ABitWriteWhoseReadFailsForGoodIsSettledAndItsWriteDiscarde
     stopCyclicReads();
     h->plc.setBytes(kMemory, 10, {0xF0});
     h->setData(1, M_bit, 83, {1});
-    EXPECT_EQ(at(QStringLiteral("M"), 10).writeFlag, 1);
+    EXPECT_EQ(at(QString::fromLatin1("M"), 10).writeFlag, 1);
     h->clearReports();
     h->plc.clearLog();
     EXPECT_EQ(h->cycle(Fault::NoReply), 8);
@@ -213,7 +213,7 @@ TEST_F(ReplyHandling, ABitWriteWhoseReadFailsForGoodIsSettledAndItsWriteDiscarde
     for (const Request& r : h->plc.requests())
         EXPECT_EQ(r.command, kCmdRead);
     EXPECT_EQ(h->plc.byteAt(kMemory, 10), 0xF0);
-    const _DATA_& a = at(QStringLiteral("M"), 10);
+    const _DATA_& a = at(QString::fromLatin1("M"), 10);
     EXPECT_EQ(a.writeFlag, 0);
     EXPECT_EQ(a.value[0] & 0x08, 0);
     // Settled as failed: the monitored bit is reported for a redraw.
@@ -229,7 +229,7 @@ TEST_F(ReplyHandling, AReadReplyCarryingTheCachedValueCallsNoChangeRoutine)
     h->clearReports();
     ASSERT_EQ(h->cycle(), 1);
     EXPECT_TRUE(h->reports.empty());
-    EXPECT_EQ(at(QStringLiteral("M"), 10).value[0], 0x05);
+    EXPECT_EQ(at(QString::fromLatin1("M"), 10).value[0], 0x05);
 }
 
 TEST_F(ReplyHandling, ADifferentReadValueHidesTheWrittenOneUnlessBitWritesAreQueued)
@@ -242,23 +242,23 @@ TEST_F(ReplyHandling, ADifferentReadValueHidesTheWrittenOneUnlessBitWritesAreQue
     v.length = 2;
     std::memset(v.data, 0, sizeof v.data);
     for (int a : {10, 11}) {
-        _DATA_& d = adstest::unitRef(idx(QStringLiteral("M"), a));
+        _DATA_& d = adstest::unitRef(idx(QString::fromLatin1("M"), a));
         d.writeFlag = 1;
         d.writeValue[0] = 0x77;
     }
-    adstest::unitRef(idx(QStringLiteral("M"), 10)).bitWriteState = 1;
+    adstest::unitRef(idx(QString::fromLatin1("M"), 10)).bitWriteState = 1;
     h->setData(1, M_W, 200, {1, 1});  // the write list is not empty
     driver.curFrameKind = 4;
     analyzeFrameOfVal(readReply({0x55, 0x66}), 2, 46, v);
-    EXPECT_EQ(at(QStringLiteral("M"), 10).writeFlag, 1);  // queued bit write: kept
-    EXPECT_EQ(at(QStringLiteral("M"), 11).writeFlag, 0);
-    EXPECT_EQ(at(QStringLiteral("M"), 10).value[0], 0x55);
-    EXPECT_EQ(at(QStringLiteral("M"), 11).value[0], 0x66);
+    EXPECT_EQ(at(QString::fromLatin1("M"), 10).writeFlag, 1);  // queued bit write: kept
+    EXPECT_EQ(at(QString::fromLatin1("M"), 11).writeFlag, 0);
+    EXPECT_EQ(at(QString::fromLatin1("M"), 10).value[0], 0x55);
+    EXPECT_EQ(at(QString::fromLatin1("M"), 11).value[0], 0x66);
     // With no write queued the flag goes as well.
     driver.writeList.clear();
     analyzeFrameOfVal(readReply({0x56, 0x66}), 2, 46, v);
-    EXPECT_EQ(at(QStringLiteral("M"), 10).writeFlag, 0);
-    EXPECT_EQ(at(QStringLiteral("M"), 10).value[0], 0x56);
+    EXPECT_EQ(at(QString::fromLatin1("M"), 10).writeFlag, 0);
+    EXPECT_EQ(at(QString::fromLatin1("M"), 10).value[0], 0x56);
 }
 
 TEST_F(ReplyHandling, TheReadOfABitWriteDoesNotUpdateTheCache)
@@ -270,12 +270,12 @@ TEST_F(ReplyHandling, TheReadOfABitWriteDoesNotUpdateTheCache)
     h->setData(1, M_bit, 83, {1});
     h->clearReports();
     ASSERT_EQ(h->cycle(), 1);  // the read half
-    EXPECT_EQ(at(QStringLiteral("M"), 10).value[0], 0x00);
+    EXPECT_EQ(at(QString::fromLatin1("M"), 10).value[0], 0x00);
     EXPECT_TRUE(h->reports.empty());
     ASSERT_EQ(h->cycle(), 1);  // the write half, acknowledged: only bit 3 is taken over
     EXPECT_EQ(h->plc.byteAt(kMemory, 10), 0xF8);
-    EXPECT_EQ(at(QStringLiteral("M"), 10).value[0], 0x08);
-    EXPECT_EQ(at(QStringLiteral("M"), 10).writeFlag, 0);
+    EXPECT_EQ(at(QString::fromLatin1("M"), 10).value[0], 0x08);
+    EXPECT_EQ(at(QString::fromLatin1("M"), 10).writeFlag, 0);
 }
 
 TEST_F(ReplyHandling, EveryReplyByteIsStoredInItsUnit)
@@ -284,7 +284,7 @@ TEST_F(ReplyHandling, EveryReplyByteIsStoredInItsUnit)
     h->plc.setBytes(kMemory, 20, {1, 2, 3, 4, 5, 6});
     ASSERT_EQ(h->cycle(), 1);
     for (int i = 0; i < 6; ++i)
-        EXPECT_EQ(at(QStringLiteral("M"), 20 + i).value[0], i + 1) << i;
+        EXPECT_EQ(at(QString::fromLatin1("M"), 20 + i).value[0], i + 1) << i;
 }
 
 TEST_F(ReplyHandling, GivingUpOnACyclicReadStillTurnsTheReadList)
@@ -325,7 +325,7 @@ TEST_F(ReplyHandling, RecipeReadCopiesIntoTheHostBufferAndReportsEachByte)
     EXPECT_EQ(h->reports, expected);
     EXPECT_EQ(h->recipeReadFlag(), 0);
     // The recipe read refreshes the cache like any read.
-    EXPECT_EQ(at(QStringLiteral("M"), 7).value[0], 0x17);
+    EXPECT_EQ(at(QString::fromLatin1("M"), 7).value[0], 0x17);
 }
 
 TEST_F(ReplyHandling, RecipeReplyBytesBeyondTheEndOfTheReplyAreTakenAsZero)
@@ -392,8 +392,8 @@ protected:
             h->init();
             break;
         case 1:  // cyclic reads of several blocks
-            h->addrMerge(
-                {Host::key(1, M_W, 0, 64), Host::key(1, M_bit, 8000, 30), Host::key(2, QStringLiteral("I_W"), 10, 3)});
+            h->addrMerge({Host::key(1, M_W, 0, 64), Host::key(1, M_bit, 8000, 30),
+                Host::key(2, QString::fromLatin1("I_W"), 10, 3)});
             break;
         case 2:  // word writes
             h->setData(1, M_W, 10, std::vector<uint8_t>(200, 0x5A));
@@ -402,7 +402,7 @@ protected:
             h->setData(1, M_bit, 83, std::vector<uint8_t>(20, 1));
             break;
         case 4: {  // condition reads
-            KEY_ADDRESS k = Host::key(1, QStringLiteral("Q_W"), 30, 100);
+            KEY_ADDRESS k = Host::key(1, QString::fromLatin1("Q_W"), 30, 100);
             intf_addConditionRead(&k, 1);
             break;
         }
@@ -471,7 +471,7 @@ TEST_F(ReplyRobustness, OversizedReplyToAReadIsRejectedWithoutTouchingTheCache)
         EXPECT_TRUE(r == 8 || r == 2) << len;
     }
     EXPECT_EQ(driver.dataAreaList.size(), before);
-    EXPECT_EQ(at(QStringLiteral("M"), 10).value[0], 0);
+    EXPECT_EQ(at(QString::fromLatin1("M"), 10).value[0], 0);
 }
 
 }  // namespace
