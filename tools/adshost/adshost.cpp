@@ -442,6 +442,7 @@ struct Session::Impl {
         char area = '?';
         int first = 0, last = -1;  // bytes of a write
         std::vector<bool> confirmed;
+        bool transferSeen = false;  // a recipe transfer: the PLC accepted one of its requests
     };
     std::vector<ActionRec> actionRecs;
     Fatal fatal;
@@ -571,13 +572,17 @@ struct Session::Impl {
                     fail(r, ex.codes, "the PLC refused it: " + why);
                 else if (ex.codes.header)
                     r.a.codes = ex.codes;
+                if (ex.result == 1 && ex.codes.ok())
+                    r.transferSeen = true;
             }
         }
         if (ex.result == 1 && ex.purpose == 'W' && ex.codes.ok())
             markKnown(area, first, count);
-        // A recipe transfer is over when the driver has lowered its flag.
+        // A recipe transfer is over when the driver has lowered its flag after the PLC accepted
+        // its requests. The flag alone is not enough: it is still down between the action's
+        // start and the moment the host raises it.
         for (ActionRec& r : actionRecs) {
-            if (r.a.state == Action::Pending
+            if (r.a.state == Action::Pending && r.transferSeen
                 && ((r.a.kind == "recipe write" && !recipeWriteUp) || (r.a.kind == "recipe read" && !recipeReadUp)))
                 r.a.state = Action::Done;
         }
