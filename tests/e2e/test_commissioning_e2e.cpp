@@ -97,6 +97,21 @@ TEST_F(CommissioningE2E, WriteWithFortyCyclesRunsToItsEndAndIsConfirmed)
     EXPECT_EQ(r.err, "");
 }
 
+// A session that ends before a watched block was read has not shown that value: no success.
+TEST_F(CommissioningE2E, WatchedAddressNeverReadIsNoSuccess)
+{
+    const e2e::RunResult r
+        = e2e::runProgram(base({"--gap", "0", "--watch", "M_W:0", "--watch", "M_W:4000", "--cycles", "1"}), 20000);
+    ASSERT_FALSE(r.timedOut);
+    EXPECT_EQ(r.exitCode, 9) << r.out << r.err;
+    EXPECT_TRUE(hasLine(r.out, "value M_W:4000 = never read")) << r.out;
+    // Once both blocks were read, the same watch succeeds.
+    const e2e::RunResult full
+        = e2e::runProgram(base({"--gap", "0", "--watch", "M_W:0", "--watch", "M_W:4000", "--cycles", "3"}), 20000);
+    EXPECT_EQ(full.exitCode, 0) << full.out << full.err;
+    EXPECT_TRUE(hasLine(full.out, "value M_W:4000 = 0x0000")) << full.out;
+}
+
 TEST_F(CommissioningE2E, WritesWithoutWatchOrLimitAreConfirmed)
 {
     ASSERT_TRUE(sim.set(M, 20, {0xF0}));

@@ -26,6 +26,9 @@
 #ifndef ADSHOST_VERSION
 #define ADSHOST_VERSION "0.0.0.0"
 #endif
+#ifndef ADSHOST_LIBDIR
+#define ADSHOST_LIBDIR "lib"
+#endif
 #ifndef ADSHOST_DEFAULT_DRIVER
 #define ADSHOST_DEFAULT_DRIVER "/usr/lib/libads_ethernet.so"
 #endif
@@ -74,8 +77,8 @@ const char* const kExitCodes = "Exit status:\n"
                                "  7  --probe: the PLC answers but is not in RUN\n"
                                "  8  --probe: a reply that is not a well-formed answer\n"
                                "  9  an action did not finish within --action-timeout or was given up\n"
-                               "     without an error code, or a watched address was never read after other\n"
-                               "     failures (time-outs, wrong lengths)\n"
+                               "     without an error code, or a watched address was never read (the\n"
+                               "     session ended first, or its reads timed out or came back short)\n"
                                "SIGINT and SIGTERM end a session cleanly: values, actions and figures are\n"
                                "printed and the capture ends on a whole packet; the status is as above.\n"
                                "With --json every value, action, error and the figures are one JSON object\n"
@@ -197,10 +200,25 @@ struct Out {
     }
 };
 
+// The plugin installed beside this program (a package installs both under one prefix, which
+// need not be the one the program was built for), else the build's install location.
 std::string defaultDriver()
 {
-    const char* p = ADSHOST_DEFAULT_DRIVER;
-    return ::access(p, R_OK) == 0 ? std::string(p) : std::string();
+    std::vector<std::string> candidates;
+    char self[4096];
+    const ssize_t n = ::readlink("/proc/self/exe", self, sizeof self - 1);
+    if (n > 0) {
+        std::string dir(self, size_t(n));
+        dir = dir.substr(0, dir.rfind('/'));
+        const std::string prefix = dir.substr(0, dir.rfind('/'));
+        candidates.push_back(prefix + "/" ADSHOST_LIBDIR "/libads_ethernet.so");
+        candidates.push_back(prefix + "/lib/libads_ethernet.so");
+    }
+    candidates.push_back(ADSHOST_DEFAULT_DRIVER);
+    for (const std::string& c : candidates)
+        if (::access(c.c_str(), R_OK) == 0)
+            return c;
+    return std::string();
 }
 
 }  // namespace
@@ -232,7 +250,8 @@ int main(int argc, char** argv)
     };
     auto Real = [&](double lo, double hi, const std::string& what) { return plain(adstool::cli::Real(lo, hi, what)); };
     app.add_flag("--probe", probeMode, "check the path to a PLC with frames of\nits own instead (no driver needed)");
-    app.add_option("--driver", driverPath, "driver plugin (libads_ethernet.so); default\n" ADSHOST_DEFAULT_DRIVER)
+    app.add_option("--driver", driverPath,
+           "driver plugin (libads_ethernet.so); default:\nbeside adshost (../lib), else\n" ADSHOST_DEFAULT_DRIVER)
         ->type_name("PATH");
     app.add_option("--plc", plcText, "PLC address and AMS/TCP port (usually\n48898), e.g. 192.168.1.100:48898")
         ->type_name("HOST:PORT")
@@ -699,7 +718,8 @@ int main(int argc, char** argv)
     } else if (anyUnfinished) {
         status = ExitUnfinished;
         reason = "an action did not finish or failed";
-    } else if (neverRead && errorsTotal > 0) {
+    } else if (neverRead) {
+        // A value the PLC never sent is no success, whether reads failed or time ran out.
         status = adsErrorSeen ? ExitAdsError : ExitUnfinished;
         reason = "a watched address was never read";
     } else if (!session.handshakeDone()) {
