@@ -11,10 +11,10 @@
 
 using namespace drv;
 
-namespace {
+namespace drv {
 
 /* A new cached unit: the three keys, everything else zero. */
-_DATA_ newArea(int keyNo, const QString& areaName, int address)
+_DATA_ newCachedUnit(int keyNo, const QString& areaName, int address)
 {
     _DATA_ d;
     d.spare = 0;
@@ -29,6 +29,10 @@ _DATA_ newArea(int keyNo, const QString& areaName, int address)
     memset(d.writeValue, 0, sizeof(d.writeValue));
     return d;
 }
+
+}  // namespace drv
+
+namespace {
 
 DATA_AREA_KEY keyOf(int keyNo, int nameId, int address)
 {
@@ -55,7 +59,7 @@ int findOrCreateArea(int keyNo, int nameId, int address)
         return position;
     QList<_DATA_>& list = driver.dataAreaList;
     position = list.size();
-    list.append(newArea(keyNo, index.texts(nameId).name, address));
+    list.append(newCachedUnit(keyNo, index.texts(nameId).name, address));
     index.insert(keyNo, nameId, address, position);
     return position;
 }
@@ -149,7 +153,7 @@ int getIndexOfDataArea(int keyNo, QString areaName, int address, QList<_DATA_>& 
         if (d.keyNo == keyNo && d.areaName == areaName && d.address == address)
             return i;
     }
-    list.append(newArea(keyNo, areaName, address));
+    list.append(newCachedUnit(keyNo, areaName, address));
     return list.size() - 1;
 }
 

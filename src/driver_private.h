@@ -119,6 +119,9 @@ inline int wrapMul(int a, int b)
 
 inline int clampInt(int v, int lo, int hi) { return v < lo ? lo : (v > hi ? hi : v); }
 
+/* A new cached unit: the three keys, everything else zero (cache.cpp). */
+_DATA_ newCachedUnit(int keyNo, const QString& areaName, int address);
+
 /* The area a register's units are cached under: its name up to the first "_". */
 inline QString areaOf(const QString& regName)
 {

@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "ads_ethernet.h"
+#include "driver_private.h"
 #include "test_plc.h"
 
 namespace adstest {
@@ -187,21 +188,7 @@ inline int unitIndex(const QString& area, int address, int keyNo = 1)
 inline _DATA_& unitRef(int index) { return driver.dataAreaList[index]; }
 
 // A unit as the driver creates it: the three keys, everything else zero.
-inline _DATA_ makeUnit(int keyNo, const QString& area, int address)
-{
-    _DATA_ d;
-    d.spare = 0;
-    d.writeFlag = 0;
-    d.bitWriteState = 0;
-    d.monitorFlag = 0;
-    d.bitMonitorMask = 0;
-    d.keyNo = keyNo;
-    d.areaName = area;
-    d.address = address;
-    std::memset(d.value, 0, sizeof d.value);
-    std::memset(d.writeValue, 0, sizeof d.writeValue);
-    return d;
-}
+inline _DATA_ makeUnit(int keyNo, const QString& area, int address) { return drv::newCachedUnit(keyNo, area, address); }
 
 inline _DATA_ makeUnit(int keyNo, const char* area, int address) { return makeUnit(keyNo, L(area), address); }
 
