@@ -23,6 +23,7 @@ die() {
   echo "check-differential-mutants: $*" >&2
   exit 2
 }
+source "$root/scripts/lib/plugin-build.sh"
 
 while (($#)); do
   case "$1" in
@@ -69,10 +70,7 @@ while IFS=$'\t' read -r name file from to what; do
   [[ "$n" == 1 ]] || die "mutant $name: the text to replace occurs $n times in $file, not once"
   printf '%s' "${content/"$from"/"$to"}" > "$target"
   cmp -s "$target" <(git -C "$root" show "$full:$file") && die "mutant $name: nothing was changed"
-  cmake -S "$dir/src" -B "$dir/build" -DADS_BUILD_TESTS=OFF -DADS_BUILD_TOOLS=OFF > "$dir/configure.log" 2>&1 \
-    || { cat "$dir/configure.log" >&2; die "mutant $name does not configure"; }
-  cmake --build "$dir/build" -j"$jobs" --target ads_ethernet > "$dir/build.log" 2>&1 \
-    || { tail -40 "$dir/build.log" >&2; die "mutant $name does not build"; }
+  build_plugin_only "$dir/src" "$dir/build" "mutant $name"
 
   set +e
   out=$(bash "$root/scripts/run-differential.sh" --baseline "$full" --work "$work" \

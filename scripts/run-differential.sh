@@ -37,6 +37,7 @@ die() {
   echo "run-differential: $*" >&2
   exit 2
 }
+source "$root/scripts/lib/plugin-build.sh"
 
 while (($#)); do
   case "$1" in
@@ -74,20 +75,14 @@ fi
 grep -q 'ADS_BUILD_TESTS' "$base/src/CMakeLists.txt" && grep -q 'ADS_BUILD_TOOLS' "$base/src/CMakeLists.txt" \
   || die "baseline $baseline has no ADS_BUILD_TESTS/ADS_BUILD_TOOLS options: no plugin-only build"
 echo "run-differential: building the BEFORE plugin from ${full:0:12}"
-cmake -S "$base/src" -B "$base/build$flavour" "${qt[@]}" -DADS_BUILD_TESTS=OFF -DADS_BUILD_TOOLS=OFF > "$base/configure.log" 2>&1 \
-  || { cat "$base/configure.log" >&2; die "the baseline does not configure"; }
-cmake --build "$base/build$flavour" -j"$jobs" --target ads_ethernet > "$base/build.log" 2>&1 \
-  || { tail -40 "$base/build.log" >&2; die "the baseline plugin does not build"; }
+build_plugin_only "$base/src" "$base/build$flavour" "the baseline" "${qt[@]}"
 before_plugin=$base/build$flavour/src/libads_ethernet.so
 [[ -f "$before_plugin" ]] || die "no baseline plugin at $before_plugin"
 
 # ---------------------------------------------------------------- AFTER: the working tree
 if [[ -z "$after_plugin" ]]; then
   echo "run-differential: building the AFTER plugin from the working tree $root"
-  cmake -S "$root" -B "$work/after$flavour" "${qt[@]}" -DADS_BUILD_TESTS=OFF -DADS_BUILD_TOOLS=OFF > "$work/after-configure.log" 2>&1 \
-    || { cat "$work/after-configure.log" >&2; die "the working tree does not configure"; }
-  cmake --build "$work/after$flavour" -j"$jobs" --target ads_ethernet > "$work/after-build.log" 2>&1 \
-    || { tail -40 "$work/after-build.log" >&2; die "the working tree's plugin does not build"; }
+  build_plugin_only "$root" "$work/after$flavour" "the working tree" "${qt[@]}"
   after_plugin=$work/after$flavour/src/libads_ethernet.so
 fi
 if [[ -d "$after_plugin" ]]; then

@@ -71,14 +71,23 @@ static int failWith(int fd, std::string* why, const std::string& text)
     return -1;
 }
 
-int connectTcp(const std::string& host, uint16_t port, const Deadline& deadline, std::string* why)
+// A non-blocking IPv4 TCP socket for host:port, with the address filled in; -1 with a reason.
+static int openTcpSocket(const std::string& host, uint16_t port, sockaddr_in& a, std::string* why)
 {
-    sockaddr_in a;
     if (!toSockaddr(host, port, a))
         return failWith(-1, why, "'" + host + "' is not an IPv4 address");
     const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (fd < 0)
         return failWith(-1, why, std::string("socket: ") + std::strerror(errno));
+    return fd;
+}
+
+int connectTcp(const std::string& host, uint16_t port, const Deadline& deadline, std::string* why)
+{
+    sockaddr_in a;
+    const int fd = openTcpSocket(host, port, a, why);
+    if (fd < 0)
+        return -1;
     const int one = 1;
     ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
     const std::string where = host + ":" + std::to_string(port);
@@ -101,11 +110,9 @@ int connectTcp(const std::string& host, uint16_t port, const Deadline& deadline,
 int listenTcp(const std::string& host, uint16_t port, sockaddr_in* bound, std::string* why, int backlog)
 {
     sockaddr_in a;
-    if (!toSockaddr(host, port, a))
-        return failWith(-1, why, "'" + host + "' is not an IPv4 address");
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    const int fd = openTcpSocket(host, port, a, why);
     if (fd < 0)
-        return failWith(-1, why, std::string("socket: ") + std::strerror(errno));
+        return -1;
     const int one = 1;
     ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
     if (::bind(fd, reinterpret_cast<const sockaddr*>(&a), sizeof a) < 0 || ::listen(fd, backlog) < 0)
