@@ -534,7 +534,7 @@ int main(int argc, char** argv)
             if (allSettled || adshost::nowMs() >= actionDeadline)
                 break;
         }
-        const adshost::Exchange ex = session.step();
+        const adshost::Exchange& ex = session.step();
         if (session.failedForGood())
             break;
         ++done;
