@@ -48,9 +48,10 @@ double nowSec()
     return duration_cast<duration<double>>(steady_clock::now().time_since_epoch()).count();
 }
 
-bool endsWith(const std::string& s, const std::string& tail)
+bool endsWith(const std::string& s, const char* tail)
 {
-    return s.size() >= tail.size() && s.compare(s.size() - tail.size(), tail.size(), tail) == 0;
+    const size_t n = std::strlen(tail);
+    return s.size() >= n && s.compare(s.size() - n, n, tail) == 0;
 }
 
 bool parseInt(const std::string& text, long long& out)
@@ -104,36 +105,41 @@ std::string netIdOf(const uint8_t* p) { return adstool::NetId::fromBytes(p).str(
 // into storage the string already has.
 void assignText(std::string& out, const QString& s)
 {
-    const QChar* c = s.constData();
-    const int n = s.size();
-    for (int i = 0; i < n; ++i)
-        if (c[i].unicode() > 0x7F) {
-            out = s.toStdString();
-            return;
-        }
-    out.resize(size_t(n));
-    for (int i = 0; i < n; ++i)
-        out[size_t(i)] = char(c[i].unicode());
+    const ushort* c = s.utf16();
+    const size_t n = size_t(s.size());
+    out.resize(n);
+    ushort any = 0;
+    for (size_t i = 0; i < n; ++i) {
+        any |= c[i];
+        out[i] = char(c[i]);
+    }
+    if (any > 0x7F)
+        out = s.toStdString();
 }
 
-// Back to an empty exchange, keeping the storage of its strings and frame.
+// Back to an empty exchange, keeping the storage of its strings and frame. Every field of
+// Exchange is set here (a test compares the result with a default Exchange).
 void resetExchange(Exchange& ex)
 {
-    std::string errorText, varReg, sourceNetId;
-    std::vector<uint8_t> frame;
-    errorText.swap(ex.errorText);
-    varReg.swap(ex.varReg);
-    sourceNetId.swap(ex.sourceNetId);
-    frame.swap(ex.frame);
-    ex = Exchange();
-    errorText.clear();
-    varReg.clear();
-    sourceNetId.clear();
-    frame.clear();
-    ex.errorText.swap(errorText);
-    ex.varReg.swap(varReg);
-    ex.sourceNetId.swap(sourceNetId);
-    ex.frame.swap(frame);
+    ex.sent = 0;
+    ex.result = -1;
+    ex.errorText.clear();
+    ex.sendLen = 0;
+    ex.commandId = 0;
+    ex.readLen = 0;
+    ex.varReg.clear();
+    ex.varAddress = ex.varLength = ex.varKind = 0;
+    ex.replyBytes = 0;
+    ex.recvChunks = 0;
+    ex.timedOut = false;
+    ex.connectionLost = false;
+    ex.cyclicRead = false;
+    ex.purpose = 0;
+    ex.codes = ReplyCodes();
+    ex.targetPort = 0;
+    ex.sourceNetId.clear();
+    ex.rttMs = 0;
+    ex.frame.clear();
 }
 
 }  // namespace
@@ -805,6 +811,9 @@ struct Session::Impl {
     // source Net ID's text (made again only when the driver's bytes change).
     Exchange current;
     std::vector<uint8_t> reply;
+    QByteArray replyBytes;  // the reply as handed to the driver (its storage kept)
+    QString regName;        // the frame's register, and its text
+    std::string regText;
     uint8_t sourceNetIdBytes[6] = {};
     std::string sourceNetIdText;
 
@@ -1149,7 +1158,11 @@ const Exchange& Session::step()
     ex.sendLen = std::max(0, std::min(f.sendLen, 1024));
     ex.commandId = f.frame[22] | f.frame[23] << 8;
     ex.readLen = f.readLen;
-    assignText(ex.varReg, f.var.regName);
+    if (!f.var.regName.isSharedWith(s.regName) || s.regName.isEmpty()) {  // the driver's table: shared
+        s.regName = f.var.regName;
+        assignText(s.regText, s.regName);
+    }
+    ex.varReg = s.regText;
     ex.varAddress = f.var.address;
     ex.varLength = f.var.length;
     ex.varKind = f.var.kind;
@@ -1212,10 +1225,11 @@ const Exchange& Session::step()
     }
 
     // Hand over what arrived, also nothing, so that the driver counts a failure.
-    // The reply's bytes lent to the driver, not copied (it does not keep them).
-    QByteArray bytes;
+    // The reply's bytes in an array whose storage stays from one request to the next.
+    QByteArray& bytes = s.replyBytes;
+    bytes.resize(int(reply.size()));
     if (!reply.empty())
-        bytes = QByteArray::fromRawData(reinterpret_cast<const char*>(reply.data()), int(reply.size()));
+        std::memcpy(bytes.data(), reply.data(), reply.size());
     QString& errorText = s.errorText;  // kept, so the driver writes into the same storage
     ex.replyBytes = int(reply.size());
     ex.result = s.plugin.dealRcvFrame(bytes, errorText);
