@@ -26,7 +26,8 @@
 #
 # --session: the whole session, host and driver together: adshost (tools/adshost) polls a
 # 400-byte screen (--watch M_W:0:200, one read block) against plcsim on 127.0.0.1; plcsim runs
-# natively, adshost under callgrind, twice (SESSION_CYCLES, default "2000 6000" requests). The
+# natively, adshost under callgrind, twice (SESSION_CYCLES, default "6000 12000" requests: both
+# past the first 4096, after which the host's record of exchanges is full and reused). The
 # instructions per request after start-up are the difference of the two totals divided by the
 # difference of the requests; start-up, the handshake and the end are the same in both runs.
 # SESSION_WATCH changes the screen; ANNOTATE=1 prints the top functions inside
@@ -57,7 +58,7 @@ if [ "${1:-}" = --session ]; then
   port=$(sed -n 's/^ads_port=//p' "$out/ports")
   [ -n "$port" ] || { echo "plcsim did not start" >&2; cat "$out/plcsim.log" >&2; exit 1; }
   watch=${SESSION_WATCH:-M_W:0:200}
-  read -r -a cycles <<<"${SESSION_CYCLES:-2000 6000}"
+  read -r -a cycles <<<"${SESSION_CYCLES:-6000 12000}"
   [ "${#cycles[@]}" = 2 ] && [ "${cycles[1]}" -gt "${cycles[0]}" ] ||
     { echo "SESSION_CYCLES takes two counts, the second larger" >&2; exit 2; }
   session() {  # session CYCLES OUTFILE [callgrind options...]: prints the total instructions

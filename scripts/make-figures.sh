@@ -52,9 +52,8 @@ set xlabel "cached units"
 set ylabel "instructions per read"
 set logscale x
 set xrange [50:60000]
-set yrange [0:*]
-set format y "%'.0f"
-set decimal locale "C"
+set yrange [0:52000]
+set key top left horizontal
 plot "$reads" using 1:2 with linespoints lw 2 pt 7 title "every byte changes (128 reports)", \
      "$reads" using 1:3 with linespoints lw 2 pt 5 title "no byte changes"
 EOF
