@@ -1480,7 +1480,13 @@ int main(int argc, char** argv)
                     ++qi;
                 if (qi >= tapReqs.size() || tapReqs[qi].tUs > r.t1 || r.replyBytes == 0)
                     continue;
-                const TapRequest& q = tapReqs[qi];
+                // The exchange's own request is the last one the tap forwarded in its window:
+                // the request of an earlier exchange that timed out may reach the simulator
+                // late, in this window, before the host has drained its reply and sent its own.
+                size_t own = qi;
+                while (own + 1 < tapReqs.size() && tapReqs[own + 1].tUs <= r.t1)
+                    ++own;
+                const TapRequest& q = tapReqs[own];
                 while (yi < tapReplies.size() && tapReplies[yi].tUs < q.tUs)
                     ++yi;
                 if (yi >= tapReplies.size() || tapReplies[yi].tUs > r.t1)
