@@ -1489,9 +1489,14 @@ int main(int argc, char** argv)
                 const TapRequest& q = tapReqs[own];
                 while (yi < tapReplies.size() && tapReplies[yi].tUs < q.tUs)
                     ++yi;
-                if (yi >= tapReplies.size() || tapReplies[yi].tUs > r.t1)
+                // On the request's connection: a late reply on a connection the host has
+                // already closed never reaches it.
+                size_t yj = yi;
+                while (yj < tapReplies.size() && tapReplies[yj].conn != q.conn && tapReplies[yj].tUs <= r.t1)
+                    ++yj;
+                if (yj >= tapReplies.size() || tapReplies[yj].tUs > r.t1)
                     continue;
-                const TapReply& y = tapReplies[yi];
+                const TapReply& y = tapReplies[yj];
                 if (y.tag == q.tag)
                     continue;
                 auto f = byTag.find(y.tag);

@@ -105,13 +105,14 @@ std::string netIdOf(const uint8_t* p) { return adstool::NetId::fromBytes(p).str(
 // into storage the string already has.
 void assignText(std::string& out, const QString& s)
 {
-    const ushort* c = s.utf16();
+    const QChar* c = s.constData();
     const size_t n = size_t(s.size());
     out.resize(n);
-    ushort any = 0;
+    unsigned any = 0;
     for (size_t i = 0; i < n; ++i) {
-        any |= c[i];
-        out[i] = char(c[i]);
+        const unsigned u = c[i].unicode();
+        any |= u;
+        out[i] = char(u);
     }
     if (any > 0x7F)
         out = s.toStdString();
