@@ -4,7 +4,9 @@
 #include "adstool/le.h"
 
 #include <cctype>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 
 namespace adstool {
 namespace udp {
@@ -497,6 +499,34 @@ bool readAddRouteAnswer(const Packet& p, uint32_t& status, std::string* why)
         return fail(why, "no tag 1 (status)");
     if (!u32Value(*t, status))
         return fail(why, "tag 1 (status) has " + std::to_string(t->value.size()) + " bytes, not 4");
+    return true;
+}
+
+bool readPasswordFile(const std::string& path, std::string& out, std::string* why)
+{
+    FILE* f = std::fopen(path.c_str(), "rb");
+    if (!f)
+        return fail(why, "cannot read " + path + ": " + std::strerror(errno));
+    std::string text;
+    char buf[512];
+    size_t n = 0;
+    while ((n = std::fread(buf, 1, sizeof buf, f)) > 0 && text.size() <= 1024)
+        text.append(buf, n);
+    const bool readError = std::ferror(f) != 0;
+    std::fclose(f);
+    if (readError)
+        return fail(why, "cannot read " + path);
+    if (text.size() > 1026)
+        return fail(why, path + " holds more than 1024 bytes: not a password file");
+    if (!text.empty() && text.back() == '\n')
+        text.pop_back();
+    if (!text.empty() && text.back() == '\r')
+        text.pop_back();
+    if (text.size() > 1024)
+        return fail(why, path + " holds more than 1024 bytes: not a password file");
+    if (text.find('\0') != std::string::npos)
+        return fail(why, path + " holds a NUL byte: not a password file");
+    out = text;
     return true;
 }
 

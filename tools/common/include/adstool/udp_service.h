@@ -162,6 +162,10 @@ std::vector<uint8_t> addRouteAnswer(uint32_t invokeId, const NetId& device, uint
 // An answer (service 0x80000006) with a status tag.
 bool readAddRouteAnswer(const Packet& p, uint32_t& status, std::string* why = nullptr);
 
+// The password kept in a file (--password-file): its text without one trailing line end
+// ("\n" or "\r\n"), at most 1024 bytes. False with why when it cannot be read.
+bool readPasswordFile(const std::string& path, std::string& out, std::string* why = nullptr);
+
 }  // namespace udp
 }  // namespace adstool
 
