@@ -399,14 +399,17 @@ int runDiscover(const DiscoverOptions& opt, FILE* outFile, FILE* errFile)
     std::string from;
     for (int guard = 0; guard < 10000 && sock.receive(deadline, data, from); ++guard) {
         const Collector::Result r = collector.take(data.data(), data.size(), from);
-        if (r == Collector::NewDevice)
+        if (r == Collector::NewDevice) {
             out.line(deviceText(collector.devices().back()), deviceJson(collector.devices().back()));
-        else if (r == Collector::Malformed)
+            if (!opt.host.empty())
+                break;  // the one device asked has answered
+        } else if (r == Collector::Malformed)
             say(errFile, "adshost: ignored a malformed " + collector.lastWhy());
     }
     const size_t n = collector.devices().size();
-    std::string summary = std::to_string(n) + (n == 1 ? " device" : " devices") + " answered within "
-        + std::to_string(opt.timeoutMs) + " ms";
+    std::string summary = std::to_string(n) + (n == 1 ? " device" : " devices") + " answered";
+    if (opt.host.empty() || n == 0)
+        summary += " within " + std::to_string(opt.timeoutMs) + " ms";
     if (collector.malformed() > 0)
         summary += "; " + std::to_string(collector.malformed()) + " malformed answers ignored";
     if (collector.foreign() > 0)

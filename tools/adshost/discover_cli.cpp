@@ -13,14 +13,16 @@ namespace adshost {
 namespace discover {
 
 const char* const kCliDescription
-    = "Discovery lists the ADS devices that answer on UDP port 48899 (every interface's\n"
-      "broadcast address, one --broadcast address, or one --plc HOST):\n"
-      "  adshost --discover [--plc HOST | --broadcast ADDR] [--udp-port N] [--timeout-ms MS]\n"
-      "Add-route asks the device for a route for this panel's AMS Net ID (the driver's rule):\n"
-      "  adshost --add-route --plc HOST --user NAME [--password-file FILE | --password-env VAR]\n"
-      "          [--netid PLC_NETID] [--route-name NAME] [--local-netid NETID]\n"
-      "          [--local-address ADDR] [--temporary] [--udp-port N]\n"
-      "  without --password-file or --password-env the password is asked for on the terminal";
+    = "Discovery lists the ADS devices that answer on UDP port 48899 (every\n"
+      "interface's broadcast address, one --broadcast address, or one --plc HOST):\n"
+      "  adshost --discover [--plc HOST | --broadcast ADDR] [--udp-port N]\n"
+      "          [--timeout-ms MS]\n"
+      "Add-route asks the device for a route for this panel's AMS Net ID (the\n"
+      "driver's rule); without --password-file or --password-env the password is\n"
+      "asked for on the terminal:\n"
+      "  adshost --add-route --plc HOST --user NAME [--password-file FILE |\n"
+      "          --password-env VAR] [--netid PLC_NETID] [--route-name NAME]\n"
+      "          [--local-netid NETID] [--local-address ADDR] [--temporary]";
 
 void addCliOptions(CLI::App& app, CliOptions& o)
 {
