@@ -232,10 +232,12 @@ TEST(Discovery, MalformedAnswersAreIgnoredAndCounted)
 // exactly the Net ID the driver sends; then polling works.
 TEST(Discovery, AddRouteThenPollingWorks)
 {
-    const std::string address = machineAddress();
-    if (address.empty())
+    const std::string first = machineAddress();
+    if (first.empty())
         GTEST_SKIP() << "this machine has no IPv4 address but loopback: the driver's rule finds no own address";
-    const std::string plcNetId = plcNetIdFor(address);
+    const std::string plcNetId = plcNetIdFor(first);
+    const std::string address = adshost::probe::panelAddressFor(plcNetId, adshost::probe::localIpv4Addresses());
+    ASSERT_FALSE(address.empty());
     const std::string panelNetId = address + ".1.1";
     Simulator sim;
     const std::string passwordFile = tempPath("password");
