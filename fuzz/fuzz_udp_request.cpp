@@ -66,7 +66,8 @@ void once(const uint8_t* data, size_t size, bool broadcastWhileStopped)
     const bool accepted = status == udp::kStatusAccepted;
     if (accepted != (routes.routes().size() == 1))
         fail("a route kept without 'accepted', or 'accepted' without a route");
-    if (accepted && (udp::readAddRouteRequest(request, r) != udp::kStatusAccepted || routes.routes()[0].netId != r.netId))
+    if (accepted
+        && (udp::readAddRouteRequest(request, r) != udp::kStatusAccepted || routes.routes()[0].netId != r.netId))
         fail("a route for another Net ID than the request's");
 }
 

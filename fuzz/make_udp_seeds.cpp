@@ -89,8 +89,8 @@ bool handle(const Seeds& seeds, const std::string& dir, bool check)
             std::ifstream f(path, std::ios::binary);
             const Bytes have((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
             if (!f.is_open() || have != seed.second) {
-                std::fprintf(stderr, "make_udp_seeds: %s is not what the codec writes now: run make_udp_seeds\n",
-                    path.c_str());
+                std::fprintf(
+                    stderr, "make_udp_seeds: %s is not what the codec writes now: run make_udp_seeds\n", path.c_str());
                 ok = false;
             }
         } else {

@@ -153,8 +153,8 @@ TEST(Discovery, DiscoverOnLoopbackListsTheSimulator)
 
     RunResult r = adshost({"--discover", "--plc", "127.0.0.1", "--udp-port", sim.udpPort(), "--timeout-ms", "3000"});
     EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
-    EXPECT_TRUE(contains(r.out,
-        "device 127.0.0.1: AMS Net ID 5.6.7.8.1.1, host name \"plc-a\", runtime 3.1.4026, OS BSD 12.1.7\n"))
+    EXPECT_TRUE(contains(
+        r.out, "device 127.0.0.1: AMS Net ID 5.6.7.8.1.1, host name \"plc-a\", runtime 3.1.4026, OS BSD 12.1.7\n"))
         << r.out;
     EXPECT_TRUE(contains(r.out, "1 device answered\n")) << r.out;
 
@@ -207,7 +207,7 @@ TEST(Discovery, MalformedAnswersAreIgnoredAndCounted)
             std::vector<uint8_t> cut(good.begin(), good.end() - 1);  // the host name's NUL is missing
             device.sendTo(from, cut);
             device.sendTo(from, udp::PacketWriter(p.invokeId, 0x80000001u, info.netId).u32(5, 7).finish());
-            device.sendTo(from, {1, 2, 3});                                   // not this service at all
+            device.sendTo(from, {1, 2, 3});                                    // not this service at all
             device.sendTo(from, udp::deviceInfoAnswer(p.invokeId + 1, info));  // another request's answer
             device.sendTo(from, good);
         }
@@ -218,8 +218,9 @@ TEST(Discovery, MalformedAnswersAreIgnoredAndCounted)
     responder.join();
     EXPECT_EQ(requests.load(), 1);
     EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
-    EXPECT_TRUE(contains(r.out, "device 127.0.0.1: AMS Net ID 9.9.9.9.1.1, host name \"fake\", runtime not reported, "
-                                "OS not reported\n"))
+    EXPECT_TRUE(contains(r.out,
+        "device 127.0.0.1: AMS Net ID 9.9.9.9.1.1, host name \"fake\", runtime not reported, "
+        "OS not reported\n"))
         << r.out;
     EXPECT_TRUE(contains(r.out, "1 device answered; 2 malformed answers ignored; 2 other packets ignored")) << r.out;
     EXPECT_TRUE(contains(r.err, "adshost: ignored a malformed answer from 127.0.0.1: tag 5 (computer name) says"))
@@ -243,9 +244,8 @@ TEST(Discovery, AddRouteThenPollingWorks)
     const std::string passwordFile = tempPath("password");
     writeFile(passwordFile, "s3cret-Pw\n");
     ASSERT_TRUE(sim.start({"--netid", plcNetId, "--route", "10.9.8.7.1.1", "--password-file", passwordFile}));
-    const std::vector<std::string> poll
-        = {"--driver", ADS_PLUGIN, "--plc", sim.plc(), "--netid", plcNetId, "--watch", "M_W:0", "--cycles", "3",
-            "--timeout-ms", "200", "--retries", "1"};
+    const std::vector<std::string> poll = {"--driver", ADS_PLUGIN, "--plc", sim.plc(), "--netid", plcNetId, "--watch",
+        "M_W:0", "--cycles", "3", "--timeout-ms", "200", "--retries", "1"};
 
     RunResult r = adshost(poll);
     EXPECT_EQ(r.exitCode, 4) << r.out << r.err;
@@ -255,8 +255,10 @@ TEST(Discovery, AddRouteThenPollingWorks)
     r = adshost({"--add-route", "--plc", "127.0.0.1", "--udp-port", sim.udpPort(), "--user", "Administrator",
         "--password-env", "DISCOVERY_TEST_PASSWORD", "--timeout-ms", "3000"});
     EXPECT_EQ(r.exitCode, 6) << r.out << r.err;
-    EXPECT_TRUE(contains(r.out, "for AMS Net ID " + panelNetId + " (address " + address + ", static) refused by "
-                                "127.0.0.1: 0x704 (user name or password refused)\n"))
+    EXPECT_TRUE(contains(r.out,
+        "for AMS Net ID " + panelNetId + " (address " + address
+            + ", static) refused by "
+              "127.0.0.1: 0x704 (user name or password refused)\n"))
         << r.out;
     EXPECT_FALSE(contains(r.out + r.err, "wrong-one"));
 
@@ -264,8 +266,9 @@ TEST(Discovery, AddRouteThenPollingWorks)
     r = adshost({"--add-route", "--plc", "127.0.0.1", "--udp-port", sim.udpPort(), "--user", "Administrator",
         "--password-file", passwordFile, "--route-name", "panel one", "--json"});
     EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
-    EXPECT_TRUE(contains(r.out, "{\"type\":\"route\",\"status\":\"accepted\",\"device_status\":0,\"netid\":\""
-            + panelNetId + "\",\"address\":\"" + address + "\",\"name\":\"panel one\",\"temporary\":false"))
+    EXPECT_TRUE(contains(r.out,
+        "{\"type\":\"route\",\"status\":\"accepted\",\"device_status\":0,\"netid\":\"" + panelNetId
+            + "\",\"address\":\"" + address + "\",\"name\":\"panel one\",\"temporary\":false"))
         << r.out;
     EXPECT_FALSE(contains(r.out + r.err, "s3cret"));
     EXPECT_EQ(sim.routes(), "ok 2 10.9.8.7.1.1:command-line " + panelNetId + ":static");
@@ -341,14 +344,15 @@ TEST(Discovery, RestartKeepsStaticRouteDropsTemporary)
         return adshost(a);
     };
     auto probeAs = [&](const std::string& source) {
-        return adshost({"--probe", "--plc", sim.plc(), "--netid", "5.6.7.8.1.1", "--source-netid", source,
-                           "--udp-port", sim.udpPort(), "--timeout-ms", "300"})
+        return adshost({"--probe", "--plc", sim.plc(), "--netid", "5.6.7.8.1.1", "--source-netid", source, "--udp-port",
+                           sim.udpPort(), "--timeout-ms", "300"})
             .exitCode;
     };
     RunResult r = addRoute("10.1.1.1.1.1", false);
     EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
-    EXPECT_TRUE(contains(r.out, "route \"r-10.1.1.1.1.1\" for AMS Net ID 10.1.1.1.1.1 (address 10.1.1.1, static) "
-                                "accepted by 127.0.0.1\n"))
+    EXPECT_TRUE(contains(r.out,
+        "route \"r-10.1.1.1.1.1\" for AMS Net ID 10.1.1.1.1.1 (address 10.1.1.1, static) "
+        "accepted by 127.0.0.1\n"))
         << r.out;
     r = addRoute("10.2.2.2.1.1", true);
     EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
@@ -361,6 +365,8 @@ TEST(Discovery, RestartKeepsStaticRouteDropsTemporary)
         "# plcsim routes, one a line: NETID ADDRESS NAME (static routes added over UDP)\n"
         "10.1.1.1.1.1 10.1.1.1 r-10.1.1.1.1.1\n");
 
+    EXPECT_FALSE(std::ifstream(routeFile + ".tmp" + std::to_string(sim.proc.pid())).is_open());
+
     EXPECT_EQ(sim.stop(), 0);
     ASSERT_TRUE(sim.start(simArgs));
     EXPECT_EQ(sim.routes(), "ok 2 10.9.8.7.1.1:command-line 10.1.1.1.1.1:static");
@@ -371,11 +377,32 @@ TEST(Discovery, RestartKeepsStaticRouteDropsTemporary)
     std::remove(passwordFile.c_str());
 }
 
+// A static route that cannot be kept is refused (0x700), never accepted and lost at the next
+// restart; a temporary one needs no file.
+TEST(Discovery, StaticRouteThatCannotBeWrittenIsRefused)
+{
+    const std::string routeFile = tempPath("no-such-folder") + "/routes";
+    Simulator sim;
+    ASSERT_TRUE(sim.start({"--netid", "5.6.7.8.1.1", "--route-file", routeFile}));
+    ::setenv("DISCOVERY_TEST_PASSWORD", "1", 1);
+    std::vector<std::string> a = {"--add-route", "--plc", "127.0.0.1", "--udp-port", sim.udpPort(), "--user",
+        "Administrator", "--password-env", "DISCOVERY_TEST_PASSWORD", "--local-netid", "10.1.1.1.1.1"};
+    RunResult r = adshost(a);
+    EXPECT_EQ(r.exitCode, 6) << r.out << r.err;
+    EXPECT_TRUE(contains(r.out, "refused by 127.0.0.1: 0x700 (device error)\n")) << r.out;
+    EXPECT_EQ(sim.routes(), "ok 0");
+    a.push_back("--temporary");
+    r = adshost(a);
+    EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
+    EXPECT_EQ(sim.routes(), "ok 1 10.1.1.1.1.1:temporary");
+}
+
 TEST(Discovery, BadRouteFileStopsTheSimulator)
 {
     const std::string routeFile = tempPath("routes");
     writeFile(routeFile, "10.1.1.1.1.1 10.1.1.1 fine\nnot a route\n");
-    const RunResult r = runProgram({PLCSIM_EXE, "--listen", "127.0.0.1:0", "--udp-port", "0", "--route-file", routeFile}, 5000);
+    const RunResult r
+        = runProgram({PLCSIM_EXE, "--listen", "127.0.0.1:0", "--udp-port", "0", "--route-file", routeFile}, 5000);
     EXPECT_EQ(r.exitCode, 1);
     EXPECT_EQ(r.err, "plcsim: --route-file: " + routeFile + " line 2 is not 'NETID ADDRESS NAME': 'not a route'\n");
     std::remove(routeFile.c_str());
@@ -393,8 +420,8 @@ TEST(Discovery, MalformedAndForeignPacketsAreIgnoredAndCounted)
     adstool::NetId::parse("10.0.0.5.1.1", me);
     const std::vector<uint8_t> good = udp::deviceInfoRequest(42, me);
     std::vector<std::vector<uint8_t>> bad = {
-        {},                                          // empty
-        {0x03, 0x66, 0x14},                          // a cookie cut short
+        {},                                                  // empty
+        {0x03, 0x66, 0x14},                                  // a cookie cut short
         std::vector<uint8_t>(good.begin(), good.end() - 1),  // header cut
         udp::PacketWriter(1, 1, me).u32(1, 0).finish(),      // ... then a tag cut off below
         udp::deviceInfoAnswer(1, udp::DeviceInfo()),         // an answer, not a request
@@ -449,7 +476,8 @@ TEST(Discovery, AUdpPortInUse)
         = runProgram({PLCSIM_EXE, "--listen", "127.0.0.1:0", "--udp-port", std::to_string(holder.port())}, 5000);
     EXPECT_EQ(r.exitCode, 1);
     EXPECT_EQ(r.err,
-        "plcsim: --udp-port: cannot bind UDP 127.0.0.1:" + std::to_string(holder.port()) + ": Address already in use\n");
+        "plcsim: --udp-port: cannot bind UDP 127.0.0.1:" + std::to_string(holder.port())
+            + ": Address already in use\n");
 }
 
 // The default port held elsewhere (another simulator, a router on this machine): the
@@ -494,14 +522,16 @@ TEST(Discovery, CommandLineRules)
             "adshost: --plc: --add-route needs the device's address, --plc HOST (see adshost --help)\n"},
         {{"--add-route", "--plc", "127.0.0.1", "--user", "a", "--password-env", "X", "--password-file", "f"}, 2,
             "adshost: --password-file and --password-env: one at a time (see adshost --help)\n"},
-        {{"--discover", "--netid", "1.2.3.4.1.1"}, 2, "adshost: --netid: not used with --discover (see adshost --help)\n"},
+        {{"--discover", "--netid", "1.2.3.4.1.1"}, 2,
+            "adshost: --netid: not used with --discover (see adshost --help)\n"},
         {{"--discover", "--add-route"}, 2, "adshost: --discover and --add-route: one at a time (see adshost --help)\n"},
         {{"--discover", "--plc", "127.0.0.1", "--broadcast", "127.255.255.255"}, 2,
             "adshost: --plc and --broadcast: one at a time (see adshost --help)\n"},
         {{"--discover", "--pcap", "x.pcap"}, 2, "adshost: --pcap: not used with --discover (see adshost --help)\n"},
         {{"--add-route", "--plc", "127.0.0.1", "--user", "a", "--pcap", "x.pcap"}, 2,
             "adshost: --pcap: not used with --add-route (see adshost --help)\n"},
-        {{"--user", "a", "--plc", "127.0.0.1:48898"}, 2, "adshost: --user: only with --add-route (see adshost --help)\n"},
+        {{"--user", "a", "--plc", "127.0.0.1:48898"}, 2,
+            "adshost: --user: only with --add-route (see adshost --help)\n"},
         {{"--add-route", "--plc", "127.0.0.1", "--user", "a", "--password-env", "DISCOVERY_TEST_UNSET_VARIABLE"}, 1,
             "adshost: --password-env: the environment variable DISCOVERY_TEST_UNSET_VARIABLE is not set\n"},
         // No file, no variable, and no terminal: nothing to ask on.

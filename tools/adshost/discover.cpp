@@ -34,10 +34,7 @@ using util::nowMs;
 
 namespace {
 
-uint32_t newInvokeId()
-{
-    return uint32_t(nowMs()) ^ (uint32_t(::getpid()) << 16) ^ 0x5A5A0000u;
-}
+uint32_t newInvokeId() { return uint32_t(nowMs()) ^ (uint32_t(::getpid()) << 16) ^ 0x5A5A0000u; }
 
 std::string ipText(const in_addr& a)
 {
@@ -141,8 +138,7 @@ public:
             uint8_t buf[udp::kMaxPacket];
             sockaddr_in peer {};
             socklen_t len = sizeof peer;
-            const ssize_t n
-                = ::recvfrom(fd_, buf, sizeof buf, MSG_TRUNC, reinterpret_cast<sockaddr*>(&peer), &len);
+            const ssize_t n = ::recvfrom(fd_, buf, sizeof buf, MSG_TRUNC, reinterpret_cast<sockaddr*>(&peer), &len);
             if (n < 0)
                 continue;  // e.g. ICMP port unreachable reported on the socket
             data.assign(buf, buf + std::min(size_t(n), sizeof buf));
@@ -209,15 +205,16 @@ struct Output {
         if (failure)
             say(err, "adshost: " + reason);
         if (json)
-            say(out, "{\"type\":\"exit\",\"status\":" + std::to_string(status) + ",\"reason\":" + jsonEscape(reason) + "}");
+            say(out,
+                "{\"type\":\"exit\",\"status\":" + std::to_string(status) + ",\"reason\":" + jsonEscape(reason) + "}");
         return status;
     }
 };
 
 std::string deviceText(const Device& d)
 {
-    std::string s = "device " + d.address + ": AMS Net ID " + d.info.netId.str() + ", host name \"" + d.info.hostName
-        + "\"";
+    std::string s
+        = "device " + d.address + ": AMS Net ID " + d.info.netId.str() + ", host name \"" + d.info.hostName + "\"";
     s += ", runtime " + (d.info.hasRuntime ? d.info.runtime.str() : std::string("not reported"));
     s += ", OS " + (d.info.hasOs ? d.info.os.str() : std::string("not reported"));
     if (!d.info.fingerprint.empty())
@@ -227,12 +224,12 @@ std::string deviceText(const Device& d)
 
 std::string deviceJson(const Device& d)
 {
-    std::string s = "{\"type\":\"device\",\"address\":" + jsonEscape(d.address) + ",\"netid\":"
-        + jsonEscape(d.info.netId.str()) + ",\"hostname\":" + jsonEscape(d.info.hostName) + ",\"runtime\":"
-        + (d.info.hasRuntime ? jsonEscape(d.info.runtime.str()) : "null");
+    std::string s = "{\"type\":\"device\",\"address\":" + jsonEscape(d.address)
+        + ",\"netid\":" + jsonEscape(d.info.netId.str()) + ",\"hostname\":" + jsonEscape(d.info.hostName)
+        + ",\"runtime\":" + (d.info.hasRuntime ? jsonEscape(d.info.runtime.str()) : "null");
     if (d.info.hasOs)
-        s += ",\"os\":{\"platform\":" + std::to_string(d.info.os.platform) + ",\"name\":"
-            + jsonEscape(udp::platformName(d.info.os.platform)) + ",\"version\":"
+        s += ",\"os\":{\"platform\":" + std::to_string(d.info.os.platform)
+            + ",\"name\":" + jsonEscape(udp::platformName(d.info.os.platform)) + ",\"version\":"
             + jsonEscape(std::to_string(d.info.os.major) + "." + std::to_string(d.info.os.minor) + "."
                 + std::to_string(d.info.os.build))
             + ",\"text\":" + jsonEscape(d.info.os.servicePack) + "}";
@@ -414,7 +411,8 @@ int runDiscover(const DiscoverOptions& opt, FILE* outFile, FILE* errFile)
         summary += "; " + std::to_string(collector.malformed()) + " malformed answers ignored";
     if (collector.foreign() > 0)
         summary += "; " + std::to_string(collector.foreign()) + " other packets ignored";
-    out.line(summary, "{\"type\":\"summary\",\"devices\":" + std::to_string(n) + ",\"malformed\":"
+    out.line(summary,
+        "{\"type\":\"summary\",\"devices\":" + std::to_string(n) + ",\"malformed\":"
             + std::to_string(collector.malformed()) + ",\"foreign\":" + std::to_string(collector.foreign()) + "}");
     if (n == 0)
         return out.finish(ExitNoAnswer,
@@ -468,8 +466,8 @@ int runAddRoute(const AddRouteOptions& opt, FILE* outFile, FILE* errFile)
         udp::DeviceInfo info;
         if (askDevice(opt.host, opt.udpPort, opt.timeoutMs, info, why)) {
             plcNetId = info.netId.str();
-            out.progress("the device at " + opt.host + " is AMS Net ID " + plcNetId + " (host name \"" + info.hostName
-                + "\")");
+            out.progress(
+                "the device at " + opt.host + " is AMS Net ID " + plcNetId + " (host name \"" + info.hostName + "\")");
         } else if (opt.localNetId.empty()) {
             return out.finish(ExitNoAnswer,
                 why + ": give --netid (the PLC's AMS Net ID the panel is set up with) or --local-netid", true);
@@ -503,11 +501,14 @@ int runAddRoute(const AddRouteOptions& opt, FILE* outFile, FILE* errFile)
     }
     const std::string reaching = sourceAddressFor(to);
     if (opt.localNetId.empty()) {
-        out.progress("this panel's AMS Net ID: " + localNetId + " (the driver's rule: the first IPv4 address that "
-            "contains the first two numbers of " + plcNetId + ", then .1.1)");
+        out.progress("this panel's AMS Net ID: " + localNetId
+            + " (the driver's rule: the first IPv4 address that "
+              "contains the first two numbers of "
+            + plcNetId + ", then .1.1)");
         if (!reaching.empty() && reaching != ruleAddress && reaching != "127.0.0.1")
-            say(errFile, "adshost: note: this machine reaches " + opt.host + " from " + reaching
-                    + ", but the driver sends as " + localNetId + "; the route is for " + localNetId);
+            say(errFile,
+                "adshost: note: this machine reaches " + opt.host + " from " + reaching + ", but the driver sends as "
+                    + localNetId + "; the route is for " + localNetId);
     }
 
     udp::RouteRequest req;
@@ -544,8 +545,8 @@ int runAddRoute(const AddRouteOptions& opt, FILE* outFile, FILE* errFile)
         if (!sock.sendTo(to, opt.udpPort, request, why))
             return out.finish(ExitNoConnection, why, true);
         if (attempt == 0)
-            out.progress("add-route request for " + what + " sent to " + opt.host + ", UDP port "
-                + std::to_string(opt.udpPort));
+            out.progress(
+                "add-route request for " + what + " sent to " + opt.host + ", UDP port " + std::to_string(opt.udpPort));
         const int64_t resend = std::min<int64_t>(deadline, nowMs() + 1000);
         std::vector<uint8_t> data;
         std::string from;
@@ -562,8 +563,8 @@ int runAddRoute(const AddRouteOptions& opt, FILE* outFile, FILE* errFile)
             if (status == udp::kStatusAccepted) {
                 out.line(what + " accepted by " + opt.host,
                     "{\"type\":\"route\",\"status\":\"accepted\",\"device_status\":0" + routeJson + "}");
-                out.progress("next: adshost --probe --plc " + opt.host + ":" + std::to_string(opt.adsPort)
-                    + " --netid " + (plcNetId.empty() ? std::string("PLC_NETID") : plcNetId));
+                out.progress("next: adshost --probe --plc " + opt.host + ":" + std::to_string(opt.adsPort) + " --netid "
+                    + (plcNetId.empty() ? std::string("PLC_NETID") : plcNetId));
                 return out.finish(ExitOk, "the route was accepted", false);
             }
             const std::string label = routeStatusLabel(status);
@@ -578,7 +579,8 @@ int runAddRoute(const AddRouteOptions& opt, FILE* outFile, FILE* errFile)
         }
     }
     if (malformed > 0)
-        return out.finish(ExitBadReply, "the device's answer is not a well-formed add-route answer: " + malformedWhy, true);
+        return out.finish(
+            ExitBadReply, "the device's answer is not a well-formed add-route answer: " + malformedWhy, true);
     return out.finish(ExitNoAnswer,
         "no answer to the add-route request to " + opt.host + ", UDP port " + std::to_string(opt.udpPort) + " within "
             + std::to_string(opt.timeoutMs) + " ms (wrong address or UDP port, a firewall, or the service is off)",

@@ -70,7 +70,7 @@ struct AddRouteOptions {
     int timeoutMs = 3000;
     bool json = false;
     std::string user;
-    std::string password;  // never printed
+    std::string password;      // never printed
     std::string routeName;     // empty: this machine's host name
     std::string localNetId;    // empty: the driver's rule
     std::string localAddress;  // empty: the address the rule chose
@@ -81,13 +81,13 @@ struct AddRouteOptions {
 int runAddRoute(const AddRouteOptions& opt, FILE* out, FILE* err);
 
 // One device-info request to host: true with its answer within timeoutMs.
-bool askDevice(const std::string& host, uint16_t udpPort, int timeoutMs, adstool::udp::DeviceInfo& info,
-    std::string& why);
+bool askDevice(
+    const std::string& host, uint16_t udpPort, int timeoutMs, adstool::udp::DeviceInfo& info, std::string& why);
 
 // The command line that adds the route the probe missed: the same PLC and Net ID, so that
 // add-route's rule picks the same own address; --local-netid when the probe was given one.
-std::string addRouteCommand(const std::string& host, const std::string& plcNetId, const std::string& localNetId,
-    uint16_t udpPort);
+std::string addRouteCommand(
+    const std::string& host, const std::string& plcNetId, const std::string& localNetId, uint16_t udpPort);
 
 // Where the password comes from: a file, an environment variable, or (neither given) a
 // prompt on the terminal without echo. False with why (and nothing printed of the password).

@@ -12,17 +12,16 @@
 namespace adshost {
 namespace discover {
 
-const char* const kCliDescription
-    = "Discovery lists the ADS devices that answer on UDP port 48899 (every\n"
-      "interface's broadcast address, one --broadcast address, or one --plc HOST):\n"
-      "  adshost --discover [--plc HOST | --broadcast ADDR] [--udp-port N]\n"
-      "          [--timeout-ms MS]\n"
-      "Add-route asks the device for a route for this panel's AMS Net ID (the\n"
-      "driver's rule); without --password-file or --password-env the password is\n"
-      "asked for on the terminal:\n"
-      "  adshost --add-route --plc HOST --user NAME [--password-file FILE |\n"
-      "          --password-env VAR] [--netid PLC_NETID] [--route-name NAME]\n"
-      "          [--local-netid NETID] [--local-address ADDR] [--temporary]";
+const char* const kCliDescription = "Discovery lists the ADS devices that answer on UDP port 48899 (every\n"
+                                    "interface's broadcast address, one --broadcast address, or one --plc HOST):\n"
+                                    "  adshost --discover [--plc HOST | --broadcast ADDR] [--udp-port N]\n"
+                                    "          [--timeout-ms MS]\n"
+                                    "Add-route asks the device for a route for this panel's AMS Net ID (the\n"
+                                    "driver's rule); without --password-file or --password-env the password is\n"
+                                    "asked for on the terminal:\n"
+                                    "  adshost --add-route --plc HOST --user NAME [--password-file FILE |\n"
+                                    "          --password-env VAR] [--netid PLC_NETID] [--route-name NAME]\n"
+                                    "          [--local-netid NETID] [--local-address ADDR] [--temporary]";
 
 void addCliOptions(CLI::App& app, CliOptions& o)
 {
@@ -31,8 +30,7 @@ void addCliOptions(CLI::App& app, CliOptions& o)
         return v;
     };
     app.add_flag("--discover", o.discover, "list the ADS devices that answer the\nUDP service (port 48899)");
-    app.add_flag("--add-route", o.addRoute,
-        "ask the device at --plc HOST for a route\nfor this panel's AMS Net ID");
+    app.add_flag("--add-route", o.addRoute, "ask the device at --plc HOST for a route\nfor this panel's AMS Net ID");
     app.add_option("--broadcast", o.broadcast, "--discover: this broadcast address only")
         ->type_name("ADDR")
         ->check(plain(CLI::Validator(
@@ -50,8 +48,7 @@ void addCliOptions(CLI::App& app, CliOptions& o)
         ->type_name("VAR");
     app.add_option("--route-name", o.routeName, "--add-route: the route's name (default:\nthis machine's host name)")
         ->type_name("NAME");
-    app.add_option("--local-netid", o.localNetId,
-           "--add-route: the route's AMS Net ID\n(default: the driver's rule)")
+    app.add_option("--local-netid", o.localNetId, "--add-route: the route's AMS Net ID\n(default: the driver's rule)")
         ->type_name("A.B.C.D.E.F")
         ->check(plain(adstool::cli::NetIdText()));
     app.add_option("--local-address", o.localAddress,
@@ -68,7 +65,8 @@ int runCli(const CLI::App& app, const CliOptions& o, const SharedOptions& shared
         for (const char* opt : {"--broadcast", "--user", "--password-file", "--password-env", "--route-name",
                  "--local-netid", "--local-address", "--temporary"})
             if (app.count(opt) > 0)
-                return adstool::cli::usageError("adshost", std::string(opt) + ": only with --add-route"
+                return adstool::cli::usageError("adshost",
+                    std::string(opt) + ": only with --add-route"
                         + (std::string(opt) == "--broadcast" ? std::string(" or --discover") : std::string()));
         return -1;
     }

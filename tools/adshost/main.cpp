@@ -272,8 +272,8 @@ int main(int argc, char** argv)
     app.add_option("--gap", gap, "largest gap in bytes bridged when merging\n(default 16)")
         ->type_name("N")
         ->check(Number(0, 128, "a gap in bytes"));
-    app.add_option("--timeout-ms", timeoutMs,
-           "reply time-out (default 500; --probe: 2000;\n--discover, --add-route: 3000)")
+    app.add_option(
+           "--timeout-ms", timeoutMs, "reply time-out (default 500; --probe: 2000;\n--discover, --add-route: 3000)")
         ->type_name("N")
         ->check(Number(1, 600000, "milliseconds"));
     app.add_option("--interval-ms", intervalMs, "pause between polling cycles (default 0)")

@@ -765,14 +765,13 @@ int main(int argc, char** argv)
             srv.identity.hostName.c_str(), srv.identity.userName.c_str(), srv.routes.routes().size());
     } else {
         std::printf("UDP service off: %s\n", udpWarning.c_str());
-        std::fprintf(stderr, "plcsim: warning: UDP service off: %s (give --udp-port 0 for a free port)\n",
-            udpWarning.c_str());
+        std::fprintf(
+            stderr, "plcsim: warning: UDP service off: %s (give --udp-port 0 for a free port)\n", udpWarning.c_str());
     }
     std::fflush(stdout);
     if (!portFile.empty()
-        && !writePortFile(
-            portFile, ntohs(bound.sin_port), srv.controlFd >= 0 ? ntohs(cbound.sin_port) : 0, srv.plc.netId(),
-            srv.udpService ? srv.udp.port() : 0)) {
+        && !writePortFile(portFile, ntohs(bound.sin_port), srv.controlFd >= 0 ? ntohs(cbound.sin_port) : 0,
+            srv.plc.netId(), srv.udpService ? srv.udp.port() : 0)) {
         std::fprintf(stderr, "plcsim: cannot write the port file %s: %s\n", portFile.c_str(), std::strerror(errno));
         return 1;
     }

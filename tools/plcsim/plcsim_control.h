@@ -238,7 +238,7 @@ public:
     pid_t pid() const { return pid_; }
     uint16_t port() const { return port_; }
     uint16_t controlPort() const { return controlPort_; }
-    uint16_t udpPort() const { return udpPort_; }  // 0 when the UDP service is off
+    uint16_t udpPort() const { return udpPort_; }                   // 0 when the UDP service is off
     const std::string& netId() const { return netId_; }             // from the port file
     const std::string& listenAddress() const { return listen_; }    // "127.0.0.1:PORT"
     const std::string& controlAddress() const { return control_; }  // "" without --control

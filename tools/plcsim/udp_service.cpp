@@ -332,7 +332,8 @@ void UdpEndpoint::receive(int fd, UdpService& service)
         std::vector<uint8_t> data(buf, buf + got);
         if (msg.msg_flags & MSG_TRUNC)
             data.push_back(0);
-        const std::vector<uint8_t> answer = service.handle(data.data(), data.size(), adstool::sockaddrText(peer), broadcast);
+        const std::vector<uint8_t> answer
+            = service.handle(data.data(), data.size(), adstool::sockaddrText(peer), broadcast);
         if (!answer.empty())
             ::sendto(fds_.front(), answer.data(), answer.size(), MSG_NOSIGNAL, reinterpret_cast<sockaddr*>(&peer),
                 sizeof peer);

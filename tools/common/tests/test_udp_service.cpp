@@ -68,18 +68,18 @@ TEST(UdpService, AddRouteRequestTagsInTheirOrder)
     r.password = "1";
     r.address = "192.168.1.20";
     const Bytes got = addRouteRequest(7, id("192.168.1.20.1.1"), r);
-    const Bytes want = cat({kCookieBytes, {7, 0, 0, 0}, {6, 0, 0, 0}, {192, 168, 1, 20, 1, 1}, {0x10, 0x27},
-        {5, 0, 0, 0},                                 // five tags
-        tag(12, text("panel")),                       // route name
-        tag(7, {192, 168, 1, 20, 1, 1}),              // the client's Net ID
-        tag(13, text("Administrator")),               // user
-        tag(2, {'1', 0}),                             // password, NUL counted
-        tag(5, text("192.168.1.20"))});               // the client's address
+    const Bytes want = cat(
+        {kCookieBytes, {7, 0, 0, 0}, {6, 0, 0, 0}, {192, 168, 1, 20, 1, 1}, {0x10, 0x27}, {5, 0, 0, 0},  // five tags
+            tag(12, text("panel")),                                                                      // route name
+            tag(7, {192, 168, 1, 20, 1, 1}),  // the client's Net ID
+            tag(13, text("Administrator")),   // user
+            tag(2, {'1', 0}),                 // password, NUL counted
+            tag(5, text("192.168.1.20"))});   // the client's address
     EXPECT_EQ(got, want);
 
     r.temporary = true;
     const Bytes temp = addRouteRequest(7, id("192.168.1.20.1.1"), r);
-    EXPECT_EQ(temp[20], 6);  // one more tag
+    EXPECT_EQ(temp[20], 6);                                                          // one more tag
     EXPECT_EQ(Bytes(temp.end() - 8, temp.end()), (Bytes {9, 0, 4, 0, 1, 0, 0, 0}));  // options = 1
 }
 
@@ -140,7 +140,7 @@ TEST(UdpService, OsVersionBlock)
     const Bytes b = osVersionBytes(os);
     ASSERT_EQ(b.size(), 276u);
     EXPECT_EQ(Bytes(b.begin(), b.begin() + 28),
-        (Bytes {0x14, 0x01, 0, 0,  // size 276
+        (Bytes {0x14, 0x01, 0, 0,                       // size 276
             10, 0, 0, 0, 0, 0, 0, 0, 0x63, 0x45, 0, 0,  // 10.0.17763
             2, 0, 0, 0,                                 // Windows NT
             'S', 0, 'P', 0, '1', 0, 0, 0}));            // UTF-16LE text, then 0
@@ -165,7 +165,8 @@ TEST(UdpService, OsTextBeyondUnicodeBasicPlaneAndCutToTheBlock)
     os.servicePack = "\xC3\xA9 \xF0\x9F\x98\x80";  // é, a space, U+1F600
     Tag t;
     t.value = osVersionBytes(os);
-    EXPECT_EQ(Bytes(t.value.begin() + 20, t.value.begin() + 30), (Bytes {0xE9, 0, ' ', 0, 0x3D, 0xD8, 0x00, 0xDE, 0, 0}));
+    EXPECT_EQ(
+        Bytes(t.value.begin() + 20, t.value.begin() + 30), (Bytes {0xE9, 0, ' ', 0, 0x3D, 0xD8, 0x00, 0xDE, 0, 0}));
     OsVersion back;
     ASSERT_TRUE(osVersionValue(t, back));
     EXPECT_EQ(back.servicePack, os.servicePack);
@@ -184,9 +185,9 @@ TEST(UdpService, DeviceInfoAnswerFromBytes)
     Bytes os(276, 0);
     os[0] = 0x14;
     os[1] = 0x01;
-    os[4] = 7;        // 7.0
-    os[12] = 0x1c;    // build 0x1c = 28
-    os[16] = 3;       // CE
+    os[4] = 7;      // 7.0
+    os[12] = 0x1c;  // build 0x1c = 28
+    os[16] = 3;     // CE
     const std::string fp(64, 'a');
     const Bytes packet = cat({kCookieBytes, {0x21, 0, 0, 0}, {0x01, 0, 0, 0x80}, {172, 16, 0, 9, 1, 1}, {0x10, 0x27},
         {5, 0, 0, 0}, tag(5, text("CX-1234")), tag(4, os), tag(3, {0x03, 0x01, 0xb8, 0x0f}), tag(99, {1, 2, 3}),

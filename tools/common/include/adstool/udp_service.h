@@ -123,7 +123,7 @@ struct OsVersion {
 std::string platformName(uint32_t platform);  // "BSD", "RTOS", "Windows NT", "CE", "platform N"
 // "bsd", "rtos", "nt", "ce" (case-insensitive) or a number.
 bool parsePlatform(const std::string& text, uint32_t& out);
-bool osVersionValue(const Tag& tag, OsVersion& out);  // at least the five numbers
+bool osVersionValue(const Tag& tag, OsVersion& out);      // at least the five numbers
 std::vector<uint8_t> osVersionBytes(const OsVersion& v);  // 276 bytes; the text cut to 127 units
 
 // Device info (service 1): the request has no tags; the answer carries the device's Net ID
@@ -147,7 +147,7 @@ bool readDeviceInfoAnswer(const Packet& p, DeviceInfo& out, std::string* why = n
 // Add route (service 6): tags 12 route name, 7 the client's Net ID, 13 user, 2 password,
 // 5 the client's address, and 9 = 1 for a temporary route. The answer has one tag, 1 status.
 struct RouteRequest {
-    NetId netId;          // the Net ID the route is for
+    NetId netId;  // the Net ID the route is for
     std::string routeName;
     std::string userName;
     std::string password;
