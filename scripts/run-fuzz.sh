@@ -4,7 +4,8 @@
 # (crash, sanitizer report, leak, time-out, out-of-memory) and prints inputs run, inputs per
 # second, total time, coverage and corpus size.
 #
-# Usage: bash scripts/run-fuzz.sh [--runs N] [target...]   (default: fuzz_reply fuzz_address)
+# Usage: bash scripts/run-fuzz.sh [--runs N] [target...]
+#        (default: fuzz_reply fuzz_address fuzz_udp_request fuzz_udp_answer)
 #   --runs N     run N inputs per target (e.g. 10000000, the long run of docs/PERFORMANCE.md);
 #                the time bound then defaults to 4 hours per target
 # Environment: FUZZ_SECONDS (time bound per target: default 60, with --runs 14400),
@@ -22,7 +23,7 @@ fi
 seconds=${FUZZ_SECONDS:-$([[ -n $runs ]] && echo 14400 || echo 60)}
 jobs=${FUZZ_JOBS:-$(nproc)}
 targets=("$@")
-((${#targets[@]})) || targets=(fuzz_reply fuzz_address)
+((${#targets[@]})) || targets=(fuzz_reply fuzz_address fuzz_udp_request fuzz_udp_answer)
 
 if [[ ! -f $build/CMakeCache.txt ]] || ! grep -q '^ADS_FUZZ:BOOL=ON' "$build/CMakeCache.txt"; then
   CC=clang CXX=clang++ cmake -S "$here" -B "$build" -DADS_FUZZ=ON -DADS_BUILD_TOOLS=OFF >/dev/null
@@ -41,6 +42,7 @@ for t in "${targets[@]}"; do
   rm -f "$artifacts"/*
   extra=()
   [[ $t == fuzz_reply ]] && extra+=(-max_len=2100)
+  [[ $t == fuzz_udp_* ]] && extra+=(-max_len=2100)  # a datagram of the UDP service: 2 KiB and a little more
   [[ -n $runs ]] && extra+=(-runs="$runs")
   echo "== $t: ${runs:+$runs inputs, at most }${seconds}s"
   rc=0
