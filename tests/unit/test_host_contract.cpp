@@ -106,3 +106,19 @@ TEST_F(HostContract, TheWriteModeIsCarriedInTheFramesVariable)
 }
 
 }  // namespace
+
+namespace {
+
+// The error text names a merged block by the block: word register, first byte, bytes.
+TEST_F(HostContract, TheErrorTextOfAMergedBlockNamesTheBlockInBytes)
+{
+    ASSERT_TRUE(h->handshake());
+    ASSERT_EQ(h->addrMerge({Host::key(1, M_W, 0, 1), Host::key(1, M_bit, 16, 1, -1), Host::key(1, M_W, 4, 1)}), 1);
+    ASSERT_EQ(h->cycle(), 1);
+    EXPECT_EQ(h->errorText.toStdString(), "1#M_W0(6)(52)");
+    h->setData(1, M_W, 100, {0x01, 0x00});
+    ASSERT_EQ(h->cycle(), 1);
+    EXPECT_EQ(h->errorText.toStdString(), "1#M_W100(2)(42)");
+}
+
+}  // namespace
