@@ -834,8 +834,18 @@ bool Session::open(const Config& cfg, std::string& why)
     const std::string init
         = std::to_string(cfg.context) + "#0#0#" + std::to_string(cfg.retries) + "#" + std::to_string(cfg.gap);
     p.initProperty(d->statusBlock.data(), nullptr, d->recipeBuffer.data(), &d->mode, init.c_str(), &d->hostMutex);
-    // 2. the PLC's AMS Net ID and port
-    p.SetDriverPropertyPage(QString::fromStdString("2_0," + cfg.netId + "," + std::to_string(cfg.amsPort)));
+    // 2. the PLC's AMS Net ID and port: the values of the driver's page, labels off
+    QString page, settings, refused;
+    p.getDriverPropertyPage(page);
+    QStringList values;
+    values << QString::fromStdString(cfg.netId) << QString::number(cfg.amsPort);
+    if (!ads_settingsFromPropertyPage(page, values, &settings, &refused)) {
+        why = "the driver's property page \"" + page.toStdString() + "\" takes no --netid/--ams-port: "
+            + refused.toStdString();
+        g_session = nullptr;
+        return false;
+    }
+    p.SetDriverPropertyPage(settings);
     // 3. the change callback
     p.setAddrValueChangeCallBack(&hostCallback);
     // 4. the screen
