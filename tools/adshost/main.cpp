@@ -1,6 +1,7 @@
 // adshost: drives an ads_ethernet driver plugin against a PLC as a panel runtime does, or
 // (--probe) checks the path to a PLC with frames of its own.
 #include "adshost.h"
+#include "discover_cli.h"
 #include "probe.h"
 #include "text_util.h"
 
@@ -64,18 +65,22 @@ const char* const kDescription = "adshost: the reference host of the ads_etherne
 
 const char* const kExitCodes = "Exit status:\n"
                                "  0  the session ran and every action asked for (--write, --recipe,\n"
-                               "     --condition) was confirmed by the PLC; --probe: the PLC answers in RUN\n"
+                               "     --condition) was confirmed by the PLC; --probe: the PLC answers in RUN;\n"
+                               "     --discover: a device answered; --add-route: the route was accepted\n"
                                "  1  could not start: driver plugin or entry point missing, capture file not\n"
                                "     writable, no TCP connection\n"
                                "  2  usage error: a bad option, or an address the driver refuses\n"
                                "  3  the connection was lost and could not be made again\n"
-                               "  4  connected, but the PLC never answered: no route for this panel's Net ID\n"
+                               "  4  connected, but the PLC never answered: no route for this panel's Net ID;\n"
+                               "     --discover, --add-route: no device answered within the time-out\n"
                                "  5  AMS error in a reply: no such AMS Net ID (0x7, check --netid) or AMS\n"
                                "     port (0x6, check --ams-port)\n"
                                "  6  the PLC refused an action or a probe request with an ADS error, or a\n"
-                               "     watched address was never read while the PLC answered with ADS errors\n"
+                               "     watched address was never read while the PLC answered with ADS errors;\n"
+                               "     --add-route: the device refused the route (0x704: user name or\n"
+                               "     password refused)\n"
                                "  7  --probe: the PLC answers but is not in RUN\n"
-                               "  8  --probe: a reply that is not a well-formed answer\n"
+                               "  8  --probe, --add-route: a reply that is not a well-formed answer\n"
                                "  9  an action did not finish within --action-timeout or was given up\n"
                                "     without an error code, or a watched address was never read (the\n"
                                "     session ended first, or its reads timed out or came back short)\n"
@@ -84,38 +89,7 @@ const char* const kExitCodes = "Exit status:\n"
                                "With --json every value, action, error and the figures are one JSON object\n"
                                "per line on standard output.";
 
-std::string jsonEscape(const std::string& s)
-{
-    std::string o = "\"";
-    for (unsigned char c : s) {
-        switch (c) {
-        case '"':
-            o += "\\\"";
-            break;
-        case '\\':
-            o += "\\\\";
-            break;
-        case '\n':
-            o += "\\n";
-            break;
-        case '\r':
-            o += "\\r";
-            break;
-        case '\t':
-            o += "\\t";
-            break;
-        default:
-            if (c < 0x20) {
-                char buf[8];
-                std::snprintf(buf, sizeof buf, "\\u%04x", c);
-                o += buf;
-            } else {
-                o += char(c);
-            }
-        }
-    }
-    return o + "\"";
-}
+using adshost::util::jsonEscape;
 
 std::string hex16(unsigned v)
 {
@@ -251,7 +225,7 @@ std::string defaultDriver()
 int main(int argc, char** argv)
 {
     const std::string prog = "adshost";
-    CLI::App app(kDescription, "adshost");
+    CLI::App app(std::string(kDescription) + "\n" + adshost::discover::kCliDescription, "adshost");
     adstool::cli::prepare(app);
     app.set_help_flag("-h,--help", "print this help and exit");
     app.get_formatter()->column_width(26);
@@ -280,7 +254,7 @@ int main(int argc, char** argv)
         ->type_name("PATH");
     app.add_option("--plc", plcText, "PLC address and AMS/TCP port (usually\n48898), e.g. 192.168.1.100:48898")
         ->type_name("HOST:PORT")
-        ->check(plain(adstool::cli::HostPortText()));
+        ->check(plain(adstool::cli::HostPortText(adstool::PortRule::NonZero, 48898)));
     app.add_option("--netid", netIdText, "the PLC's AMS Net ID (driver mode default\n192.168.1.100.1.1)")
         ->type_name("A.B.C.D.E.F")
         ->check(plain(adstool::cli::NetIdText()));
@@ -323,7 +297,8 @@ int main(int argc, char** argv)
     app.add_option("--gap", gap, "largest gap in bytes bridged when merging\n(default 16)")
         ->type_name("N")
         ->check(Number(0, 128, "a gap in bytes"));
-    app.add_option("--timeout-ms", timeoutMs, "reply time-out (default 500; --probe: 2000)")
+    app.add_option(
+           "--timeout-ms", timeoutMs, "reply time-out (default 500; --probe: 2000;\n--discover, --add-route: 3000)")
         ->type_name("N")
         ->check(Number(1, 600000, "milliseconds"));
     app.add_option("--interval-ms", intervalMs, "pause between polling cycles (default 0)")
@@ -337,6 +312,8 @@ int main(int argc, char** argv)
     app.add_flag("-q,--quiet", quiet, "no live table and no value list at the end");
     app.add_flag("--json", json, "one JSON object per line on stdout");
     app.add_flag("--version", version, "print adshost's and the driver's version");
+    adshost::discover::CliOptions commissioning;
+    adshost::discover::addCliOptions(app, commissioning);
 
     const int parsed = adstool::cli::parse(app, argc, argv, prog);
     if (parsed >= 0)
@@ -356,10 +333,15 @@ int main(int argc, char** argv)
         }
         return 0;
     }
+    const int commissioned = adshost::discover::runCli(app, commissioning, {plcText, netIdText, timeoutMs, json});
+    if (commissioned >= 0)
+        return commissioned;
     if (plcText.empty())
         return usage("--plc: needs HOST:PORT (the PLC's address and AMS/TCP port, usually 48898)");
     adstool::HostPort plc;
-    adstool::parseHostPort(plcText, plc);
+    std::string plcWhy;
+    if (!adstool::parseHostPort(plcText, plc, adstool::PortRule::NonZero, &plcWhy))
+        return usage("--plc: needs HOST:PORT: " + plcWhy);
 
     if (probeMode) {
         for (const char* o :
@@ -375,6 +357,7 @@ int main(int argc, char** argv)
         opt.netId = netIdText;
         opt.amsPort = int(amsPort);
         opt.sourceNetId = sourceNetIdText;
+        opt.udpPort = uint16_t(commissioning.udpPort);
         if (timeoutMs > 0)
             opt.timeoutMs = int(timeoutMs);
         return run(opt, stdout, stderr);

@@ -34,6 +34,7 @@ struct Options {
     int amsPort = 851;
     std::string sourceNetId;  // empty: found as the driver finds it
     int timeoutMs = 2000;     // connect time-out and reply time-out
+    uint16_t udpPort = 48899;  // the device's UDP service, asked when the probe finds no route or no Net ID
 };
 
 // The panel address the driver takes for a PLC Net ID: the first address of `addresses`
