@@ -30,9 +30,9 @@
 
 namespace {
 
-const int kReplyTimeoutMs = 500;    // a PLC answers within a few ms; 500 ms means it will not
-const int kScanIntervalMs = 50;     // one refresh of the screen at most every 50 ms
-const int kBackoffFirstMs = 50;     // reconnect: 50, 100, 200 ... 1000 ms
+const int kReplyTimeoutMs = 500;  // a PLC answers within a few ms; 500 ms means it will not
+const int kScanIntervalMs = 50;   // one refresh of the screen at most every 50 ms
+const int kBackoffFirstMs = 50;   // reconnect: 50, 100, 200 ... 1000 ms
 const int kBackoffMaxMs = 1000;
 const int kReconnectAttempts = 8;
 const unsigned kMaxFrameBody = 65536;  // a larger AMS/TCP length field is not a frame of ours
@@ -329,7 +329,8 @@ int main(int argc, char** argv)
     FRAME_PRO frame;
     QByteArray reply;
     QString errorText;
-    while (nowMs() < end && (wordWrite.state == 0 || bitWrite.state == 0 || recipeRead.state == 0 || refreshes < kRefreshes)) {
+    while (nowMs() < end
+        && (wordWrite.state == 0 || bitWrite.state == 0 || recipeRead.state == 0 || refreshes < kRefreshes)) {
         // The recipe transfers, one after the other once the writes are over.
         if (wordWrite.state != 0 && bitWrite.state != 0 && !recipeWriteAsked) {
             recipeWriteAsked = true;
@@ -432,7 +433,10 @@ int main(int argc, char** argv)
     bool allDone = true;
     for (int i = 0; i < 4; ++i) {
         const Action& a = *actions[i];
-        std::printf("%s: %s (%s)\n", a.what, a.state == 1 ? "done" : a.state == -1 ? "FAILED" : "NOT FINISHED",
+        std::printf("%s: %s (%s)\n", a.what,
+            a.state == 1        ? "done"
+                : a.state == -1 ? "FAILED"
+                                : "NOT FINISHED",
             a.state == 0 ? "no answer in time" : a.why);
         allDone = allDone && a.state == 1;
     }

@@ -24,10 +24,10 @@ namespace host {
 #endif
 
 #define SAME_RECORD(T)                                                                                                 \
-    static_assert(sizeof(host::T) == sizeof(::T), #T ": size differs");                                               \
+    static_assert(sizeof(host::T) == sizeof(::T), #T ": size differs");                                                \
     static_assert(alignof(host::T) == alignof(::T), #T ": alignment differs")
 #define SAME_FIELD_PLACE(T, m)                                                                                         \
-    static_assert(offsetof(host::T, m) == offsetof(::T, m), #T "." #m ": offset differs");                            \
+    static_assert(offsetof(host::T, m) == offsetof(::T, m), #T "." #m ": offset differs");                             \
     static_assert(sizeof(host::T::m) == sizeof(::T::m), #T "." #m ": size differs")
 #define SAME_FIELD(T, m)                                                                                               \
     SAME_FIELD_PLACE(T, m);                                                                                            \
@@ -80,14 +80,13 @@ static_assert(int(host::HOST_FLAG_RECIPE_READ) == int(::HOST_FLAG_RECIPE_READ), 
 
 std::vector<RecordLayout> hostRecordLayouts()
 {
-    return {WHOLE(VARIABLE), ROW(VARIABLE, kind), ROW(VARIABLE, keyNo), ROW(VARIABLE, regName),
-        ROW(VARIABLE, address), ROW(VARIABLE, length), ROW(VARIABLE, data), WHOLE(KEY_ADDRESS),
-        ROW(KEY_ADDRESS, hostText), ROW(KEY_ADDRESS, hostNumber), ROW(KEY_ADDRESS, rcpDataIndex),
-        ROW(KEY_ADDRESS, keyNo), ROW(KEY_ADDRESS, regName), ROW(KEY_ADDRESS, hostText2), ROW(KEY_ADDRESS, address),
-        ROW(KEY_ADDRESS, unitMark), ROW(KEY_ADDRESS, length), ROW(KEY_ADDRESS, data), WHOLE(_RCP_VAR_PRO),
-        ROW(_RCP_VAR_PRO, driverNo), ROW(_RCP_VAR_PRO, keyNo), ROW(_RCP_VAR_PRO, regName),
-        ROW(_RCP_VAR_PRO, address), ROW(_RCP_VAR_PRO, length), ROW(_RCP_VAR_PRO, rcpDataIndex),
-        ROW(_RCP_VAR_PRO, hostField), WHOLE(FRAME_PRO), ROW(FRAME_PRO, frame), ROW(FRAME_PRO, sendLen),
-        ROW(FRAME_PRO, recvLen), ROW(FRAME_PRO, dataStart), ROW(FRAME_PRO, readLen), ROW(FRAME_PRO, spareField),
-        ROW(FRAME_PRO, var)};
+    return {WHOLE(VARIABLE), ROW(VARIABLE, kind), ROW(VARIABLE, keyNo), ROW(VARIABLE, regName), ROW(VARIABLE, address),
+        ROW(VARIABLE, length), ROW(VARIABLE, data), WHOLE(KEY_ADDRESS), ROW(KEY_ADDRESS, hostText),
+        ROW(KEY_ADDRESS, hostNumber), ROW(KEY_ADDRESS, rcpDataIndex), ROW(KEY_ADDRESS, keyNo),
+        ROW(KEY_ADDRESS, regName), ROW(KEY_ADDRESS, hostText2), ROW(KEY_ADDRESS, address), ROW(KEY_ADDRESS, unitMark),
+        ROW(KEY_ADDRESS, length), ROW(KEY_ADDRESS, data), WHOLE(_RCP_VAR_PRO), ROW(_RCP_VAR_PRO, driverNo),
+        ROW(_RCP_VAR_PRO, keyNo), ROW(_RCP_VAR_PRO, regName), ROW(_RCP_VAR_PRO, address), ROW(_RCP_VAR_PRO, length),
+        ROW(_RCP_VAR_PRO, rcpDataIndex), ROW(_RCP_VAR_PRO, hostField), WHOLE(FRAME_PRO), ROW(FRAME_PRO, frame),
+        ROW(FRAME_PRO, sendLen), ROW(FRAME_PRO, recvLen), ROW(FRAME_PRO, dataStart), ROW(FRAME_PRO, readLen),
+        ROW(FRAME_PRO, spareField), ROW(FRAME_PRO, var)};
 }

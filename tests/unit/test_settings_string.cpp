@@ -106,8 +106,8 @@ TEST(SettingsString, RefusesADescriptionOfAnotherShape)
 {
     QString settings = Q("untouched"), why;
     EXPECT_FALSE(ads_settingsFromPropertyPage(Q("2_0,AmsNetId_1.2.3.4.1.1"), QStringList(), &settings, &why));
-    EXPECT_EQ("the description \"2_0,AmsNetId_1.2.3.4.1.1\" has 1 fields; the driver takes exactly 2",
-        why.toStdString());
+    EXPECT_EQ(
+        "the description \"2_0,AmsNetId_1.2.3.4.1.1\" has 1 fields; the driver takes exactly 2", why.toStdString());
     EXPECT_EQ("untouched", settings.toStdString());
 }
 
