@@ -1,6 +1,6 @@
 #include "adshost.h"
 
-#include "ads_ethernet.h"
+#include "ads_ethernet_loader.h"
 #include "pcap_writer.h"
 #include "probe.h"
 #include "text_util.h"
@@ -307,8 +307,9 @@ std::string Stats::figuresLine() const
 // ------------------------------------------------------------------------------------------
 // The driver plugin
 
-class Plugin {
+class Plugin : public ADS_ENTRY_POINTS {
 public:
+    Plugin() : ADS_ENTRY_POINTS() { }
     ~Plugin()
     {
         // The plugin stays loaded: its global driver object would be destroyed under the
@@ -326,61 +327,18 @@ public:
             why = "cannot load driver " + path + ": " + (e ? e : "dlopen failed");
             return false;
         }
-        std::vector<std::string> missing;
-        auto get = [&](auto& fn, const char* name) {
-            void* sym = ::dlsym(handle, name);
-            if (!sym)
-                missing.push_back(name);
-            fn = reinterpret_cast<std::remove_reference_t<decltype(fn)>>(sym);
-        };
-        get(getProtocolType, "intf_getProtocolType");
-        get(getVersion, "intf_getVersion");
-        get(setAddrValueChangeCallBack, "intf_setAddrValueChangeCallBack");
-        get(initProperty, "intf_initProperty");
-        get(getDriverParameter, "intf_getDriverParameter");
-        get(getDriverPropertyPage, "intf_getDriverPropertyPage");
-        get(setDriverPropertyPage, "intf_SetDriverPropertyPage");
-        get(getRegListByType, "intf_getRegListByType");
-        get(getRegDiscription, "intf_getRegDiscription");
-        get(checkAddr, "intf_checkAddr");
-        get(checkAddrValidity, "intf_checkAddrValidity");
-        get(getSendFrame, "intf_getSendFrame");
-        get(dealRcvFrame, "intf_dealRcvFrame");
-        get(getData, "intf_getData");
-        get(setData, "intf_setData");
-        get(addrMerge, "intf_addrMerge");
-        get(addConditionRead, "intf_addConditionRead");
-        get(setRcpAddress, "intf_setRcpAddress");
-        get(multiCopy, "intf_multiCopy");
-        if (!missing.empty()) {
-            why = "driver " + path + " lacks entry point" + (missing.size() > 1 ? "s" : "") + ":";
-            for (const std::string& m : missing)
-                why += " " + m;
+        const char* missing[ADS_ENTRY_POINT_COUNT];
+        const int n = ads_resolveEntryPoints(handle, this, missing);
+        if (n > 0) {
+            why = "driver " + path + " lacks entry point" + (n > 1 ? "s" : "") + ":";
+            for (int i = 0; i < n; ++i)
+                why += std::string(" ") + missing[i];
             return false;
         }
         return true;
     }
 
     void* handle = nullptr;
-    decltype(&::intf_getProtocolType) getProtocolType = nullptr;
-    decltype(&::intf_getVersion) getVersion = nullptr;
-    decltype(&::intf_setAddrValueChangeCallBack) setAddrValueChangeCallBack = nullptr;
-    decltype(&::intf_initProperty) initProperty = nullptr;
-    decltype(&::intf_getDriverParameter) getDriverParameter = nullptr;
-    decltype(&::intf_getDriverPropertyPage) getDriverPropertyPage = nullptr;
-    decltype(&::intf_SetDriverPropertyPage) setDriverPropertyPage = nullptr;
-    decltype(&::intf_getRegListByType) getRegListByType = nullptr;
-    decltype(&::intf_getRegDiscription) getRegDiscription = nullptr;
-    decltype(&::intf_checkAddr) checkAddr = nullptr;
-    decltype(&::intf_checkAddrValidity) checkAddrValidity = nullptr;
-    decltype(&::intf_getSendFrame) getSendFrame = nullptr;
-    decltype(&::intf_dealRcvFrame) dealRcvFrame = nullptr;
-    decltype(&::intf_getData) getData = nullptr;
-    decltype(&::intf_setData) setData = nullptr;
-    decltype(&::intf_addrMerge) addrMerge = nullptr;
-    decltype(&::intf_addConditionRead) addConditionRead = nullptr;
-    decltype(&::intf_setRcpAddress) setRcpAddress = nullptr;
-    decltype(&::intf_multiCopy) multiCopy = nullptr;
 };
 
 // ------------------------------------------------------------------------------------------
@@ -450,6 +408,7 @@ struct Session::Impl {
     bool anyReply = false;  // a byte of a reply ever arrived
     bool openFailedOnAddress = false;
     std::string sourceNetId;        // the Net ID the driver sends as (from its last frame)
+    std::string plannedSourceNetId, plannedSourceAddress;  // as open() found them
     std::vector<uint8_t> inFlight;  // the frame the codes below belong to
     ReplyCodes frameCodes;          // the last codes of a reply to that frame
     std::vector<bool> known[3];     // bytes of I, Q, M read from (or confirmed by) the PLC
@@ -875,8 +834,18 @@ bool Session::open(const Config& cfg, std::string& why)
     const std::string init
         = std::to_string(cfg.context) + "#0#0#" + std::to_string(cfg.retries) + "#" + std::to_string(cfg.gap);
     p.initProperty(d->statusBlock.data(), nullptr, d->recipeBuffer.data(), &d->mode, init.c_str(), &d->hostMutex);
-    // 2. the PLC's AMS Net ID and port
-    p.setDriverPropertyPage(QString::fromStdString("2_0," + cfg.netId + "," + std::to_string(cfg.amsPort)));
+    // 2. the PLC's AMS Net ID and port: the values of the driver's page, labels off
+    QString page, settings, refused;
+    p.getDriverPropertyPage(page);
+    QStringList values;
+    values << QString::fromStdString(cfg.netId) << QString::number(cfg.amsPort);
+    if (!ads_settingsFromPropertyPage(page, values, &settings, &refused)) {
+        why = "the driver's property page \"" + page.toStdString() + "\" takes no --netid/--ams-port: "
+            + refused.toStdString();
+        g_session = nullptr;
+        return false;
+    }
+    p.SetDriverPropertyPage(settings);
     // 3. the change callback
     p.setAddrValueChangeCallBack(&hostCallback);
     // 4. the screen
@@ -905,6 +874,11 @@ bool Session::open(const Config& cfg, std::string& why)
     // 6. condition reads
     for (const Address& a : c.conditions)
         addConditionRead(a);
+    // The source Net ID the driver chose: its first frame carries it (the handshake, handed
+    // out again unchanged by the first polling cycle).
+    if (p.getSendFrame(d->frame.get()) == 1)
+        d->plannedSourceNetId = netIdOf(d->frame->frame + 14);
+    d->plannedSourceAddress = probe::panelAddressFor(cfg.netId, probe::localIpv4Addresses());
     d->opened = true;
     return true;
 }
@@ -942,6 +916,8 @@ std::string Session::driverVersion()
 }
 
 bool Session::openFailedOnAddress() const { return d->openFailedOnAddress; }
+std::string Session::sourceNetId() const { return d->plannedSourceNetId; }
+std::string Session::sourceAddress() const { return d->plannedSourceAddress; }
 std::vector<Address> Session::watches() const { return d->cfg.watches; }
 std::vector<Address> Session::conditions() const { return d->cfg.conditions; }
 std::vector<Write> Session::writes() const { return d->cfg.writes; }

@@ -207,6 +207,11 @@ public:
     bool open(const Config& cfg, std::string& why);
     // After a failed open(): true when an address was the cause (a usage error).
     bool openFailedOnAddress() const;
+    // After open(): the source AMS Net ID the driver will send as (from its first frame),
+    // and this machine's IPv4 address that the driver's rule picks for the PLC's Net ID
+    // (empty: none matched, and the driver sends as 0.0.0.0.1.1).
+    std::string sourceNetId() const;
+    std::string sourceAddress() const;
     // Loads the plugin only (for --version); the driver's version text, or empty.
     static std::string pluginVersion(const std::string& path, std::string& why);
     // Checks an address with the driver (intf_checkAddr; access 1: it is written) and takes
