@@ -543,7 +543,7 @@ int main(int argc, char** argv)
             if (allSettled || adshost::nowMs() >= actionDeadline)
                 break;
         }
-        const adshost::Exchange ex = session.step();
+        const adshost::Exchange& ex = session.step();
         if (session.failedForGood())
             break;
         ++done;
