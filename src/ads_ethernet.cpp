@@ -61,7 +61,7 @@ void clearFrame(FRAME_PRO& f)
     memset(f.var.data, 0, sizeof(f.var.data));
 }
 
-/* The node of the last finished frame, kept for the next one. QList keeps an item as large
+/* The node of the last finished frame, parked for the next one. QList keeps an item as large
  * as a FRAME_PRO in a heap node of its own, so appending and removing one frame per request
  * would allocate on every polling cycle. A request's frames are built in the parked node
  * instead: when frameList runs empty its one node moves here, and when the next frame is

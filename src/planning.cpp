@@ -275,7 +275,7 @@ int intf_addrMerge(QList<KEY_ADDRESS>& keys)
         DriverLock lock;
         for (int i = 0; i < driver.dataAreaList.size(); ++i) {
             _DATA_& d = driver.dataAreaList[i];
-            /* The marks of queued bit writes go with the monitor marks (INTERNALS.md K12). */
+            /* The marks of queued bit writes go with the monitor marks; nothing sets them (INTERNALS.md K12). */
             d.bitWriteState = 0;
             d.monitorFlag = 0;
             d.bitMonitorMask = 0;
