@@ -629,6 +629,14 @@ int main(int argc, char** argv)
     sigaction(SIGINT, &sa, nullptr);
     signal(SIGPIPE, SIG_IGN);
 
+    // The port file first: a plcsim that cannot write it has not started, and says nothing
+    // of listening.
+    if (!portFile.empty()
+        && !writePortFile(
+            portFile, ntohs(bound.sin_port), srv.controlFd >= 0 ? ntohs(cbound.sin_port) : 0, srv.plc.netId())) {
+        std::fprintf(stderr, "plcsim: --port-file: cannot write %s: %s\n", portFile.c_str(), std::strerror(errno));
+        return 1;
+    }
     std::printf("listening on %s\n", sockaddrText(bound).c_str());
     if (srv.controlFd >= 0)
         std::printf("control on %s\n", sockaddrText(cbound).c_str());
@@ -638,15 +646,11 @@ int main(int argc, char** argv)
     std::printf("AMS Net ID %s, runtime AMS ports %s (notifications also on 100)\n", srv.plc.netId().str().c_str(),
         portList.c_str());
     std::fflush(stdout);
-    if (!portFile.empty()
-        && !writePortFile(
-            portFile, ntohs(bound.sin_port), srv.controlFd >= 0 ? ntohs(cbound.sin_port) : 0, srv.plc.netId())) {
-        std::fprintf(stderr, "plcsim: cannot write the port file %s: %s\n", portFile.c_str(), std::strerror(errno));
-        return 1;
-    }
     srv.log(std::string(kVersion) + " listening on " + sockaddrText(bound) + " as " + srv.plc.netId().str());
 
     const int rc = srv.run();
+    if (!portFile.empty())
+        std::remove(portFile.c_str());  // its ports are closed now
     srv.log("stopped");
     if (srv.logFile && srv.logFile != stderr)
         std::fclose(srv.logFile);
