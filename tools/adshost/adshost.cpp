@@ -643,7 +643,10 @@ struct Session::Impl {
         const bool valueRead = ex.purpose == 'R' || ex.purpose == 'C' || ex.purpose == 'r';
         if (valueRead && ex.result == 1 && ex.codes.ok())
             markKnown(area, first, count);
-        else if (valueRead && ex.result != 3)  // rejected, timed out, given up, lost
+        // Any request on the bytes that failed (rejected, timed out, given up, lost): what the
+        // driver's cache shows for them is no longer what the PLC was seen to hold (a write not
+        // confirmed shows the value written).
+        else if (hasSpan && ex.result != 1 && ex.result != 3)
             stampBytes(area, first, count, true);
         for (ActionRec& r : actionRecs) {
             if (r.a.state != Action::Pending)
@@ -680,6 +683,10 @@ struct Session::Impl {
         }
         if (ex.result == 1 && ex.purpose == 'W' && ex.codes.ok())
             markKnown(area, first, count);
+        // A refused write: the driver's cache shows the value written, which the PLC does not
+        // hold; it is stale until read again.
+        if (ex.result == 1 && ex.purpose == 'W' && ex.codes.anyError())
+            stampBytes(area, first, count, true);
         // A recipe transfer is over when the driver has lowered its flag after the PLC accepted
         // its requests. The flag alone is not enough: it is still down between the action's
         // start and the moment the host raises it.

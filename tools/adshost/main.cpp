@@ -11,6 +11,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cmath>
@@ -586,7 +587,14 @@ int adshostMain(int argc, char** argv)
     const int64_t deadline = durationS > 0 ? t0 + int64_t(durationS * 1000.0) : 0;
     // --cycles counts whole screen refreshes (every read block once); without a screen there
     // is nothing to count and the actions alone bound the session.
-    auto refreshes = [&] { return session.blocks() > 0 ? session.stats().fullRefreshes : ~0ULL; };
+    // A refresh whose reads the driver gave up counts as well (any request given up stands
+    // for one block), so that a PLC that refuses every read, or is silent, cannot hold the
+    // session forever.
+    uint64_t cyclicReadsConcluded = 0;
+    auto refreshes = [&] {
+        const uint64_t blocks = uint64_t(session.blocks());
+        return blocks > 0 ? std::max<uint64_t>(session.stats().fullRefreshes, cyclicReadsConcluded / blocks) : ~0ULL;
+    };
     uint64_t refreshesPaused = 0;  // the refresh after which the last pause was made
     int64_t lastDraw = 0;
     uint64_t errorsTotal = 0;
@@ -609,6 +617,8 @@ int adshostMain(int argc, char** argv)
         const adshost::Exchange ex = session.step();
         if (session.failedForGood())
             break;
+        if ((ex.cyclicRead && ex.result == 1) || ex.result == 2)
+            ++cyclicReadsConcluded;
         if (ex.result == 2) {
             ++errorsTotal;
             const std::string text = session.explain(ex);

@@ -54,6 +54,8 @@ const char* kHelp = "Usage: plcsim --listen ADDR:PORT [options]\n"
                     "  --delay MS             delay of the delay fault (default 300)\n"
                     "  --split-pause MS       pause between the halves of a split reply (20)\n"
                     "  --no-program           keep the memory still (no simulated program)\n"
+                    "  --log-data             log lines of reads and writes carry the bytes\n"
+                    "                         (data=HEX)\n"
                     "  --one-connection-per-peer  a new connection from an address closes the\n"
                     "                         older one from that address (as a real PLC does)\n"
                     "  --log FILE             request log, one line per frame ('-' = stderr)\n"
@@ -521,7 +523,7 @@ int main(int argc, char** argv)
     std::string listenArg, controlArg, logArg, portFile, netIdArg, portsArg;
     std::vector<std::string> routeArgs, faultArgs;
     unsigned long long seed = 1, faultCode = ErrServiceNotSupported, delayMs = 300, splitPauseMs = 20;
-    bool noProgram = false, version = false;
+    bool noProgram = false, version = false, logData = false;
 
     using namespace adstool::cli;
     auto check = [](bool (*parse)(const std::string&, std::string*)) {
@@ -552,6 +554,7 @@ int main(int argc, char** argv)
     app.add_option("--delay", delayMs)->check(Number(0, 60000, "milliseconds"));
     app.add_option("--split-pause", splitPauseMs)->check(Number(0, 60000, "milliseconds"));
     app.add_flag("--no-program", noProgram);
+    app.add_flag("--log-data", logData);
     app.add_flag("--one-connection-per-peer", srv.onePerPeer);
     app.add_option("--log", logArg);
     app.add_option("--port-file", portFile);
@@ -588,6 +591,7 @@ int main(int argc, char** argv)
     srv.plc.setDelayMs(int(delayMs));
     srv.plc.setSplitPauseMs(int(splitPauseMs));
     srv.program = !noProgram;
+    srv.plc.setLogData(logData);
     srv.plc.setSeed(seed);
     if (listenArg.empty())
         return usage("--listen ADDR:PORT is required");
