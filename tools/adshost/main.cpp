@@ -67,6 +67,15 @@ const char* const kDescription = "adshost: the reference host of the ads_etherne
 // far from the flood of back-to-back requests a real PLC would have to serve.
 constexpr unsigned long long kDefaultIntervalMs = 100;
 
+// Each example runs as printed against `plcsim --listen 127.0.0.1:48898 --no-program`; the
+// "# exit N" is its status (the docs.examples test runs them with plcsim's free port).
+const char* const kExamples = "Examples (against plcsim --listen 127.0.0.1:48898 --no-program):\n"
+                              "  adshost --probe --plc 127.0.0.1:48898 --netid 192.168.1.100.1.1   # exit 0\n"
+                              "  adshost --plc 127.0.0.1:48898 --watch M_W:0:4 --watch M_bit:10.3 --cycles 5   # exit 0\n"
+                              "  adshost --plc 127.0.0.1:48898 --write M_W:10=010 --write M_bit:10.3=1   # exit 0\n"
+                              "  adshost --plc 127.0.0.1:48898 --json --watch I_W:0 --duration 0.5   # exit 0\n"
+                              "  adshost --plc 127.0.0.1:48898 --watch M_W:0 --ams-port 852 --cycles 1   # exit 5\n";
+
 const char* const kExitCodes = "Exit status:\n"
                                "  0  the session ran and every action asked for (--write, --recipe,\n"
                                "     --condition) was confirmed by the PLC; --probe: the PLC answers in RUN\n"
@@ -276,7 +285,7 @@ int adshostMain(int argc, char** argv)
     adstool::cli::prepare(app);
     app.set_help_flag("-h,--help", "print this help and exit");
     app.get_formatter()->column_width(26);
-    app.footer(kExitCodes);
+    app.footer(std::string(kExamples) + "\n" + kExitCodes);
 
     std::string driverPath, plcText, netIdText = "192.168.1.100.1.1", sourceNetIdText;
     unsigned long long amsPort = 851, cycles = 0, retries = 3, gap = 16, timeoutMs = 0, intervalMs = 0;
