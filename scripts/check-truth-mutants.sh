@@ -31,7 +31,9 @@ mkdir -p "$work/src"
 # This tree as it stands (committed or not), copied once; each mutant changes one file.
 (cd "$root" && git ls-files -z --cached --others --exclude-standard | xargs -0 tar -c) | tar -x -C "$work/src"
 build=$work/build
-cmake -S "$work/src" -B "$build" -DADS_BUILD_TESTS=OFF -DADS_BUILD_BENCH=OFF > "$work/configure.log" 2>&1 \
+launcher=()
+command -v ccache > /dev/null && launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
+cmake -S "$work/src" -B "$build" -DADS_BUILD_TESTS=OFF -DADS_BUILD_BENCH=OFF "${launcher[@]}" > "$work/configure.log" 2>&1 \
   || { tail -30 "$work/configure.log" >&2; die "does not configure"; }
 cmake --build "$build" -j2 --target ads_ethernet plcsim > "$work/build.log" 2>&1 \
   || { tail -30 "$work/build.log" >&2; die "plugin or plcsim does not build"; }
