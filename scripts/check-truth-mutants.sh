@@ -60,7 +60,7 @@ while IFS=$'\t' read -r name file from to what; do
     || { tail -30 "$work/build-$name.log" >&2; die "mutant $name does not build"; }
   set +e
   out=$(python3 "$root/tests/truth/truth.py" --adshost "$build/tools/adshost/adshost" \
-    --driver "$build/src/libads_ethernet.so" --plcsim "$build/tools/plcsim/plcsim" --seeds "$seeds" 2>&1)
+    --driver "$build/src/libads_ethernet.so" --plcsim "$build/tools/plcsim/plcsim" --seeds "$seeds" --stop-at-first 2>&1)
   rc=$?
   set -e
   where=$(grep -m1 -A1 -E '^seed [0-9]+ .*false claim' <<< "$out" | tr '\n' ' ' || true)

@@ -527,6 +527,7 @@ def main():
     ap.add_argument("--max-seconds", type=float, default=0, help="stop starting seeds after this long")
     ap.add_argument("--wrapper", default="", help="runs adshost under this command (qemu-arm -L ...)")
     ap.add_argument("--verbose", action="store_true")
+    ap.add_argument("--stop-at-first", action="store_true", help="stop after the first seed with a false claim")
     args = ap.parse_args()
     start = time.time()
     failures = 0
@@ -551,6 +552,8 @@ def main():
                 print("  command: " + " ".join(shlex.quote(c) for c in cmd))
                 if args.verbose:
                     print("  stderr: " + err.decode().replace("\n", "\n          "))
+                if args.stop_at_first:
+                    break
             elif args.verbose:
                 print("seed %d (%s): exit %d, every claim true" % (seed, p.behaviour, status))
             sys.stdout.flush()
