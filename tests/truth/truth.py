@@ -232,8 +232,8 @@ def draw(seed):
     p.interval = rnd.choice([None, "0", "20"])
     p.retries = rnd.choice([2, 3])
 
-    kinds = ["clean"] * 4 + ["prob"] * 4 + ["count"] * 2 + ["adserror", "silence", "restart", "stop", "netid",
-                                                            "port", "noroute"]
+    kinds = (["clean"] * 3 + ["prob"] * 4 + ["count"] * 2 + ["adserror"] * 2 + ["silence"] * 2
+             + ["restart", "stop", "netid", "port", "noroute"])
     p.behaviour = rnd.choice(kinds)
     p.fault_cmds = []
     p.fault_code = rnd.choice(ADS_CODES)
