@@ -655,8 +655,10 @@ int adshostMain(int argc, char** argv)
             for (const adshost::Address& w : session.watches()) {
                 char line[64];
                 std::snprintf(line, sizeof line, "  %-18s ", w.text().c_str());
-                screen
-                    += line + (session.everRead(w) ? valuesText(w, session.read(w)) : std::string("never read")) + "\n";
+                const adshost::Freshness f = session.freshness(w);
+                screen += line + (f.read ? valuesText(w, session.read(w)) : std::string("never read"))
+                    + (f.read && f.stale ? " (stale, read " + realText(std::round(f.ageMs / 100.0) / 10.0) + " s ago)" : "")
+                    + "\n";
             }
             screen += "\n" + session.stats().figuresLine() + "\n";
             std::fputs(screen.c_str(), stdout);
