@@ -453,6 +453,7 @@ def check_session(p, out_lines, status, sim, memory_end, requests):
 def run_seed(args, seed, workdir):
     p = draw(seed)
     sim = Sim(args.plcsim, workdir)
+    adshost_proc = None
     extra = ["--route", "10.9.8.7.1.1"] if p.behaviour == "noroute" else []
     sim.start(extra)
     try:
@@ -481,6 +482,7 @@ def run_seed(args, seed, workdir):
         if p.refused:
             cmd += [p.refused]
         proc = subprocess.Popen(cmd, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        adshost_proc = proc
         if p.behaviour in ("silence", "restart"):
             time.sleep(p.event_at)
             if p.behaviour == "silence":
@@ -511,6 +513,9 @@ def run_seed(args, seed, workdir):
             return p, cmd, ["adshost did not end within 60 s"], -1, err
         memory_end = {a: sim.get(a, 0, 3100) for a in "IQM"}
     finally:
+        if adshost_proc is not None and adshost_proc.poll() is None:
+            adshost_proc.kill()
+            adshost_proc.wait()
         sim.stop()
     requests = sim.requests()
     bad = check_session(p, out.decode().splitlines(), proc.returncode, sim, memory_end, requests)
@@ -529,6 +534,8 @@ def main():
     ap.add_argument("--verbose", action="store_true")
     ap.add_argument("--stop-at-first", action="store_true", help="stop after the first seed with a false claim")
     args = ap.parse_args()
+    # Killed (a CTest time-out): the finally blocks still stop plcsim and adshost by their PID.
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))
     start = time.time()
     failures = 0
     statuses = {}
