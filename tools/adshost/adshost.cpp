@@ -557,6 +557,14 @@ struct Session::Impl {
             v[size_t(b)] = stamp;
     }
     void markKnown(char area, long first, long count) { stampBytes(area, first, count, false); }
+    void forgetBytes(char area, long first, long count)
+    {
+        const int i = areaIndex(area);
+        if (i < 0 || count <= 0 || first < 0 || byteTimes[i].readAt.empty())
+            return;
+        std::vector<int64_t>& v = byteTimes[i].readAt;
+        std::fill(v.begin() + first, v.begin() + std::min(first + count, long(v.size())), 0);
+    }
 
     int addAction(const std::string& kind, const std::string& what)
     {
@@ -683,10 +691,10 @@ struct Session::Impl {
         }
         if (ex.result == 1 && ex.purpose == 'W' && ex.codes.ok())
             markKnown(area, first, count);
-        // A refused write: the driver's cache shows the value written, which the PLC does not
-        // hold; it is stale until read again.
+        // A refused write: the driver's cache shows the value written, which the PLC never
+        // held; the value is not known until it is read again.
         if (ex.result == 1 && ex.purpose == 'W' && ex.codes.anyError())
-            stampBytes(area, first, count, true);
+            forgetBytes(area, first, count);
         // A recipe transfer is over when the driver has lowered its flag after the PLC accepted
         // its requests. The flag alone is not enough: it is still down between the action's
         // start and the moment the host raises it.
