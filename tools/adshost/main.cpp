@@ -70,11 +70,11 @@ constexpr unsigned long long kDefaultIntervalMs = 100;
 // Each example runs as printed against `plcsim --listen 127.0.0.1:48898 --no-program`; the
 // "# exit N" is its status (the docs.examples test runs them with plcsim's free port).
 const char* const kExamples = "Examples (against plcsim --listen 127.0.0.1:48898 --no-program):\n"
-                              "  adshost --probe --plc 127.0.0.1:48898 --netid 192.168.1.100.1.1   # exit 0\n"
-                              "  adshost --plc 127.0.0.1:48898 --watch M_W:0:4 --watch M_bit:10.3 --cycles 5   # exit 0\n"
-                              "  adshost --plc 127.0.0.1:48898 --write M_W:10=010 --write M_bit:10.3=1   # exit 0\n"
-                              "  adshost --plc 127.0.0.1:48898 --json --watch I_W:0 --duration 0.5   # exit 0\n"
-                              "  adshost --plc 127.0.0.1:48898 --watch M_W:0 --ams-port 852 --cycles 1   # exit 5\n";
+                              "  adshost --probe --plc 127.0.0.1:48898 --netid 192.168.1.100.1.1  # exit 0\n"
+                              "  adshost --plc 127.0.0.1:48898 --watch M_W:0:4 --cycles 5  # exit 0\n"
+                              "  adshost --plc 127.0.0.1:48898 --write M_W:10=010  # exit 0\n"
+                              "  adshost --plc 127.0.0.1:48898 --json --watch I_W:0 --duration 0.5  # exit 0\n"
+                              "  adshost --plc 127.0.0.1:48898 --watch M_W:0 --ams-port 852 --cycles 1  # exit 5\n";
 
 const char* const kExitCodes = "Exit status:\n"
                                "  0  the session ran and every action asked for (--write, --recipe,\n"
