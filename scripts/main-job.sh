@@ -1,9 +1,11 @@
 #!/usr/bin/env bash
 # The reference host against the bundled PLC simulator: installs what is needed, builds the
 # driver plugin, the simulator and the host into build/, starts the simulator (its program
-# running) on a free loopback port, polls a demo screen through the driver for about fifteen
-# seconds with one word write, one bit write and a recipe download and read-back, then checks
-# in the simulator's memory that the writes landed and prints the figures.
+# running) on a free loopback port with a route table that does not know this panel, and
+# commissions it from zero: discovery, the probe (no route), add-route, the probe again. Then
+# it polls a demo screen through the driver for about fifteen seconds with one word write, one
+# bit write and a recipe download and read-back, checks in the simulator's memory that the
+# writes landed and prints the figures.
 # Usage: bash scripts/main-job.sh [seconds]     Exit status 0 when everything worked.
 set -euo pipefail
 here=$(cd "$(dirname "$0")/.." && pwd)
@@ -29,13 +31,53 @@ work=$(mktemp -d)
 source "$here/scripts/lib/plcsim.sh"
 trap 'stop_plcsim || true; rm -rf "$work"' EXIT
 
-if ! start_plcsim "$plcsim" --listen 127.0.0.1:0 --control 127.0.0.1:0 --log "$work/plcsim.log"; then
+# The driver sends as its own IPv4 address (the first that contains the first two numbers of
+# the PLC's Net ID) followed by .1.1. The simulated PLC gets a Net ID that makes the driver pick
+# this machine's first address, so that the route added below is the one a real panel needs.
+own=
+for a in $(hostname -I 2>/dev/null); do
+  [[ $a =~ ^[0-9]+\.[0-9]+\.[0-9]+\.[0-9]+$ && $a != 127.* ]] && { own=$a; break; }
+done
+if [[ -n $own ]]; then
+  plc_netid=$(cut -d. -f1-2 <<<"$own").77.77.1.1
+  route_for=()
+else
+  # No address but loopback: the driver finds none and sends as 0.0.0.0.1.1.
+  plc_netid=192.168.1.100.1.1
+  route_for=(--local-netid 0.0.0.0.1.1 --local-address 127.0.0.1)
+  echo "main-job: this machine has no IPv4 address but loopback; the route is for 0.0.0.0.1.1" >&2
+fi
+
+# A route table that knows another panel only: this one gets no answer until its route is added.
+if ! start_plcsim "$plcsim" --listen 127.0.0.1:0 --control 127.0.0.1:0 --log "$work/plcsim.log" \
+  --netid "$plc_netid" --route 10.9.8.7.1.1 --route-file "$work/routes" --hostname plcsim-main-job; then
   echo "main-job: plcsim did not start" >&2
   exit 1
 fi
 listen=127.0.0.1:$PLCSIM_PORT
 control=127.0.0.1:$PLCSIM_CONTROL_PORT
-echo "plcsim (pid $PLCSIM_PID) listening on $listen, control on $control, AMS Net ID $PLCSIM_NETID"
+echo "plcsim (pid $PLCSIM_PID) listening on $listen, control on $control, UDP service on port $PLCSIM_UDP_PORT," \
+  "AMS Net ID $PLCSIM_NETID"
+
+# Commissioning from zero (docs/COMMISSIONING.md): find the PLC, see the probe fail for the
+# missing route, add the route, probe again.
+echo "adshost --discover"
+"$adshost" --discover --plc 127.0.0.1 --udp-port "$PLCSIM_UDP_PORT" --timeout-ms 3000
+echo "adshost --probe (before the route)"
+probe_status=0
+"$adshost" --probe --plc "$listen" --netid "$plc_netid" --ams-port 851 --udp-port "$PLCSIM_UDP_PORT" \
+  --timeout-ms 500 >"$work/probe-before.out" 2>&1 || probe_status=$?
+cat "$work/probe-before.out"
+if ((probe_status != 4)) || ! grep -q '^to add the route: adshost --add-route' "$work/probe-before.out"; then
+  echo "main-job: the probe before the route ended with $probe_status, expected 4 and the add-route command" >&2
+  exit 1
+fi
+echo "adshost --add-route"
+# The simulator's password is a fresh device's usual one; never on the command line.
+MAIN_JOB_PLC_PASSWORD=1 "$adshost" --add-route --plc 127.0.0.1 --udp-port "$PLCSIM_UDP_PORT" \
+  --user Administrator --password-env MAIN_JOB_PLC_PASSWORD --route-name main-job "${route_for[@]}"
+echo "adshost --probe (with the route)"
+"$adshost" --probe --plc "$listen" --netid "$plc_netid" --ams-port 851 --timeout-ms 2000
 
 ctl() { plcsim_ctl "$1"; }
 
@@ -48,7 +90,7 @@ ctl() { plcsim_ctl "$1"; }
 
 echo "adshost: polling for $seconds seconds"
 status=0
-"$adshost" --driver "$plugin" --plc "$listen" --netid 192.168.1.100.1.1 --ams-port 851 \
+"$adshost" --driver "$plugin" --plc "$listen" --netid "$plc_netid" --ams-port 851 \
   --watch I_W:0 --watch I_bit:0.0:4 \
   --watch Q_W:10:2 --watch Q_bit:3.7 \
   --watch M_W:0 --watch M_bit:2.0 --watch M_W:100:4 --watch M_bit:20.0:8 \
@@ -76,6 +118,7 @@ check "recipe M_W:200:2 downloaded" "get 0x4020 200 4" "ok 11112222"
 check "recipe Q_W:40:1 downloaded" "get 0xF030 40 2" "ok 3333"
 grep -q "(matches the download)" "$work/adshost.out" || { echo "check recipe read-back: FAILED"; failed=1; }
 echo "plcsim counters: $(ctl counters)"
+echo "plcsim UDP service: $(ctl udp-counters); routes: $(ctl routes)"
 
 figures=$(grep '^figures: ' "$work/adshost.out" || true)
 [[ -n $figures ]] || { echo "main-job: adshost printed no figures" >&2; failed=1; }

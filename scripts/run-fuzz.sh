@@ -3,7 +3,8 @@
 # needed and runs each for a bounded time. Fails on any finding (crash, sanitizer report,
 # leak, time-out, out-of-memory) and prints executions per second, coverage and corpus size.
 #
-# Usage: bash scripts/run-fuzz.sh [target...]        (default: fuzz_reply fuzz_address)
+# Usage: bash scripts/run-fuzz.sh [target...]
+#        (default: fuzz_reply fuzz_address fuzz_udp_request fuzz_udp_answer)
 # Environment: FUZZ_SECONDS (default 60 per target), FUZZ_BUILD_DIR (default build-fuzz),
 #              FUZZ_JOBS (build jobs, default nproc).
 set -euo pipefail
@@ -12,7 +13,7 @@ build=${FUZZ_BUILD_DIR:-$here/build-fuzz}
 seconds=${FUZZ_SECONDS:-60}
 jobs=${FUZZ_JOBS:-$(nproc)}
 targets=("$@")
-((${#targets[@]})) || targets=(fuzz_reply fuzz_address)
+((${#targets[@]})) || targets=(fuzz_reply fuzz_address fuzz_udp_request fuzz_udp_answer)
 
 if [[ ! -f $build/CMakeCache.txt ]] || ! grep -q '^ADS_FUZZ:BOOL=ON' "$build/CMakeCache.txt"; then
   CC=clang CXX=clang++ cmake -S "$here" -B "$build" -DADS_FUZZ=ON -DADS_BUILD_TOOLS=OFF >/dev/null
@@ -31,6 +32,7 @@ for t in "${targets[@]}"; do
   rm -f "$artifacts"/*
   extra=()
   [[ $t == fuzz_reply ]] && extra+=(-max_len=2100)
+  [[ $t == fuzz_udp_* ]] && extra+=(-max_len=2100)  # a datagram of the UDP service: 2 KiB and a little more
   echo "== $t: ${seconds}s"
   rc=0
   "$exe" "$work" "$seeds" "${extra[@]}" -max_total_time="$seconds" -timeout=25 -rss_limit_mb=2560 \

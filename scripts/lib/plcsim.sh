@@ -1,12 +1,14 @@
 # Shell helpers to run the PLC simulator (source this file; bash).
 #
 #   start_plcsim EXE [plcsim options...]
-#       starts EXE with the options and --port-file in a new temporary folder, waits (at most
+#       starts EXE with the options, --port-file in a new temporary folder and --udp-port 0
+#       (unless the options name a UDP port: simulators never share one), waits (at most
 #       PLCSIM_START_TIMEOUT seconds, default 5) for the port file and sets
 #         PLCSIM_PID            its process id
 #         PLCSIM_PORT           its ADS (AMS/TCP) port
 #         PLCSIM_CONTROL_PORT   its control port (0 without --control)
 #         PLCSIM_NETID          its AMS Net ID
+#         PLCSIM_UDP_PORT       the port of its UDP service (device info, add route; 0: off)
 #         PLCSIM_DIR            the temporary folder (its stdout is in $PLCSIM_DIR/stdout)
 #       Returns 1 with a message on stderr when plcsim ends first or writes no file in time
 #       (it is stopped then).
@@ -20,6 +22,7 @@ PLCSIM_PID=
 PLCSIM_PORT=
 PLCSIM_CONTROL_PORT=
 PLCSIM_NETID=
+PLCSIM_UDP_PORT=
 PLCSIM_DIR=
 
 start_plcsim() {
@@ -29,11 +32,14 @@ start_plcsim() {
     echo "start_plcsim: plcsim (pid $PLCSIM_PID) is already running" >&2
     return 1
   fi
-  local want_control=0 a
-  for a in "$@"; do [[ $a == --control ]] && want_control=1; done
+  local want_control=0 udp=(--udp-port 0) a
+  for a in "$@"; do
+    [[ $a == --control ]] && want_control=1
+    [[ $a == --udp-port ]] && udp=()
+  done
   PLCSIM_DIR=$(mktemp -d "${TMPDIR:-/tmp}/plcsim.XXXXXX")
   local ports=$PLCSIM_DIR/ports
-  "$exe" "$@" --port-file "$ports" >"$PLCSIM_DIR/stdout" </dev/null &
+  "$exe" "$@" "${udp[@]}" --port-file "$ports" >"$PLCSIM_DIR/stdout" </dev/null &
   PLCSIM_PID=$!
   local steps=$(( ${PLCSIM_START_TIMEOUT:-5} * 20 )) i
   for ((i = 0; i < steps; i++)); do
@@ -41,6 +47,7 @@ start_plcsim() {
       PLCSIM_PORT=$(sed -n 's/^ads_port=//p' "$ports")
       PLCSIM_CONTROL_PORT=$(sed -n 's/^control_port=//p' "$ports")
       PLCSIM_NETID=$(sed -n 's/^netid=//p' "$ports")
+      PLCSIM_UDP_PORT=$(sed -n 's/^udp_port=//p' "$ports")
       if [[ -n $PLCSIM_PORT && $PLCSIM_PORT != 0 && ($want_control == 0 || ${PLCSIM_CONTROL_PORT:-0} != 0) ]]; then
         return 0
       fi

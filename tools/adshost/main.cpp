@@ -1,6 +1,7 @@
 // adshost: drives an ads_ethernet driver plugin against a PLC as a panel runtime does, or
 // (--probe) checks the path to a PLC with frames of its own.
 #include "adshost.h"
+#include "discover_cli.h"
 #include "probe.h"
 #include "text_util.h"
 
@@ -78,7 +79,8 @@ const char* const kExamples = "Examples (against plcsim --listen 127.0.0.1:48898
 
 const char* const kExitCodes = "Exit status:\n"
                                "  0  the session ran and every action asked for (--write, --recipe,\n"
-                               "     --condition) was confirmed by the PLC; --probe: the PLC answers in RUN\n"
+                               "     --condition) was confirmed by the PLC; --probe: the PLC answers in RUN;\n"
+                               "     --discover: a device answered; --add-route: the route was accepted\n"
                                "  1  could not start: driver plugin or entry point missing, capture file not\n"
                                "     writable, no TCP connection; --version: no driver it could load\n"
                                "  2  usage error: a bad option, an address the driver refuses, or a request\n"
@@ -86,15 +88,17 @@ const char* const kExitCodes = "Exit status:\n"
                                "     than one piece, a --condition of a bit register)\n"
                                "  3  the connection was lost and could not be made again\n"
                                "  4  connected, but the PLC never answered (or closed the connection without\n"
-                               "     answering): no route for this panel's Net ID, however short the session\n"
+                               "     answering): no route for this panel's Net ID, however short the\n"
+                               "     session; --discover, --add-route: no device answered in time\n"
                                "  5  AMS error in a reply: no such AMS Net ID (0x7, check --netid) or AMS\n"
                                "     port (0x6, check --ams-port)\n"
                                "  6  the PLC refused an action or a probe request with an ADS error, or a\n"
                                "     watched address was never read or is stale while the PLC answered\n"
-                               "     with ADS errors\n"
+                               "     with ADS errors; --add-route: the device refused the route (0x704:\n"
+                               "     user name or password refused)\n"
                                "  7  --probe: the PLC answers but is not in RUN\n"
-                               "  8  a reply that is not a well-formed answer (driver mode: no AMS/TCP frame\n"
-                               "     at all; is it an AMS/TCP port?)\n"
+                               "  8  a reply that is not a well-formed answer (--probe, --add-route; driver\n"
+                               "     mode: no AMS/TCP frame at all, is it an AMS/TCP port?)\n"
                                "  9  an action did not finish within --action-timeout or was given up\n"
                                "     without an error code, or a watched address was never read (the\n"
                                "     session ended first, or its reads timed out or came back short), or\n"
@@ -105,38 +109,7 @@ const char* const kExitCodes = "Exit status:\n"
                                "With --json every value, action, error and the figures are one JSON object\n"
                                "per line on standard output, the last one {\"type\":\"exit\",...} always.";
 
-std::string jsonEscape(const std::string& s)
-{
-    std::string o = "\"";
-    for (unsigned char c : s) {
-        switch (c) {
-        case '"':
-            o += "\\\"";
-            break;
-        case '\\':
-            o += "\\\\";
-            break;
-        case '\n':
-            o += "\\n";
-            break;
-        case '\r':
-            o += "\\r";
-            break;
-        case '\t':
-            o += "\\t";
-            break;
-        default:
-            if (c < 0x20) {
-                char buf[8];
-                std::snprintf(buf, sizeof buf, "\\u%04x", c);
-                o += buf;
-            } else {
-                o += char(c);
-            }
-        }
-    }
-    return o + "\"";
-}
+using adshost::util::jsonEscape;
 
 std::string hex16(unsigned v)
 {
@@ -281,7 +254,7 @@ std::string driverNotFoundText()
 int adshostMain(int argc, char** argv)
 {
     const std::string prog = "adshost";
-    CLI::App app(kDescription, "adshost");
+    CLI::App app(std::string(kDescription) + "\n" + adshost::discover::kCliDescription, "adshost");
     adstool::cli::prepare(app);
     app.set_help_flag("-h,--help", "print this help and exit");
     app.get_formatter()->column_width(26);
@@ -310,7 +283,7 @@ int adshostMain(int argc, char** argv)
         ->type_name("PATH");
     app.add_option("--plc", plcText, "PLC address and AMS/TCP port (usually\n48898), e.g. 192.168.1.100:48898")
         ->type_name("HOST:PORT")
-        ->check(plain(adstool::cli::HostPortText()));
+        ->check(plain(adstool::cli::HostPortText(adstool::PortRule::NonZero, 48898)));
     app.add_option("--netid", netIdText, "the PLC's AMS Net ID (driver mode default\n192.168.1.100.1.1)")
         ->type_name("A.B.C.D.E.F")
         ->check(plain(adstool::cli::NetIdText()));
@@ -354,7 +327,8 @@ int adshostMain(int argc, char** argv)
     app.add_option("--gap", gap, "largest gap in bytes bridged when merging\n(default 16)")
         ->type_name("N")
         ->check(Number(0, 128, "a gap in bytes"));
-    app.add_option("--timeout-ms", timeoutMs, "reply time-out (default 500; --probe: 2000)")
+    app.add_option(
+           "--timeout-ms", timeoutMs, "reply time-out (default 500; --probe: 2000;\n--discover, --add-route: 3000)")
         ->type_name("N")
         ->check(Number(1, 600000, "milliseconds"));
     app.add_option("--interval-ms", intervalMs, "pause after each whole screen refresh\n(default 100)")
@@ -368,6 +342,8 @@ int adshostMain(int argc, char** argv)
     app.add_flag("-q,--quiet", quiet, "no live table and no value list at the end");
     app.add_flag("--json", json, "one JSON object per line on stdout");
     app.add_flag("--version", version, "print adshost's and the driver's version");
+    adshost::discover::CliOptions commissioning;
+    adshost::discover::addCliOptions(app, commissioning);
 
     const int parsed = adstool::cli::parse(app, argc, argv, prog);
     if (parsed >= 0)
@@ -391,10 +367,17 @@ int adshostMain(int argc, char** argv)
         std::printf("driver %s %s\n", path.c_str(), v.c_str());
         return finish(ExitOk, "versions printed");
     }
+    const int commissioned = adshost::discover::runCli(app, commissioning, {plcText, netIdText, timeoutMs, json});
+    if (commissioned >= 0) {
+        g_exit.printed = true;  // --discover and --add-route print their own exit object
+        return commissioned;
+    }
     if (plcText.empty())
         return usage("--plc: needs HOST:PORT (the PLC's address and AMS/TCP port, usually 48898)");
     adstool::HostPort plc;
-    adstool::parseHostPort(plcText, plc);
+    std::string plcWhy;
+    if (!adstool::parseHostPort(plcText, plc, adstool::PortRule::NonZero, &plcWhy))
+        return usage("--plc: needs HOST:PORT: " + plcWhy);
 
     if (probeMode) {
         for (const char* o :
@@ -410,6 +393,7 @@ int adshostMain(int argc, char** argv)
         opt.netId = netIdText;
         opt.amsPort = int(amsPort);
         opt.sourceNetId = sourceNetIdText;
+        opt.udpPort = uint16_t(commissioning.udpPort);
         if (timeoutMs > 0)
             opt.timeoutMs = int(timeoutMs);
         installSignals();  // also where SIGINT was ignored (a background job)
@@ -860,7 +844,7 @@ int main(int argc, char** argv)
     for (int i = 1; i < argc && std::strcmp(argv[i], "--") != 0; ++i)
         g_exit.json = g_exit.json || std::strcmp(argv[i], "--json") == 0;
     const int status = adshostMain(argc, argv);
-    if (g_exit.json)
+    if (g_exit.json && !g_exit.printed)
         std::printf("{\"type\":\"exit\",\"status\":%d,\"reason\":%s}\n", status, jsonEscape(g_exit.reason).c_str());
     std::fflush(stdout);
     return status;

@@ -1,4 +1,5 @@
 #include "probe.h"
+#include "discover.h"
 #include "text_util.h"
 
 #include "adstool/deadline_io.h"
@@ -17,6 +18,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -289,6 +291,36 @@ public:
 
     int run()
     {
+        const int status = steps();
+        if (status == ExitNoAnswer || status == ExitAmsError)
+            commissioningHints(status);
+        return status;
+    }
+
+private:
+    // After no answer (no route) or an AMS error: what the device's UDP service says of its
+    // Net ID, and the command that adds the missing route.
+    void commissioningHints(int status)
+    {
+        adstool::udp::DeviceInfo info;
+        std::string why;
+        std::string plcNetId = netIdText(target);
+        if (discover::askDevice(opt.host, opt.udpPort, std::min(opt.timeoutMs, 1500), info, why)
+            && info.netId.str() != plcNetId) {
+            std::fprintf(out,
+                "the device at %s reports AMS Net ID %s in discovery, not %s as given with --netid: check "
+                "--netid\n",
+                opt.host.c_str(), info.netId.str().c_str(), plcNetId.c_str());
+            plcNetId = info.netId.str();
+        }
+        if (status == ExitNoAnswer)
+            std::fprintf(out, "to add the route: %s\n",
+                discover::addRouteCommand(opt.host, plcNetId, opt.sourceNetId, opt.udpPort).c_str());
+        std::fflush(out);
+    }
+
+    int steps()
+    {
         if (!parseNetId(opt.netId, target))
             return fail(ExitUsage, "--netid needs six numbers 0..255, got '" + opt.netId + "'");
         if (!chooseSource())
@@ -342,7 +374,6 @@ public:
         return ExitOk;
     }
 
-private:
     bool chooseSource()
     {
         if (!opt.sourceNetId.empty()) {

@@ -37,6 +37,7 @@ struct Options {
     int timeoutMs = 2000;     // connect time-out and reply time-out
     // Set (by a signal handler) to stop waiting at once: the probe ends with ExitUnfinished.
     const volatile sig_atomic_t* interrupted = nullptr;
+    uint16_t udpPort = 48899;  // the device's UDP service, asked when the probe finds no route or no Net ID
 };
 
 // The panel address the driver takes for a PLC Net ID: the first address of `addresses`

@@ -6,6 +6,7 @@
 #include "adstool/deadline_io.h"
 
 #include <cstdint>
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -30,6 +31,40 @@ inline std::vector<std::string> split(const std::string& s, char sep)
     }
     out.push_back(cur);
     return out;
+}
+
+// A JSON string literal of s (quotes included).
+inline std::string jsonEscape(const std::string& s)
+{
+    std::string o = "\"";
+    for (unsigned char c : s) {
+        switch (c) {
+        case '"':
+            o += "\\\"";
+            break;
+        case '\\':
+            o += "\\\\";
+            break;
+        case '\n':
+            o += "\\n";
+            break;
+        case '\r':
+            o += "\\r";
+            break;
+        case '\t':
+            o += "\\t";
+            break;
+        default:
+            if (c < 0x20) {
+                char buf[8];
+                std::snprintf(buf, sizeof buf, "\\u%04x", c);
+                o += buf;
+            } else {
+                o += char(c);
+            }
+        }
+    }
+    return o + "\"";
 }
 
 }  // namespace util

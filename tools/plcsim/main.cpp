@@ -2,6 +2,7 @@
 // One thread, poll()-based; see README.md for the options and the control protocol.
 
 #include "plc_core.h"
+#include "udp_service.h"
 
 #include "adstool/cli.h"
 #include "adstool/deadline_io.h"
@@ -61,7 +62,20 @@ const char* kHelp = "Usage: plcsim --listen ADDR:PORT [options]\n"
                     "  --log FILE             request log, one line per frame ('-' = stderr)\n"
                     "  --port-file FILE       once listening, write the ports to FILE (replaced\n"
                     "                         whole): ads_port=N, control_port=N (0 without\n"
-                    "                         --control), netid=A.B.C.D.E.F, pid=N\n"
+                    "                         --control), netid=A.B.C.D.E.F, pid=N, udp_port=N\n"
+                    "                         (0 when the UDP service is off)\n"
+                    "UDP service (device info and add route) on the --listen address:\n"
+                    "  --udp-port N           its port (default 48899; 0 picks a free one); when\n"
+                    "                         the default is taken the service stays off with a\n"
+                    "                         warning, a port given here must be free\n"
+                    "  --hostname NAME        host name it reports (default plcsim)\n"
+                    "  --runtime-version V    runtime version it reports (default 3.1.4024)\n"
+                    "  --os-platform P        bsd, rtos, nt or ce (default nt)\n"
+                    "  --os-version V         MAJOR.MINOR.BUILD (default 10.0.17763)\n"
+                    "  --user NAME            user name add-route needs (default Administrator)\n"
+                    "  --password-file FILE   its password, the file's text (default 1)\n"
+                    "  --route-file FILE      keeps static routes added over UDP across a restart\n"
+                    "                         (read at start, rewritten whole on each change)\n"
                     "  --version, --help\n"
                     "\n"
                     "Memory: index groups 0xF020 (inputs), 0xF030 (outputs), 0x4020 (PLC\n"
@@ -100,6 +114,10 @@ struct Conn {
 class Server {
 public:
     Plc plc;
+    RouteStore routes;
+    UdpIdentity identity;
+    UdpEndpoint udp;
+    std::unique_ptr<UdpService> udpService;
     bool program = true;
     bool onePerPeer = false;
     FILE* logFile = nullptr;
@@ -346,7 +364,25 @@ public:
         }
         if (cmd == "reset-counters" && w.size() == 1) {
             plc.resetCounters();
+            if (udpService)
+                udpService->resetCounters();
             return "ok";
+        }
+        if (cmd == "udp-counters" && w.size() == 1) {
+            if (!udpService)
+                return "err the UDP service is off";
+            const UdpService::Counters& k = udpService->counters();
+            std::ostringstream os;
+            os << "ok requests=" << k.requests << " deviceinfo=" << k.deviceInfo << " addroute=" << k.addRoute
+               << " accepted=" << k.accepted << " refused=" << k.refused << " ignored=" << k.ignored
+               << " stopped=" << k.stopped;
+            return os.str();
+        }
+        if (cmd == "routes" && w.size() == 1) {
+            std::string out = "ok " + std::to_string(routes.routes().size());
+            for (const Route& r : routes.routes())
+                out += " " + r.netId.str() + ":" + originName(r.origin);
+            return out;
         }
         if (cmd == "program" && w.size() == 2) {
             if (w[1] == "on")
@@ -363,7 +399,7 @@ public:
         }
         if (cmd == "help")
             return "ok get set fault fault-prob faults-off fault-code delay seed state counters "
-                   "reset-counters program quit";
+                   "reset-counters udp-counters routes program quit";
         return "err unknown command: " + line;
     }
 
@@ -396,6 +432,9 @@ public:
             fds.push_back({controlFd, short(controlFd >= 0 ? POLLIN : 0), 0});
             for (auto& c : conns)
                 fds.push_back({c->fd, short(POLLIN | (c->out.empty() ? 0 : POLLOUT)), 0});
+            const size_t firstUdp = fds.size();
+            for (int fd : udp.fds())
+                fds.push_back({fd, POLLIN, 0});
             int timeout = int(std::max<int64_t>(0, std::min<int64_t>(wake - now, tick)));
             const int r = poll(fds.data(), fds.size(), timeout);
             if (r < 0 && errno != EINTR) {
@@ -410,7 +449,10 @@ public:
                     accept(listenFd, false);
                 if (controlFd >= 0 && (fds[1].revents & POLLIN))
                     accept(controlFd, true);
-                const size_t nconn = fds.size() - 2;
+                for (size_t i = firstUdp; i < fds.size(); ++i)
+                    if (fds[i].revents & POLLIN)
+                        udp.receive(fds[i].fd, *udpService);
+                const size_t nconn = firstUdp - 2;
                 for (size_t i = 0; i < nconn && i < conns.size(); ++i) {
                     Conn& c = *conns[i];
                     const short ev = fds[i + 2].revents;
@@ -499,14 +541,14 @@ bool parseFaultProb(const std::string& text, Fault& f, double& p, std::string* w
 
 // The port file, written under a temporary name and renamed, so that a reader never sees
 // half of it.
-bool writePortFile(const std::string& path, uint16_t adsPort, uint16_t controlPort, const NetId& id)
+bool writePortFile(const std::string& path, uint16_t adsPort, uint16_t controlPort, const NetId& id, uint16_t udpPort)
 {
     const std::string tmp = path + ".tmp" + std::to_string(::getpid());
     FILE* f = std::fopen(tmp.c_str(), "w");
     if (!f)
         return false;
-    std::fprintf(f, "ads_port=%u\ncontrol_port=%u\nnetid=%s\npid=%ld\n", unsigned(adsPort), unsigned(controlPort),
-        id.str().c_str(), long(::getpid()));
+    std::fprintf(f, "ads_port=%u\ncontrol_port=%u\nnetid=%s\npid=%ld\nudp_port=%u\n", unsigned(adsPort),
+        unsigned(controlPort), id.str().c_str(), long(::getpid()), unsigned(udpPort));
     const bool ok = std::fflush(f) == 0 && std::fclose(f) == 0;
     if (!ok || std::rename(tmp.c_str(), path.c_str()) != 0) {
         std::remove(tmp.c_str());
@@ -524,6 +566,8 @@ int main(int argc, char** argv)
     std::vector<std::string> routeArgs, faultArgs;
     unsigned long long seed = 1, faultCode = ErrServiceNotSupported, delayMs = 300, splitPauseMs = 20;
     bool noProgram = false, version = false, logData = false;
+    unsigned long long udpPort = adstool::udp::kDefaultPort;
+    std::string routeFile, passwordFile, runtimeArg, osPlatformArg, osVersionArg;
 
     using namespace adstool::cli;
     auto check = [](bool (*parse)(const std::string&, std::string*)) {
@@ -558,6 +602,38 @@ int main(int argc, char** argv)
     app.add_flag("--one-connection-per-peer", srv.onePerPeer);
     app.add_option("--log", logArg);
     app.add_option("--port-file", portFile);
+    app.add_option("--udp-port", udpPort)->check(Number(0, 65535, "a UDP port"));
+    app.add_option("--hostname", srv.identity.hostName)->check(check([](const std::string& v, std::string* why) {
+        if (!v.empty() && v.size() < 256)
+            return true;
+        *why = "needs a host name of 1 to 255 bytes";
+        return false;
+    }));
+    app.add_option("--runtime-version", runtimeArg)->check(check([](const std::string& v, std::string* why) {
+        adstool::udp::RuntimeVersion rv;
+        if (adstool::udp::RuntimeVersion::parse(v, rv))
+            return true;
+        *why = "needs MAJOR.MINOR.BUILD (0..255, 0..255, 0..65535), got '" + v + "'";
+        return false;
+    }));
+    app.add_option("--os-platform", osPlatformArg)->check(check([](const std::string& v, std::string* why) {
+        uint32_t p = 0;
+        if (adstool::udp::parsePlatform(v, p))
+            return true;
+        *why = "needs bsd, rtos, nt, ce or a number, got '" + v + "'";
+        return false;
+    }));
+    app.add_option("--os-version", osVersionArg)->check(check([](const std::string& v, std::string* why) {
+        unsigned a = 0, b = 0, c = 0;
+        char end = 0;
+        if (std::sscanf(v.c_str(), "%u.%u.%u%c", &a, &b, &c, &end) == 3 && v[0] >= '0' && v[0] <= '9')
+            return true;
+        *why = "needs MAJOR.MINOR.BUILD, got '" + v + "'";
+        return false;
+    }));
+    app.add_option("--user", srv.identity.userName);
+    app.add_option("--password-file", passwordFile);
+    app.add_option("--route-file", routeFile);
     app.add_flag("--version", version);
     const int parsed = parse(app, argc, argv, "plcsim", kHelp);
     if (parsed >= 0)
@@ -572,9 +648,36 @@ int main(int argc, char** argv)
         srv.plc.setNetId(id);
     }
     for (const std::string& r : routeArgs) {
-        NetId id;
-        NetId::parse(r, id);
-        srv.plc.addRoute(id);
+        Route route;
+        NetId::parse(r, route.netId);
+        route.origin = Route::CommandLine;
+        std::string ignored;
+        srv.routes.add(route, ignored);
+    }
+    srv.routes.setFile(routeFile);
+    {
+        std::string why;
+        if (!srv.routes.load(why)) {
+            std::fprintf(stderr, "plcsim: --route-file: %s\n", why.c_str());
+            return 1;
+        }
+        if (!passwordFile.empty() && !adstool::udp::readPasswordFile(passwordFile, srv.identity.password, &why)) {
+            std::fprintf(stderr, "plcsim: --password-file: %s\n", why.c_str());
+            return 1;
+        }
+    }
+    for (const Route& r : srv.routes.routes())
+        srv.plc.addRoute(r.netId);
+    if (!runtimeArg.empty())
+        adstool::udp::RuntimeVersion::parse(runtimeArg, srv.identity.runtime);
+    if (!osPlatformArg.empty())
+        adstool::udp::parsePlatform(osPlatformArg, srv.identity.os.platform);
+    if (!osVersionArg.empty()) {
+        unsigned a = 0, b = 0, c = 0;
+        std::sscanf(osVersionArg.c_str(), "%u.%u.%u", &a, &b, &c);
+        srv.identity.os.major = a;
+        srv.identity.os.minor = b;
+        srv.identity.os.build = c;
     }
     if (!portsArg.empty()) {
         std::set<uint16_t> ports;
@@ -617,6 +720,22 @@ int main(int argc, char** argv)
         if (const int rc = listenAt("--control", controlArg, cbound, srv.controlFd))
             return rc;
     }
+    // The UDP service on the ADS address. The default port may be held by another simulator
+    // or a router on this machine: then the service stays off and the simulator runs on.
+    std::string udpWarning;
+    {
+        adstool::HostPort hp;
+        adstool::parseHostPort(listenArg, hp, adstool::PortRule::AnyPort);
+        std::string why;
+        if (srv.udp.open(hp.host, uint16_t(udpPort), why)) {
+            srv.udpService = std::make_unique<UdpService>(srv.plc, srv.routes, srv.identity);
+        } else if (app.count("--udp-port") > 0) {
+            std::fprintf(stderr, "plcsim: --udp-port: %s\n", why.c_str());
+            return 1;
+        } else {
+            udpWarning = why;
+        }
+    }
     if (!logArg.empty()) {
         srv.logFile = logArg == "-" ? stderr : std::fopen(logArg.c_str(), "w");
         if (!srv.logFile) {
@@ -624,6 +743,8 @@ int main(int argc, char** argv)
             return 1;
         }
         srv.plc.setLogSink([&srv](const std::string& line) { srv.log(line); });
+        if (srv.udpService)
+            srv.udpService->setLogSink([&srv](const std::string& line) { srv.log(line); });
     }
 
     struct sigaction sa { };
@@ -636,8 +757,8 @@ int main(int argc, char** argv)
     // The port file first: a plcsim that cannot write it has not started, and says nothing
     // of listening.
     if (!portFile.empty()
-        && !writePortFile(
-            portFile, ntohs(bound.sin_port), srv.controlFd >= 0 ? ntohs(cbound.sin_port) : 0, srv.plc.netId())) {
+        && !writePortFile(portFile, ntohs(bound.sin_port), srv.controlFd >= 0 ? ntohs(cbound.sin_port) : 0,
+            srv.plc.netId(), srv.udpService ? srv.udp.port() : 0)) {
         std::fprintf(stderr, "plcsim: --port-file: cannot write %s: %s\n", portFile.c_str(), std::strerror(errno));
         return 1;
     }
@@ -649,6 +770,16 @@ int main(int argc, char** argv)
         portList += (portList.empty() ? "" : ",") + std::to_string(p);
     std::printf("AMS Net ID %s, runtime AMS ports %s (notifications also on 100)\n", srv.plc.netId().str().c_str(),
         portList.c_str());
+    if (srv.udpService) {
+        std::printf("UDP service on %s:%u%s, host name %s, add-route user %s, %zu routes\n",
+            sockaddrText(bound).substr(0, sockaddrText(bound).rfind(':')).c_str(), unsigned(srv.udp.port()),
+            srv.udp.broadcastAddress().empty() ? "" : (" and broadcasts to " + srv.udp.broadcastAddress()).c_str(),
+            srv.identity.hostName.c_str(), srv.identity.userName.c_str(), srv.routes.routes().size());
+    } else {
+        std::printf("UDP service off: %s\n", udpWarning.c_str());
+        std::fprintf(
+            stderr, "plcsim: warning: UDP service off: %s (give --udp-port 0 for a free port)\n", udpWarning.c_str());
+    }
     std::fflush(stdout);
     srv.log(std::string(kVersion) + " listening on " + sockaddrText(bound) + " as " + srv.plc.netId().str());
 

@@ -2,8 +2,10 @@
 // simulator. Target plcsim_control (links ads_toolkit).
 //
 //   plcsim::Process        start the plcsim executable with --port-file in a temporary
-//                          folder, wait (bounded) for the file, read the ADS and control
-//                          ports, stop it by PID (SIGTERM, bounded wait, then SIGKILL)
+//                          folder (and --udp-port 0 unless the arguments name a UDP port,
+//                          so that simulators in parallel tests never share one), wait
+//                          (bounded) for the file, read the ADS, control and UDP ports,
+//                          stop it by PID (SIGTERM, bounded wait, then SIGKILL)
 //   plcsim::readPortFile   the port file on its own
 //   plcsim::TcpClient      a TCP connection with time-outs (lines and AMS/TCP frames);
 //                          adstool::TcpStream
@@ -96,6 +98,7 @@ struct PortFile {
     uint16_t controlPort = 0;  // 0 without --control
     std::string netId;
     long pid = 0;
+    uint16_t udpPort = 0;  // 0 when the UDP service is off
 };
 
 // False until the file is there and complete (plcsim renames it into place whole).
@@ -117,6 +120,9 @@ inline bool readPortFile(const std::string& path, PortFile& out)
                 return false;
             (key == "ads_port" ? pf.adsPort : pf.controlPort) = port;
             (key == "ads_port" ? ads : control) = true;
+        } else if (key == "udp_port") {
+            if (!adstool::parsePort(value, pf.udpPort, adstool::PortRule::AnyPort))
+                return false;
         } else if (key == "netid") {
             pf.netId = value;
         } else if (key == "pid") {
@@ -160,7 +166,7 @@ public:
         portFile_ = dir_ + "/ports";
         outPath_ = dir_ + "/stdout";
         std::vector<std::string> all = args;
-        bool wantControl = false, ownPortFile = false;
+        bool wantControl = false, ownPortFile = false, ownUdpPort = false;
         std::string listenHost = "127.0.0.1", controlHost = "127.0.0.1";
         for (size_t i = 0; i < args.size(); ++i) {
             const bool hasValue = i + 1 < args.size();
@@ -172,7 +178,13 @@ public:
             } else if (args[i] == "--port-file" && hasValue) {
                 portFile_ = args[i + 1];
                 ownPortFile = true;
+            } else if (args[i] == "--udp-port") {
+                ownUdpPort = true;
             }
+        }
+        if (!ownUdpPort) {
+            all.push_back("--udp-port");
+            all.push_back("0");
         }
         if (!ownPortFile) {
             all.push_back("--port-file");
@@ -217,6 +229,7 @@ public:
         port_ = pf.adsPort;
         controlPort_ = pf.controlPort;
         netId_ = pf.netId;
+        udpPort_ = pf.udpPort;
         listen_ = listenHost + ":" + std::to_string(port_);
         control_ = wantControl ? controlHost + ":" + std::to_string(controlPort_) : std::string();
         return true;
@@ -225,6 +238,7 @@ public:
     pid_t pid() const { return pid_; }
     uint16_t port() const { return port_; }
     uint16_t controlPort() const { return controlPort_; }
+    uint16_t udpPort() const { return udpPort_; }                   // 0 when the UDP service is off
     const std::string& netId() const { return netId_; }             // from the port file
     const std::string& listenAddress() const { return listen_; }    // "127.0.0.1:PORT"
     const std::string& controlAddress() const { return control_; }  // "" without --control
@@ -299,7 +313,7 @@ private:
 
     pid_t pid_ = -1;
     int status_ = -1;
-    uint16_t port_ = 0, controlPort_ = 0;
+    uint16_t port_ = 0, controlPort_ = 0, udpPort_ = 0;
     std::string dir_, portFile_, outPath_, netId_, listen_, control_, error_;
 };
 

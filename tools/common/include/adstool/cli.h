@@ -81,14 +81,14 @@ inline CLI::Validator NetIdText()
         "A.B.C.D.E.F", "NetId");
 }
 
-// host:port with the port's rule.
-inline CLI::Validator HostPortText(PortRule rule = PortRule::NonZero)
+// host:port with the port's rule; with a defaultPort other than 0 the port may be left out.
+inline CLI::Validator HostPortText(PortRule rule = PortRule::NonZero, uint16_t defaultPort = 0)
 {
     return CLI::Validator(
-        [rule](std::string& v) {
+        [rule, defaultPort](std::string& v) {
             HostPort hp;
             std::string why;
-            return parseHostPort(v, hp, rule, &why) ? std::string() : "needs HOST:PORT: " + why;
+            return parseHostPort(v, hp, rule, &why, defaultPort) ? std::string() : "needs HOST:PORT: " + why;
         },
         "HOST:PORT", "HostPort");
 }
