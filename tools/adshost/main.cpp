@@ -75,7 +75,7 @@ const char* const kExamples = "Examples (against plcsim --listen 127.0.0.1:48898
                               "  adshost --plc 127.0.0.1:48898 --watch M_W:0:4 --cycles 5  # exit 0\n"
                               "  adshost --plc 127.0.0.1:48898 --write M_W:10=010  # exit 0\n"
                               "  adshost --plc 127.0.0.1:48898 --json --watch I_W:0 --duration 0.5  # exit 0\n"
-                              "  adshost --plc 127.0.0.1:48898 --watch M_W:0 --ams-port 852 --cycles 1  # exit 5\n";
+                              "  adshost --plc 127.0.0.1:48898 --watch M_W:0 --ams-port 852 --cycles 1 # exit 5\n";
 
 const char* const kExitCodes = "Exit status:\n"
                                "  0  the session ran and every action asked for (--write, --recipe,\n"
