@@ -159,6 +159,15 @@ TEST_F(IntegratorE2E, CyclesAndIntervalMeanWholeScreenRefreshes)
     const size_t rq = r3.out.find("\"requests\":");
     ASSERT_NE(rq, std::string::npos) << r3.out;
     EXPECT_LE(std::stol(r3.out.substr(rq + 11)), 60) << r3.out;
+
+    // Also once a write is over: the pause holds for the rest of the session.
+    std::vector<std::string> written = screen;
+    written.insert(written.end(), {"--duration", "1", "--write", "M_W:10=1"});
+    const e2e::RunResult r4 = e2e::runProgram(base(written), 20000);
+    EXPECT_EQ(r4.exitCode, 0) << r4.out << r4.err;
+    const size_t wq = r4.out.find("\"requests\":");
+    ASSERT_NE(wq, std::string::npos) << r4.out;
+    EXPECT_LE(std::stol(r4.out.substr(wq + 11)), 60) << r4.out;
 }
 
 // 9. The probe ends on Ctrl-C at once, also as a background job that ignores SIGINT.

@@ -651,7 +651,7 @@ int adshostMain(int argc, char** argv)
         // --interval-ms: the pause after each whole refresh of the screen, as a panel waits
         // between screen updates; actions still pending go on without a pause.
         const uint64_t refreshed = session.stats().fullRefreshes;
-        if (intervalMs > 0 && refreshed > refreshesPaused && (!anyActions || actionsOver)
+        if (intervalMs > 0 && refreshed > refreshesPaused && session.actionsSettled()
             && !(cycles > 0 && refreshed >= cycles)) {
             refreshesPaused = refreshed;
             const int64_t until = adshost::nowMs() + int64_t(intervalMs);
