@@ -3,6 +3,7 @@
 #
 #   bash scripts/bench-callgrind.sh [build-dir]
 #   bash scripts/bench-callgrind.sh --panel qt5|qt4 [out-dir]
+#   bash scripts/bench-callgrind.sh --session [build-dir]
 #
 # Builds bench/callgrind_cycle in build-dir (default build-bench, Release), runs each scenario
 # under valgrind --tool=callgrind with instrumentation switched on only around the measured
@@ -22,8 +23,67 @@
 # QT_NO_DEBUG and NDEBUG (so Qt's assertions stay in), against Qt 5 (pkg-config) or against
 # the Qt 4.8.7 prefix of scripts/qt4-prefix.sh (include/, lib/, rpath), in out-dir (default
 # /tmp/ads-callgrind-panel-qt5 or -qt4). CXX picks the compiler (default g++).
+#
+# --session: the whole session, host and driver together: adshost (tools/adshost) polls a
+# 400-byte screen (--watch M_W:0:200, one read block) against plcsim on 127.0.0.1; plcsim runs
+# natively, adshost under callgrind, twice (SESSION_CYCLES, default "6000 12000" requests: both
+# past the first 4096, after which the host's record of exchanges is full and reused). The
+# instructions per request after start-up are the difference of the two totals divided by the
+# difference of the requests; start-up, the handshake and the end are the same in both runs.
+# SESSION_WATCH changes the screen; ANNOTATE=1 prints the top functions inside
+# Session::step (a third run that collects only there), per request.
 set -euo pipefail
 here=$(cd "$(dirname "$0")/.." && pwd)
+if [ "${1:-}" = --session ]; then
+  build=${2:-$here/build-bench}
+  command -v valgrind >/dev/null || { echo "valgrind is not installed (apt-get install valgrind)" >&2; exit 1; }
+  if [ ! -f "$build/CMakeCache.txt" ]; then
+    cmake -S "$here" -B "$build" -DCMAKE_BUILD_TYPE=Release -DADS_BUILD_TOOLS=ON >/dev/null
+  fi
+  cmake --build "$build" --target adshost plcsim ads_ethernet -j"$(nproc)" >"$build/session.build.log" 2>&1 ||
+    { cat "$build/session.build.log" >&2; exit 1; }
+  adshost=$(find "$build" -name adshost -type f -perm -u+x | head -n1)
+  plcsim=$(find "$build" -name plcsim -type f -perm -u+x | head -n1)
+  plugin=$(find "$build" -name 'libads_ethernet.so' -type f | head -n1)
+  out=$(mktemp -d /tmp/ads-callgrind-session.XXXXXX)
+  sim_pid=
+  cleanup() {
+    if [ -n "$sim_pid" ]; then kill "$sim_pid" 2>/dev/null || true; wait "$sim_pid" 2>/dev/null || true; fi
+    [ "${KEEP:-0}" = 1 ] || rm -rf "$out"
+  }
+  trap cleanup EXIT
+  "$plcsim" --listen 127.0.0.1:0 --port-file "$out/ports" --no-program >"$out/plcsim.log" 2>&1 &
+  sim_pid=$!
+  for _ in $(seq 100); do [ -s "$out/ports" ] && break; sleep 0.05; done
+  port=$(sed -n 's/^ads_port=//p' "$out/ports")
+  [ -n "$port" ] || { echo "plcsim did not start" >&2; cat "$out/plcsim.log" >&2; exit 1; }
+  watch=${SESSION_WATCH:-M_W:0:200}
+  read -r -a cycles <<<"${SESSION_CYCLES:-6000 12000}"
+  [ "${#cycles[@]}" = 2 ] && [ "${cycles[1]}" -gt "${cycles[0]}" ] ||
+    { echo "SESSION_CYCLES takes two counts, the second larger" >&2; exit 2; }
+  session() {  # session CYCLES OUTFILE [callgrind options...]: prints the total instructions
+    local n=$1 file=$2; shift 2
+    valgrind --tool=callgrind --callgrind-out-file="$file" "$@" "$adshost" --driver "$plugin" \
+      --plc "127.0.0.1:$port" --watch "$watch" --cycles "$n" --quiet >"$file.log" 2>&1 ||
+      { echo "adshost under callgrind failed:" >&2; cat "$file.log" >&2; exit 1; }
+    awk '/^totals:/ {t = $2} /^summary:/ {s = $2} END {print (t != "" ? t : s)}' "$file"
+  }
+  i1=$(session "${cycles[0]}" "$out/callgrind.out.session1")
+  i2=$(session "${cycles[1]}" "$out/callgrind.out.session2")
+  per=$(( (i2 - i1) / (cycles[1] - cycles[0]) ))
+  echo "adshost: $adshost, screen --watch $watch, plcsim on 127.0.0.1:$port"
+  printf 'session %-26s %12d instructions per request (host and driver; %s requests: %d, %s requests: %d)\n' \
+    "$watch" "$per" "${cycles[0]}" "$i1" "${cycles[1]}" "$i2"
+  if [ "${ANNOTATE:-0}" = 1 ]; then
+    file=$out/callgrind.out.step
+    session "${cycles[1]}" "$file" --toggle-collect='adshost::Session::step*' >/dev/null
+    echo "inside Session::step, per request (inclusive; ${cycles[1]} requests):"
+    callgrind_annotate --inclusive=yes "$file" 2>/dev/null | sed -n '/^Ir/,$p' | sed -n '3,40p' |
+      awk -v n="${cycles[1]}" '{ v = $1; gsub(/,/, "", v); if (v + 0 > 0) printf "%10.0f  %s\n", v / n, substr($0, index($0, $2)) }'
+  fi
+  [ "${KEEP:-0}" = 1 ] && echo "callgrind output kept in $out"
+  exit 0
+fi
 panel=
 if [ "${1:-}" = --panel ]; then
   panel=${2:-}

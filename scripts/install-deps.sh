@@ -11,6 +11,7 @@ packages=(
   iproute2 util-linux                        # network namespaces in tests
   python3                                   # the tshark conformance check
   valgrind help2man dpkg-dev bc            # benchmarks, man pages, packaging
+  gnuplot-nox                               # the figures of docs/PERFORMANCE.md (scripts/make-figures.sh)
   tshark                                    # every frame checked by a protocol analyser
   crossbuild-essential-armhf qemu-user      # the ARM panel build and its tests
   file                                      # the panel bundle check (is the plugin stripped)

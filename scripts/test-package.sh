@@ -21,7 +21,7 @@ if grep -qE -- '-dev|gtest|googletest|benchmark' <<<"$depends"; then echo "FAIL:
 
 prefix=$work/root
 dpkg -x "$deb" "$prefix"
-for f in usr/include/ads_ethernet.h usr/bin/adshost usr/bin/plcsim usr/share/man/man1/adshost.1.gz usr/share/man/man1/plcsim.1.gz; do
+for f in usr/include/ads_ethernet.h usr/include/ads_ethernet_host.h usr/include/ads_ethernet_loader.h usr/bin/adshost usr/bin/plcsim usr/share/man/man1/adshost.1.gz usr/share/man/man1/plcsim.1.gz; do
   [[ -e "$prefix/$f" || -e "$prefix/${f%.gz}" ]] || { echo "FAIL: $f is not in the package"; exit 1; }
 done
 plugin=$(find "$prefix/usr/lib" -name libads_ethernet.so | head -1)
@@ -37,6 +37,10 @@ pcdir=$(dirname "$(find "$prefix/usr/lib" -name ads_ethernet.pc | head -1)")
 g++ -std=c++17 -fPIC "$repo/tests/package/tiny_host.cpp" -o "$work/tiny-pc" \
     $(PKG_CONFIG_PATH=$pcdir pkg-config --cflags --libs ads_ethernet)
 "$work/tiny-pc" | head -1
+# the example host, from the installed host headers alone (it loads the plugin at run time)
+g++ -std=c++11 -fPIC "$repo/examples/minimal_host.cpp" -o "$work/minimal-host-pc" \
+    $(PKG_CONFIG_PATH=$pcdir pkg-config --cflags ads_ethernet) $(PKG_CONFIG_PATH=$pcdir pkg-config --libs Qt5Core) -ldl
+echo "example host built against the installed headers"
 
 # the installed tools
 "$prefix/usr/bin/adshost" --version | head -1

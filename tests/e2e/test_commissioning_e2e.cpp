@@ -344,8 +344,8 @@ TEST_F(CommissioningE2E, CaptureLimitEndsTheCaptureOnAWholePacketWithANote)
 }
 
 // Runs python3's json module over every line of `out`; returns one summary line per object
-// ("value ADDRESS READ VALUES", "action KIND WHAT STATUS ADS_RESULT", "error KIND ENDS_WITH",
-// "figures SUMS_UP", "exit STATUS"), or the checker's error.
+// ("source CONSISTENT", "value ADDRESS READ VALUES", "action KIND WHAT STATUS ADS_RESULT",
+// "error KIND ENDS_WITH", "figures SUMS_UP", "exit STATUS"), or the checker's error.
 std::string checkJsonLines(const std::string& out, const std::string& errorTail, int& status)
 {
     const std::string jsonPath = tempPath("out.json");
@@ -367,6 +367,7 @@ std::string checkJsonLines(const std::string& out, const std::string& errorTail,
              "o['result2'] + o['result3'] + o['result0'])\n"
              "    elif t == 'error': print('error', o['kind'], o['message'].endswith(sys.argv[2]))\n"
              "    elif t == 'exit': print('exit', o['status'])\n"
+             "    elif t == 'source': print('source', o['matched'] == (o['address'] is not None and 'warning' not in o))\n"
              "    else: print('other', t)\n";
     }
     FILE* pipe = ::popen(("python3 " + script + " " + jsonPath + " '" + errorTail + "' 2>&1").c_str(), "r");
@@ -406,6 +407,7 @@ TEST_F(CommissioningE2E, JsonOutputIsOneValidObjectPerLine)
     EXPECT_EQ(status, 0) << summary << r.out;
     EXPECT_EQ(summary,
         "other driver\n"  // the plugin loaded, first
+        "source True\n"
         "value M_W:0 True [4660]\n"
         "value M_bit:2.0 True [1]\n"
         "value Q_W:4 True [0]\n"
@@ -438,6 +440,7 @@ TEST_F(CommissioningE2E, JsonOutputOfAFailedSessionIsValidToo)
     EXPECT_EQ(status, 0) << summary << r.out;
     EXPECT_EQ(summary,
         "other driver\n"
+        "source True\n"
         "error communication True\n"
         "value M_W:0:2 False None\n"
         "action write M_W:10=0x0001 not finished None\n"

@@ -660,3 +660,80 @@ TEST(HostE2EOpen, AddressTheDriverRejectsStopsTheSession)
 }
 
 }  // namespace
+
+// A session that polls for months keeps the same memory: the exchanges kept are the newest
+// 4096, oldest first, and every polling step fills the same Exchange.
+TEST_F(HostE2E, KeepsTheNewest4096ExchangesAndReusesTheStepsExchange)
+{
+    cfg.watches = {addr("M_W:0:2"), addr("M_W:40:2")};  // two blocks: the frames alternate
+    openAndConnect();
+    handshake();
+    const Exchange* first = &session->step();
+    std::vector<int> addresses;
+    for (int i = 0; i < 5000; ++i) {
+        const Exchange& ex = session->step();
+        ASSERT_EQ(&ex, first);
+        ASSERT_EQ(ex.result, 1);
+        addresses.push_back(ex.varAddress);
+    }
+    const std::vector<Exchange> kept = session->exchanges();
+    ASSERT_EQ(kept.size(), 4096u);
+    for (size_t i = 0; i < kept.size(); ++i)
+        ASSERT_EQ(kept[i].varAddress, addresses[addresses.size() - kept.size() + i]) << i;
+    EXPECT_EQ(session->requestsSent(), 5002u);
+    EXPECT_EQ(session->stats().requests, 5002u);
+}
+
+// What step() hands out after a cycle that sent nothing carries nothing of the cycle before.
+TEST_F(HostE2E, AStepThatSendsNothingLeavesNothingOfTheStepBefore)
+{
+    cfg.watches = {addr("M_W:0:2")};
+    cfg.reconnectAttempts = 1;
+    cfg.reconnectBackoffMs = 0;
+    openAndConnect();
+    handshake();
+    const Exchange& ex = session->step();
+    ASSERT_EQ(ex.sent, 1);
+    ASSERT_FALSE(ex.frame.empty());
+    EXPECT_EQ(sim.stop(), 0);
+    session->disconnect();
+    const Exchange& none = session->step();  // no connection, and none to be had
+    const Exchange fresh;
+    EXPECT_EQ(none.sent, fresh.sent);
+    EXPECT_EQ(none.result, fresh.result);
+    EXPECT_TRUE(none.errorText.empty());
+    EXPECT_TRUE(none.varReg.empty());
+    EXPECT_TRUE(none.sourceNetId.empty());
+    EXPECT_TRUE(none.frame.empty());
+    EXPECT_EQ(none.commandId, 0);
+    EXPECT_EQ(none.sendLen, 0);
+    EXPECT_EQ(none.replyBytes, 0);
+    EXPECT_EQ(none.purpose, 0);
+    EXPECT_FALSE(none.codes.header);
+    EXPECT_EQ(none.rttMs, 0);
+    ASSERT_TRUE(sim.start({"--no-program"}));  // for TearDown
+}
+
+// Settled actions beyond the newest 1024 are let go; asking for one then answers that its
+// outcome is no longer known, never that it was done.
+TEST_F(HostE2E, ForgetsOldSettledActionsWithoutClaimingTheirOutcome)
+{
+    cfg.watches = {addr("M_W:0:2")};
+    openAndConnect();
+    handshake();
+    std::vector<int> ids;
+    for (int i = 0; i < 1100; ++i) {
+        ids.push_back(session->write(wr("M_W:0=" + std::to_string(i))));
+        for (int k = 0; k < 20 && !session->actionsSettled(); ++k)
+            session->step();
+    }
+    ASSERT_TRUE(session->actionsSettled());
+    EXPECT_EQ(session->actions().size(), 1024u);
+    EXPECT_EQ(session->actions().front().id, ids[1100 - 1024]);
+    const adshost::Action old = session->action(ids.front());
+    EXPECT_EQ(old.id, ids.front());
+    EXPECT_EQ(old.state, adshost::Action::Failed);
+    EXPECT_NE(old.why.find("no longer known"), std::string::npos);
+    EXPECT_EQ(session->action(ids.back()).state, adshost::Action::Done);
+    EXPECT_EQ(sim.get(M, 0, 2), bytes({1099 & 0xFF, 1099 >> 8}));
+}

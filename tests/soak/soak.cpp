@@ -76,6 +76,8 @@
 #include "plcsim_control.h"
 
 #include <arpa/inet.h>
+#include <dirent.h>
+#include <malloc.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -95,6 +97,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -142,6 +145,13 @@ struct Options {
     bool corrupt = false;                // self-test of the checks: change the PLC's memory behind the driver's back
     bool tolerateLateReplies = false;    // a late reply taken for another request's: a note, not a mismatch
     bool reconnectAfterTimeout = false;  // host policy: drop the connection after every reply time-out
+    // Endurance: rounds, and the resident memory and descriptors sampled while they run.
+    uint64_t roundRequests = 0;  // requests per round (0: one round)
+    std::string samplesPath;     // one line per sample; empty: no file
+    double sampleSeconds = 5;
+    uint64_t warmupRequests = 0;  // 0: the first round or a tenth of the run, whichever is longer
+    int maxGrowthKib = 1024;
+    bool leakSelfTest = false;  // leak memory and a descriptor every round (the checks must see it)
 };
 
 const char* const kHelp = "usage: soak [--requests N] [--fault-prob P] [--seed N] [--max-seconds S]\n"
@@ -149,6 +159,8 @@ const char* const kHelp = "usage: soak [--requests N] [--fault-prob P] [--seed N
                           "            [--delay-long-ms MS] [--delay-switch N] [--split-pause-ms MS] [--retries N]\n"
                           "            [--plugin PATH] [--plcsim PATH] [--log FILE] [--keep-log] [--corrupt-memory]\n"
                           "            [--tolerate-late-replies] [--reconnect-after-timeout]\n"
+                          "            [--round-requests N] [--samples FILE] [--sample-seconds S]\n"
+                          "            [--warmup-requests N] [--max-growth-kib K] [--leak-self-test]\n"
                           "Fault soak of the driver with the reference host against plcsim.\n"
                           "--corrupt-memory: before the checks, change one written word and one untouched bit in\n"
                           "the PLC behind the driver's back (the run must then fail: a self-test of the checks)\n"
@@ -157,6 +169,16 @@ const char* const kHelp = "usage: soak [--requests N] [--fault-prob P] [--seed N
                           "still checked)\n"
                           "--reconnect-after-timeout: after every reply time-out the soak drops the connection\n"
                           "before the next step, so that no late reply can reach a later request\n"
+                          "--round-requests N: run in rounds of N requests; each round ends with the queue\n"
+                          "drained, a full refresh and every check, then the program lets go of what it recorded\n"
+                          "(session, driver, connection and simulator stay), so that its memory stays flat\n"
+                          "--samples FILE: every --sample-seconds, and at each round's end, the resident memory\n"
+                          "and open descriptors of this program and of the simulator, one line each. After the\n"
+                          "warm-up (--warmup-requests; default the first round or a tenth of the run, whichever is\n"
+                          "longer) neither memory may grow by more than --max-growth-kib (1024) over its warm-up\n"
+                          "maximum, and at round ends no process may hold more descriptors than at the warm-up's\n"
+                          "round ends\n"
+                          "--leak-self-test: leak 512 KiB and a descriptor every round (the run must then fail)\n"
                           "An option given twice takes the later value.\n";
 
 // Returns true to go on; otherwise rc is the exit code (0 after --help, 2 for a bad argument).
@@ -183,6 +205,12 @@ bool parseOptions(int argc, char** argv, Options& o, int& rc)
     app.add_flag("--corrupt-memory", o.corrupt);
     app.add_flag("--tolerate-late-replies", o.tolerateLateReplies);
     app.add_flag("--reconnect-after-timeout", o.reconnectAfterTimeout);
+    app.add_option("--round-requests", o.roundRequests)->check(Number(100, 100000000));
+    app.add_option("--samples", o.samplesPath);
+    app.add_option("--sample-seconds", o.sampleSeconds)->check(Real(0.1, 3600, "seconds"));
+    app.add_option("--warmup-requests", o.warmupRequests)->check(Number(0, 100000000));
+    app.add_option("--max-growth-kib", o.maxGrowthKib)->check(Number(0, 1 << 30, "KiB"));
+    app.add_flag("--leak-self-test", o.leakSelfTest);
     rc = parse(app, argc, argv, "soak", kHelp);
     if (rc >= 0)
         return false;
@@ -208,7 +236,7 @@ struct TapRequest {
     int replies = 0;            // replies that came back with this tag
     int replySize = 0;          // size of the first reply
     bool hasResult = false;
-    uint32_t result = 0;  // ADS result of the first reply (Read/Write replies of >= 42 bytes)
+    uint32_t result = 0;  // ADS result of the first reply (replies of >= 42 bytes)
 };
 
 // A reply passed on to the host.
@@ -253,6 +281,15 @@ public:
     {
         std::lock_guard<std::mutex> g(lock_);
         return requests_;
+    }
+    // Between rounds, with nothing in flight: the records of the round are let go.
+    void forget()
+    {
+        std::lock_guard<std::mutex> g(lock_);
+        requests_.clear();
+        replies_.clear();
+        index_.clear();
+        original_.clear();
     }
     std::vector<TapReply> replies()
     {
@@ -461,8 +498,9 @@ private:
         TapRequest& r = requests_[it->second];
         if (r.replies++ == 0) {
             r.replySize = int(f.size());
-            const uint16_t cmd = u16(&f[22]);
-            if ((cmd == 2 || cmd == 3) && f.size() >= 42) {
+            // Every ADS reply's data begins with the result (the handshake's as well: the
+            // simulator's adserror fault hits it too).
+            if (f.size() >= 42) {
                 r.hasResult = true;
                 r.result = u32(&f[38]);
             }
@@ -537,6 +575,7 @@ struct Item {
     // Writes to it, oldest first (values: a word as low byte + 256 * high byte, a bit 0/1).
     std::vector<int> values;
     std::atomic<int64_t> lastWriteUs {0};
+    int baseline = -1;  // what the PLC held when the round began (-1: the pattern, first round)
 };
 
 Address parse(const std::string& text)
@@ -628,6 +667,208 @@ struct LogCounter {
         }
         partial.erase(0, start);
     }
+};
+
+// ------------------------------------------------------------------------------------------
+// Endurance: resident memory and open descriptors of this program (the host: session, driver,
+// tap) and of the simulator, sampled by a thread every few seconds and at each round's end.
+
+struct ProcSample {
+    long rssKib = -1;
+    int fds = -1;
+};
+
+ProcSample sampleProcess(const std::string& proc)  // "/proc/self" or "/proc/PID"
+{
+    ProcSample s;
+    std::ifstream st(proc + "/status");
+    std::string line;
+    while (std::getline(st, line))
+        if (line.compare(0, 6, "VmRSS:") == 0)
+            s.rssKib = std::atol(line.c_str() + 6);
+    if (DIR* d = ::opendir((proc + "/fd").c_str())) {
+        int n = 0;
+        while (const dirent* e = ::readdir(d))
+            n += e->d_name[0] != '.';
+        ::closedir(d);
+        s.fds = n - 1;  // the directory's own descriptor
+    }
+    return s;
+}
+
+struct Sample {
+    double seconds = 0;
+    uint64_t requests = 0;
+    int round = 0;
+    bool roundEnd = false;
+    ProcSample host, plc;
+};
+
+class Endurance {
+public:
+    Endurance(const Options& o, pid_t simPid, std::function<uint64_t()> requests)
+        : opt_(o), simProc_("/proc/" + std::to_string(simPid)), requests_(std::move(requests)), t0_(nowUs())
+    {
+        const uint64_t roundSize = o.roundRequests > 0 ? std::min(o.roundRequests, o.requests) : o.requests;
+        warmup_ = o.warmupRequests;
+        if (warmup_ == 0)
+            warmup_ = std::max(roundSize, o.requests / 10);
+        warmupRounds_ = int((warmup_ + roundSize - 1) / roundSize);  // the rounds the warm-up ends in
+        if (!o.samplesPath.empty()) {
+            file_ = std::fopen(o.samplesPath.c_str(), "w");
+            if (file_)
+                std::fprintf(file_, "# seconds requests round round_end host_rss_kib host_fds plcsim_rss_kib plcsim_fds\n");
+        }
+    }
+    ~Endurance()
+    {
+        stop();
+        if (file_)
+            std::fclose(file_);
+    }
+    bool sampling() const { return !opt_.samplesPath.empty(); }
+    void start()
+    {
+        if (!sampling())
+            return;
+        thread_ = std::thread([this] {
+            int64_t next = nowUs();
+            while (!stop_) {
+                if (nowUs() >= next) {
+                    take(false);
+                    next += int64_t(opt_.sampleSeconds * 1e6);
+                }
+                std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            }
+        });
+    }
+    void stop()
+    {
+        stop_ = true;
+        if (thread_.joinable())
+            thread_.join();
+    }
+    // At a round's end, with nothing in flight and the round's records let go.
+    void roundBegins(int round) { round_ = round; }
+    void roundEnd(bool last)
+    {
+        if (opt_.leakSelfTest && !last) {
+            leaked_.emplace_back(512 * 1024, char(1));
+            leakedFds_.push_back(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+        }
+        if (!sampling())
+            return;
+        ::malloc_trim(0);  // freed records back to the system: what stays is what is held
+        take(true);
+    }
+    // Growth after the warm-up, as texts (empty: none).
+    std::vector<std::string> growth()
+    {
+        std::lock_guard<std::mutex> g(lock_);
+        std::vector<std::string> out;
+        if (!sampling())
+            return out;
+        long hostMax = -1, plcMax = -1;
+        int hostFds = -1, plcFds = -1;
+        size_t after = 0, roundEndsAfter = 0;
+        for (const Sample& s : samples_) {
+            if (s.round > warmupRounds_)
+                continue;
+            hostMax = std::max(hostMax, s.host.rssKib);
+            plcMax = std::max(plcMax, s.plc.rssKib);
+            if (s.roundEnd) {
+                hostFds = std::max(hostFds, s.host.fds);
+                plcFds = std::max(plcFds, s.plc.fds);
+            }
+        }
+        const Sample* worstHost = nullptr;
+        const Sample* worstPlc = nullptr;
+        for (const Sample& s : samples_) {
+            if (s.round <= warmupRounds_)
+                continue;
+            ++after;
+            if (!worstHost || s.host.rssKib > worstHost->host.rssKib)
+                worstHost = &s;
+            if (!worstPlc || s.plc.rssKib > worstPlc->plc.rssKib)
+                worstPlc = &s;
+            if (!s.roundEnd)
+                continue;
+            ++roundEndsAfter;
+            if (hostFds >= 0 && s.host.fds > hostFds)
+                out.push_back(describe("open descriptors of the host grew", s, s.host.fds, hostFds, ""));
+            if (plcFds >= 0 && s.plc.fds > plcFds)
+                out.push_back(describe("open descriptors of the simulator grew", s, s.plc.fds, plcFds, ""));
+        }
+        if (hostMax < 0 || hostFds < 0)
+            out.push_back("endurance: no sample within the warm-up (" + std::to_string(warmupRounds_) + " rounds)");
+        else if (after == 0 || roundEndsAfter == 0)
+            out.push_back("endurance: no round ended after the warm-up (" + std::to_string(warmupRounds_)
+                + " rounds): give more requests or shorter rounds");
+        if (worstHost && hostMax >= 0 && worstHost->host.rssKib > hostMax + opt_.maxGrowthKib)
+            out.push_back(
+                describe("resident memory of the host grew", *worstHost, worstHost->host.rssKib, hostMax, " KiB"));
+        if (worstPlc && plcMax >= 0 && worstPlc->plc.rssKib > plcMax + opt_.maxGrowthKib)
+            out.push_back(
+                describe("resident memory of the simulator grew", *worstPlc, worstPlc->plc.rssKib, plcMax, " KiB"));
+        return out;
+    }
+    // "host_rss_kib=A..B" figures over the run: warm-up maximum, last sample.
+    std::string figures()
+    {
+        std::lock_guard<std::mutex> g(lock_);
+        if (samples_.empty())
+            return std::string();
+        const Sample& f = samples_.front();
+        const Sample& l = samples_.back();
+        char t[256];
+        std::snprintf(t, sizeof t,
+            " samples=%zu warmup_rounds=%d host_rss_kib=%ld..%ld host_fds=%d..%d plcsim_rss_kib=%ld..%ld "
+            "plcsim_fds=%d..%d",
+            samples_.size(), warmupRounds_, f.host.rssKib, l.host.rssKib, f.host.fds, l.host.fds,
+            f.plc.rssKib, l.plc.rssKib, f.plc.fds, l.plc.fds);
+        return t;
+    }
+
+private:
+    void take(bool roundEnd)
+    {
+        Sample s;
+        s.seconds = double(nowUs() - t0_) / 1e6;
+        s.requests = requests_();
+        s.round = round_;
+        s.roundEnd = roundEnd;
+        s.host = sampleProcess("/proc/self");
+        s.plc = sampleProcess(simProc_);
+        std::lock_guard<std::mutex> g(lock_);
+        samples_.push_back(s);
+        if (file_) {
+            std::fprintf(file_, "%.1f %llu %d %d %ld %d %ld %d\n", s.seconds, (unsigned long long)s.requests, s.round,
+                roundEnd ? 1 : 0, s.host.rssKib, s.host.fds, s.plc.rssKib, s.plc.fds);
+            std::fflush(file_);
+        }
+    }
+    std::string describe(const char* what, const Sample& s, long now, long before, const char* unit) const
+    {
+        char t[256];
+        std::snprintf(t, sizeof t, "%s: %ld%s at %.1f s (%llu requests), %ld%s at most during the warm-up", what,
+            now, unit, s.seconds, (unsigned long long)s.requests, before, unit);
+        return t;
+    }
+
+    const Options& opt_;
+    const std::string simProc_;
+    std::function<uint64_t()> requests_;
+    const int64_t t0_;
+    uint64_t warmup_ = 0;
+    int warmupRounds_ = 1;
+    std::atomic<int> round_ {0};
+    FILE* file_ = nullptr;
+    std::atomic<bool> stop_ {false};
+    std::thread thread_;
+    std::mutex lock_;
+    std::vector<Sample> samples_;
+    std::vector<std::vector<char>> leaked_;
+    std::vector<int> leakedFds_;
 };
 
 using adstool::fromHex;
@@ -757,6 +998,8 @@ int main(int argc, char** argv)
         }
     }
     auto initialValue = [&](const Item& it) {
+        if (it.baseline >= 0)
+            return it.baseline;
         const uint8_t lo = pattern[{it.group, it.byte}];
         if (it.bit >= 0)
             return (lo >> it.bit) & 1;
@@ -820,8 +1063,8 @@ int main(int argc, char** argv)
     for (size_t i = 0; i < items.size(); ++i)
         if (items[i]->writable)
             writable.push_back(i);
-    std::thread writer([&] {
-        adstool::Random wr(opt.seed * 104729 + 3);
+    adstool::Random wr(opt.seed * 104729 + 3);  // one sequence over all rounds
+    auto writerLoop = [&] {
         int64_t next = adshost::nowMs();
         while (!stopWriter) {
             const int64_t now = adshost::nowMs();
@@ -851,11 +1094,12 @@ int main(int argc, char** argv)
             session->write(w);
             ++writesIssued;
         }
-    });
+    };
 
     // ---- polling
     std::vector<Record> records;
-    records.reserve(size_t(opt.requests) + 10000);
+    const uint64_t roundSize = opt.roundRequests > 0 ? std::min(opt.roundRequests, opt.requests) : opt.requests;
+    records.reserve(size_t(roundSize) + 10000);
     uint64_t failureReports = 0, failureUnverified = 0;
     LogCounter logc;
     logc.path = opt.logPath;
@@ -916,327 +1160,443 @@ int main(int argc, char** argv)
         records.push_back(std::move(rec));
     };
 
-    // Phase 1: faults, writes.
-    while (!lostForGood) {
-        const uint64_t sent = session->stats().requests;
-        if (sent >= opt.requests)
-            break;
-        if (adshost::nowMs() >= limitMs) {
-            timeUp = true;
-            break;
-        }
-        if (sent >= nextSwitch) {
-            logc.poll();
-            (longDelay ? delayLongFaults : delayShortFaults) += logc.delayInPhase;
-            logc.delayInPhase = 0;
-            longDelay = !longDelay;
-            command("delay " + std::to_string(longDelay ? opt.delayLongMs : opt.delayShortMs));
-            nextSwitch += uint64_t(opt.delaySwitch);
-        }
-        doStep();
-    }
-    const uint64_t requestsWithFaults = session->stats().requests;
-    stopWriter = true;
-    writer.join();
-    command("faults-off");
-    logc.poll();
-    (longDelay ? delayLongFaults : delayShortFaults) += logc.delayInPhase;
-    logc.delayInPhase = 0;
+    // ---- resident memory and open descriptors of this program (the host) and the simulator
+    Endurance endurance(opt, sim.pid(), [&] { return session->requestsSent(); });
+    endurance.start();
 
-    // Phase 2: quiet period (late replies of delayed or split answers come in and are drained),
-    // then until the write queue has drained.
-    const int64_t quietUntil = nowUs() + int64_t(std::max(opt.delayLongMs, opt.splitPauseMs) * 4 + 100) * 1000;
-    const int64_t phaseLimit = std::min<int64_t>(limitMs + 30000, adshost::nowMs() + 60000);
-    while (!lostForGood && nowUs() < quietUntil && adshost::nowMs() < phaseLimit) {
-        doStep();
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    size_t drainedAt = 0;
-    bool drained = false;
-    {
-        int cyclicInRow = 0;
-        size_t from = records.size();
-        while (!lostForGood && adshost::nowMs() < phaseLimit) {
-            doStep();
-            for (; from < records.size(); ++from) {
-                const Record& r = records[from];
-                if (r.cyclic && r.result == 1)
-                    ++cyclicInRow;
-                else
-                    cyclicInRow = 0;
-            }
-            if (cyclicInRow >= 2) {
-                drained = true;
-                drainedAt = records.size();
+    // ---- rounds: faults and writes, then the queue drained, a full refresh and the checks.
+    // Between rounds the program lets go of what it recorded for the checks (the session, the
+    // driver, the connection and the simulator stay), so that its own memory stays flat
+    // over an endurance run and what grows is the host's or the simulator's.
+    uint64_t requestsWithFaults = 0;
+    uint64_t itemsConfirmed = 0, itemsFailed = 0, itemsRefused = 0, itemsUnwritten = 0, writeTransactions = 0;
+    uint64_t tapErrors = 0, tapRequests = 0;
+    uint64_t lateSameFrame = 0, lateOtherRejected = 0, lateOtherAccepted = 0;
+    int rounds = 0;
+    auto forgetRound = [&](std::map<unsigned, std::vector<uint8_t>>& mem) {
+        for (auto& itp : items) {  // what the PLC holds now is the next round's starting point
+            Item& it = *itp;
+            it.baseline = it.bit >= 0 ? (mem[it.group][it.byte] >> it.bit) & 1
+                                      : int(mem[it.group][it.byte]) | int(mem[it.group][it.byte + 1]) << 8;
+            it.values.clear();
+        }
+        records.clear();
+        tap.forget();
+        logc.faultOf.clear();
+    };
+    for (;;) {
+        ++rounds;
+        const uint64_t goal = std::min(opt.requests, uint64_t(rounds) * roundSize);
+        const bool lastRound = goal >= opt.requests;
+        endurance.roundBegins(rounds);
+        stopWriter = false;
+        std::thread writer(writerLoop);
+        // Phase 1: faults, writes.
+        while (!lostForGood) {
+            const uint64_t sent = session->requestsSent();
+            if (sent >= goal)
+                break;
+            if (adshost::nowMs() >= limitMs) {
+                timeUp = true;
                 break;
             }
-        }
-    }
-    if (!drained)
-        mismatch("the write queue did not drain after the faults were switched off");
-    // Phase 3: one full refresh.
-    bool refreshed = false;
-    {
-        std::set<std::tuple<std::string, int, int>> seen;
-        size_t from = records.size();
-        while (drained && !lostForGood && adshost::nowMs() < phaseLimit) {
+            if (sent >= nextSwitch) {
+                logc.poll();
+                (longDelay ? delayLongFaults : delayShortFaults) += logc.delayInPhase;
+                logc.delayInPhase = 0;
+                longDelay = !longDelay;
+                command("delay " + std::to_string(longDelay ? opt.delayLongMs : opt.delayShortMs));
+                nextSwitch += uint64_t(opt.delaySwitch);
+            }
             doStep();
-            for (; from < records.size(); ++from) {
-                const Record& r = records[from];
-                if (r.cmd == 3 || (r.cmd == 2 && !r.cyclic))
-                    mismatch("a write frame after the queue had drained");
-                if (r.cyclic && r.result == 1)
-                    seen.insert({r.reg, r.address, r.length});
-            }
-            if (int(seen.size()) >= blocks) {
-                refreshed = true;
-                break;
-            }
         }
-    }
-    if (drained && !refreshed)
-        mismatch("no full refresh after the queue had drained");
-    if (lostForGood)
-        mismatch("the connection was lost for good: " + session->failure());
-    (void)drainedAt;
+        requestsWithFaults = session->requestsSent();
+        stopWriter = true;
+        writer.join();
+        command("faults-off");
+        logc.poll();
+        (longDelay ? delayLongFaults : delayShortFaults) += logc.delayInPhase;
+        logc.delayInPhase = 0;
 
-    if (opt.corrupt) {
-        command("set " + std::to_string(GROUP_M) + " 100 a5a5");  // the written word M_W 100
-        const Region& r = kRegions[0];                            // bit 1 of byte 0 (no item)
-        command("set " + std::to_string(r.group) + " 0 " + hex2({uint8_t(pattern[{r.group, 0}] ^ 0x02)}));
-    }
-
-    // ---- checks: the cache against the simulator's memory
-    std::map<unsigned, std::vector<uint8_t>> mem;
-    for (const Region& r : kRegions)
-        mem[r.group] = memory(r.group, r.offset, r.size);
-    auto memWord = [&](const Item& it) { return int(mem[it.group][it.byte]) | int(mem[it.group][it.byte + 1]) << 8; };
-    auto memBit = [&](const Item& it) { return (mem[it.group][it.byte] >> it.bit) & 1; };
-    auto memValue = [&](const Item& it) { return it.bit >= 0 ? memBit(it) : memWord(it); };
-    auto fmt = [](const Item& it, int v) {
-        char b[16];
-        if (it.bit >= 0)
-            std::snprintf(b, sizeof b, "%d", v);
-        else
-            std::snprintf(b, sizeof b, "0x%04X", unsigned(v));
-        return std::string(b);
-    };
-    for (auto& itp : items) {
-        const Item& it = *itp;
-        const std::vector<uint8_t> c = session->read(it.addr);
-        const int cached = it.bit >= 0 ? int(c[0]) : int(c[0]) | int(c[1]) << 8;
-        if (cached != memValue(it))
-            mismatch(
-                "cache of " + it.addr.text() + " is " + fmt(it, cached) + ", the PLC holds " + fmt(it, memValue(it)));
-    }
-    // Neighbours: every bit no item covers keeps the pattern.
-    struct Clobbered {
-        unsigned group, byte;
-        uint8_t untouchedMask;
-    };
-    std::vector<Clobbered> clobbered;
-    for (const Region& r : kRegions) {
-        for (unsigned i = 0; i < r.size; ++i) {
-            const unsigned byte = r.offset + i;
-            const uint8_t want = pattern[{r.group, byte}], got = mem[r.group][i];
-            uint8_t untouched = 0;
-            for (int b = 0; b < 8; ++b)
-                if (!itemBits.count({r.group, byte, b}))
-                    untouched |= uint8_t(1 << b);
-            if ((want ^ got) & untouched)
-                clobbered.push_back({r.group, byte, untouched});
-            for (int b = 0; b < 8; ++b) {
-                if (itemBits.count({r.group, byte, b}))
-                    continue;
-                if (((want ^ got) >> b) & 1) {
-                    char t[160];
-                    std::snprintf(t, sizeof t,
-                        "untouched bit %u.%d of group 0x%X changed: pattern byte 0x%02X, now 0x%02X", byte, b, r.group,
-                        want, got);
-                    mismatch(t);
+        // Phase 2: quiet period (late replies of delayed or split answers come in and are drained),
+        // then until the write queue has drained.
+        const int64_t quietUntil = nowUs() + int64_t(std::max(opt.delayLongMs, opt.splitPauseMs) * 4 + 100) * 1000;
+        const int64_t phaseLimit = std::min<int64_t>(limitMs + 30000, adshost::nowMs() + 60000);
+        while (!lostForGood && nowUs() < quietUntil && adshost::nowMs() < phaseLimit) {
+            doStep();
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        size_t drainedAt = 0;
+        bool drained = false;
+        {
+            int cyclicInRow = 0;
+            size_t from = records.size();
+            while (!lostForGood && adshost::nowMs() < phaseLimit) {
+                doStep();
+                for (; from < records.size(); ++from) {
+                    const Record& r = records[from];
+                    if (r.cyclic && r.result == 1)
+                        ++cyclicInRow;
+                    else
+                        cyclicInRow = 0;
+                }
+                if (cyclicInRow >= 2) {
+                    drained = true;
+                    drainedAt = records.size();
+                    break;
                 }
             }
         }
-    }
+        if (!drained)
+            mismatch("the write queue did not drain after the faults were switched off");
+        // Phase 3: one full refresh.
+        bool refreshed = false;
+        {
+            std::set<std::tuple<std::string, int, int>> seen;
+            size_t from = records.size();
+            while (drained && !lostForGood && adshost::nowMs() < phaseLimit) {
+                doStep();
+                for (; from < records.size(); ++from) {
+                    const Record& r = records[from];
+                    if (r.cmd == 3 || (r.cmd == 2 && !r.cyclic))
+                        mismatch("a write frame after the queue had drained");
+                    if (r.cyclic && r.result == 1)
+                        seen.insert({r.reg, r.address, r.length});
+                }
+                if (int(seen.size()) >= blocks) {
+                    refreshed = true;
+                    break;
+                }
+            }
+        }
+        if (drained && !refreshed)
+            mismatch("no full refresh after the queue had drained");
+        if (lostForGood)
+            mismatch("the connection was lost for good: " + session->failure());
+        (void)drainedAt;
 
-    // ---- checks: the accounting of writes
-    std::vector<Episode> episodes;
-    for (size_t i = 0; i < records.size(); ++i) {
-        if (episodes.empty() || episodes.back().result != 0) {
-            Episode e;
-            e.first = i;
-            e.cmd = records[i].cmd;
-            e.item = records[i].item;
-            episodes.push_back(e);
+        if (opt.corrupt && lastRound) {
+            command("set " + std::to_string(GROUP_M) + " 100 a5a5");  // the written word M_W 100
+            const Region& r = kRegions[0];                            // bit 1 of byte 0 (no item)
+            command("set " + std::to_string(r.group) + " 0 " + hex2({uint8_t(pattern[{r.group, 0}] ^ 0x02)}));
         }
-        Episode& e = episodes.back();
-        const Record& r = records[i];
-        if (r.cmd != e.cmd || r.item != e.item || r.reg != records[e.first].reg
-            || r.address != records[e.first].address)
-            mismatch("exchange " + std::to_string(i) + " sent another frame before the one in flight was settled");
-        e.last = i;
-        if (r.result == 1 || r.result == 2)
-            e.result = r.result;
-        else if (r.result != 8)
-            mismatch("exchange " + std::to_string(i) + " gave result " + std::to_string(r.result));
-    }
-    if (!episodes.empty() && episodes.back().result == 0)
-        episodes.pop_back();  // unfinished at the end
 
-    const std::vector<TapRequest> tapReqs = tap.requests();
-    uint64_t itemsConfirmed = 0, itemsFailed = 0, itemsRefused = 0, itemsUnwritten = 0, writeTransactions = 0;
-    std::vector<int> lastEpisode(items.size(), -1);
-    for (size_t k = 0; k < episodes.size(); ++k) {
-        const Episode& e = episodes[k];
-        if (e.item < 0)
-            continue;
-        if (e.cmd == 3)
-            ++writeTransactions;
-        lastEpisode[size_t(e.item)] = int(k);
-        // A bit write's read that was accepted is followed at once by its write.
-        if (e.cmd == 2 && e.result == 1) {
-            if (k + 1 >= episodes.size() || episodes[k + 1].cmd != 3 || episodes[k + 1].item != e.item)
-                mismatch("the read of bit write " + items[size_t(e.item)]->addr.text() + " (exchange "
-                    + std::to_string(e.first) + ") was not followed by its write");
-        }
-    }
-    for (size_t i = 0; i < items.size(); ++i) {
-        const Item& it = *items[i];
-        if (!it.writable)
-            continue;
-        if (it.values.empty()) {
-            ++itemsUnwritten;
-            if (memValue(it) != initialValue(it))
-                mismatch(it.addr.text() + " was never written but holds " + fmt(it, memValue(it)));
-            continue;
-        }
-        const int v = it.values.back();
-        const int m = memValue(it);
-        if (lastEpisode[i] < 0) {
-            mismatch("last write " + it.addr.text() + "=" + fmt(it, v) + " was never sent and never reported failed");
-            continue;
-        }
-        const Episode& e = episodes[size_t(lastEpisode[i])];
-        if (e.result == 2) {
-            ++itemsFailed;
-            bool known = m == initialValue(it);
-            for (int x : it.values)
-                known = known || x == m;
-            if (!known)
-                mismatch(
-                    it.addr.text() + " holds " + fmt(it, m) + ", a value never written to it (its last write failed)");
-            continue;
-        }
-        if (e.cmd != 3) {
-            mismatch("the last transaction of " + it.addr.text() + " is an accepted read without its write");
-            continue;
-        }
-        // The frame carries the last value.
-        const Record& r = records[e.first];
-        int carried = -1;
-        if (it.bit >= 0 && !r.data.empty())
-            carried = (r.data[0] >> it.bit) & 1;
-        if (it.bit < 0 && r.data.size() >= 2)
-            carried = int(r.data[0]) | int(r.data[1]) << 8;
-        if (carried != v) {
-            mismatch("the last write frame of " + it.addr.text() + " carried " + fmt(it, carried)
-                + ", the last value written is " + fmt(it, v));
-            continue;
-        }
-        if (m == v) {
-            ++itemsConfirmed;
-            continue;
-        }
-        // Not in memory: only acceptable when every request of this transaction that reached
-        // the PLC was refused with an ADS error.
-        int delivered = 0, refused = 0;
-        const uint32_t group = it.group, offset = it.byte;
-        for (const TapRequest& q : tapReqs) {
-            if (q.cmd != 3 || q.group != group || q.offset != offset || q.data != r.data)
-                continue;
-            if (q.tUs < records[e.first].t0 || q.tUs > records[e.last].t1)
-                continue;
-            if (!q.delivered)
-                continue;
-            ++delivered;
-            refused += q.hasResult && q.result != 0;
-        }
-        if (delivered > 0 && refused == delivered) {
-            ++itemsRefused;
-            continue;
-        }
-        mismatch("last write " + it.addr.text() + "=" + fmt(it, v) + " was accepted (exchanges "
-            + std::to_string(e.first) + ".." + std::to_string(e.last) + ", " + std::to_string(delivered)
-            + " requests reached the PLC, " + std::to_string(refused) + " refused) but the PLC holds " + fmt(it, m));
-    }
-
-    // ---- the tap's view against the simulator's
-    std::vector<std::pair<std::string, uint32_t>> lateAccepted;  // text, tag of the late reply's request
-    uint64_t tapErrors = 0, tapRequests = 0, tapDoubleReplies = 0;
-    for (const TapRequest& q : tapReqs) {
-        ++tapRequests;
-        tapErrors += q.hasResult && q.result != 0;
-        tapDoubleReplies += q.replies > 1;
-    }
-    if (tap.unknownReplies())
-        mismatch(std::to_string(tap.unknownReplies()) + " replies carried an invoke id never sent");
-    if (tapDoubleReplies)
-        mismatch(std::to_string(tapDoubleReplies) + " requests got more than one reply");
-    for (const std::string& p : tap.problems())
-        mismatch(p);
-
-    // Late replies: which reply did the host hand to the driver in each exchange? The first
-    // one the tap passed on after it forwarded the exchange's request (the host drains what
-    // came before it sends). A reply to an earlier attempt of the same frame is harmless; a
-    // reply to another frame confuses the stream, and when the driver accepts it (same length)
-    // the data of one request is taken for another's.
-    uint64_t lateSameFrame = 0, lateOtherRejected = 0, lateOtherAccepted = 0;
-    {
-        const std::vector<TapReply> tapReplies = tap.replies();
-        std::map<uint32_t, size_t> byTag;
-        for (size_t k = 0; k < tapReqs.size(); ++k)
-            byTag[tapReqs[k].tag] = k;
-        auto sameFrame = [](const TapRequest& a, const TapRequest& b) {
-            return a.cmd == b.cmd && a.group == b.group && a.offset == b.offset && a.length == b.length
-                && a.data == b.data;
+        // ---- checks: the cache against the simulator's memory
+        std::map<unsigned, std::vector<uint8_t>> mem;
+        for (const Region& r : kRegions)
+            mem[r.group] = memory(r.group, r.offset, r.size);
+        auto memWord = [&](const Item& it) { return int(mem[it.group][it.byte]) | int(mem[it.group][it.byte + 1]) << 8; };
+        auto memBit = [&](const Item& it) { return (mem[it.group][it.byte] >> it.bit) & 1; };
+        auto memValue = [&](const Item& it) { return it.bit >= 0 ? memBit(it) : memWord(it); };
+        auto fmt = [](const Item& it, int v) {
+            char b[16];
+            if (it.bit >= 0)
+                std::snprintf(b, sizeof b, "%d", v);
+            else
+                std::snprintf(b, sizeof b, "0x%04X", unsigned(v));
+            return std::string(b);
         };
-        size_t qi = 0, yi = 0;
-        for (size_t i = 0; i < records.size(); ++i) {
-            const Record& r = records[i];
-            while (qi < tapReqs.size() && tapReqs[qi].tUs < r.t0)
-                ++qi;
-            if (qi >= tapReqs.size() || tapReqs[qi].tUs > r.t1 || r.replyBytes == 0)
-                continue;
-            const TapRequest& q = tapReqs[qi];
-            while (yi < tapReplies.size() && tapReplies[yi].tUs < q.tUs)
-                ++yi;
-            if (yi >= tapReplies.size() || tapReplies[yi].tUs > r.t1)
-                continue;
-            const TapReply& y = tapReplies[yi];
-            if (y.tag == q.tag)
-                continue;
-            auto f = byTag.find(y.tag);
-            if (f == byTag.end())
-                continue;
-            const TapRequest& owner = tapReqs[f->second];
-            if (sameFrame(owner, q)) {
-                ++lateSameFrame;
-                continue;
-            }
-            if (r.result != 1) {
-                ++lateOtherRejected;
-                continue;
-            }
-            ++lateOtherAccepted;
-            char t[320];
-            std::snprintf(t, sizeof t,
-                "exchange %zu (%s %d, cmd %d, request tag %u: group 0x%X offset %u length %u) accepted the late reply "
-                "of tag %u (cmd %u group 0x%X offset %u length %u, fault %s) as its own",
-                i, r.reg.c_str(), r.address, r.cmd, q.tag, q.group, q.offset, q.length, owner.tag, owner.cmd,
-                owner.group, owner.offset, owner.length, "?");
-            lateAccepted.push_back({t, owner.tag});
+        for (auto& itp : items) {
+            const Item& it = *itp;
+            const std::vector<uint8_t> c = session->read(it.addr);
+            const int cached = it.bit >= 0 ? int(c[0]) : int(c[0]) | int(c[1]) << 8;
+            if (cached != memValue(it))
+                mismatch(
+                    "cache of " + it.addr.text() + " is " + fmt(it, cached) + ", the PLC holds " + fmt(it, memValue(it)));
         }
+        // Neighbours: every bit no item covers keeps the pattern.
+        struct Clobbered {
+            unsigned group, byte;
+            uint8_t untouchedMask;
+        };
+        std::vector<Clobbered> clobbered;
+        for (const Region& r : kRegions) {
+            for (unsigned i = 0; i < r.size; ++i) {
+                const unsigned byte = r.offset + i;
+                const uint8_t want = pattern[{r.group, byte}], got = mem[r.group][i];
+                uint8_t untouched = 0;
+                for (int b = 0; b < 8; ++b)
+                    if (!itemBits.count({r.group, byte, b}))
+                        untouched |= uint8_t(1 << b);
+                if ((want ^ got) & untouched)
+                    clobbered.push_back({r.group, byte, untouched});
+                for (int b = 0; b < 8; ++b) {
+                    if (itemBits.count({r.group, byte, b}))
+                        continue;
+                    if (((want ^ got) >> b) & 1) {
+                        char t[160];
+                        std::snprintf(t, sizeof t,
+                            "untouched bit %u.%d of group 0x%X changed: pattern byte 0x%02X, now 0x%02X", byte, b, r.group,
+                            want, got);
+                        mismatch(t);
+                    }
+                }
+            }
+        }
+
+        // ---- checks: the accounting of writes
+        std::vector<Episode> episodes;
+        for (size_t i = 0; i < records.size(); ++i) {
+            if (episodes.empty() || episodes.back().result != 0) {
+                Episode e;
+                e.first = i;
+                e.cmd = records[i].cmd;
+                e.item = records[i].item;
+                episodes.push_back(e);
+            }
+            Episode& e = episodes.back();
+            const Record& r = records[i];
+            if (r.cmd != e.cmd || r.item != e.item || r.reg != records[e.first].reg
+                || r.address != records[e.first].address)
+                mismatch("exchange " + std::to_string(i) + " sent another frame before the one in flight was settled");
+            e.last = i;
+            if (r.result == 1 || r.result == 2)
+                e.result = r.result;
+            else if (r.result != 8)
+                mismatch("exchange " + std::to_string(i) + " gave result " + std::to_string(r.result));
+        }
+        if (!episodes.empty() && episodes.back().result == 0)
+            episodes.pop_back();  // unfinished at the end
+
+        const std::vector<TapRequest> tapReqs = tap.requests();
+        std::vector<int> lastEpisode(items.size(), -1);
+        for (size_t k = 0; k < episodes.size(); ++k) {
+            const Episode& e = episodes[k];
+            if (e.item < 0)
+                continue;
+            if (e.cmd == 3)
+                ++writeTransactions;
+            lastEpisode[size_t(e.item)] = int(k);
+            // A bit write's read that was accepted is followed at once by its write.
+            if (e.cmd == 2 && e.result == 1) {
+                if (k + 1 >= episodes.size() || episodes[k + 1].cmd != 3 || episodes[k + 1].item != e.item)
+                    mismatch("the read of bit write " + items[size_t(e.item)]->addr.text() + " (exchange "
+                        + std::to_string(e.first) + ") was not followed by its write");
+            }
+        }
+        for (size_t i = 0; i < items.size(); ++i) {
+            const Item& it = *items[i];
+            if (!it.writable)
+                continue;
+            if (it.values.empty()) {
+                ++itemsUnwritten;
+                if (memValue(it) != initialValue(it))
+                    mismatch(it.addr.text() + " was never written but holds " + fmt(it, memValue(it)));
+                continue;
+            }
+            const int v = it.values.back();
+            const int m = memValue(it);
+            if (lastEpisode[i] < 0) {
+                mismatch("last write " + it.addr.text() + "=" + fmt(it, v) + " was never sent and never reported failed");
+                continue;
+            }
+            const Episode& e = episodes[size_t(lastEpisode[i])];
+            if (e.result == 2) {
+                ++itemsFailed;
+                bool known = m == initialValue(it);
+                for (int x : it.values)
+                    known = known || x == m;
+                if (!known)
+                    mismatch(
+                        it.addr.text() + " holds " + fmt(it, m) + ", a value never written to it (its last write failed)");
+                continue;
+            }
+            if (e.cmd != 3) {
+                mismatch("the last transaction of " + it.addr.text() + " is an accepted read without its write");
+                continue;
+            }
+            // The frame carries the last value.
+            const Record& r = records[e.first];
+            int carried = -1;
+            if (it.bit >= 0 && !r.data.empty())
+                carried = (r.data[0] >> it.bit) & 1;
+            if (it.bit < 0 && r.data.size() >= 2)
+                carried = int(r.data[0]) | int(r.data[1]) << 8;
+            if (carried != v) {
+                mismatch("the last write frame of " + it.addr.text() + " carried " + fmt(it, carried)
+                    + ", the last value written is " + fmt(it, v));
+                continue;
+            }
+            if (m == v) {
+                ++itemsConfirmed;
+                continue;
+            }
+            // Not in memory: only acceptable when every request of this transaction that reached
+            // the PLC was refused with an ADS error.
+            int delivered = 0, refused = 0;
+            const uint32_t group = it.group, offset = it.byte;
+            for (const TapRequest& q : tapReqs) {
+                if (q.cmd != 3 || q.group != group || q.offset != offset || q.data != r.data)
+                    continue;
+                if (q.tUs < records[e.first].t0 || q.tUs > records[e.last].t1)
+                    continue;
+                if (!q.delivered)
+                    continue;
+                ++delivered;
+                refused += q.hasResult && q.result != 0;
+            }
+            if (delivered > 0 && refused == delivered) {
+                ++itemsRefused;
+                continue;
+            }
+            mismatch("last write " + it.addr.text() + "=" + fmt(it, v) + " was accepted (exchanges "
+                + std::to_string(e.first) + ".." + std::to_string(e.last) + ", " + std::to_string(delivered)
+                + " requests reached the PLC, " + std::to_string(refused) + " refused) but the PLC holds " + fmt(it, m));
+        }
+
+        // ---- the tap's view against the simulator's
+        std::vector<std::pair<std::string, uint32_t>> lateAccepted;  // text, tag of the late reply's request
+        uint64_t tapDoubleReplies = 0;
+        for (const TapRequest& q : tapReqs) {
+            ++tapRequests;
+            tapErrors += q.hasResult && q.result != 0;
+            tapDoubleReplies += q.replies > 1;
+        }
+        if (tap.unknownReplies())
+            mismatch(std::to_string(tap.unknownReplies()) + " replies carried an invoke id never sent");
+        if (tapDoubleReplies)
+            mismatch(std::to_string(tapDoubleReplies) + " requests got more than one reply");
+        for (const std::string& p : tap.problems())
+            mismatch(p);
+
+        // Late replies: which reply did the host hand to the driver in each exchange? The first
+        // one the tap passed on after it forwarded the exchange's request (the host drains what
+        // came before it sends). A reply to an earlier attempt of the same frame is harmless; a
+        // reply to another frame confuses the stream, and when the driver accepts it (same length)
+        // the data of one request is taken for another's.
+        {
+            const std::vector<TapReply> tapReplies = tap.replies();
+            std::map<uint32_t, size_t> byTag;
+            for (size_t k = 0; k < tapReqs.size(); ++k)
+                byTag[tapReqs[k].tag] = k;
+            auto sameFrame = [](const TapRequest& a, const TapRequest& b) {
+                return a.cmd == b.cmd && a.group == b.group && a.offset == b.offset && a.length == b.length
+                    && a.data == b.data;
+            };
+            size_t qi = 0, yi = 0;
+            for (size_t i = 0; i < records.size(); ++i) {
+                const Record& r = records[i];
+                while (qi < tapReqs.size() && tapReqs[qi].tUs < r.t0)
+                    ++qi;
+                if (qi >= tapReqs.size() || tapReqs[qi].tUs > r.t1 || r.replyBytes == 0)
+                    continue;
+                // The exchange's own request is the last one the tap forwarded in its window:
+                // the request of an earlier exchange that timed out may reach the simulator
+                // late, in this window, before the host has drained its reply and sent its own.
+                size_t own = qi;
+                while (own + 1 < tapReqs.size() && tapReqs[own + 1].tUs <= r.t1)
+                    ++own;
+                const TapRequest& q = tapReqs[own];
+                while (yi < tapReplies.size() && tapReplies[yi].tUs < q.tUs)
+                    ++yi;
+                // On the request's connection: a late reply on a connection the host has
+                // already closed never reaches it.
+                size_t yj = yi;
+                while (yj < tapReplies.size() && tapReplies[yj].conn != q.conn && tapReplies[yj].tUs <= r.t1)
+                    ++yj;
+                if (yj >= tapReplies.size() || tapReplies[yj].tUs > r.t1)
+                    continue;
+                const TapReply& y = tapReplies[yj];
+                if (y.tag == q.tag)
+                    continue;
+                auto f = byTag.find(y.tag);
+                if (f == byTag.end())
+                    continue;
+                const TapRequest& owner = tapReqs[f->second];
+                if (sameFrame(owner, q)) {
+                    ++lateSameFrame;
+                    continue;
+                }
+                if (r.result != 1) {
+                    ++lateOtherRejected;
+                    continue;
+                }
+                ++lateOtherAccepted;
+                char t[320];
+                std::snprintf(t, sizeof t,
+                    "exchange %zu (%s %d, cmd %d, request tag %u: group 0x%X offset %u length %u) accepted the late reply "
+                    "of tag %u (cmd %u group 0x%X offset %u length %u, fault %s) as its own",
+                    i, r.reg.c_str(), r.address, r.cmd, q.tag, q.group, q.offset, q.length, owner.tag, owner.cmd,
+                    owner.group, owner.offset, owner.length, "?");
+                lateAccepted.push_back({t, owner.tag});
+            }
+        }
+
+        // Listed first: a late reply taken for another request's is the likely cause of what follows.
+        std::vector<std::string> lateTexts;
+        for (auto& la : lateAccepted) {
+            auto f = logc.faultOf.find(la.second);
+            std::string t = la.first;
+            const size_t at = t.rfind("fault ?");
+            if (at != std::string::npos)
+                t.replace(at, 7, "fault " + (f == logc.faultOf.end() ? std::string("none") : f->second));
+            lateTexts.push_back(t);
+        }
+        if (opt.tolerateLateReplies) {
+            for (size_t i = 0; i < lateTexts.size() && i < 5; ++i)
+                std::fprintf(stderr, "soak: NOTE: %s\n", lateTexts[i].c_str());
+        } else {
+            mismatches.insert(mismatches.begin(), lateTexts.begin(), lateTexts.end());
+        }
+
+        // Evidence for a clobbered byte: the first write that changed bits no item covers, the
+        // requests before it on the wire (with their faults), the replies passed to the host
+        // meanwhile, and what the host made of them.
+        if (!clobbered.empty()) {
+            const Clobbered& c = clobbered.front();
+            const uint8_t want = pattern[{c.group, c.byte}];
+            const std::vector<TapReply> tapReplies = tap.replies();
+            for (size_t k = 0; k < tapReqs.size(); ++k) {
+                const TapRequest& q = tapReqs[k];
+                if (q.cmd != 3 || q.group != c.group || q.offset != c.byte || q.data.empty()
+                    || !((q.data[0] ^ want) & c.untouchedMask))
+                    continue;
+                auto faultOf = [&](uint32_t tag) {
+                    auto f = logc.faultOf.find(tag);
+                    return f == logc.faultOf.end() ? std::string("-") : f->second;
+                };
+                std::fprintf(stderr,
+                    "soak: evidence: byte %u of group 0x%X (pattern 0x%02X) first clobbered by write tag %u data 0x%02X\n",
+                    c.byte, c.group, want, q.tag, q.data[0]);
+                const size_t from = k >= 6 ? k - 6 : 0;
+                for (size_t j = from; j <= k; ++j) {
+                    const TapRequest& x = tapReqs[j];
+                    std::fprintf(stderr,
+                        "soak: evidence:   request tag %u conn %d t=%.3f ms cmd %u group 0x%X offset %u length %u fault %s "
+                        "replies %d (size %d)\n",
+                        x.tag, x.conn, double(x.tUs - tapReqs[from].tUs) / 1000.0, x.cmd, x.group, x.offset, x.length,
+                        faultOf(x.tag).c_str(), x.replies, x.replySize);
+                }
+                for (const TapReply& y : tapReplies) {
+                    if (y.tUs < tapReqs[from].tUs || y.tUs > q.tUs)
+                        continue;
+                    std::fprintf(stderr, "soak: evidence:   reply to tag %u (size %d) passed to the host at t=%.3f ms\n",
+                        y.tag, y.size, double(y.tUs - tapReqs[from].tUs) / 1000.0);
+                }
+                for (const Record& r : records) {
+                    if (r.t1 < tapReqs[from].tUs || r.t0 > q.tUs)
+                        continue;
+                    std::fprintf(stderr, "soak: evidence:   host exchange t=%.3f..%.3f ms cmd %d %s %d (%d) result %d\n",
+                        double(r.t0 - tapReqs[from].tUs) / 1000.0, double(r.t1 - tapReqs[from].tUs) / 1000.0, r.cmd,
+                        r.reg.c_str(), r.address, r.length, r.result);
+                }
+                break;
+            }
+        }
+
+        const bool last = lastRound || timeUp || lostForGood || !mismatches.empty();
+        if (!last)
+            forgetRound(mem);
+        endurance.roundEnd(last);
+        if (last)
+            break;
+        for (const char* k : kinds)
+            command(std::string("fault-prob ") + k + " " + probText);
+
     }
+    endurance.stop();
+    for (const std::string& m : endurance.growth())
+        mismatch(m);
 
     const adshost::Stats st = session->stats();
     const std::string counters = command("counters");
@@ -1269,68 +1629,6 @@ int main(int argc, char** argv)
                 mismatch(std::string("no fault of kind ") + k + " was injected");
     if (!opt.keepLog)
         std::remove(opt.logPath.c_str());
-    // Listed first: a late reply taken for another request's is the likely cause of what follows.
-    std::vector<std::string> lateTexts;
-    for (auto& la : lateAccepted) {
-        auto f = logc.faultOf.find(la.second);
-        std::string t = la.first;
-        const size_t at = t.rfind("fault ?");
-        if (at != std::string::npos)
-            t.replace(at, 7, "fault " + (f == logc.faultOf.end() ? std::string("none") : f->second));
-        lateTexts.push_back(t);
-    }
-    if (opt.tolerateLateReplies) {
-        for (size_t i = 0; i < lateTexts.size() && i < 5; ++i)
-            std::fprintf(stderr, "soak: NOTE: %s\n", lateTexts[i].c_str());
-    } else {
-        mismatches.insert(mismatches.begin(), lateTexts.begin(), lateTexts.end());
-    }
-
-    // Evidence for a clobbered byte: the first write that changed bits no item covers, the
-    // requests before it on the wire (with their faults), the replies passed to the host
-    // meanwhile, and what the host made of them.
-    if (!clobbered.empty()) {
-        const Clobbered& c = clobbered.front();
-        const uint8_t want = pattern[{c.group, c.byte}];
-        const std::vector<TapReply> tapReplies = tap.replies();
-        for (size_t k = 0; k < tapReqs.size(); ++k) {
-            const TapRequest& q = tapReqs[k];
-            if (q.cmd != 3 || q.group != c.group || q.offset != c.byte || q.data.empty()
-                || !((q.data[0] ^ want) & c.untouchedMask))
-                continue;
-            auto faultOf = [&](uint32_t tag) {
-                auto f = logc.faultOf.find(tag);
-                return f == logc.faultOf.end() ? std::string("-") : f->second;
-            };
-            std::fprintf(stderr,
-                "soak: evidence: byte %u of group 0x%X (pattern 0x%02X) first clobbered by write tag %u data 0x%02X\n",
-                c.byte, c.group, want, q.tag, q.data[0]);
-            const size_t from = k >= 6 ? k - 6 : 0;
-            for (size_t j = from; j <= k; ++j) {
-                const TapRequest& x = tapReqs[j];
-                std::fprintf(stderr,
-                    "soak: evidence:   request tag %u conn %d t=%.3f ms cmd %u group 0x%X offset %u length %u fault %s "
-                    "replies %d (size %d)\n",
-                    x.tag, x.conn, double(x.tUs - tapReqs[from].tUs) / 1000.0, x.cmd, x.group, x.offset, x.length,
-                    faultOf(x.tag).c_str(), x.replies, x.replySize);
-            }
-            for (const TapReply& y : tapReplies) {
-                if (y.tUs < tapReqs[from].tUs || y.tUs > q.tUs)
-                    continue;
-                std::fprintf(stderr, "soak: evidence:   reply to tag %u (size %d) passed to the host at t=%.3f ms\n",
-                    y.tag, y.size, double(y.tUs - tapReqs[from].tUs) / 1000.0);
-            }
-            for (const Record& r : records) {
-                if (r.t1 < tapReqs[from].tUs || r.t0 > q.tUs)
-                    continue;
-                std::fprintf(stderr, "soak: evidence:   host exchange t=%.3f..%.3f ms cmd %d %s %d (%d) result %d\n",
-                    double(r.t0 - tapReqs[from].tUs) / 1000.0, double(r.t1 - tapReqs[from].tUs) / 1000.0, r.cmd,
-                    r.reg.c_str(), r.address, r.length, r.result);
-            }
-            break;
-        }
-    }
-
     const double seconds = double(adshost::nowMs() - startMs) / 1000.0;
     std::string line = "soak:";
     auto add = [&line](const char* name, unsigned long long v) {
@@ -1366,6 +1664,8 @@ int main(int argc, char** argv)
     add("write_failures_reported", failureReports);
     add("callback_unverifiable", failureUnverified);
     add("blocks", (unsigned long long)blocks);
+    add("rounds", (unsigned long long)rounds);
+    line += endurance.figures();
     char sec[32];
     std::snprintf(sec, sizeof sec, " seconds=%.1f", seconds);
     line += sec;

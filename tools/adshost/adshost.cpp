@@ -1,6 +1,6 @@
 #include "adshost.h"
 
-#include "ads_ethernet.h"
+#include "ads_ethernet_loader.h"
 #include "pcap_writer.h"
 #include "probe.h"
 #include "text_util.h"
@@ -50,9 +50,10 @@ double nowSec()
     return duration_cast<duration<double>>(steady_clock::now().time_since_epoch()).count();
 }
 
-bool endsWith(const std::string& s, const std::string& tail)
+bool endsWith(const std::string& s, const char* tail)
 {
-    return s.size() >= tail.size() && s.compare(s.size() - tail.size(), tail.size(), tail) == 0;
+    const size_t n = std::strlen(tail);
+    return s.size() >= n && s.compare(s.size() - n, n, tail) == 0;
 }
 
 // A value as a user types it: decimal (a leading zero changes nothing: 010 is ten) or 0x-hex,
@@ -107,6 +108,48 @@ char areaOfGroup(uint32_t group)
 }
 
 std::string netIdOf(const uint8_t* p) { return adstool::NetId::fromBytes(p).str(); }
+
+// The driver's register names and error texts are ASCII: copied without a UTF-8 temporary,
+// into storage the string already has.
+void assignText(std::string& out, const QString& s)
+{
+    const QChar* c = s.constData();
+    const size_t n = size_t(s.size());
+    out.resize(n);
+    unsigned any = 0;
+    for (size_t i = 0; i < n; ++i) {
+        const unsigned u = c[i].unicode();
+        any |= u;
+        out[i] = char(u);
+    }
+    if (any > 0x7F)
+        out = s.toStdString();
+}
+
+// Back to an empty exchange, keeping the storage of its strings and frame. Every field of
+// Exchange is set here (a test compares the result with a default Exchange).
+void resetExchange(Exchange& ex)
+{
+    ex.sent = 0;
+    ex.result = -1;
+    ex.errorText.clear();
+    ex.sendLen = 0;
+    ex.commandId = 0;
+    ex.readLen = 0;
+    ex.varReg.clear();
+    ex.varAddress = ex.varLength = ex.varKind = 0;
+    ex.replyBytes = 0;
+    ex.recvChunks = 0;
+    ex.timedOut = false;
+    ex.connectionLost = false;
+    ex.cyclicRead = false;
+    ex.purpose = 0;
+    ex.codes = ReplyCodes();
+    ex.targetPort = 0;
+    ex.sourceNetId.clear();
+    ex.rttMs = 0;
+    ex.frame.clear();
+}
 
 }  // namespace
 
@@ -372,8 +415,9 @@ std::string Stats::figuresLine() const
 // ------------------------------------------------------------------------------------------
 // The driver plugin
 
-class Plugin {
+class Plugin : public ADS_ENTRY_POINTS {
 public:
+    Plugin() : ADS_ENTRY_POINTS() { }
     ~Plugin()
     {
         // The plugin stays loaded: its global driver object would be destroyed under the
@@ -391,61 +435,18 @@ public:
             why = "cannot load driver " + path + ": " + (e ? e : "dlopen failed");
             return false;
         }
-        std::vector<std::string> missing;
-        auto get = [&](auto& fn, const char* name) {
-            void* sym = ::dlsym(handle, name);
-            if (!sym)
-                missing.push_back(name);
-            fn = reinterpret_cast<std::remove_reference_t<decltype(fn)>>(sym);
-        };
-        get(getProtocolType, "intf_getProtocolType");
-        get(getVersion, "intf_getVersion");
-        get(setAddrValueChangeCallBack, "intf_setAddrValueChangeCallBack");
-        get(initProperty, "intf_initProperty");
-        get(getDriverParameter, "intf_getDriverParameter");
-        get(getDriverPropertyPage, "intf_getDriverPropertyPage");
-        get(setDriverPropertyPage, "intf_SetDriverPropertyPage");
-        get(getRegListByType, "intf_getRegListByType");
-        get(getRegDiscription, "intf_getRegDiscription");
-        get(checkAddr, "intf_checkAddr");
-        get(checkAddrValidity, "intf_checkAddrValidity");
-        get(getSendFrame, "intf_getSendFrame");
-        get(dealRcvFrame, "intf_dealRcvFrame");
-        get(getData, "intf_getData");
-        get(setData, "intf_setData");
-        get(addrMerge, "intf_addrMerge");
-        get(addConditionRead, "intf_addConditionRead");
-        get(setRcpAddress, "intf_setRcpAddress");
-        get(multiCopy, "intf_multiCopy");
-        if (!missing.empty()) {
-            why = "driver " + path + " lacks entry point" + (missing.size() > 1 ? "s" : "") + ":";
-            for (const std::string& m : missing)
-                why += " " + m;
+        const char* missing[ADS_ENTRY_POINT_COUNT];
+        const int n = ads_resolveEntryPoints(handle, this, missing);
+        if (n > 0) {
+            why = "driver " + path + " lacks entry point" + (n > 1 ? "s" : "") + ":";
+            for (int i = 0; i < n; ++i)
+                why += std::string(" ") + missing[i];
             return false;
         }
         return true;
     }
 
     void* handle = nullptr;
-    decltype(&::intf_getProtocolType) getProtocolType = nullptr;
-    decltype(&::intf_getVersion) getVersion = nullptr;
-    decltype(&::intf_setAddrValueChangeCallBack) setAddrValueChangeCallBack = nullptr;
-    decltype(&::intf_initProperty) initProperty = nullptr;
-    decltype(&::intf_getDriverParameter) getDriverParameter = nullptr;
-    decltype(&::intf_getDriverPropertyPage) getDriverPropertyPage = nullptr;
-    decltype(&::intf_SetDriverPropertyPage) setDriverPropertyPage = nullptr;
-    decltype(&::intf_getRegListByType) getRegListByType = nullptr;
-    decltype(&::intf_getRegDiscription) getRegDiscription = nullptr;
-    decltype(&::intf_checkAddr) checkAddr = nullptr;
-    decltype(&::intf_checkAddrValidity) checkAddrValidity = nullptr;
-    decltype(&::intf_getSendFrame) getSendFrame = nullptr;
-    decltype(&::intf_dealRcvFrame) dealRcvFrame = nullptr;
-    decltype(&::intf_getData) getData = nullptr;
-    decltype(&::intf_setData) setData = nullptr;
-    decltype(&::intf_addrMerge) addrMerge = nullptr;
-    decltype(&::intf_addConditionRead) addConditionRead = nullptr;
-    decltype(&::intf_setRcpAddress) setRcpAddress = nullptr;
-    decltype(&::intf_multiCopy) multiCopy = nullptr;
 };
 
 // ------------------------------------------------------------------------------------------
@@ -466,8 +467,12 @@ int hostCallback(int context, int keyNo, QString text, int address)
 
 constexpr size_t kStatusBlockSize = 65536;  // the flag bytes lie at 60115 and 60116
 constexpr size_t kRecipeBufferSize = 65536;
-constexpr size_t kMaxExchanges = 100000;
-constexpr size_t kMaxRttSamples = 4000000;
+// What a session keeps of its past is bounded, so that a host polling for months holds the
+// same memory as after its first minutes.
+constexpr size_t kMaxExchanges = 4096;     // the newest exchanges (Session::exchanges)
+constexpr size_t kMaxRttSamples = 65536;   // the newest round trips (the median of Stats)
+constexpr size_t kMaxErrorTexts = 4096;    // the newest error texts of results 2
+constexpr size_t kMaxKeptActions = 1024;   // settled actions kept beyond the pending ones
 constexpr uint32_t kMaxFrameBody = 65536;
 }  // namespace
 
@@ -493,12 +498,20 @@ struct Session::Impl {
 
     std::mutex lock;  // guards what the callback and other threads touch below
     std::vector<Change> changes;
-    std::deque<Exchange> history;
-    std::vector<std::string> errorTexts;
+    // The newest kMaxExchanges exchanges, oldest at historyNext once the ring is full; the
+    // slots are assigned in place, so their storage is reused.
+    std::vector<Exchange> history;
+    size_t historyNext = 0;
+    std::deque<std::string> errorTexts;
     Stats stats;
+    // The newest kMaxRttSamples round trips (a ring like history); min and max over all.
     std::vector<double> rtts;
+    size_t rttNext = 0;
+    double rttMin = 0, rttMax = 0;
+    uint64_t rttCount = 0;
 
-    std::set<std::tuple<std::string, int, int>> refreshSeen;
+    // Blocks read since the last full refresh (a screen has few blocks: a short list).
+    std::vector<std::tuple<std::string, int, int>> refreshSeen;
     double pollStart = 0, pollSeconds = 0;
     double pollEnd = 0;  // set when the session is closed: its figures' time stops
 
@@ -510,12 +523,16 @@ struct Session::Impl {
         std::vector<bool> confirmed;
         bool transferSeen = false;  // a recipe transfer: the PLC accepted one of its requests
     };
-    std::vector<ActionRec> actionRecs;
+    // Actions by id: actionRecs[i] has id firstActionId + i. Settled ones beyond the newest
+    // kMaxKeptActions are let go from the front (forgetSettledActions).
+    std::deque<ActionRec> actionRecs;
+    int firstActionId = 1;
     Fatal fatal;
     bool handshakeDone = false;
     bool anyReply = false;  // a byte of a reply ever arrived
     bool openFailedOnAddress = false;
     std::string sourceNetId;        // the Net ID the driver sends as (from its last frame)
+    std::string plannedSourceNetId, plannedSourceAddress;  // as open() found them
     std::vector<uint8_t> inFlight;  // the frame the codes below belong to
     ReplyCodes frameCodes;          // the last codes of a reply to that frame
     // Per byte of I, Q and M: when it was last read from (or confirmed by) the PLC, and when
@@ -566,11 +583,64 @@ struct Session::Impl {
         std::fill(v.begin() + first, v.begin() + std::min(first + count, long(v.size())), 0);
     }
 
+    ActionRec* actionById(int id)
+    {
+        if (id < firstActionId || id - firstActionId >= int(actionRecs.size()))
+            return nullptr;
+        return &actionRecs[size_t(id - firstActionId)];
+    }
+
+    void forgetSettledActions()
+    {
+        while (actionRecs.size() > kMaxKeptActions && actionRecs.front().a.state != Action::Pending) {
+            actionRecs.pop_front();
+            ++firstActionId;
+        }
+    }
+
+    void recordRtt(double ms)
+    {
+        if (rttCount == 0 || ms < rttMin)
+            rttMin = ms;
+        if (rttCount == 0 || ms > rttMax)
+            rttMax = ms;
+        ++rttCount;
+        if (rtts.size() < kMaxRttSamples) {
+            rtts.push_back(ms);
+            return;
+        }
+        rtts[rttNext] = ms;
+        rttNext = (rttNext + 1) % kMaxRttSamples;
+    }
+
+    void recordExchange(const Exchange& ex)
+    {
+        if (history.size() < kMaxExchanges) {
+            history.push_back(ex);
+            return;
+        }
+        history[historyNext] = ex;
+        historyNext = (historyNext + 1) % kMaxExchanges;
+    }
+
+    // A cyclic read accepted: one more block of the screen seen; all seen is a full refresh.
+    void countRefresh(const Exchange& ex)
+    {
+        for (const auto& b : refreshSeen)
+            if (std::get<1>(b) == ex.varAddress && std::get<2>(b) == ex.varLength && std::get<0>(b) == ex.varReg)
+                return;
+        refreshSeen.emplace_back(ex.varReg, ex.varAddress, ex.varLength);
+        if (int(refreshSeen.size()) >= blocks) {
+            ++stats.fullRefreshes;
+            refreshSeen.clear();
+        }
+    }
+
     int addAction(const std::string& kind, const std::string& what)
     {
         std::lock_guard<std::mutex> g(lock);
         ActionRec r;
-        r.a.id = int(actionRecs.size()) + 1;
+        r.a.id = firstActionId + int(actionRecs.size());
         r.a.kind = kind;
         r.a.what = what;
         actionRecs.push_back(r);
@@ -639,8 +709,11 @@ struct Session::Impl {
     void settle(const Exchange& ex, bool recipeWriteUp, bool recipeReadUp)
     {
         const ReplyCodes& fc = frameCodes;
-        const std::string why = meaning(
-            fc, ex.targetPort, ex.sourceNetId, ex.timedOut, ex.connectionLost, ex.replyBytes, ex.purpose != 'H');
+        // The meaning is text: made only for a failure, not for every accepted reply.
+        auto why = [&] {
+            return meaning(
+                fc, ex.targetPort, ex.sourceNetId, ex.timedOut, ex.connectionLost, ex.replyBytes, ex.purpose != 'H');
+        };
         if (ex.purpose == 'H' && ex.result == 1)
             handshakeDone = true;
         const bool hasSpan = ex.frame.size() >= 50 && (ex.commandId == 2 || ex.commandId == 3);
@@ -665,10 +738,10 @@ struct Session::Impl {
                     fail(r, fc,
                         std::string(ex.purpose == 'B' ? "the read before the bit write was given up: "
                                                       : "given up after the retry limit: ")
-                            + why);
+                            + why());
                 } else if (ex.result == 1 && ex.purpose == 'W') {
                     if (ex.codes.anyError()) {
-                        fail(r, ex.codes, "the PLC refused the write: " + why);
+                        fail(r, ex.codes, "the PLC refused the write: " + why());
                     } else if (ex.codes.ok() && ex.codes.hasResult) {
                         r.a.codes = ex.codes;
                         for (long b = std::max<long>(first, r.first); b <= std::min<long>(last, r.last); ++b)
@@ -680,9 +753,9 @@ struct Session::Impl {
             } else if ((r.a.kind == "recipe write" && ex.purpose == 'w')
                 || (r.a.kind == "recipe read" && ex.purpose == 'r')) {
                 if (ex.result == 2)
-                    fail(r, fc, "given up after the retry limit: " + why);
+                    fail(r, fc, "given up after the retry limit: " + why());
                 else if (ex.result == 1 && ex.codes.anyError())
-                    fail(r, ex.codes, "the PLC refused it: " + why);
+                    fail(r, ex.codes, "the PLC refused it: " + why());
                 else if (ex.codes.header)
                     r.a.codes = ex.codes;
                 if (ex.result == 1 && ex.codes.ok())
@@ -709,14 +782,15 @@ struct Session::Impl {
                 + " bytes that do not start with an AMS/TCP header): is " + cfg.plcHost + ":"
                 + std::to_string(cfg.plcPort) + " an AMS/TCP port?";
         }
+        forgetSettledActions();
         if (ex.result == 2 && fatal.kind == Fatal::None) {
             if (!handshakeDone && !anyReply) {
                 fatal.kind = Fatal::NoAnswer;
-                fatal.message = why;
+                fatal.message = why();
             } else if (fc.header && fc.amsError != 0) {
                 fatal.kind = Fatal::AmsError;
                 fatal.codes = fc;
-                fatal.message = why;
+                fatal.message = why();
             }
         }
     }
@@ -835,6 +909,15 @@ struct Session::Impl {
     bool mayHaveStale = true;
     std::unique_ptr<FRAME_PRO> frame {new FRAME_PRO()};
     QString errorText;
+    // Reused every cycle (Session::step): the exchange handed out, the reply's bytes, and the
+    // source Net ID's text (made again only when the driver's bytes change).
+    Exchange current;
+    std::vector<uint8_t> reply;
+    QByteArray replyBytes;  // the reply as handed to the driver (its storage kept)
+    QString regName;        // the frame's register, and its text
+    std::string regText;
+    uint8_t sourceNetIdBytes[6] = {};
+    std::string sourceNetIdText;
 
     // Replies the PLC still owes for requests that timed out on this connection. The driver
     // matches a reply to its request by length alone, so a late reply must never reach it
@@ -1018,8 +1101,18 @@ bool Session::open(const Config& cfg, std::string& why)
     const std::string init
         = std::to_string(cfg.context) + "#0#0#" + std::to_string(cfg.retries) + "#" + std::to_string(cfg.gap);
     p.initProperty(d->statusBlock.data(), nullptr, d->recipeBuffer.data(), &d->mode, init.c_str(), &d->hostMutex);
-    // 2. the PLC's AMS Net ID and port
-    p.setDriverPropertyPage(QString::fromStdString("2_0," + cfg.netId + "," + std::to_string(cfg.amsPort)));
+    // 2. the PLC's AMS Net ID and port: the values of the driver's page, labels off
+    QString page, settings, refused;
+    p.getDriverPropertyPage(page);
+    QStringList values;
+    values << QString::fromStdString(cfg.netId) << QString::number(cfg.amsPort);
+    if (!ads_settingsFromPropertyPage(page, values, &settings, &refused)) {
+        why = "the driver's property page \"" + page.toStdString() + "\" takes no --netid/--ams-port: "
+            + refused.toStdString();
+        g_session = nullptr;
+        return false;
+    }
+    p.SetDriverPropertyPage(settings);
     // 3. the change callback
     p.setAddrValueChangeCallBack(&hostCallback);
     // 4. the screen
@@ -1048,6 +1141,11 @@ bool Session::open(const Config& cfg, std::string& why)
     // 6. condition reads
     for (const Address& a : c.conditions)
         addConditionRead(a);
+    // The source Net ID the driver chose: its first frame carries it (the handshake, handed
+    // out again unchanged by the first polling cycle).
+    if (p.getSendFrame(d->frame.get()) == 1)
+        d->plannedSourceNetId = netIdOf(d->frame->frame + 14);
+    d->plannedSourceAddress = probe::panelAddressFor(cfg.netId, probe::localIpv4Addresses());
     d->opened = true;
     return true;
 }
@@ -1087,6 +1185,8 @@ std::string Session::driverVersion()
 }
 
 bool Session::openFailedOnAddress() const { return d->openFailedOnAddress; }
+std::string Session::sourceNetId() const { return d->plannedSourceNetId; }
+std::string Session::sourceAddress() const { return d->plannedSourceAddress; }
 std::vector<Address> Session::watches() const { return d->cfg.watches; }
 std::vector<Address> Session::conditions() const { return d->cfg.conditions; }
 std::vector<Write> Session::writes() const { return d->cfg.writes; }
@@ -1150,10 +1250,11 @@ int Session::checkAddress(const Address& a, int access)
         QString::fromStdString(a.reg), QString::fromStdString(a.addrText), &out, a.isBit() ? -1 : 1, a.count, access);
 }
 
-Exchange Session::step()
+const Exchange& Session::step()
 {
     Impl& s = *d;
-    Exchange ex;
+    Exchange& ex = s.current;
+    resetExchange(ex);
     if (!s.opened)
         return ex;
     if (s.fd < 0 && !s.reconnect())
@@ -1178,14 +1279,22 @@ Exchange Session::step()
     ex.sendLen = std::max(0, std::min(f.sendLen, 1024));
     ex.commandId = f.frame[22] | f.frame[23] << 8;
     ex.readLen = f.readLen;
-    ex.varReg = f.var.regName.toStdString();
+    if (!f.var.regName.isSharedWith(s.regName) || s.regName.isEmpty()) {  // the driver's table: shared
+        s.regName = f.var.regName;
+        assignText(s.regText, s.regName);
+    }
+    ex.varReg = s.regText;
     ex.varAddress = f.var.address;
     ex.varLength = f.var.length;
     ex.varKind = f.var.kind;
     ex.frame.assign(f.frame, f.frame + ex.sendLen);
     ex.cyclicRead = f.readLen > 0 && f.var.kind == 4 && !recipeUp && endsWith(ex.varReg, "_W");
     ex.targetPort = f.frame[12] | f.frame[13] << 8;
-    ex.sourceNetId = netIdOf(f.frame + 14);
+    if (s.sourceNetIdText.empty() || std::memcmp(s.sourceNetIdBytes, f.frame + 14, 6) != 0) {
+        std::memcpy(s.sourceNetIdBytes, f.frame + 14, 6);
+        s.sourceNetIdText = netIdOf(f.frame + 14);
+    }
+    ex.sourceNetId = s.sourceNetIdText;
     if (ex.commandId == 6)
         ex.purpose = 'H';
     else if (ex.commandId == 3)
@@ -1200,7 +1309,8 @@ Exchange Session::step()
         ex.purpose = 'C';
 
     s.drain();
-    std::vector<uint8_t> reply;
+    std::vector<uint8_t>& reply = s.reply;
+    reply.clear();
     const double t0 = nowSec();
     if (s.fd < 0) {
         ex.connectionLost = true;
@@ -1226,7 +1336,8 @@ Exchange Session::step()
         if (!reply.empty())
             s.anyReply = true;
         s.lastReplyHead.assign(reply.begin(), reply.begin() + long(std::min<size_t>(reply.size(), 6)));
-        s.sourceNetId = ex.sourceNetId;
+        if (s.sourceNetId != ex.sourceNetId)
+            s.sourceNetId = ex.sourceNetId;
         if (ex.frame != s.inFlight) {
             s.inFlight = ex.frame;
             s.frameCodes = ReplyCodes();
@@ -1236,11 +1347,15 @@ Exchange Session::step()
     }
 
     // Hand over what arrived, also nothing, so that the driver counts a failure.
-    QByteArray bytes(reinterpret_cast<const char*>(reply.data()), int(reply.size()));
+    // The reply's bytes in an array whose storage stays from one request to the next.
+    QByteArray& bytes = s.replyBytes;
+    bytes.resize(int(reply.size()));
+    if (!reply.empty())
+        std::memcpy(bytes.data(), reply.data(), reply.size());
     QString& errorText = s.errorText;  // kept, so the driver writes into the same storage
     ex.replyBytes = int(reply.size());
     ex.result = s.plugin.dealRcvFrame(bytes, errorText);
-    ex.errorText = errorText.toStdString();
+    assignText(ex.errorText, errorText);
     if (!ex.timedOut && !ex.connectionLost)
         ex.rttMs = (t1 - t0) * 1000.0;
     if (ex.result != 1 || ex.timedOut || ex.connectionLost)
@@ -1267,20 +1382,16 @@ Exchange Session::step()
             ++s.stats.timeouts;
         if (ex.connectionLost)
             ++s.stats.connectionLosses;
-        if (ex.result == 2)
+        if (ex.result == 2) {
             s.errorTexts.push_back(ex.errorText);
-        if (!ex.timedOut && !ex.connectionLost && s.rtts.size() < kMaxRttSamples)
-            s.rtts.push_back(ex.rttMs);
-        if (ex.cyclicRead && ex.result == 1 && s.blocks > 0) {
-            s.refreshSeen.insert(std::make_tuple(ex.varReg, ex.varAddress, ex.varLength));
-            if (int(s.refreshSeen.size()) >= s.blocks) {
-                ++s.stats.fullRefreshes;
-                s.refreshSeen.clear();
-            }
+            if (s.errorTexts.size() > kMaxErrorTexts)
+                s.errorTexts.pop_front();
         }
-        s.history.push_back(ex);
-        if (s.history.size() > kMaxExchanges)
-            s.history.pop_front();
+        if (!ex.timedOut && !ex.connectionLost)
+            s.recordRtt(ex.rttMs);
+        if (ex.cyclicRead && ex.result == 1 && s.blocks > 0)
+            s.countRefresh(ex);
+        s.recordExchange(ex);
     }
     s.pollSeconds = nowSec() - s.pollStart;
     return ex;
@@ -1314,7 +1425,7 @@ int Session::write(const Write& w)
     const int id = d->addAction("write", w.text());
     {
         std::lock_guard<std::mutex> g(d->lock);
-        Impl::ActionRec& r = d->actionRecs.back();
+        Impl::ActionRec& r = *d->actionById(id);
         r.area = w.addr.area();
         r.first = w.addr.firstByte();
         r.last = w.addr.lastByte();
@@ -1401,9 +1512,15 @@ std::vector<Action> Session::actions()
 Action Session::action(int id)
 {
     std::lock_guard<std::mutex> g(d->lock);
-    if (id < 1 || id > int(d->actionRecs.size()))
-        return Action();
-    return d->actionRecs[size_t(id - 1)].a;
+    if (id >= 1 && id < d->firstActionId) {
+        Action a;
+        a.id = id;
+        a.state = Action::Failed;
+        a.why = "settled long ago; its outcome is no longer known";
+        return a;
+    }
+    const Impl::ActionRec* r = d->actionById(id);
+    return r ? r->a : Action();
 }
 
 bool Session::actionsSettled()
@@ -1512,13 +1629,16 @@ std::vector<Change> Session::takeChanges()
 std::vector<Exchange> Session::exchanges()
 {
     std::lock_guard<std::mutex> g(d->lock);
-    return std::vector<Exchange>(d->history.begin(), d->history.end());
+    const std::vector<Exchange>& h = d->history;
+    std::vector<Exchange> out(h.begin() + long(d->historyNext), h.end());
+    out.insert(out.end(), h.begin(), h.begin() + long(d->historyNext));
+    return out;
 }
 
 std::vector<std::string> Session::errorTexts()
 {
     std::lock_guard<std::mutex> g(d->lock);
-    return d->errorTexts;
+    return std::vector<std::string>(d->errorTexts.begin(), d->errorTexts.end());
 }
 
 Stats Session::stats()
@@ -1526,15 +1646,21 @@ Stats Session::stats()
     std::lock_guard<std::mutex> g(d->lock);
     Stats st = d->stats;
     st.seconds = d->pollStart > 0 ? (d->pollEnd > 0 ? d->pollEnd : nowSec()) - d->pollStart : 0;
-    st.rttSamples = d->rtts.size();
+    st.rttSamples = d->rttCount;
     if (!d->rtts.empty()) {
         std::vector<double> v = d->rtts;
         std::sort(v.begin(), v.end());
-        st.rttMinMs = v.front();
-        st.rttMaxMs = v.back();
+        st.rttMinMs = d->rttMin;
+        st.rttMaxMs = d->rttMax;
         st.rttMedianMs = v.size() % 2 ? v[v.size() / 2] : (v[v.size() / 2 - 1] + v[v.size() / 2]) / 2;
     }
     return st;
+}
+
+uint64_t Session::requestsSent()
+{
+    std::lock_guard<std::mutex> g(d->lock);
+    return d->stats.requests;
 }
 
 }  // namespace adshost

@@ -234,6 +234,11 @@ public:
     bool open(const Config& cfg, std::string& why);
     // After a failed open(): true when an address was the cause (a usage error).
     bool openFailedOnAddress() const;
+    // After open(): the source AMS Net ID the driver will send as (from its first frame),
+    // and this machine's IPv4 address that the driver's rule picks for the PLC's Net ID
+    // (empty: none matched, and the driver sends as 0.0.0.0.1.1).
+    std::string sourceNetId() const;
+    std::string sourceAddress() const;
     // Loads the plugin only (for --version); the driver's version text, or empty.
     static std::string pluginVersion(const std::string& path, std::string& why);
     // Checks an address with the driver (intf_checkAddr; access 1: it is written) and takes
@@ -252,8 +257,10 @@ public:
     void disconnect();
 
     // One polling cycle. Reconnects first when the connection was lost (bounded back-off);
-    // returns an Exchange with sent 0 when nothing was sent.
-    Exchange step();
+    // returns an Exchange with sent 0 when nothing was sent. The reference stays valid until
+    // the next step: the session fills the same Exchange every cycle, so polling allocates
+    // nothing once its buffers have grown.
+    const Exchange& step();
     // Polls until `cycles` cycles ran, `ms` elapsed, `until` returned true, or the connection
     // is gone for good (whichever comes first; 0 means no limit for cycles and ms, but at
     // least one limit must be given). Returns false when the connection could not be
@@ -282,7 +289,9 @@ public:
     // of its Action.
     int addConditionRead(const Address& a);
 
-    // The actions so far, in the order they were asked for.
+    // The actions so far, in the order they were asked for: every pending one and the newest
+    // settled ones (1024 beyond the pending; older settled ones are let go, and action(id)
+    // then answers Failed, "no longer known", rather than claim an outcome it cannot show).
     std::vector<Action> actions();
     Action action(int id);
     bool actionsSettled();  // none pending
@@ -306,10 +315,11 @@ public:
 
     // Change reports collected since the last call.
     std::vector<Change> takeChanges();
-    // Every exchange so far (the newest 100000).
+    // The newest 4096 exchanges, oldest first.
     std::vector<Exchange> exchanges();
-    Stats stats();
-    // Driver error texts of results 2, newest last.
+    Stats stats();  // the round-trip median is over the newest 65536 round trips
+    uint64_t requestsSent();  // stats().requests without the figures (cheap: for loops)
+    // Driver error texts of results 2 (the newest 4096), newest last.
     std::vector<std::string> errorTexts();
     int blocks() const;
     int localPort() const;  // the host's ephemeral port (0 when not connected)

@@ -213,6 +213,31 @@ struct Out {
     }
 };
 
+// The panel's own AMS Net ID as the driver chose it (the PLC needs a route for it), with a
+// warning when no IPv4 address of this machine matched the PLC's Net ID: the driver then
+// sends as 0.0.0.0.1.1, for which no PLC has a route.
+void reportSourceNetId(Out& out, const adshost::Session& session, const std::string& plcNetId)
+{
+    const std::vector<std::string> parts = adshost::util::split(plcNetId, '.');
+    const std::string numbers = parts.size() >= 2 ? parts[0] + " and " + parts[1] : plcNetId;
+    const std::string netId = session.sourceNetId();
+    const std::string address = session.sourceAddress();
+    const bool matched = !address.empty() && netId.rfind("0.0.0.0.", 0) != 0;
+    std::string text = "source AMS Net ID " + netId;
+    std::string json = "{\"type\":\"source\",\"netid\":" + jsonEscape(netId) + ",\"address\":"
+        + (address.empty() ? std::string("null") : jsonEscape(address)) + ",\"matched\":" + (matched ? "true" : "false");
+    if (matched) {
+        text += " (this machine's address " + address + " contains " + numbers + ", the first two numbers of --netid)";
+    } else {
+        const std::string why = "no IPv4 address of this machine (loopback aside) contains " + numbers
+            + ", the first two numbers of --netid " + plcNetId + ": the driver sends as " + netId
+            + " and no PLC has a route for that; give the panel an address on the PLC's network";
+        text = "warning: " + text + ": " + why;
+        json += ",\"warning\":" + jsonEscape(why);
+    }
+    out.line(text, json + "}");
+}
+
 // The plugin installed beside this program (a package installs both under one prefix, which
 // need not be the one the program was built for), else the build's install location.
 // In a build tree (BUILD/tools/adshost/adshost) the plugin is BUILD/src/libads_ethernet.so.
@@ -494,6 +519,7 @@ int adshostMain(int argc, char** argv)
         "{\"type\":\"driver\",\"path\":" + jsonEscape(cfg.driverPath)
             + ",\"version\":" + jsonEscape(session.driverVersion()) + "}");
     writes = session.writes();  // with the driver's integer addresses
+    reportSourceNetId(out, session, cfg.netId);
     if (!session.connect(why)) {
         out.error(why, "start");
         return finish(ExitNoConnection, why);
@@ -607,7 +633,7 @@ int adshostMain(int argc, char** argv)
             if (allSettled || adshost::nowMs() >= actionDeadline)
                 break;
         }
-        const adshost::Exchange ex = session.step();
+        const adshost::Exchange& ex = session.step();
         if (session.failedForGood())
             break;
         if ((ex.cyclicRead && ex.result == 1) || ex.result == 2)
