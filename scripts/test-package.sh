@@ -49,6 +49,6 @@ start_plcsim "$prefix/usr/bin/plcsim" --listen 127.0.0.1:0 --no-program || { ech
 port=$PLCSIM_PORT
 # No --driver: the installed adshost finds the plugin installed beside it.
 timeout 60 "$prefix/usr/bin/adshost" --plc "127.0.0.1:$port" --netid 192.168.1.100.1.1 \
-  --ams-port 851 --watch M_W:0:4 --watch M_bit:2.0 --cycles 20 --quiet | tail -3
+  --ams-port 851 --watch M_W:0:4 --watch M_bit:2.0 --cycles 5 --quiet | tail -3
 stop_plcsim || true
 echo "PASS: package installs, builds a host with find_package and pkg-config, and its tools run"
