@@ -14,7 +14,9 @@
  *
  * Counters: allocs_per_cycle (heap allocations per steady-state read, all of them in the
  * driver and Qt), callbacks_per_cycle, cached_units. The heap is counted by the replacement
- * allocator in alloc_counter.cpp.
+ * allocator in alloc_counter.cpp. A cyclic read that allocates at all, or a replaced write
+ * that allocates more than once per call, ends its benchmark with an error, which fails the
+ * CTest smoke run.
  */
 #include "alloc_counter.h"
 #include "bench_scenario.h"
@@ -62,6 +64,8 @@ void BM_CyclicRead(benchmark::State& state)
         = benchmark::Counter(static_cast<double>(kBlockBytes) * n, benchmark::Counter::kIsRate);
     if (changing && callbackCount() - callbacksBefore != static_cast<long long>(n) * kBlockBytes)
         state.SkipWithError("not every byte was reported");
+    if (allocSend + allocDeal != 0)
+        state.SkipWithError("a steady-state polling cycle allocated on the heap");
     delete frame;
 }
 BENCHMARK(BM_CyclicRead)
@@ -99,9 +103,11 @@ void BM_SetData_Coalesce(benchmark::State& state)
     for (auto _ : state)
         writes.writeNext();
     HeapSnapshot h1 = heapNow();
-    state.counters["allocs_per_call"]
-        = static_cast<double>(h1.allocations - h0.allocations) / static_cast<double>(state.iterations());
+    const long long allocations = h1.allocations - h0.allocations;
+    state.counters["allocs_per_call"] = static_cast<double>(allocations) / static_cast<double>(state.iterations());
     state.counters["queued"] = driver.writeList.size();
+    if (allocations > static_cast<long long>(state.iterations()))
+        state.SkipWithError("more than one heap allocation per replaced write");
 }
 BENCHMARK(BM_SetData_Coalesce)->Name("BM_SetData/coalesce");
 

@@ -1,5 +1,5 @@
 # The panel deliverable of a Qt 4.8 build: ads_ethernet-<version>-<arch>-qt4.tar.gz with the
-# stripped plugin (no RPATH: the panel runtime brings its own Qt), the header, the integration
+# stripped plugin (no RPATH: the panel runtime brings its own Qt), the headers, the integration
 # guide and a README naming the Qt and C library the plugin needs.
 #
 #   cmake --build <build-dir> --target panel-bundle
@@ -24,11 +24,14 @@ add_custom_command(OUTPUT ${ADS_BUNDLE_TARBALL}
           -DWORK=${PROJECT_BINARY_DIR}/panel-bundle
           -DPLUGIN=$<TARGET_FILE:ads_ethernet>
           -DHEADER=${PROJECT_SOURCE_DIR}/src/ads_ethernet.h
+          -DHOST_HEADER=${PROJECT_SOURCE_DIR}/src/ads_ethernet_host.h
+          -DLOADER_HEADER=${PROJECT_SOURCE_DIR}/src/ads_ethernet_loader.h
           -DGUIDE=${PROJECT_SOURCE_DIR}/docs/HOST_INTEGRATION.md
           -DSTRIP=${CMAKE_STRIP} -DREADELF=${CMAKE_READELF}
           -DVERSION=${PROJECT_VERSION} -DQT_VERSION=${ADS_QT4_VERSION} -DARCH=${ADS_BUNDLE_ARCH}
           -P ${_bundle_script}
   DEPENDS ads_ethernet ${_bundle_script} ${PROJECT_SOURCE_DIR}/src/ads_ethernet.h
+          ${PROJECT_SOURCE_DIR}/src/ads_ethernet_host.h ${PROJECT_SOURCE_DIR}/src/ads_ethernet_loader.h
           ${PROJECT_SOURCE_DIR}/docs/HOST_INTEGRATION.md
   COMMENT "Panel bundle ${ADS_BUNDLE_NAME}.tar.gz"
   VERBATIM)

@@ -1,7 +1,7 @@
 # Makes the panel bundle (run by the panel-bundle target of cmake/PanelBundle.cmake):
-#   cmake -DNAME= -DOUT= -DWORK= -DPLUGIN= -DHEADER= -DGUIDE= -DSTRIP= -DREADELF=
+#   cmake -DNAME= -DOUT= -DWORK= -DPLUGIN= -DHEADER= -DHOST_HEADER= -DLOADER_HEADER= -DGUIDE= -DSTRIP= -DREADELF=
 #         -DVERSION= -DQT_VERSION= -DARCH= -P make-panel-bundle.cmake
-foreach(var NAME OUT WORK PLUGIN HEADER GUIDE STRIP READELF VERSION QT_VERSION ARCH)
+foreach(var NAME OUT WORK PLUGIN HEADER HOST_HEADER LOADER_HEADER GUIDE STRIP READELF VERSION QT_VERSION ARCH)
   if(NOT DEFINED ${var} OR "${${var}}" STREQUAL "")
     message(FATAL_ERROR "make-panel-bundle.cmake: -D${var}= is missing")
   endif()
@@ -19,6 +19,8 @@ if(NOT rc EQUAL 0)
   message(FATAL_ERROR "make-panel-bundle.cmake: ${STRIP} failed on ${plugin}")
 endif()
 configure_file(${HEADER} ${root}/include/ads_ethernet.h COPYONLY)
+configure_file(${HOST_HEADER} ${root}/include/ads_ethernet_host.h COPYONLY)
+configure_file(${LOADER_HEADER} ${root}/include/ads_ethernet_loader.h COPYONLY)
 configure_file(${GUIDE} ${root}/doc/HOST_INTEGRATION.md COPYONLY)
 
 # What the plugin needs at run time: its libraries, and the highest symbol version it takes
@@ -68,8 +70,12 @@ Built for ${target_text}.
 
   lib/libads_ethernet.so    the driver plugin (stripped); it exports the nineteen intf_
                             entry points and nothing else
-  include/ads_ethernet.h    the header: the entry points and the records that cross them
-  doc/HOST_INTEGRATION.md   the host integration guide (loading, call order, polling)
+  include/ads_ethernet_host.h    the host's header: the records that cross the entry
+                            points, their function types, the settings-string helper
+  include/ads_ethernet_loader.h  loads the plugin and resolves the entry points by name
+  include/ads_ethernet.h    the driver's own header (the driver and its tests)
+  doc/HOST_INTEGRATION.md   the host integration guide: every entry point, the polling
+                            contract, threads, recipes
 
 What the panel must provide:
 - Qt 4.8: the plugin is built against Qt ${QT_VERSION} (QtCore and QtNetwork,

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Checks a panel bundle (ads_ethernet-<version>-<arch>-qt4.tar.gz, made by the panel-bundle
-# target): exactly the four files; the plugin stripped, without RPATH, exporting exactly the
+# target): exactly the six files; the plugin stripped, without RPATH, exporting exactly the
 # nineteen intf_ entry points of the header and nothing else; the header and the guide as in
 # the sources; a README naming the Qt version and the GLIBC_ version the plugin needs; and the
 # plugin from the bundle loaded (dlopen + intf_getVersion) by LOADER, under qemu-arm for armhf.
@@ -33,9 +33,11 @@ tar -tzvf "$tarball"
 expected="$name/README
 $name/doc/HOST_INTEGRATION.md
 $name/include/ads_ethernet.h
+$name/include/ads_ethernet_host.h
+$name/include/ads_ethernet_loader.h
 $name/lib/libads_ethernet.so"
 files=$(tar -tzf "$tarball" | grep -v '/$' | sort)
-if [ "$files" = "$expected" ]; then ok "exactly README, doc/HOST_INTEGRATION.md, include/ads_ethernet.h, lib/libads_ethernet.so"
+if [ "$files" = "$expected" ]; then ok "exactly README, doc/HOST_INTEGRATION.md, the three headers of include/, lib/libads_ethernet.so"
 else fail "files in the bundle:"; echo "$files" | sed 's/^/    /'; fi
 
 work=$(mktemp -d /tmp/panel-bundle-check.XXXXXX)
@@ -71,7 +73,13 @@ n_declared=$(echo "$declared" | grep -c . || true)
 if [ "$n_exported" -eq 19 ] && [ "$exported" = "$declared" ]; then ok "exports exactly the 19 intf_ entry points of the header"
 else fail "exports ($n_exported) differ from the header's 19 entry points ($n_declared):"; diff <(echo "$declared") <(echo "$exported") | sed 's/^/    /' || true; fi
 
-cmp -s "$b/include/ads_ethernet.h" "$here/src/ads_ethernet.h" && ok "header as src/ads_ethernet.h" || fail "header differs from src/ads_ethernet.h"
+for h in ads_ethernet.h ads_ethernet_host.h ads_ethernet_loader.h; do
+  cmp -s "$b/include/$h" "$here/src/$h" && ok "$h as src/$h" || fail "$h differs from src/$h"
+done
+# The host header has one function type per exported entry point, and no other.
+typed=$(grep -oE '^typedef [^(]*\(\*intf_[A-Za-z]+_fn\)' "$b/include/ads_ethernet_host.h" | grep -oE 'intf_[A-Za-z]+' | sort)
+if [ "$typed" = "$exported" ]; then ok "ads_ethernet_host.h types each of the 19 entry points"
+else fail "the host header's entry-point types differ from the exports:"; diff <(echo "$exported") <(echo "$typed") | sed 's/^/    /' || true; fi
 cmp -s "$b/doc/HOST_INTEGRATION.md" "$here/docs/HOST_INTEGRATION.md" && ok "guide as docs/HOST_INTEGRATION.md" || fail "guide differs from docs/HOST_INTEGRATION.md"
 
 # The README must name the Qt it was built with and the C library the plugin really needs.

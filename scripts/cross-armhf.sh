@@ -5,6 +5,9 @@
 #   bash scripts/cross-armhf.sh        # against Debian's armhf Qt 5, in build-armhf/build
 #   bash scripts/cross-armhf.sh qt4    # against Qt 4.8.7 for armhf (the panel's Qt), in
 #                                      # build-qt4-armhf; also makes and checks the panel bundle
+#                                      # and runs the end-to-end tests: adshost and the plugin
+#                                      # for armhf under qemu-arm against a plcsim built for
+#                                      # this machine (build-qt4-armhf-host)
 set -euo pipefail
 here=$(cd "$(dirname "$0")/.." && pwd)
 mode=${1:-qt5}
@@ -21,7 +24,12 @@ if [ "$mode" = qt4 ]; then
   # GoogleTest and the C and C++ runtimes only.
   build=$here/build-qt4-armhf
   options+=(-DADS_QT4=ON -DADS_QT4_PREFIX="$(bash "$here/scripts/qt4-prefix.sh" armhf)")
-  labels='unit|abi|bundle'
+  labels='unit|abi|bundle|e2e'
+  # plcsim has no Qt and stays on this machine; only the other end of the wire is armhf.
+  host=$here/build-qt4-armhf-host
+  cmake -S "$here" -B "$host" -DADS_BUILD_TESTS=OFF -DADS_BUILD_BENCH=OFF >/dev/null
+  cmake --build "$host" -j"$(nproc)" --target plcsim
+  options+=(-DADS_HOST_PLCSIM="$host/tools/plcsim/plcsim")
 else
   build=$here/build-armhf/build
   labels='unit|abi'

@@ -96,7 +96,7 @@ status=0
   --watch M_W:0 --watch M_bit:2.0 --watch M_W:100:4 --watch M_bit:20.0:8 \
   --write M_W:10=0x1234 --write M_bit:20.3=1 \
   --recipe M_W:200:2=0x1111,0x2222 --recipe Q_W:40:1=0x3333 \
-  --duration "$seconds" --timeout-ms 500 | tee "$work/adshost.out" || status=$?
+  --duration "$seconds" --timeout-ms 500 --interval-ms 100 | tee "$work/adshost.out" || status=$?
 if ((status != 0)); then
   echo "main-job: adshost ended with status $status" >&2
 fi

@@ -21,7 +21,7 @@ if grep -qE -- '-dev|gtest|googletest|benchmark' <<<"$depends"; then echo "FAIL:
 
 prefix=$work/root
 dpkg -x "$deb" "$prefix"
-for f in usr/include/ads_ethernet.h usr/bin/adshost usr/bin/plcsim usr/share/man/man1/adshost.1.gz usr/share/man/man1/plcsim.1.gz; do
+for f in usr/include/ads_ethernet.h usr/include/ads_ethernet_host.h usr/include/ads_ethernet_loader.h usr/bin/adshost usr/bin/plcsim usr/share/man/man1/adshost.1.gz usr/share/man/man1/plcsim.1.gz; do
   [[ -e "$prefix/$f" || -e "$prefix/${f%.gz}" ]] || { echo "FAIL: $f is not in the package"; exit 1; }
 done
 plugin=$(find "$prefix/usr/lib" -name libads_ethernet.so | head -1)
@@ -37,6 +37,10 @@ pcdir=$(dirname "$(find "$prefix/usr/lib" -name ads_ethernet.pc | head -1)")
 g++ -std=c++17 -fPIC "$repo/tests/package/tiny_host.cpp" -o "$work/tiny-pc" \
     $(PKG_CONFIG_PATH=$pcdir pkg-config --cflags --libs ads_ethernet)
 "$work/tiny-pc" | head -1
+# the example host, from the installed host headers alone (it loads the plugin at run time)
+g++ -std=c++11 -fPIC "$repo/examples/minimal_host.cpp" -o "$work/minimal-host-pc" \
+    $(PKG_CONFIG_PATH=$pcdir pkg-config --cflags ads_ethernet) $(PKG_CONFIG_PATH=$pcdir pkg-config --libs Qt5Core) -ldl
+echo "example host built against the installed headers"
 
 # the installed tools
 "$prefix/usr/bin/adshost" --version | head -1
@@ -45,6 +49,6 @@ start_plcsim "$prefix/usr/bin/plcsim" --listen 127.0.0.1:0 --no-program || { ech
 port=$PLCSIM_PORT
 # No --driver: the installed adshost finds the plugin installed beside it.
 timeout 60 "$prefix/usr/bin/adshost" --plc "127.0.0.1:$port" --netid 192.168.1.100.1.1 \
-  --ams-port 851 --watch M_W:0:4 --watch M_bit:2.0 --cycles 20 --quiet | tail -3
+  --ams-port 851 --watch M_W:0:4 --watch M_bit:2.0 --cycles 5 --quiet | tail -3
 stop_plcsim || true
 echo "PASS: package installs, builds a host with find_package and pkg-config, and its tools run"

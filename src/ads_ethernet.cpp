@@ -3,7 +3,7 @@
  * check, and the address conversions shared with address planning.
  *
  * Every frame is built byte by byte, little-endian, into the fixed 1024-byte array of a
- * FRAME_PRO that is appended to driver.frameList; the host fetches the head with
+ * FRAME_PRO at the end of driver.frameList (appendFrame); the host fetches the head with
  * intf_getSendFrame().
  */
 #include "ads_ethernet.h"
@@ -12,6 +12,8 @@
 #include <QtCore/QStringList>
 
 #include <string.h>
+
+using namespace drv;
 
 namespace {
 
@@ -59,6 +61,15 @@ void clearFrame(FRAME_PRO& f)
     memset(f.var.data, 0, sizeof(f.var.data));
 }
 
+/* The node of the last finished frame, parked for the next one. QList keeps an item as large
+ * as a FRAME_PRO in a heap node of its own, so appending and removing one frame per request
+ * would allocate on every polling cycle. A request's frames are built in the parked node
+ * instead: when frameList runs empty its one node moves here, and when the next frame is
+ * appended to the empty list it moves back; both moves swap whole lists, which allocates
+ * nothing. At most one node is parked, and only the polling thread (and configuration calls)
+ * touch it, as they do frameList. */
+QList<FRAME_PRO> parkedFrames;
+
 /* The 38 header bytes shared by every request. The length fields are written by the
  * caller, since a write sets only their low bytes. */
 void fillAmsHeader(unsigned char* f, unsigned short targetPort, unsigned short sourcePort, unsigned short command,
@@ -102,10 +113,43 @@ unsigned int indexGroupOf(const QString& reg) { return ruleOf(reg).indexGroup; }
 
 }  // namespace
 
+namespace drv {
+
+FRAME_PRO& appendFrame()
+{
+    QList<FRAME_PRO>& list = driver.frameList;
+    if (list.isEmpty() && !parkedFrames.isEmpty())
+        list.swap(parkedFrames);
+    else
+        list.append(FRAME_PRO());
+    FRAME_PRO& frame = *(list.end() - 1);
+    clearFrame(frame);
+    return frame;
+}
+
+void removeHeadFrame()
+{
+    QList<FRAME_PRO>& list = driver.frameList;
+    if (list.isEmpty())
+        return;
+    if (list.size() == 1 && parkedFrames.isEmpty())
+        list.swap(parkedFrames);
+    else
+        list.removeFirst();
+}
+
+void removeAllFrames()
+{
+    while (driver.frameList.size() > 1)
+        driver.frameList.removeLast();
+    removeHeadFrame();
+}
+
+}  // namespace drv
+
 void handShakeFrame()
 {
-    FRAME_PRO fp;
-    clearFrame(fp);
+    FRAME_PRO& fp = appendFrame();
     unsigned char* f = fp.frame;
     fillAmsHeader(f, kHandshakeTargetPort, kHandshakeSourcePort, kCmdAddDeviceNotification, 7);
     putLe32(f + 2, 72);
@@ -120,7 +164,6 @@ void handShakeFrame()
     fp.recvLen = 46;
     fp.dataStart = 0;
     fp.readLen = 0;
-    driver.frameList.append(fp);
 }
 
 int check_rcv_data(unsigned char* data, QList<VARIABLE> readList, int len)
@@ -170,8 +213,7 @@ int getReadFrame(QList<VARIABLE> list)
     int byteCount = 0;
     requestSpan(v, reg, byteAddress, byteCount);
 
-    FRAME_PRO fp;
-    clearFrame(fp);
+    FRAME_PRO& fp = appendFrame();
     unsigned char* f = fp.frame;
     fillAmsHeader(f, static_cast<unsigned short>(driver.targetAmsPort), kRequestSourcePort, kCmdRead, 0);
     putLe32(f + 2, 44);
@@ -185,7 +227,6 @@ int getReadFrame(QList<VARIABLE> list)
     fp.dataStart = kReadReplyDataStart;
     fp.readLen = byteCount;
     copyVariable(fp.var, v);
-    driver.frameList.append(fp);
     return 1;
 }
 
@@ -215,16 +256,17 @@ void getWriteFrame(VARIABLE& var)
     int byteCount = 0;
     requestSpan(var, reg, byteAddress, byteCount);
 
-    FRAME_PRO fp;
-    clearFrame(fp);
-    unsigned char* f = fp.frame;
-    if (endsWithBit(var.regName)) {
+    const bool bitWrite = endsWithBit(var.regName);
+    if (bitWrite) {
         /* Read-modify-write: the read of the covering bytes goes first; its reply fills
          * this frame's data bytes (zero placeholders until then). */
         QList<VARIABLE> one;
         one.append(var);
         getReadFrame(one);
-    } else if (byteCount > 0) {
+    }
+    FRAME_PRO& fp = appendFrame();
+    unsigned char* f = fp.frame;
+    if (!bitWrite && byteCount > 0) {
         /* The copy stops at the end of the 1024-byte frame. */
         int n = byteCount < kFrameSize - kWriteDataStart ? byteCount : kFrameSize - kWriteDataStart;
         memcpy(f + kWriteDataStart, var.data, static_cast<size_t>(n));
@@ -246,7 +288,6 @@ void getWriteFrame(VARIABLE& var)
     fp.dataStart = kWriteDataStart;
     fp.readLen = 0;
     copyVariable(fp.var, var);
-    driver.frameList.append(fp);
 }
 
 /* ---------------------------------------------------------------- address conversions */

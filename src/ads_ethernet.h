@@ -194,16 +194,18 @@ private:
  * The driver object. There is exactly one, `driver`, per loaded library.
  *
  * Locking. The host calls intf_getSendFrame/intf_dealRcvFrame from one communication
- * thread and may call intf_setData (and intf_getData) from another at the same time.
- *  - `mutex` (the driver's own, non-recursive) guards writeList and dataAreaList with its
- *    look-up index dataAreaIndex: every access to
+ * thread and may call intf_setData, intf_getData and intf_addConditionRead from another at
+ * the same time.
+ *  - `mutex` (the driver's own, non-recursive) guards writeList, conditionReadList with
+ *    lastVar, and dataAreaList with its look-up index dataAreaIndex: every access to
  *    them from the entry points that may overlap happens under it.
  *  - `hostMutex` (the host's) guards bytes 60115 and 60116 of hostStatusBlock.
  *  - The two are never held together, and neither is held while the value-change
- *    callback runs, so a callback may call intf_getData and intf_setData on the same thread.
+ *    callback runs, so a callback may call intf_getData, intf_setData and
+ *    intf_addConditionRead on the same thread.
  *  - Every other member belongs to the communication thread, or to configuration calls
- *    (intf_initProperty, intf_SetDriverPropertyPage, intf_addrMerge, intf_setRcpAddress,
- *    intf_addConditionRead) that the host makes while no other thread is in the driver.
+ *    (intf_initProperty, intf_SetDriverPropertyPage, intf_addrMerge, intf_setRcpAddress)
+ *    that the host makes while no other thread is in the driver.
  * ---------------------------------------------------------------------------------- */
 class Protocol {
 public:
@@ -221,12 +223,12 @@ public:
     QMutex* hostMutex;
     QList<VARIABLE> readList;
     QList<VARIABLE> writeList; /* guarded by mutex */
-    QList<VARIABLE> conditionReadList;
-    QList<_DATA_> dataAreaList; /* guarded by mutex */
+    QList<VARIABLE> conditionReadList; /* guarded by mutex */
+    QList<_DATA_> dataAreaList;        /* guarded by mutex */
     QVector<_RCP_VAR_PRO> rcpVarList;
     QVector<_RCP_VAR_PRO> rcpTransferList;
     QList<int> rcpBlockStartList;
-    VARIABLE lastVar;
+    VARIABLE lastVar; /* guarded by mutex */
     QList<QString> regNameList;
     VARIABLE curVar;
     QList<VARIABLE> curReadList;

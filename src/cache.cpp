@@ -171,7 +171,7 @@ int _setDataAreaMonitorFlag(int keyNo, QString regName, int address, int count)
 {
     const RegisterRule& rule = ruleOf(regName);
     DriverLock lock;
-    int area = areaNameId(areaOf(regName));
+    int area = areaNameIdOfRegister(regName);
     switch (rule.kind) {
     case kBitRegister:
         for (int i = 0; i < count; ++i) {
@@ -204,7 +204,7 @@ int intf_getData(int keyNo, QString regName, int address, int count, unsigned ch
         return 1;
     const RegisterRule& rule = ruleOf(regName);
     DriverLock lock;
-    int area = areaNameId(areaOf(regName));
+    int area = areaNameIdOfRegister(regName);
     switch (rule.kind) {
     case kBitRegister:
         for (int i = 0; i < count; ++i) {
@@ -306,7 +306,7 @@ void write_saveDataToArea(int keyNo, QString regName, int address, int count, un
     int area;
     {
         DriverLock lock;
-        area = areaNameId(areaOf(regName));
+        area = areaNameIdOfRegister(regName);
     }
     switch (rule.kind) {
     case kWordRegister:
@@ -346,12 +346,13 @@ int intf_setData(int keyNo, QString regName, int address, int count, unsigned ch
         long long bytes = bitRegister ? count : 2LL * count;
         if (bytes > 0)
             memcpy(key.data, data, static_cast<size_t>(bytes < kBufferSize ? bytes : kBufferSize));
-        QList<KEY_ADDRESS> pieces;
-        groupingKey(key, bitRegister ? driver.maxBlockBits : driver.maxBlockUnits, pieces, 1);
+        /* The pieces groupingKey would list, taken one by one: no list to allocate. */
+        const int maxLen = bitRegister ? driver.maxBlockBits : driver.maxBlockUnits;
+        const int pieces = pieceCount(key.length, maxLen);
         int unitBits = REGISTER_RULES[row].unitBits;
         int lengthsBefore = 0;
-        for (int p = 0; p < pieces.size(); ++p) {
-            const KEY_ADDRESS& piece = pieces.at(p);
+        for (int p = 0; p < pieces; ++p) {
+            const KEY_ADDRESS piece = keyPiece(key, maxLen, p, 1);
             VARIABLE v;
             v.kind = mode;
             v.keyNo = piece.keyNo;
@@ -363,8 +364,7 @@ int intf_setData(int keyNo, QString regName, int address, int count, unsigned ch
                 /* More than the key's 1024 bytes: the pieces take their share straight from
                  * the host's bytes, which hold all of them. */
                 long long perUnit = 2;
-                boundedCopy(v.data, data, bytes,
-                    perUnit * p * (bitRegister ? driver.maxBlockBits : driver.maxBlockUnits), perUnit * piece.length);
+                boundedCopy(v.data, data, bytes, perUnit * p * maxLen, perUnit * piece.length);
             }
             if (!bitRegister && unitBits > 0) {
                 /* Words to bytes; each piece starts where the ones before it ended. */
@@ -383,7 +383,7 @@ void _write_FailOrSuc(int keyNo, QString regName, int address, int count, int ok
 {
     const RegisterRule& rule = ruleOf(regName);
     DriverLock lock;
-    int area = areaNameId(areaOf(regName));
+    int area = areaNameIdOfRegister(regName);
     Reports r;
     switch (rule.kind) {
     case kWordRegister: {

@@ -136,6 +136,18 @@ inline int toIntOrZero(const QString& text)
     return ok ? v : 0;
 }
 
+/* ------------------------------------------------------------------ frames in flight (ads_ethernet.cpp)
+ * driver.frameList holds the frames of the request in flight, head first. These three are
+ * the driver's only ways to change it: they reuse the node of the last finished frame, so a
+ * polling cycle allocates nothing (INTERNALS.md, Frames in flight). */
+
+/* A frame with every byte and field zero, appended to frameList. */
+FRAME_PRO& appendFrame();
+/* frameList.removeFirst(). */
+void removeHeadFrame();
+/* frameList.clear(). */
+void removeAllFrames();
+
 /* ------------------------------------------------------------------ locks (INTERNALS.md, Locks) */
 
 #if defined(ADS_TSAN_ANNOTATE)
@@ -304,6 +316,14 @@ void collectBitReports(const _DATA_& d, Reports& r);
 
 /* A key with every field zero and empty texts. */
 KEY_ADDRESS zeroKey();
+/* How many pieces of at most `limit` units a key of `length` units is cut into; a limit
+ * below 1 leaves the key whole. */
+int pieceCount(int length, int limit);
+/* Piece p of `key` cut into pieces of at most maxLen units: its address advanced by p * maxLen
+ * in the key's own units, its length, and with copyData 1 its share of the data (one byte per
+ * unit when unitMark is -1, else two). The key itself when it is not cut. groupingKey
+ * collects them into a list; intf_setData takes them one by one, without the list. */
+KEY_ADDRESS keyPiece(const KEY_ADDRESS& key, int maxLen, int p, int copyData);
 /* Copies `count` bytes from src+srcOffset to the start of dst, where src holds srcSize bytes
  * and dst 1024: the copy stops at dst's end, and bytes past src's end arrive as zeros. */
 void boundedCopy(unsigned char* dst, const unsigned char* src, long long srcSize, long long srcOffset, long long count);

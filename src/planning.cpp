@@ -85,8 +85,10 @@ Container stableSortedByWeight(const Container& items, WeightFn weightOf)
 int keyWeight(const KEY_ADDRESS& k) { return getRegAddressWeight(k.keyNo, k.regName, k.address, k.length); }
 int recipeWeight(const _RCP_VAR_PRO& v) { return getRegAddressWeight(v.keyNo, v.regName, v.address, 1); }
 
-/* Cuts a key of `length` units into pieces of at most `limit` units; piece addresses
- * advance by the limit in the key's own units. A limit below 1 leaves the key whole. */
+}  // namespace
+
+namespace drv {
+
 int pieceCount(int length, int limit)
 {
     if (limit <= 0 || length <= limit)
@@ -94,7 +96,23 @@ int pieceCount(int length, int limit)
     return length / limit + (length % limit != 0 ? 1 : 0);
 }
 
-}  // namespace
+KEY_ADDRESS keyPiece(const KEY_ADDRESS& key, int maxLen, int p, int copyData)
+{
+    KEY_ADDRESS piece = key;
+    int pieces = pieceCount(key.length, maxLen);
+    if (pieces == 1)
+        return piece;
+    int remainder = key.length % maxLen;
+    piece.address = wrapAdd(key.address, wrapMul(p, maxLen));
+    piece.length = (p == pieces - 1 && remainder != 0) ? remainder : maxLen;
+    if (copyData == 1) {
+        long long perUnit = key.unitMark == -1 ? 1 : 2;
+        boundedCopy(piece.data, key.data, kBufferSize, perUnit * p * maxLen, perUnit * piece.length);
+    }
+    return piece;
+}
+
+}  // namespace drv
 
 /* ====================================================================================
  * Address merging
@@ -103,21 +121,8 @@ int pieceCount(int length, int limit)
 void groupingKey(KEY_ADDRESS& key, int maxLen, QList<KEY_ADDRESS>& out, int copyData)
 {
     int pieces = pieceCount(key.length, maxLen);
-    if (pieces == 1) {
-        out.append(key);
-        return;
-    }
-    int remainder = key.length % maxLen;
-    for (int p = 0; p < pieces; ++p) {
-        KEY_ADDRESS piece = key;
-        piece.address = wrapAdd(key.address, wrapMul(p, maxLen));
-        piece.length = (p == pieces - 1 && remainder != 0) ? remainder : maxLen;
-        if (copyData == 1) {
-            long long perUnit = key.unitMark == -1 ? 1 : 2;
-            boundedCopy(piece.data, key.data, kBufferSize, perUnit * p * maxLen, perUnit * piece.length);
-        }
-        out.append(piece);
-    }
+    for (int p = 0; p < pieces; ++p)
+        out.append(keyPiece(key, maxLen, p, copyData));
 }
 
 namespace {
@@ -270,7 +275,7 @@ int intf_addrMerge(QList<KEY_ADDRESS>& keys)
         DriverLock lock;
         for (int i = 0; i < driver.dataAreaList.size(); ++i) {
             _DATA_& d = driver.dataAreaList[i];
-            /* The marks of queued bit writes go with the monitor marks (INTERNALS.md K12). */
+            /* The marks of queued bit writes go with the monitor marks; nothing sets them (INTERNALS.md K12). */
             d.bitWriteState = 0;
             d.monitorFlag = 0;
             d.bitMonitorMask = 0;
@@ -308,9 +313,12 @@ int intf_addrMerge(QList<KEY_ADDRESS>& keys)
 
 int intf_addConditionRead(KEY_ADDRESS* key, int kind)
 {
-    if (!key || !isKnownRegister(key->regName))
+    if (!key)
         return 1;
-    const RegisterRule& rule = ruleOf(key->regName);
+    const RegisterRow row = registerRow(key->regName);
+    if (row == kRowSpare)
+        return 1;
+    const RegisterRule& rule = REGISTER_RULES[row];
     /* A condition read of a bit register does nothing (INTERNALS.md K14). */
     if (rule.kind == kBitRegister)
         return 1;
@@ -318,13 +326,17 @@ int intf_addConditionRead(KEY_ADDRESS* key, int kind)
     int limit = key->unitMark == -1 ? driver.maxBlockBits : driver.maxBlockUnits;
     int pieces = pieceCount(key->length, limit);
     int remainder = pieces > 1 ? key->length % limit : 0;
+    /* The polling thread reads and removes the queue's head meanwhile. */
+    DriverLock lock;
     for (int p = 0; p < pieces; ++p) {
         int pieceAddress = pieces > 1 ? wrapAdd(key->address, wrapMul(p, limit)) : key->address;
         int pieceLength = pieces > 1 ? ((p == pieces - 1 && remainder != 0) ? remainder : limit) : key->length;
         VARIABLE v = zeroVariable();
         v.kind = kind;
         v.keyNo = key->keyNo;
-        v.regName = key->regName;
+        /* The table's own text: the queued read then shares no string with the host, whose
+         * string may be dropped on its own thread while the polling thread holds ours. */
+        v.regName = REG_LIST[row];
         v.address = pieceAddress;
         v.length = wrapMul(pieceLength, 16 / u);
 
@@ -347,7 +359,7 @@ int intf_addConditionRead(KEY_ADDRESS* key, int kind)
             else
                 list[kMaxQueued] = v;
         }
-        driver.lastVar = v;
+        copyVariable(driver.lastVar, v);
     }
     return 1;
 }

@@ -32,8 +32,11 @@ int appendDecimal(char* buf, int n, long long v)
     return n;
 }
 
+/* The longest error text. */
+const int kErrorTextSize = 160;
+
 /* The error text of the frame in flight, "key#REGISTERaddress(length)(reply size)", into a
- * character buffer of at least 160 bytes; its length, 0 when the frame names no register
+ * character buffer of at least kErrorTextSize bytes; its length, 0 when the frame names no register
  * (the handshake). Built without the heap: it runs for every reply. */
 int formatErrorInfo(int replySize, char* buf)
 {
@@ -75,7 +78,7 @@ int formatErrorInfo(int replySize, char* buf)
 
 QString getErrorInfo(QByteArray reply)
 {
-    char buf[160];
+    char buf[kErrorTextSize];
     int n = formatErrorInfo(static_cast<int>(reply.size()), buf);
     return QString::fromLatin1(buf, n);
 }
@@ -218,8 +221,14 @@ int intf_dealRcvFrame(QByteArray& reply, QString& errorText)
     }
     /* The same text getErrorInfo() gives, written into the host's string in place so that
      * a host that keeps its string reuses its storage. */
-    char text[160];
+    char text[kErrorTextSize];
     int textLength = formatErrorInfo(static_cast<int>(reply.size()), text);
+    /* Room for the longest text, marked as reserved: Qt 4 would otherwise give the buffer back
+     * whenever a text is less than half as long as the buffer, and take a new one for the next
+     * longer text (twice per round of the read list when block addresses differ in digits).
+     * Only when short of room: Qt 6 reallocates on a reserve of exactly its capacity. */
+    if (textLength > 0 && errorText.capacity() < kErrorTextSize)
+        errorText.reserve(kErrorTextSize);
     errorText.resize(textLength);
     QChar* out = textLength > 0 ? errorText.data() : 0;
     for (int i = 0; i < textLength; ++i)
@@ -247,14 +256,14 @@ int intf_dealRcvFrame(QByteArray& reply, QString& errorText)
             const VARIABLE v = driver.frameList.first().var;
             _write_FailOrSuc(v.keyNo, v.regName, v.address, v.length, 0);
         }
-        driver.frameList.clear(); /* a queued write of a bit write goes with it */
+        removeAllFrames(); /* a queued write of a bit write goes with it */
         driver.errorCount = 0;
         dealListWhenFinish();
         return 2;
     } else {
         return 0;
     }
-    driver.frameList.removeFirst();
+    removeHeadFrame();
     if (driver.frameList.isEmpty())
         dealListWhenFinish();
     driver.errorCount = 0;

@@ -25,6 +25,12 @@ void readHostFlags(unsigned char& writeFlag, unsigned char& readFlag)
         driver.hostMutex->unlock();
 }
 
+const QString& endOfConditionReadText()
+{
+    static const QString text = QString::fromLatin1("-1");
+    return text;
+}
+
 void clearHostFlag(int position)
 {
     if (!driver.hostStatusBlock)
@@ -48,13 +54,21 @@ void dealListWhenFinish()
         break;
     }
     case kFrameConditionRead: {
-        if (!driver.conditionReadList.isEmpty()) {
-            const VARIABLE& head = driver.conditionReadList.first();
+        DriverLock lock;
+        if (!driver.conditionReadList.isEmpty() && driver.valueChangeCallBack) {
+            const VARIABLE& head = headOf(driver.conditionReadList);
             const VARIABLE& last = driver.lastVar;
             if (head.keyNo == last.keyNo && head.regName == last.regName && head.address == last.address
-                && head.length == last.length && driver.valueChangeCallBack) {
-                /* The one report that names no area: the end of the host's condition read. */
-                driver.valueChangeCallBack(-1, -1, QString::fromLatin1("-1"), driver.commFailed ? -1 : 0);
+                && head.length == last.length) {
+                /* The one report that names no area: the end of the host's condition read.
+                 * Made before the head goes, with the lock let go: the callback may queue the
+                 * next condition read. Only this thread removes the head, so it is the same
+                 * one afterwards. */
+                VALUE_CHANGE_CALLBACK cb = driver.valueChangeCallBack;
+                int result = driver.commFailed ? -1 : 0;
+                lock.release();
+                cb(-1, -1, endOfConditionReadText(), result);
+                lock.acquire();
             }
         }
         if (driver.commFailed)
@@ -159,28 +173,31 @@ bool startRecipeBlock(bool write)
  * count shared with writes), else the next cyclic read. False: every queue is empty. */
 bool startQueuedRequest()
 {
-    bool haveWrite = false;
-    if (driver.priorityCount <= 9) {
+    FrameKind queued = kFrameNone;
+    {
+        /* The host's other thread may be queueing writes and condition reads right now. */
         DriverLock lock;
-        if (!driver.writeList.isEmpty()) {
+        if (driver.priorityCount <= 9 && !driver.writeList.isEmpty()) {
             copyVariable(driver.curVar, headOf(driver.writeList));
-            haveWrite = true;
+            queued = kFrameWrite;
+        } else if (driver.priorityCount <= 2 && !driver.conditionReadList.isEmpty()) {
+            copyVariable(driver.curVar, headOf(driver.conditionReadList));
+            queued = kFrameConditionRead;
         }
     }
-    if (haveWrite) {
+    if (queued == kFrameWrite) {
         driver.curFrameKind = kFrameWrite;
         driver.priorityCount += 1;
         driver.framesBuilt = 1;
         getWriteFrame(driver.curVar);
-    } else if (!driver.conditionReadList.isEmpty() && driver.priorityCount <= 2) {
-        copyVariable(driver.curVar, headOf(driver.conditionReadList));
+    } else if (queued == kFrameConditionRead) {
         driver.curFrameKind = kFrameConditionRead;
         driver.priorityCount += 1;
         buildCurrentRead();
     } else if (driver.readList.isEmpty()) {
         driver.priorityCount = 0;
         driver.curFrameKind = kFrameNone;
-        driver.frameList.clear();
+        removeAllFrames();
         return false;
     } else {
         copyVariable(driver.curVar, headOf(driver.readList));

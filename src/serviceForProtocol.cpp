@@ -276,10 +276,10 @@ int intf_initProperty(
     driver.rcpBuffer = static_cast<unsigned char*>(rcpBuffer);
     driver.hostMutex = hostMutex;
     driver.readList.clear();
-    driver.conditionReadList.clear();
     /* The recipe lists and cursor stay (INTERNALS.md K17). */
     {
         DriverLock lock;
+        driver.conditionReadList.clear();
         driver.writeList.clear();
         driver.dataAreaList.clear();
         driver.dataAreaIndex.clear();

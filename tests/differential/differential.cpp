@@ -46,6 +46,7 @@
 // time and allocations; host memory other than the records, buffers and blocks named above
 // (AddressSanitizer builds see writes past them). Null and empty texts are told apart.
 #include "ads_ethernet.h"
+#include "ads_ethernet_loader.h"
 #include "plc_core.h"
 
 #include <QtCore/QByteArray>
@@ -77,40 +78,11 @@ namespace {
 // ------------------------------------------------------------------------------------------
 // The plugin
 
-struct Plugin {
+struct Plugin : ADS_ENTRY_POINTS {
     std::string path;
     void* handle = nullptr;
-    decltype(&intf_getProtocolType) getProtocolType = nullptr;
-    decltype(&intf_getVersion) getVersion = nullptr;
-    decltype(&intf_setAddrValueChangeCallBack) setAddrValueChangeCallBack = nullptr;
-    decltype(&intf_initProperty) initProperty = nullptr;
-    decltype(&intf_getDriverParameter) getDriverParameter = nullptr;
-    decltype(&intf_getDriverPropertyPage) getDriverPropertyPage = nullptr;
-    decltype(&intf_SetDriverPropertyPage) SetDriverPropertyPage = nullptr;
-    decltype(&intf_getRegListByType) getRegListByType = nullptr;
-    decltype(&intf_getRegDiscription) getRegDiscription = nullptr;
-    decltype(&intf_checkAddr) checkAddr = nullptr;
-    decltype(&intf_checkAddrValidity) checkAddrValidity = nullptr;
-    decltype(&intf_getSendFrame) getSendFrame = nullptr;
-    decltype(&intf_dealRcvFrame) dealRcvFrame = nullptr;
-    decltype(&intf_getData) getData = nullptr;
-    decltype(&intf_setData) setData = nullptr;
-    decltype(&intf_addrMerge) addrMerge = nullptr;
-    decltype(&intf_addConditionRead) addConditionRead = nullptr;
-    decltype(&intf_setRcpAddress) setRcpAddress = nullptr;
-    decltype(&intf_multiCopy) multiCopy = nullptr;
 
-    template <typename F>
-    bool resolve(F& f, const char* name, std::string& why)
-    {
-        void* p = dlsym(handle, name);
-        if (!p) {
-            why = path + ": no entry point " + name;
-            return false;
-        }
-        std::memcpy(&f, &p, sizeof f);
-        return true;
-    }
+    Plugin() : ADS_ENTRY_POINTS() { }
 
     bool load(const std::string& file, std::string& why)
     {
@@ -121,19 +93,12 @@ struct Plugin {
             why = "cannot load " + file + ": " + (e ? e : "dlopen failed");
             return false;
         }
-        return resolve(getProtocolType, "intf_getProtocolType", why) && resolve(getVersion, "intf_getVersion", why)
-            && resolve(setAddrValueChangeCallBack, "intf_setAddrValueChangeCallBack", why)
-            && resolve(initProperty, "intf_initProperty", why)
-            && resolve(getDriverParameter, "intf_getDriverParameter", why)
-            && resolve(getDriverPropertyPage, "intf_getDriverPropertyPage", why)
-            && resolve(SetDriverPropertyPage, "intf_SetDriverPropertyPage", why)
-            && resolve(getRegListByType, "intf_getRegListByType", why)
-            && resolve(getRegDiscription, "intf_getRegDiscription", why) && resolve(checkAddr, "intf_checkAddr", why)
-            && resolve(checkAddrValidity, "intf_checkAddrValidity", why)
-            && resolve(getSendFrame, "intf_getSendFrame", why) && resolve(dealRcvFrame, "intf_dealRcvFrame", why)
-            && resolve(getData, "intf_getData", why) && resolve(setData, "intf_setData", why)
-            && resolve(addrMerge, "intf_addrMerge", why) && resolve(addConditionRead, "intf_addConditionRead", why)
-            && resolve(setRcpAddress, "intf_setRcpAddress", why) && resolve(multiCopy, "intf_multiCopy", why);
+        const char* missing[ADS_ENTRY_POINT_COUNT];
+        if (ads_resolveEntryPoints(handle, this, missing) > 0) {
+            why = path + ": no entry point " + missing[0];
+            return false;
+        }
+        return true;
     }
 };
 

@@ -496,12 +496,13 @@ TEST(Discovery, DefaultUdpPortTakenLeavesTheServiceOff)
     plcsim::PortFile pf;
     for (int i = 0; i < 500 && !plcsim::readPortFile(portFile, pf); ++i)
         ::usleep(10000);
+    const std::string portText = e2e::readWhole(portFile);  // plcsim removes it when it stops
     ::kill(sim.pid(), SIGTERM);
     EXPECT_EQ(sim.wait(5000), 0);
     ::close(holder);
     EXPECT_NE(pf.adsPort, 0);
     EXPECT_EQ(pf.udpPort, 0);
-    EXPECT_TRUE(contains(e2e::readWhole(portFile), "\nudp_port=0\n"));
+    EXPECT_TRUE(contains(portText, "\nudp_port=0\n"));
     EXPECT_TRUE(contains(sim.out(), "UDP service off: cannot bind UDP 127.0.0.1:48899: Address already in use\n"))
         << sim.out();
     EXPECT_TRUE(contains(sim.err(), "plcsim: warning: UDP service off: cannot bind UDP 127.0.0.1:48899")) << sim.err();

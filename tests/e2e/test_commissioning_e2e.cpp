@@ -98,10 +98,11 @@ TEST_F(CommissioningE2E, WriteWithFortyCyclesRunsToItsEndAndIsConfirmed)
 }
 
 // A session that ends before a watched block was read has not shown that value: no success.
+// (--cycles counts whole refreshes, so only a --duration can end it that early.)
 TEST_F(CommissioningE2E, WatchedAddressNeverReadIsNoSuccess)
 {
     const e2e::RunResult r
-        = e2e::runProgram(base({"--gap", "0", "--watch", "M_W:0", "--watch", "M_W:4000", "--cycles", "1"}), 20000);
+        = e2e::runProgram(base({"--gap", "0", "--watch", "M_W:0", "--watch", "M_W:4000", "--duration", "0.001"}), 20000);
     ASSERT_FALSE(r.timedOut);
     EXPECT_EQ(r.exitCode, 9) << r.out << r.err;
     EXPECT_TRUE(hasLine(r.out, "value M_W:4000 = never read")) << r.out;
@@ -216,12 +217,12 @@ TEST_F(CommissioningE2E, ReadsRefusedWithAnAdsErrorLeaveTheValueNeverRead)
     const e2e::RunResult r = e2e::runProgram(base({"--watch", "M_W:0:2", "--cycles", "7"}), 20000);
     ASSERT_FALSE(r.timedOut);
     EXPECT_EQ(r.exitCode, 6) << r.out << r.err;
-    // Seven cycles: the handshake (its answer carries 0x702 too, and is taken), then two reads
-    // given up after three attempts each.
+    // Seven refreshes, each of its one block given up after three attempts (the handshake's
+    // answer carries 0x702 too, and is taken): --cycles ends a session whose reads all fail.
     EXPECT_EQ(r.err,
         "adshost: reply with an error code (handshake): ADS error 0x702 (invalid index group) (the driver accepted "
         "it)\nadshost: communication error 1#M_W0(4)(46): ADS error 0x702 (invalid index group): the PLC has no "
-        "such area\nadshost: 2 communication errors in all\n");
+        "such area\nadshost: 7 communication errors in all\n");
     EXPECT_TRUE(hasLine(r.out, "value M_W:0:2 = never read")) << r.out;
 }
 
@@ -326,7 +327,8 @@ TEST_F(CommissioningE2E, CaptureLimitEndsTheCaptureOnAWholePacketWithANote)
 {
     const std::string pcap = tempPath("limit.pcap");
     const e2e::RunResult r = e2e::runProgram(
-        base({"--watch", "M_W:0:2", "--duration", "1", "--pcap", pcap, "--pcap-limit", "0.02", "--quiet"}), 20000);
+        base({"--watch", "M_W:0:2", "--duration", "1", "--interval-ms", "0", "--pcap", pcap, "--pcap-limit", "0.02",
+            "--quiet"}), 20000);
     ASSERT_FALSE(r.timedOut);
     EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
     const PcapFile p = readPcap(pcap);
@@ -342,8 +344,8 @@ TEST_F(CommissioningE2E, CaptureLimitEndsTheCaptureOnAWholePacketWithANote)
 }
 
 // Runs python3's json module over every line of `out`; returns one summary line per object
-// ("value ADDRESS READ VALUES", "action KIND WHAT STATUS ADS_RESULT", "error KIND ENDS_WITH",
-// "figures SUMS_UP", "exit STATUS"), or the checker's error.
+// ("source CONSISTENT", "value ADDRESS READ VALUES", "action KIND WHAT STATUS ADS_RESULT",
+// "error KIND ENDS_WITH", "figures SUMS_UP", "exit STATUS"), or the checker's error.
 std::string checkJsonLines(const std::string& out, const std::string& errorTail, int& status)
 {
     const std::string jsonPath = tempPath("out.json");
@@ -365,6 +367,7 @@ std::string checkJsonLines(const std::string& out, const std::string& errorTail,
              "o['result2'] + o['result3'] + o['result0'])\n"
              "    elif t == 'error': print('error', o['kind'], o['message'].endswith(sys.argv[2]))\n"
              "    elif t == 'exit': print('exit', o['status'])\n"
+             "    elif t == 'source': print('source', o['matched'] == (o['address'] is not None and 'warning' not in o))\n"
              "    else: print('other', t)\n";
     }
     FILE* pipe = ::popen(("python3 " + script + " " + jsonPath + " '" + errorTail + "' 2>&1").c_str(), "r");
@@ -403,6 +406,8 @@ TEST_F(CommissioningE2E, JsonOutputIsOneValidObjectPerLine)
     const std::string summary = checkJsonLines(r.out, "ote.pcap", status);
     EXPECT_EQ(status, 0) << summary << r.out;
     EXPECT_EQ(summary,
+        "other driver\n"  // the plugin loaded, first
+        "source True\n"
         "value M_W:0 True [4660]\n"
         "value M_bit:2.0 True [1]\n"
         "value Q_W:4 True [0]\n"
@@ -434,6 +439,8 @@ TEST_F(CommissioningE2E, JsonOutputOfAFailedSessionIsValidToo)
     const std::string summary = checkJsonLines(r.out, "check --netid", status);
     EXPECT_EQ(status, 0) << summary << r.out;
     EXPECT_EQ(summary,
+        "other driver\n"
+        "source True\n"
         "error communication True\n"
         "value M_W:0:2 False None\n"
         "action write M_W:10=0x0001 not finished None\n"

@@ -1,8 +1,10 @@
 // Two host threads in the driver at once, as the panel runtime does it: the communication
 // thread polls (intf_getSendFrame, the PLC's answer, intf_dealRcvFrame) while a screen thread
-// writes words and bits with intf_setData and reads them back with intf_getData. The
-// value-change callback runs on both threads and calls back into the driver: it reads the
-// reported item and, on the communication thread, now and then writes a value of its own.
+// writes words and bits with intf_setData, reads them back with intf_getData and queues
+// one-shot condition reads with intf_addConditionRead. The value-change callback runs on
+// both threads and calls back into the driver: it reads the reported item and, on the
+// communication thread, now and then writes a value of its own or, at the end of a
+// condition read, queues the next one.
 //
 // Built and run under ThreadSanitizer (-DADS_TSAN=ON); any report fails the test. Every loop
 // is bounded by a count and by a deadline.
@@ -39,6 +41,16 @@ const int kWordArea = 0;                // "M_W" 0..15 monitored: words written 
 const int kBitBase = 128;               // "M_bit" 128..143 (bytes 16, 17) monitored and written
 const int kCallbackWordAddress = 40;    // written from inside the callback (communication thread)
 const int kScreenCallbackAddress = 44;  // written from inside the callback (screen thread)
+// "M_W" 200..207 and 300..303: on no screen, so only the condition reads bring them into the
+// cache; the PLC holds a pattern there from the start. The second key is longer than the
+// 64-unit limit that "1#0#0#3#64" sets, so it is queued as two pieces; the first covers its
+// first 128 bytes.
+const int kConditionAddress = 200;
+const int kConditionWords = 4;
+const int kLongConditionAddress = 300;
+const int kLongConditionWords = 66;
+const int kMaxCallbackConditionReads = 500;  // queued from inside the callback at most
+unsigned char conditionPattern(int byteAddress) { return static_cast<unsigned char>(0xA5 ^ byteAddress); }
 
 // The register names the host hands in live as long as the test, as a panel runtime's
 // names from its configuration do. ADS_TSAN_HOST_TEMPORARIES=1 makes the host pass a new
@@ -57,11 +69,14 @@ thread_local int tDepth = 0;
 std::atomic<long> gCallbacks {0};
 std::atomic<long> gCallbackReads {0};
 std::atomic<long> gBadReadBack {0};
+std::atomic<long> gConditionEnds {0};        // end reports of condition reads ("-1")
+std::atomic<long> gFailedConditionEnds {0};  // of them, those that said the read failed
 // Written only by the thread named in their name, read after both have joined.
 int gCommCallbackWrites = 0;
 int gCommCallbackLast = -1;
 int gScreenCallbackWrites = 0;
 int gScreenCallbackLast = -1;
+int gCommCallbackConditionReads = 0;
 
 void putWord(unsigned char* b, int v)
 {
@@ -80,11 +95,44 @@ int slotWord(int i, int w)
     return low | (high << 8);
 }
 
+KEY_ADDRESS makeKey(const QString& reg, int address, int length, int unitMark)
+{
+    KEY_ADDRESS k;
+    k.hostNumber = 0;
+    k.rcpDataIndex = 0;
+    k.keyNo = 0;
+    k.regName = reg;
+    k.address = address;
+    k.unitMark = unitMark;
+    k.length = length;
+    std::memset(k.data, 0, sizeof(k.data));
+    return k;
+}
+
+void queueConditionRead(int address, int words)
+{
+    KEY_ADDRESS key = makeKey(mw(), address, words, 0);
+    intf_addConditionRead(&key, 1);
+}
+
 int callback(int context, int keyNo, QString text, int address)
 {
     (void)context;
     gCallbacks.fetch_add(1, std::memory_order_relaxed);
-    if (text == QLatin1String("-1") || text == QLatin1String("RWI"))
+    if (text == QLatin1String("-1")) {
+        gConditionEnds.fetch_add(1, std::memory_order_relaxed);
+        if (address != 0)
+            gFailedConditionEnds.fetch_add(1, std::memory_order_relaxed);
+        // The driver lets its lock go for this report: the next condition read may be
+        // queued from inside it, while the screen thread queues its own.
+        if (tRole == kComm && gCommCallbackConditionReads < kMaxCallbackConditionReads
+            && (gConditionEnds.load(std::memory_order_relaxed) % 3) == 0) {
+            ++gCommCallbackConditionReads;
+            queueConditionRead(kConditionAddress, kConditionWords);
+        }
+        return 0;
+    }
+    if (text == QLatin1String("RWI"))
         return 0;
     unsigned char out[8] = {0};
     // The host reads the item back at once, on whichever thread reported it.
@@ -111,20 +159,6 @@ int callback(int context, int keyNo, QString text, int address)
         --tDepth;
     }
     return 0;
-}
-
-KEY_ADDRESS makeKey(const char* reg, int address, int length, int unitMark)
-{
-    KEY_ADDRESS k;
-    k.hostNumber = 0;
-    k.rcpDataIndex = 0;
-    k.keyNo = 0;
-    k.regName = QString::fromLatin1(reg);
-    k.address = address;
-    k.unitMark = unitMark;
-    k.length = length;
-    std::memset(k.data, 0, sizeof(k.data));
-    return k;
 }
 
 #if defined(ADS_HAVE_TEST_PLC)
@@ -174,10 +208,10 @@ protected:
         intf_SetDriverPropertyPage(QString::fromLatin1("2_0,192.168.1.100.1.1,801"));
         intf_setAddrValueChangeCallBack(callback);
         QList<KEY_ADDRESS> keys;
-        keys.append(makeKey("M_W", kWordArea, 8, 0));     // bytes 0..15
-        keys.append(makeKey("M_bit", kBitBase, 16, -1));  // bytes 16, 17
-        keys.append(makeKey("M_W", kCallbackWordAddress, 1, 0));
-        keys.append(makeKey("M_W", kScreenCallbackAddress, 1, 0));
+        keys.append(makeKey(kMW, kWordArea, 8, 0));     // bytes 0..15
+        keys.append(makeKey(kMbit, kBitBase, 16, -1));  // bytes 16, 17
+        keys.append(makeKey(kMW, kCallbackWordAddress, 1, 0));
+        keys.append(makeKey(kMW, kScreenCallbackAddress, 1, 0));
         ASSERT_GE(intf_addrMerge(keys), 1);
     }
 
@@ -202,6 +236,10 @@ protected:
 TEST_F(Concurrency, PollingAndHostWritesOnTwoThreadsSettleToTheLastWrittenValues)
 {
     Plc plc;
+    for (int a = kConditionAddress; a < kConditionAddress + 2 * kConditionWords; ++a)
+        plcMemory(plc)[a] = conditionPattern(a);
+    for (int a = kLongConditionAddress; a < kLongConditionAddress + 2 * kLongConditionWords; ++a)
+        plcMemory(plc)[a] = conditionPattern(a);
     const Clock::time_point deadline = Clock::now() + kDeadline;
     std::atomic<bool> commDone {false};
     int commBadResults = 0;
@@ -217,6 +255,8 @@ TEST_F(Concurrency, PollingAndHostWritesOnTwoThreadsSettleToTheLastWrittenValues
     std::map<int, int> lastWord;  // address -> last value written by the screen thread
     std::map<int, int> lastBit;   // bit number -> last value written by the screen thread
     long screenWrites = 0;
+    long screenConditionReads = 0;
+    long screenLongConditionReads = 0;
 
     std::thread comm([&] {
         tRole = kComm;
@@ -243,6 +283,16 @@ TEST_F(Concurrency, PollingAndHostWritesOnTwoThreadsSettleToTheLastWrittenValues
                 lastBit[bit] = v[0];
             }
             ++screenWrites;
+            // Now and then a one-shot read of an area on no screen, as a UI page does when
+            // it opens; now and then one long enough to be cut into two pieces.
+            if (i % 5 == 0) {
+                if (i % 35 == 0) {
+                    queueConditionRead(kLongConditionAddress, kLongConditionWords);
+                    ++screenLongConditionReads;
+                } else
+                    queueConditionRead(kConditionAddress, kConditionWords);
+                ++screenConditionReads;
+            }
             // Read every written word back: each byte is 0 or a byte once written there.
             for (int w = 0; w < 4; ++w) {
                 unsigned char out[2];
@@ -265,7 +315,7 @@ TEST_F(Concurrency, PollingAndHostWritesOnTwoThreadsSettleToTheLastWrittenValues
     // is queued, then read every block twice more. The callback writes nothing now.
     tRole = kOther;
     int settleTurns = 0;
-    while (settleTurns < 20000 && !driver.writeList.isEmpty()) {
+    while (settleTurns < 20000 && (!driver.writeList.isEmpty() || !driver.conditionReadList.isEmpty())) {
         turn(plc, commBadResults);
         ++settleTurns;
     }
@@ -275,9 +325,10 @@ TEST_F(Concurrency, PollingAndHostWritesOnTwoThreadsSettleToTheLastWrittenValues
 
     RecordProperty("commTurns", static_cast<int>(commTurns));
     RecordProperty("screenWrites", static_cast<int>(screenWrites));
-    std::printf("turns %ld, screen writes %ld, callbacks %ld (reads %ld), callback writes %d + %d, settle %d\n",
-        commTurns, screenWrites, gCallbacks.load(), gCallbackReads.load(), gCommCallbackWrites, gScreenCallbackWrites,
-        settleTurns);
+    std::printf("turns %ld, screen writes %ld, condition reads %ld + %d (ended %ld), callbacks %ld (reads %ld), "
+                "callback writes %d + %d, settle %d\n",
+        commTurns, screenWrites, screenConditionReads, gCommCallbackConditionReads, gConditionEnds.load(),
+        gCallbacks.load(), gCallbackReads.load(), gCommCallbackWrites, gScreenCallbackWrites, settleTurns);
 
     EXPECT_GT(screenWrites, 100);
     EXPECT_GT(commTurns, 100);
@@ -285,6 +336,22 @@ TEST_F(Concurrency, PollingAndHostWritesOnTwoThreadsSettleToTheLastWrittenValues
     EXPECT_EQ(0, commBadResults) << "replies of a correct PLC that were not accepted";
     EXPECT_EQ(0, gBadReadBack.load()) << "intf_getData showed a value never written there";
     EXPECT_TRUE(driver.writeList.isEmpty()) << driver.writeList.size() << " writes left queued";
+    EXPECT_GT(screenConditionReads, 10);
+    EXPECT_GT(gConditionEnds.load(), 0) << "no condition read ended";
+    EXPECT_EQ(0, gFailedConditionEnds.load()) << "condition reads of a correct PLC that ended as failed";
+    EXPECT_TRUE(driver.conditionReadList.isEmpty())
+        << driver.conditionReadList.size() << " condition reads left queued";
+    // Only the condition reads read these areas: the cache holds the PLC's pattern.
+    unsigned char conditionBytes[2 * kLongConditionWords] = {0};
+    intf_getData(0, mw(), kConditionAddress, kConditionWords, conditionBytes);
+    for (int k = 0; k < 2 * kConditionWords; ++k)
+        EXPECT_EQ(conditionPattern(kConditionAddress + k), conditionBytes[k]) << "cache, M_W byte " << kConditionAddress + k;
+    if (screenLongConditionReads > 0) {
+        intf_getData(0, mw(), kLongConditionAddress, kLongConditionWords, conditionBytes);
+        for (int k = 0; k < 128; ++k)
+            EXPECT_EQ(conditionPattern(kLongConditionAddress + k), conditionBytes[k])
+                << "cache, M_W byte " << kLongConditionAddress + k;
+    }
 
     uint8_t* mem = plcMemory(plc);
     for (const auto& w : lastWord) {

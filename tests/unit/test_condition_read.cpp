@@ -63,6 +63,21 @@ TEST_F(ConditionRead, WordKeyBecomesOneByteCountedItem)
     EXPECT_EQ(itemOf(driver.lastVar), (Item {7, 2, "M_W", 10, 6}));
 }
 
+TEST_F(ConditionRead, QueuedReadKeepsNoStringOfTheHosts)
+{
+    // The host may call from its UI thread and drop its string there while the polling
+    // thread holds the queued read: the queued read names its register with the driver's
+    // own text.
+    KEY_ADDRESS k = makeKey(2, "M_W", 10, 150);
+    intf_addConditionRead(&k, 1);
+    ASSERT_EQ(driver.conditionReadList.size(), 3);
+    for (const VARIABLE& v : driver.conditionReadList) {
+        EXPECT_EQ(v.regName, L("M_W"));
+        EXPECT_FALSE(v.regName.isSharedWith(k.regName));
+    }
+    EXPECT_FALSE(driver.lastVar.regName.isSharedWith(k.regName));
+}
+
 TEST_F(ConditionRead, KeyIsNotChanged)
 {
     KEY_ADDRESS k = makeKey(2, "M_W", 10, 150);

@@ -217,6 +217,72 @@ TEST_F(HostRead, FailedConditionReadOtherThanTheLastQueuedStillEmptiesTheList)
     EXPECT_TRUE(driver.conditionReadList.isEmpty());
 }
 
+// The end report of a condition read from a callback that queues the next condition read,
+// as a UI page does when one read leads to another.
+struct RequeueingCallback {
+    static bool lockWasFree;
+    static int endReports;
+    static int callback(int context, int keyNo, QString text, int address)
+    {
+        (void)context;
+        (void)keyNo;
+        (void)address;
+        if (text != QLatin1String("-1"))
+            return 0;
+        ++endReports;
+        lockWasFree = driver.mutex.tryLock();
+        if (lockWasFree)
+            driver.mutex.unlock();
+        KEY_ADDRESS next = Host::key(1, M_W, 50, 1);
+        intf_addConditionRead(&next, 9);
+        return 0;
+    }
+};
+bool RequeueingCallback::lockWasFree = false;
+int RequeueingCallback::endReports = 0;
+
+TEST_F(HostRead, ConditionReadEndReportComesBeforeTheHeadGoesAndWithTheLockFree)
+{
+    // [A, B, A'] with A' the last queued: A's end is reported (it matches A').
+    for (int a : {40, 50, 40}) {
+        KEY_ADDRESS k = Host::key(1, M_W, a, 1);
+        intf_addConditionRead(&k, 7);
+    }
+    ASSERT_EQ(driver.conditionReadList.size(), 3);
+    RequeueingCallback::lockWasFree = false;
+    RequeueingCallback::endReports = 0;
+    intf_setAddrValueChangeCallBack(RequeueingCallback::callback);
+    driver.curFrameKind = 3;
+    driver.commFailed = 0;
+    dealListWhenFinish();
+    intf_setAddrValueChangeCallBack(Host::callback);
+    EXPECT_EQ(RequeueingCallback::endReports, 1);
+    EXPECT_TRUE(RequeueingCallback::lockWasFree) << "the driver's lock was held during the end report";
+    // B, queued again from the report while A was still the head, refreshed the waiting B
+    // in place; then A went. Had A gone first, B would have been the head and the new
+    // request a third entry.
+    ASSERT_EQ(driver.conditionReadList.size(), 2);
+    EXPECT_EQ(driver.conditionReadList.at(0).address, 50);
+    EXPECT_EQ(driver.conditionReadList.at(0).kind, 9);
+    EXPECT_EQ(driver.conditionReadList.at(1).address, 40);
+    EXPECT_EQ(driver.lastVar.address, 50);
+}
+
+TEST_F(HostRead, ConditionReadQueuedFromTheEndReportOfAFailedOneIsDroppedWithTheList)
+{
+    KEY_ADDRESS k = Host::key(1, M_W, 40, 1);
+    intf_addConditionRead(&k, 7);
+    RequeueingCallback::endReports = 0;
+    intf_setAddrValueChangeCallBack(RequeueingCallback::callback);
+    driver.curFrameKind = 3;
+    driver.commFailed = 1;
+    dealListWhenFinish();
+    intf_setAddrValueChangeCallBack(Host::callback);
+    EXPECT_EQ(RequeueingCallback::endReports, 1);
+    // The report comes first, then a failed read empties the list, the new request with it.
+    EXPECT_TRUE(driver.conditionReadList.isEmpty());
+}
+
 TEST_F(HostRead, FinishedCyclicReadTurnsTheReadList)
 {
     ASSERT_EQ(h->addrMerge({Host::key(1, M_W, 0, 1), Host::key(1, M_W, 300, 1), Host::key(1, M_W, 600, 1)}), 3);

@@ -368,6 +368,26 @@ TEST_F(HostWrite, SettlingABitClearsTheSecondQueuedMarkWhenTheFirstIsClear)
 
 // ------------------------------------------------------------------ through the polling cycle
 
+TEST_F(HostWrite, NothingInTheDriverSetsTheQueuedBitWriteMarks)
+{
+    // bitWriteState is only ever cleared: a bit write queues and settles without it, so
+    // clearing it together with the monitor marks in intf_addrMerge changes nothing.
+    ASSERT_TRUE(h->handshake());
+    h->addrMerge({Host::key(1, M_bit, 83, 2)});
+    h->setData(1, M_bit, 83, {1, 1});
+    ASSERT_FALSE(driver.writeList.isEmpty());
+    for (int i = 0; i < driver.dataAreaList.size(); ++i)
+        EXPECT_EQ(driver.dataAreaList.at(i).bitWriteState, 0u) << i;
+    EXPECT_EQ(at(M, 10).writeFlag, 1);
+    EXPECT_EQ(h->cycle(), 1);  // the read of the covering byte
+    EXPECT_EQ(h->cycle(), 1);  // its write
+    EXPECT_TRUE(driver.writeList.isEmpty());
+    for (int i = 0; i < driver.dataAreaList.size(); ++i)
+        EXPECT_EQ(driver.dataAreaList.at(i).bitWriteState, 0u) << i;
+    EXPECT_EQ(at(M, 10).writeFlag, 0);
+    EXPECT_EQ(h->plc.bytes(kMemory, 10, 1), (Bytes {0x18}));
+}
+
 TEST_F(HostWrite, AWordWriteReachesThePlcAndIsSettled)
 {
     ASSERT_TRUE(h->handshake());

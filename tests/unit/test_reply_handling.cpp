@@ -372,6 +372,29 @@ TEST_F(ReplyHandling, RecipeReadOfTheSecondBlockUsesItsOwnVariables)
 // Whatever arrives, the driver stays inside its own buffers and answers with one of its
 // codes. (Run under AddressSanitizer to make an overrun fatal.)
 
+TEST_F(ReplyHandling, AKeptRecipeReadAfterACallWithNothingOfOursFillsNothing)
+{
+    // intf_setRcpAddress empties the recipe variables before it finds none of this driver,
+    // so the kept transfer list is still read from the PLC but copied nowhere.
+    ASSERT_TRUE(h->handshake());
+    stopCyclicReads();
+    h->setRcpAddress({Host::rcpVar(1, 1, M_W, 0, 2, 0)});
+    EXPECT_EQ(h->setRcpAddress({Host::rcpVar(7, 1, M_W, 0, 2, 0)}), 0);
+    ASSERT_EQ(driver.rcpTransferList.size(), 1);
+    ASSERT_TRUE(driver.rcpVarList.isEmpty());
+    h->plc.setBytes(kMemory, 0, {0x10, 0x11, 0x12, 0x13});
+    std::fill(h->recipe.begin(), h->recipe.begin() + 8, 0xAA);
+    h->setRecipeReadFlag(1);
+    h->clearReports();
+    ASSERT_EQ(h->cycle(), 1);
+    EXPECT_EQ(driver.curFrameKind, 6);
+    EXPECT_EQ(h->lastReply.size(), 50);  // the four bytes were read
+    for (int j = 0; j < 8; ++j)
+        EXPECT_EQ(h->recipe[size_t(j)], 0xAA) << j;
+    EXPECT_TRUE(h->reportsWithText(QString::fromLatin1("RWI")).empty());
+    EXPECT_EQ(h->recipeReadFlag(), 0);
+}
+
 class ReplyRobustness : public ReplyHandling {
 protected:
     std::mt19937 rng {12345};

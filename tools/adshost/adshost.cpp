@@ -1,6 +1,6 @@
 #include "adshost.h"
 
-#include "ads_ethernet.h"
+#include "ads_ethernet_loader.h"
 #include "pcap_writer.h"
 #include "probe.h"
 #include "text_util.h"
@@ -26,9 +26,11 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cctype>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <cstdint>
 #include <cstring>
 #include <deque>
 #include <set>
@@ -54,13 +56,19 @@ bool endsWith(const std::string& s, const char* tail)
     return s.size() >= n && s.compare(s.size() - n, n, tail) == 0;
 }
 
+// A value as a user types it: decimal (a leading zero changes nothing: 010 is ten) or 0x-hex,
+// either with a sign.
 bool parseInt(const std::string& text, long long& out)
 {
     if (text.empty())
         return false;
+    const size_t digits = text[0] == '-' || text[0] == '+' ? 1 : 0;
+    const bool hex = text.size() > digits + 2 && text[digits] == '0' && (text[digits + 1] == 'x' || text[digits + 1] == 'X');
+    if (text.size() == digits || (!hex && !std::isdigit(static_cast<unsigned char>(text[digits]))))
+        return false;
     errno = 0;
     char* end = nullptr;
-    const long long v = std::strtoll(text.c_str(), &end, 0);  // decimal or 0x-hex
+    const long long v = std::strtoll(text.c_str(), &end, hex ? 16 : 10);
     if (errno != 0 || !end || *end != '\0')
         return false;
     out = v;
@@ -329,20 +337,77 @@ bool parseRecipe(const std::string& text, RecipeVar& out, std::string& why)
 }
 
 // ------------------------------------------------------------------------------------------
+// What the driver cannot carry out right
+
+namespace {
+constexpr int kFrameBytes = 1024;       // the driver's frame, and a panel's receive buffer
+constexpr int kReadReplyHeader = 46;    // bytes ahead of a read reply's data
+constexpr int kWriteFrameHeader = 50;   // bytes ahead of a write frame's data
+}  // namespace
+
+std::string conditionRefusal(const Address& a, int gap)
+{
+    const std::string what = "--condition " + a.text() + ": ";
+    if (a.isBit())
+        return what + "the driver drops one-shot reads of bit registers (it sends nothing and never reports an end); "
+                      "read the word that holds the bit instead, e.g. --condition "
+            + std::string(1, a.area()) + "_W:" + std::to_string(a.firstByte() & ~1);
+    if (gap > 0 && a.count > gap)
+        return what + "longer than one piece of " + std::to_string(gap) + " words (--gap " + std::to_string(gap)
+            + "): the driver would read the pieces after the first from the wrong address; split it, e.g. --condition "
+            + a.reg + ":" + a.addrText + ":" + std::to_string(gap) + " --condition " + a.reg + ":"
+            + std::to_string(a.address + 2 * gap) + ":" + std::to_string(a.count - gap);
+    if (kReadReplyHeader + 2LL * a.count > kFrameBytes)
+        return what + "its reply would not fit the driver's " + std::to_string(kFrameBytes)
+            + "-byte frame; split it into reads of at most " + std::to_string((kFrameBytes - kReadReplyHeader) / 2)
+            + " words";
+    return std::string();
+}
+
+std::string writeRefusal(const Write& w, int gap)
+{
+    const std::string what = "--write " + w.addr.reg + ":" + w.addr.addrText + "=...: ";
+    const int count = w.addr.count;
+    if (w.addr.isBit()) {
+        const int piece = gap > 0 ? 8 * gap : count;
+        if (count > piece)
+            return what + std::to_string(count) + " bits, longer than one piece of " + std::to_string(piece)
+                + " bits (8 x --gap " + std::to_string(gap)
+                + "): the driver would write the pieces after the first with the wrong bits; split it into writes of "
+                  "at most "
+                + std::to_string(piece) + " bits";
+        const long long bytes = (w.addr.address % 8 + count + 7) / 8;
+        if (kWriteFrameHeader + bytes > kFrameBytes)
+            return what + "its frame would not fit the driver's " + std::to_string(kFrameBytes)
+                + "-byte frame; split it";
+        return std::string();
+    }
+    const int piece = gap > 0 ? std::min(count, gap) : count;
+    if (kWriteFrameHeader + 2LL * piece > kFrameBytes)
+        return what + "its frame would not fit the driver's " + std::to_string(kFrameBytes)
+            + "-byte frame; split it into writes of at most " + std::to_string((kFrameBytes - kWriteFrameHeader) / 2)
+            + " words";
+    return std::string();
+}
+
+// ------------------------------------------------------------------------------------------
 // Figures
 
 std::string Stats::figuresLine() const
 {
-    char buf[512];
+    char rtt[96] = "n/a";  // no reply came: no round trip to show
+    if (rttSamples > 0)
+        std::snprintf(rtt, sizeof rtt, "%.3f/%.3f/%.3f", rttMinMs, rttMedianMs, rttMaxMs);
+    char buf[640];
     std::snprintf(buf, sizeof buf,
         "figures: requests=%llu result1=%llu result8=%llu result2=%llu result3=%llu "
-        "result0=%llu timeouts=%llu reconnects=%llu stale_bytes=%llu changes=%llu "
-        "rtt_ms=%.3f/%.3f/%.3f refreshes=%llu refreshes_per_s=%.1f blocks_per_refresh=%d "
+        "result0=%llu timeouts=%llu reconnects=%llu failed_reconnects=%llu stale_bytes=%llu changes=%llu "
+        "rtt_ms=%s refreshes=%llu refreshes_per_s=%.1f blocks_per_refresh=%d "
         "seconds=%.1f",
         (unsigned long long)requests, (unsigned long long)results[1], (unsigned long long)results[8],
         (unsigned long long)results[2], (unsigned long long)results[3], (unsigned long long)results[0],
-        (unsigned long long)timeouts, (unsigned long long)reconnects, (unsigned long long)staleBytes,
-        (unsigned long long)changes, rttMinMs, rttMedianMs, rttMaxMs, (unsigned long long)fullRefreshes,
+        (unsigned long long)timeouts, (unsigned long long)reconnects, (unsigned long long)failedReconnects,
+        (unsigned long long)staleBytes, (unsigned long long)changes, rtt, (unsigned long long)fullRefreshes,
         refreshesPerSecond(), blocksPerRefresh, seconds);
     return buf;
 }
@@ -350,8 +415,9 @@ std::string Stats::figuresLine() const
 // ------------------------------------------------------------------------------------------
 // The driver plugin
 
-class Plugin {
+class Plugin : public ADS_ENTRY_POINTS {
 public:
+    Plugin() : ADS_ENTRY_POINTS() { }
     ~Plugin()
     {
         // The plugin stays loaded: its global driver object would be destroyed under the
@@ -369,61 +435,18 @@ public:
             why = "cannot load driver " + path + ": " + (e ? e : "dlopen failed");
             return false;
         }
-        std::vector<std::string> missing;
-        auto get = [&](auto& fn, const char* name) {
-            void* sym = ::dlsym(handle, name);
-            if (!sym)
-                missing.push_back(name);
-            fn = reinterpret_cast<std::remove_reference_t<decltype(fn)>>(sym);
-        };
-        get(getProtocolType, "intf_getProtocolType");
-        get(getVersion, "intf_getVersion");
-        get(setAddrValueChangeCallBack, "intf_setAddrValueChangeCallBack");
-        get(initProperty, "intf_initProperty");
-        get(getDriverParameter, "intf_getDriverParameter");
-        get(getDriverPropertyPage, "intf_getDriverPropertyPage");
-        get(setDriverPropertyPage, "intf_SetDriverPropertyPage");
-        get(getRegListByType, "intf_getRegListByType");
-        get(getRegDiscription, "intf_getRegDiscription");
-        get(checkAddr, "intf_checkAddr");
-        get(checkAddrValidity, "intf_checkAddrValidity");
-        get(getSendFrame, "intf_getSendFrame");
-        get(dealRcvFrame, "intf_dealRcvFrame");
-        get(getData, "intf_getData");
-        get(setData, "intf_setData");
-        get(addrMerge, "intf_addrMerge");
-        get(addConditionRead, "intf_addConditionRead");
-        get(setRcpAddress, "intf_setRcpAddress");
-        get(multiCopy, "intf_multiCopy");
-        if (!missing.empty()) {
-            why = "driver " + path + " lacks entry point" + (missing.size() > 1 ? "s" : "") + ":";
-            for (const std::string& m : missing)
-                why += " " + m;
+        const char* missing[ADS_ENTRY_POINT_COUNT];
+        const int n = ads_resolveEntryPoints(handle, this, missing);
+        if (n > 0) {
+            why = "driver " + path + " lacks entry point" + (n > 1 ? "s" : "") + ":";
+            for (int i = 0; i < n; ++i)
+                why += std::string(" ") + missing[i];
             return false;
         }
         return true;
     }
 
     void* handle = nullptr;
-    decltype(&::intf_getProtocolType) getProtocolType = nullptr;
-    decltype(&::intf_getVersion) getVersion = nullptr;
-    decltype(&::intf_setAddrValueChangeCallBack) setAddrValueChangeCallBack = nullptr;
-    decltype(&::intf_initProperty) initProperty = nullptr;
-    decltype(&::intf_getDriverParameter) getDriverParameter = nullptr;
-    decltype(&::intf_getDriverPropertyPage) getDriverPropertyPage = nullptr;
-    decltype(&::intf_SetDriverPropertyPage) setDriverPropertyPage = nullptr;
-    decltype(&::intf_getRegListByType) getRegListByType = nullptr;
-    decltype(&::intf_getRegDiscription) getRegDiscription = nullptr;
-    decltype(&::intf_checkAddr) checkAddr = nullptr;
-    decltype(&::intf_checkAddrValidity) checkAddrValidity = nullptr;
-    decltype(&::intf_getSendFrame) getSendFrame = nullptr;
-    decltype(&::intf_dealRcvFrame) dealRcvFrame = nullptr;
-    decltype(&::intf_getData) getData = nullptr;
-    decltype(&::intf_setData) setData = nullptr;
-    decltype(&::intf_addrMerge) addrMerge = nullptr;
-    decltype(&::intf_addConditionRead) addConditionRead = nullptr;
-    decltype(&::intf_setRcpAddress) setRcpAddress = nullptr;
-    decltype(&::intf_multiCopy) multiCopy = nullptr;
 };
 
 // ------------------------------------------------------------------------------------------
@@ -490,6 +513,7 @@ struct Session::Impl {
     // Blocks read since the last full refresh (a screen has few blocks: a short list).
     std::vector<std::tuple<std::string, int, int>> refreshSeen;
     double pollStart = 0, pollSeconds = 0;
+    double pollEnd = 0;  // set when the session is closed: its figures' time stops
 
     // ---- what the host tells from the replies (guarded by `lock`)
     struct ActionRec {
@@ -508,23 +532,55 @@ struct Session::Impl {
     bool anyReply = false;  // a byte of a reply ever arrived
     bool openFailedOnAddress = false;
     std::string sourceNetId;        // the Net ID the driver sends as (from its last frame)
+    std::string plannedSourceNetId, plannedSourceAddress;  // as open() found them
     std::vector<uint8_t> inFlight;  // the frame the codes below belong to
     ReplyCodes frameCodes;          // the last codes of a reply to that frame
-    std::vector<uint8_t> known[3];  // bytes of I, Q, M read from (or confirmed by) the PLC: 1
+    // Per byte of I, Q and M: when it was last read from (or confirmed by) the PLC, and when
+    // the last attempt to read it failed; 0: never. Stamps come from stampUs() and grow
+    // strictly, so "failed after the last read" is a plain comparison. Allocated once per
+    // area, never per request.
+    struct ByteTimes {
+        std::vector<int64_t> readAt, failedAt;
+    };
+    ByteTimes byteTimes[3];
+    int64_t lastStamp = 0;
 
     static int areaIndex(char area) { return area == 'I' ? 0 : area == 'Q' ? 1 : area == 'M' ? 2 : -1; }
 
-    void markKnown(char area, long first, long count)
+    int64_t stampUs()
+    {
+        using namespace std::chrono;
+        const int64_t now = duration_cast<microseconds>(steady_clock::now().time_since_epoch()).count();
+        lastStamp = std::max(now, lastStamp + 1);
+        return lastStamp;
+    }
+
+    // Stamps bytes [first, first + count) of an area as read (failed false) or as a failed
+    // attempt to read them.
+    void stampBytes(char area, long first, long count, bool failed)
     {
         const int i = areaIndex(area);
         if (i < 0 || count <= 0 || first < 0)
             return;
-        std::vector<uint8_t>& k = known[i];
-        if (k.empty())
-            k.assign(65536 + 1024, 0);
-        if (first >= long(k.size()))
+        ByteTimes& t = byteTimes[i];
+        if (t.readAt.empty()) {
+            t.readAt.assign(65536 + 1024, 0);
+            t.failedAt.assign(65536 + 1024, 0);
+        }
+        std::vector<int64_t>& v = failed ? t.failedAt : t.readAt;
+        const int64_t stamp = stampUs();
+        const long end = std::min(first + count, long(v.size()));
+        for (long b = first; b < end; ++b)
+            v[size_t(b)] = stamp;
+    }
+    void markKnown(char area, long first, long count) { stampBytes(area, first, count, false); }
+    void forgetBytes(char area, long first, long count)
+    {
+        const int i = areaIndex(area);
+        if (i < 0 || count <= 0 || first < 0 || byteTimes[i].readAt.empty())
             return;
-        std::memset(&k[size_t(first)], 1, size_t(std::min<long>(count, long(k.size()) - first)));
+        std::vector<int64_t>& v = byteTimes[i].readAt;
+        std::fill(v.begin() + first, v.begin() + std::min(first + count, long(v.size())), 0);
     }
 
     ActionRec* actionById(int id)
@@ -600,6 +656,12 @@ struct Session::Impl {
         r.a.why = why;
     }
 
+    static std::string noAnswerText(const std::string& source)
+    {
+        return "connected, but no answer: the PLC most likely has no route for this panel's AMS Net ID " + source
+            + "; add one on the PLC";
+    }
+
     // The meaning of a reply's codes with the likely fix; `port` is where the frame went.
     std::string meaning(const ReplyCodes& c, int port, const std::string& source, bool timedOut, bool lost,
         int replyBytes, bool addressed = true) const
@@ -630,9 +692,12 @@ struct Session::Impl {
                 return t;
             }
         }
+        if (!anyReply && lost)
+            return "connected, but the PLC closed the connection without answering: it most likely has no route for "
+                   "this panel's AMS Net ID "
+                + source + "; add one on the PLC";
         if (!anyReply)
-            return "connected, but no answer: the PLC most likely has no route for this panel's AMS Net ID " + source
-                + "; add one on the PLC";
+            return noAnswerText(source);
         if (lost)
             return "the PLC closed the connection";
         if (timedOut && replyBytes == 0)
@@ -656,8 +721,14 @@ struct Session::Impl {
         const long first = hasSpan ? long(le32(&ex.frame[42])) : 0;
         const long count = hasSpan ? long(le32(&ex.frame[46])) : 0;
         const long last = first + count - 1;
-        if (ex.result == 1 && ex.codes.ok() && (ex.purpose == 'R' || ex.purpose == 'C' || ex.purpose == 'r'))
+        const bool valueRead = ex.purpose == 'R' || ex.purpose == 'C' || ex.purpose == 'r';
+        if (valueRead && ex.result == 1 && ex.codes.ok())
             markKnown(area, first, count);
+        // Any request on the bytes that failed (rejected, timed out, given up, lost): what the
+        // driver's cache shows for them is no longer what the PLC was seen to hold (a write not
+        // confirmed shows the value written).
+        else if (hasSpan && ex.result != 1 && ex.result != 3)
+            stampBytes(area, first, count, true);
         for (ActionRec& r : actionRecs) {
             if (r.a.state != Action::Pending)
                 continue;
@@ -693,6 +764,10 @@ struct Session::Impl {
         }
         if (ex.result == 1 && ex.purpose == 'W' && ex.codes.ok())
             markKnown(area, first, count);
+        // A refused write: the driver's cache shows the value written, which the PLC never
+        // held; the value is not known until it is read again.
+        if (ex.result == 1 && ex.purpose == 'W' && ex.codes.anyError())
+            forgetBytes(area, first, count);
         // A recipe transfer is over when the driver has lowered its flag after the PLC accepted
         // its requests. The flag alone is not enough: it is still down between the action's
         // start and the moment the host raises it.
@@ -700,6 +775,12 @@ struct Session::Impl {
             if (r.a.state == Action::Pending && r.transferSeen
                 && ((r.a.kind == "recipe write" && !recipeWriteUp) || (r.a.kind == "recipe read" && !recipeReadUp)))
                 r.a.state = Action::Done;
+        }
+        if (fatal.kind == Fatal::None && notAms(ex)) {
+            fatal.kind = Fatal::NotAms;
+            fatal.message = "the answer is no AMS/TCP frame (" + std::to_string(ex.replyBytes)
+                + " bytes that do not start with an AMS/TCP header): is " + cfg.plcHost + ":"
+                + std::to_string(cfg.plcPort) + " an AMS/TCP port?";
         }
         forgetSettledActions();
         if (ex.result == 2 && fatal.kind == Fatal::None) {
@@ -713,6 +794,18 @@ struct Session::Impl {
             }
         }
     }
+
+    // Whether the reply's first bytes are no AMS/TCP header: reserved bytes not zero, or a
+    // length no AMS frame has.
+    bool notAms(const Exchange& ex) const
+    {
+        if (ex.replyBytes < 6 || lastReplyHead.size() < 6)
+            return false;
+        const uint8_t* h = lastReplyHead.data();
+        const uint32_t len = le32(h + 2);
+        return h[0] != 0 || h[1] != 0 || len < 32 || len > kMaxFrameBody;
+    }
+    std::vector<uint8_t> lastReplyHead;  // the first 6 bytes of the last reply
 
     KEY_ADDRESS key(const Address& a) const
     {
@@ -792,6 +885,14 @@ struct Session::Impl {
                 ++stats.reconnects;
                 return true;
             }
+            {
+                std::lock_guard<std::mutex> g(lock);
+                ++stats.failedReconnects;
+            }
+            // Each failed attempt is told: the attempts with their back-off take seconds.
+            if (cfg.notice)
+                cfg.notice("connecting again, attempt " + std::to_string(attempt + 1) + " of "
+                    + std::to_string(cfg.reconnectAttempts) + " failed: " + why);
             backoff = std::min(backoff * 2, cfg.reconnectBackoffMaxMs);
         }
         failedForGood = true;
@@ -1000,8 +1101,18 @@ bool Session::open(const Config& cfg, std::string& why)
     const std::string init
         = std::to_string(cfg.context) + "#0#0#" + std::to_string(cfg.retries) + "#" + std::to_string(cfg.gap);
     p.initProperty(d->statusBlock.data(), nullptr, d->recipeBuffer.data(), &d->mode, init.c_str(), &d->hostMutex);
-    // 2. the PLC's AMS Net ID and port
-    p.setDriverPropertyPage(QString::fromStdString("2_0," + cfg.netId + "," + std::to_string(cfg.amsPort)));
+    // 2. the PLC's AMS Net ID and port: the values of the driver's page, labels off
+    QString page, settings, refused;
+    p.getDriverPropertyPage(page);
+    QStringList values;
+    values << QString::fromStdString(cfg.netId) << QString::number(cfg.amsPort);
+    if (!ads_settingsFromPropertyPage(page, values, &settings, &refused)) {
+        why = "the driver's property page \"" + page.toStdString() + "\" takes no --netid/--ams-port: "
+            + refused.toStdString();
+        g_session = nullptr;
+        return false;
+    }
+    p.SetDriverPropertyPage(settings);
     // 3. the change callback
     p.setAddrValueChangeCallBack(&hostCallback);
     // 4. the screen
@@ -1030,6 +1141,11 @@ bool Session::open(const Config& cfg, std::string& why)
     // 6. condition reads
     for (const Address& a : c.conditions)
         addConditionRead(a);
+    // The source Net ID the driver chose: its first frame carries it (the handshake, handed
+    // out again unchanged by the first polling cycle).
+    if (p.getSendFrame(d->frame.get()) == 1)
+        d->plannedSourceNetId = netIdOf(d->frame->frame + 14);
+    d->plannedSourceAddress = probe::panelAddressFor(cfg.netId, probe::localIpv4Addresses());
     d->opened = true;
     return true;
 }
@@ -1048,6 +1164,8 @@ bool Session::connected() const { return d->fd >= 0; }
 void Session::disconnect()
 {
     if (d) {
+        if (d->pollStart > 0 && d->pollEnd == 0)
+            d->pollEnd = nowSec();
         d->closeSocket(true);
         d->pcap.close();
     }
@@ -1067,6 +1185,8 @@ std::string Session::driverVersion()
 }
 
 bool Session::openFailedOnAddress() const { return d->openFailedOnAddress; }
+std::string Session::sourceNetId() const { return d->plannedSourceNetId; }
+std::string Session::sourceAddress() const { return d->plannedSourceAddress; }
 std::vector<Address> Session::watches() const { return d->cfg.watches; }
 std::vector<Address> Session::conditions() const { return d->cfg.conditions; }
 std::vector<Write> Session::writes() const { return d->cfg.writes; }
@@ -1215,6 +1335,7 @@ const Exchange& Session::step()
         std::lock_guard<std::mutex> g(s.lock);
         if (!reply.empty())
             s.anyReply = true;
+        s.lastReplyHead.assign(reply.begin(), reply.begin() + long(std::min<size_t>(reply.size(), 6)));
         if (s.sourceNetId != ex.sourceNetId)
             s.sourceNetId = ex.sourceNetId;
         if (ex.frame != s.inFlight) {
@@ -1417,22 +1538,42 @@ Fatal Session::fatal()
     return d->fatal;
 }
 
+bool Session::answered()
+{
+    std::lock_guard<std::mutex> g(d->lock);
+    return d->anyReply;
+}
+
+std::string Session::noAnswerText() { return Impl::noAnswerText(d->sourceNetId); }
+
 bool Session::handshakeDone()
 {
     std::lock_guard<std::mutex> g(d->lock);
     return d->handshakeDone;
 }
 
-bool Session::everRead(const Address& a)
+bool Session::everRead(const Address& a) { return freshness(a).read; }
+
+Freshness Session::freshness(const Address& a)
 {
     std::lock_guard<std::mutex> g(d->lock);
+    Freshness f;
     const int i = Impl::areaIndex(a.area());
-    if (i < 0 || d->known[i].empty())
-        return false;
-    for (int b = a.firstByte(); b <= a.lastByte(); ++b)
-        if (b < 0 || size_t(b) >= d->known[i].size() || !d->known[i][size_t(b)])
-            return false;
-    return true;
+    if (i < 0 || d->byteTimes[i].readAt.empty())
+        return f;
+    const Impl::ByteTimes& t = d->byteTimes[i];
+    int64_t oldest = INT64_MAX;
+    for (int b = a.firstByte(); b <= a.lastByte(); ++b) {
+        if (b < 0 || size_t(b) >= t.readAt.size() || t.readAt[size_t(b)] == 0)
+            return f;
+        oldest = std::min(oldest, t.readAt[size_t(b)]);
+        f.stale = f.stale || t.failedAt[size_t(b)] > t.readAt[size_t(b)];
+    }
+    using namespace std::chrono;
+    const int64_t now = duration_cast<microseconds>(steady_clock::now().time_since_epoch()).count();
+    f.read = true;
+    f.ageMs = double(std::max<int64_t>(0, now - oldest)) / 1000.0;
+    return f;
 }
 
 std::string Session::explain(const Exchange& ex)
@@ -1504,7 +1645,8 @@ Stats Session::stats()
 {
     std::lock_guard<std::mutex> g(d->lock);
     Stats st = d->stats;
-    st.seconds = d->pollSeconds;
+    st.seconds = d->pollStart > 0 ? (d->pollEnd > 0 ? d->pollEnd : nowSec()) - d->pollStart : 0;
+    st.rttSamples = d->rttCount;
     if (!d->rtts.empty()) {
         std::vector<double> v = d->rtts;
         std::sort(v.begin(), v.end());

@@ -92,6 +92,18 @@ bool parseWrite(const std::string& text, Write& out, std::string& why);
 // "M_W:200:2=0x1111,0x2222" -> RecipeVar (values optional).
 bool parseRecipe(const std::string& text, RecipeVar& out, std::string& why);
 
+// What the driver cannot carry out right is refused before a session starts; each returns
+// one line with the reason and what to do, or an empty text when the driver handles it.
+// `gap` is the merge gap (--gap): the driver cuts condition reads into pieces of `gap`
+// words and writes into pieces of `gap` words or 8 x `gap` bits.
+//  - a condition read of a bit register: the driver drops it, no frame, no end report;
+//  - a condition read longer than one piece: later pieces start `gap` bytes on instead of
+//    2 x `gap`, and read the wrong memory;
+//  - a bit write longer than one piece: later pieces take their bits from the wrong place;
+//  - a piece longer than a 1024-byte frame (only with --gap 0, which means one piece).
+std::string conditionRefusal(const Address& a, int gap);
+std::string writeRefusal(const Write& w, int gap);
+
 struct Config {
     std::string driverPath;
     std::string plcHost = "127.0.0.1";
@@ -118,6 +130,9 @@ struct Config {
     uint64_t pcapLimitBytes = 0;  // 0: no limit; else the capture ends before this size
     std::string pcapPath;         // empty: no capture
     bool pcapRaw = false;         // LINKTYPE_RAW (101) instead of Ethernet (1)
+    // Told what the session does while the user would otherwise see nothing (connecting
+    // again after a lost connection); called on the polling thread.
+    std::function<void(const std::string&)> notice;
 };
 
 // One change report of the driver's value-change callback.
@@ -159,11 +174,13 @@ struct Stats {
     uint64_t timeouts = 0;
     uint64_t connectionLosses = 0;
     uint64_t reconnects = 0;
+    uint64_t failedReconnects = 0;  // attempts to connect again that failed
     uint64_t staleBytes = 0;     // bytes drained before a send
     uint64_t changes = 0;        // callback reports
     uint64_t fullRefreshes = 0;  // every block of the screen read once
     int blocksPerRefresh = 0;    // result of intf_addrMerge
-    double rttMinMs = 0, rttMedianMs = 0, rttMaxMs = 0;
+    double rttMinMs = 0, rttMedianMs = 0, rttMaxMs = 0;  // meaningful only with rttSamples > 0
+    uint64_t rttSamples = 0;
     double seconds = 0;  // polling time
     double refreshesPerSecond() const { return seconds > 0 ? fullRefreshes / seconds : 0; }
     std::string figuresLine() const;  // "figures: requests=... "
@@ -185,10 +202,20 @@ struct Action {
 // Why a session cannot go on: no answer at all since the connection was made, or an AMS
 // error that retrying does not cure (no such Net ID or port).
 struct Fatal {
-    enum Kind { None, NoAnswer, AmsError };
+    // NotAms: the peer answers with bytes that are no AMS/TCP frame.
+    enum Kind { None, NoAnswer, AmsError, NotAms };
     Kind kind = None;
     ReplyCodes codes;
     std::string message;
+};
+
+// How current a watched value is: read at all in this session, how long ago its oldest byte
+// was read, and whether an attempt to read it failed after that (the value shown is older
+// than the PLC's).
+struct Freshness {
+    bool read = false;
+    bool stale = false;
+    double ageMs = 0;
 };
 
 class Plugin;   // the loaded driver
@@ -207,6 +234,11 @@ public:
     bool open(const Config& cfg, std::string& why);
     // After a failed open(): true when an address was the cause (a usage error).
     bool openFailedOnAddress() const;
+    // After open(): the source AMS Net ID the driver will send as (from its first frame),
+    // and this machine's IPv4 address that the driver's rule picks for the PLC's Net ID
+    // (empty: none matched, and the driver sends as 0.0.0.0.1.1).
+    std::string sourceNetId() const;
+    std::string sourceAddress() const;
     // Loads the plugin only (for --version); the driver's version text, or empty.
     static std::string pluginVersion(const std::string& path, std::string& why);
     // Checks an address with the driver (intf_checkAddr; access 1: it is written) and takes
@@ -266,9 +298,13 @@ public:
     // Set when the session cannot go on (see Fatal).
     Fatal fatal();
     bool handshakeDone();
+    bool answered();  // a byte of a reply ever arrived in this session
+    // "connected, but no answer: ... no route for this panel's AMS Net ID X; ..."
+    std::string noAnswerText();
     // Whether every byte of the address has been read from the PLC (or written and
     // confirmed by it) in this session.
     bool everRead(const Address& a);
+    Freshness freshness(const Address& a);
     // A communication error, with the meaning of the last reply's codes and the likely
     // fix: "1#M_W0(2)(38): AMS error 0x6 (target port not found): no ADS port 851 on the
     // PLC: check --ams-port".

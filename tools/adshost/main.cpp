@@ -12,6 +12,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cmath>
@@ -63,31 +64,50 @@ const char* const kDescription = "adshost: the reference host of the ads_etherne
                                  "Addresses: I_bit, Q_bit, M_bit take BYTE.BIT (10.3; 10.9 is 11.1), I_W, Q_W,\n"
                                  "M_W a byte offset; COUNT is bits or 16-bit words. The driver checks them.";
 
+// The pause after each whole screen refresh: about what a panel's screen update waits, and
+// far from the flood of back-to-back requests a real PLC would have to serve.
+constexpr unsigned long long kDefaultIntervalMs = 100;
+
+// Each example runs as printed against `plcsim --listen 127.0.0.1:48898 --no-program`; the
+// "# exit N" is its status (the docs.examples test runs them with plcsim's free port).
+const char* const kExamples = "Examples (against plcsim --listen 127.0.0.1:48898 --no-program):\n"
+                              "  adshost --probe --plc 127.0.0.1:48898 --netid 192.168.1.100.1.1  # exit 0\n"
+                              "  adshost --plc 127.0.0.1:48898 --watch M_W:0:4 --cycles 5  # exit 0\n"
+                              "  adshost --plc 127.0.0.1:48898 --write M_W:10=010  # exit 0\n"
+                              "  adshost --plc 127.0.0.1:48898 --json --watch I_W:0 --duration 0.5  # exit 0\n"
+                              "  adshost --plc 127.0.0.1:48898 --watch M_W:0 --ams-port 852 --cycles 1 # exit 5\n";
+
 const char* const kExitCodes = "Exit status:\n"
                                "  0  the session ran and every action asked for (--write, --recipe,\n"
                                "     --condition) was confirmed by the PLC; --probe: the PLC answers in RUN;\n"
                                "     --discover: a device answered; --add-route: the route was accepted\n"
                                "  1  could not start: driver plugin or entry point missing, capture file not\n"
-                               "     writable, no TCP connection\n"
-                               "  2  usage error: a bad option, or an address the driver refuses\n"
+                               "     writable, no TCP connection; --version: no driver it could load\n"
+                               "  2  usage error: a bad option, an address the driver refuses, or a request\n"
+                               "     the driver would carry out wrong (a --condition or bit --write longer\n"
+                               "     than one piece, a --condition of a bit register)\n"
                                "  3  the connection was lost and could not be made again\n"
-                               "  4  connected, but the PLC never answered: no route for this panel's Net ID;\n"
-                               "     --discover, --add-route: no device answered within the time-out\n"
+                               "  4  connected, but the PLC never answered (or closed the connection without\n"
+                               "     answering): no route for this panel's Net ID, however short the\n"
+                               "     session; --discover, --add-route: no device answered in time\n"
                                "  5  AMS error in a reply: no such AMS Net ID (0x7, check --netid) or AMS\n"
                                "     port (0x6, check --ams-port)\n"
                                "  6  the PLC refused an action or a probe request with an ADS error, or a\n"
-                               "     watched address was never read while the PLC answered with ADS errors;\n"
-                               "     --add-route: the device refused the route (0x704: user name or\n"
-                               "     password refused)\n"
+                               "     watched address was never read or is stale while the PLC answered\n"
+                               "     with ADS errors; --add-route: the device refused the route (0x704:\n"
+                               "     user name or password refused)\n"
                                "  7  --probe: the PLC answers but is not in RUN\n"
-                               "  8  --probe, --add-route: a reply that is not a well-formed answer\n"
+                               "  8  a reply that is not a well-formed answer (--probe, --add-route; driver\n"
+                               "     mode: no AMS/TCP frame at all, is it an AMS/TCP port?)\n"
                                "  9  an action did not finish within --action-timeout or was given up\n"
                                "     without an error code, or a watched address was never read (the\n"
-                               "     session ended first, or its reads timed out or came back short)\n"
+                               "     session ended first, or its reads timed out or came back short), or\n"
+                               "     a watched value is stale (reading it failed after it was last read);\n"
+                               "     --probe: stopped by a signal before the answer came\n"
                                "SIGINT and SIGTERM end a session cleanly: values, actions and figures are\n"
                                "printed and the capture ends on a whole packet; the status is as above.\n"
                                "With --json every value, action, error and the figures are one JSON object\n"
-                               "per line on standard output.";
+                               "per line on standard output, the last one {\"type\":\"exit\",...} always.";
 
 using adshost::util::jsonEscape;
 
@@ -126,16 +146,21 @@ std::string valuesJson(const adshost::Address& a, const std::vector<uint8_t>& v)
 
 std::string figuresJson(const adshost::Stats& s)
 {
-    char buf[640];
+    // No reply, no round trip: null, not 0.
+    char rtt[128] = "\"rtt_ms_min\":null,\"rtt_ms_median\":null,\"rtt_ms_max\":null";
+    if (s.rttSamples > 0)
+        std::snprintf(rtt, sizeof rtt, "\"rtt_ms_min\":%.3f,\"rtt_ms_median\":%.3f,\"rtt_ms_max\":%.3f", s.rttMinMs,
+            s.rttMedianMs, s.rttMaxMs);
+    char buf[768];
     std::snprintf(buf, sizeof buf,
         "{\"type\":\"figures\",\"requests\":%llu,\"result1\":%llu,\"result8\":%llu,\"result2\":%llu,"
-        "\"result3\":%llu,\"result0\":%llu,\"timeouts\":%llu,\"reconnects\":%llu,\"stale_bytes\":%llu,"
-        "\"changes\":%llu,\"rtt_ms_min\":%.3f,\"rtt_ms_median\":%.3f,\"rtt_ms_max\":%.3f,\"refreshes\":%llu,"
+        "\"result3\":%llu,\"result0\":%llu,\"timeouts\":%llu,\"reconnects\":%llu,\"failed_reconnects\":%llu,"
+        "\"stale_bytes\":%llu,\"changes\":%llu,%s,\"refreshes\":%llu,"
         "\"refreshes_per_s\":%.1f,\"blocks_per_refresh\":%d,\"seconds\":%.3f}",
         (unsigned long long)s.requests, (unsigned long long)s.results[1], (unsigned long long)s.results[8],
         (unsigned long long)s.results[2], (unsigned long long)s.results[3], (unsigned long long)s.results[0],
-        (unsigned long long)s.timeouts, (unsigned long long)s.reconnects, (unsigned long long)s.staleBytes,
-        (unsigned long long)s.changes, s.rttMinMs, s.rttMedianMs, s.rttMaxMs, (unsigned long long)s.fullRefreshes,
+        (unsigned long long)s.timeouts, (unsigned long long)s.reconnects, (unsigned long long)s.failedReconnects,
+        (unsigned long long)s.staleBytes, (unsigned long long)s.changes, rtt, (unsigned long long)s.fullRefreshes,
         s.refreshesPerSecond(), s.blocksPerRefresh, s.seconds);
     return buf;
 }
@@ -148,6 +173,20 @@ std::string realText(double v)
 }
 
 std::string signalName(int sig) { return sig == SIGINT ? "SIGINT" : sig == SIGTERM ? "SIGTERM" : "a signal"; }
+
+// With --json the last line is always {"type":"exit",...}, whatever ended the program (usage
+// errors included); main() prints it from what the run left here.
+struct ExitNote {
+    bool json = false;  // --json anywhere on the command line, seen before parsing
+    bool printed = false;
+    std::string reason;
+} g_exit;
+
+int finish(int status, const std::string& reason)
+{
+    g_exit.reason = reason;
+    return status;
+}
 
 // Output: human-readable lines, or one JSON object per line (--json).
 struct Out {
@@ -174,9 +213,35 @@ struct Out {
     }
 };
 
+// The panel's own AMS Net ID as the driver chose it (the PLC needs a route for it), with a
+// warning when no IPv4 address of this machine matched the PLC's Net ID: the driver then
+// sends as 0.0.0.0.1.1, for which no PLC has a route.
+void reportSourceNetId(Out& out, const adshost::Session& session, const std::string& plcNetId)
+{
+    const std::vector<std::string> parts = adshost::util::split(plcNetId, '.');
+    const std::string numbers = parts.size() >= 2 ? parts[0] + " and " + parts[1] : plcNetId;
+    const std::string netId = session.sourceNetId();
+    const std::string address = session.sourceAddress();
+    const bool matched = !address.empty() && netId.rfind("0.0.0.0.", 0) != 0;
+    std::string text = "source AMS Net ID " + netId;
+    std::string json = "{\"type\":\"source\",\"netid\":" + jsonEscape(netId) + ",\"address\":"
+        + (address.empty() ? std::string("null") : jsonEscape(address)) + ",\"matched\":" + (matched ? "true" : "false");
+    if (matched) {
+        text += " (this machine's address " + address + " contains " + numbers + ", the first two numbers of --netid)";
+    } else {
+        const std::string why = "no IPv4 address of this machine (loopback aside) contains " + numbers
+            + ", the first two numbers of --netid " + plcNetId + ": the driver sends as " + netId
+            + " and no PLC has a route for that; give the panel an address on the PLC's network";
+        text = "warning: " + text + ": " + why;
+        json += ",\"warning\":" + jsonEscape(why);
+    }
+    out.line(text, json + "}");
+}
+
 // The plugin installed beside this program (a package installs both under one prefix, which
 // need not be the one the program was built for), else the build's install location.
-std::string defaultDriver()
+// In a build tree (BUILD/tools/adshost/adshost) the plugin is BUILD/src/libads_ethernet.so.
+std::vector<std::string> driverCandidates()
 {
     std::vector<std::string> candidates;
     char self[4096];
@@ -187,24 +252,38 @@ std::string defaultDriver()
         const std::string prefix = dir.substr(0, dir.rfind('/'));
         candidates.push_back(prefix + "/" ADSHOST_LIBDIR "/libads_ethernet.so");
         candidates.push_back(prefix + "/lib/libads_ethernet.so");
+        candidates.push_back(prefix.substr(0, prefix.rfind('/')) + "/src/libads_ethernet.so");
     }
     candidates.push_back(ADSHOST_DEFAULT_DRIVER);
-    for (const std::string& c : candidates)
+    return candidates;
+}
+
+std::string defaultDriver()
+{
+    for (const std::string& c : driverCandidates())
         if (::access(c.c_str(), R_OK) == 0)
             return c;
     return std::string();
 }
 
+std::string driverNotFoundText()
+{
+    std::string t = "no driver plugin found (looked for";
+    for (const std::string& c : driverCandidates())
+        t += " " + c;
+    return t + "); give --driver PATH";
+}
+
 }  // namespace
 
-int main(int argc, char** argv)
+int adshostMain(int argc, char** argv)
 {
     const std::string prog = "adshost";
     CLI::App app(std::string(kDescription) + "\n" + adshost::discover::kCliDescription, "adshost");
     adstool::cli::prepare(app);
     app.set_help_flag("-h,--help", "print this help and exit");
     app.get_formatter()->column_width(26);
-    app.footer(kExitCodes);
+    app.footer(std::string(kExamples) + "\n" + kExitCodes);
 
     std::string driverPath, plcText, netIdText = "192.168.1.100.1.1", sourceNetIdText;
     unsigned long long amsPort = 851, cycles = 0, retries = 3, gap = 16, timeoutMs = 0, intervalMs = 0;
@@ -253,10 +332,11 @@ int main(int argc, char** argv)
            "recipe variable (word registers); with\nvalues: download them, then read back\nand compare")
         ->type_name("REG:ADDR:N[=V,..]")
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
-    app.add_option("--condition", conditionTexts, "one-shot read queued before polling")
+    app.add_option("--condition", conditionTexts,
+           "one-shot read queued before polling (word\nregisters, at most --gap words)")
         ->type_name("REG:ADDR[:N]")
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
-    app.add_option("--cycles", cycles, "poll at least N cycles")
+    app.add_option("--cycles", cycles, "poll at least N whole screen refreshes\n(every block of --watch read once)")
         ->type_name("N")
         ->check(Number(1, 1000000000000ULL, "a number of cycles"));
     app.add_option("--duration", durationS, "poll at least this long, e.g. 0.5 or 10")
@@ -276,7 +356,7 @@ int main(int argc, char** argv)
            "--timeout-ms", timeoutMs, "reply time-out (default 500; --probe: 2000;\n--discover, --add-route: 3000)")
         ->type_name("N")
         ->check(Number(1, 600000, "milliseconds"));
-    app.add_option("--interval-ms", intervalMs, "pause between polling cycles (default 0)")
+    app.add_option("--interval-ms", intervalMs, "pause after each whole screen refresh\n(default 100)")
         ->type_name("N")
         ->check(Number(0, 600000, "milliseconds"));
     app.add_option("--pcap", pcapPath, "capture every frame (Ethernet link type)")->type_name("FILE");
@@ -292,25 +372,31 @@ int main(int argc, char** argv)
 
     const int parsed = adstool::cli::parse(app, argc, argv, prog);
     if (parsed >= 0)
-        return parsed;
-    auto usage = [&](const std::string& why) { return adstool::cli::usageError(prog, why); };
+        return finish(parsed, parsed == 0 ? "help printed" : "usage error (the reason is on standard error)");
+    auto usage = [&](const std::string& why) { return finish(adstool::cli::usageError(prog, why), why); };
 
     if (version) {
+        // Without a driver it can load, --version is no success: it names what it tried.
         std::printf("adshost %s\n", ADSHOST_VERSION);
         const std::string path = driverPath.empty() ? defaultDriver() : driverPath;
-        if (!path.empty()) {
-            std::string why;
-            const std::string v = adshost::Session::pluginVersion(path, why);
-            if (!v.empty())
-                std::printf("driver %s %s\n", path.c_str(), v.c_str());
-            else
-                std::printf("driver %s: %s\n", path.c_str(), why.c_str());
+        if (path.empty()) {
+            std::printf("driver: %s\n", driverNotFoundText().c_str());
+            return finish(ExitNoConnection, driverNotFoundText());
         }
-        return 0;
+        std::string why;
+        const std::string v = adshost::Session::pluginVersion(path, why);
+        if (v.empty()) {
+            std::printf("driver %s: %s\n", path.c_str(), why.c_str());
+            return finish(ExitNoConnection, why);
+        }
+        std::printf("driver %s %s\n", path.c_str(), v.c_str());
+        return finish(ExitOk, "versions printed");
     }
     const int commissioned = adshost::discover::runCli(app, commissioning, {plcText, netIdText, timeoutMs, json});
-    if (commissioned >= 0)
+    if (commissioned >= 0) {
+        g_exit.printed = true;  // --discover and --add-route print their own exit object
         return commissioned;
+    }
     if (plcText.empty())
         return usage("--plc: needs HOST:PORT (the PLC's address and AMS/TCP port, usually 48898)");
     adstool::HostPort plc;
@@ -335,6 +421,8 @@ int main(int argc, char** argv)
         opt.udpPort = uint16_t(commissioning.udpPort);
         if (timeoutMs > 0)
             opt.timeoutMs = int(timeoutMs);
+        installSignals();  // also where SIGINT was ignored (a background job)
+        opt.interrupted = &g_signal;
         return run(opt, stdout, stderr);
     }
     if (app.count("--source-netid") > 0)
@@ -343,7 +431,7 @@ int main(int argc, char** argv)
     adshost::Config cfg;
     cfg.driverPath = driverPath.empty() ? defaultDriver() : driverPath;
     if (cfg.driverPath.empty())
-        return usage("--driver: needs the driver plugin's path (not found at " ADSHOST_DEFAULT_DRIVER ")");
+        return usage("--driver: " + driverNotFoundText());
     if (!adstool::isIpv4Address(plc.host))
         return usage("--plc: needs an IPv4 address as HOST, got '" + plc.host + "'");
     cfg.plcHost = plc.host;
@@ -352,6 +440,8 @@ int main(int argc, char** argv)
     cfg.amsPort = int(amsPort);
     cfg.retries = int(retries);
     cfg.gap = int(gap);
+    if (app.count("--interval-ms") == 0)
+        intervalMs = kDefaultIntervalMs;
     if (timeoutMs > 0)
         cfg.replyTimeoutMs = int(timeoutMs);
     if (!pcapPath.empty())
@@ -373,6 +463,9 @@ int main(int argc, char** argv)
         adshost::Write w;
         if (!adshost::parseWrite(t, w, why))
             return usage("--write: " + why);
+        const std::string refusal = adshost::writeRefusal(w, cfg.gap);
+        if (!refusal.empty())
+            return usage(refusal);
         writes.push_back(w);
     }
     for (const std::string& t : recipeTexts) {
@@ -391,6 +484,9 @@ int main(int argc, char** argv)
         adshost::Address a;
         if (!adshost::parseAddress(t, a, why))
             return usage("--condition: " + why);
+        const std::string refusal = adshost::conditionRefusal(a, cfg.gap);
+        if (!refusal.empty())
+            return usage(refusal);
         cfg.conditions.push_back(a);
     }
     cfg.writes = writes;
@@ -406,17 +502,27 @@ int main(int argc, char** argv)
     out.quiet = quiet;
     installSignals();
 
+    // Reconnecting takes seconds: say so while it happens (the first lines only).
+    int noticesLeft = 10;
+    cfg.notice = [&](const std::string& text) {
+        if (noticesLeft-- > 0)
+            out.error(text, "connection");
+    };
     adshost::Session session;
     if (!session.open(cfg, why)) {
         if (session.openFailedOnAddress())
             return usage(why);
-        std::fprintf(stderr, "adshost: %s\n", why.c_str());
-        return ExitNoConnection;
+        out.error(why, "start");
+        return finish(ExitNoConnection, why);
     }
+    out.line("driver " + cfg.driverPath + " " + session.driverVersion(),
+        "{\"type\":\"driver\",\"path\":" + jsonEscape(cfg.driverPath)
+            + ",\"version\":" + jsonEscape(session.driverVersion()) + "}");
     writes = session.writes();  // with the driver's integer addresses
+    reportSourceNetId(out, session, cfg.netId);
     if (!session.connect(why)) {
-        std::fprintf(stderr, "adshost: %s\n", why.c_str());
-        return ExitNoConnection;
+        out.error(why, "start");
+        return finish(ExitNoConnection, why);
     }
 
     const bool live = !quiet && !json && ::isatty(1);
@@ -498,7 +604,17 @@ int main(int argc, char** argv)
     });
 
     const int64_t deadline = durationS > 0 ? t0 + int64_t(durationS * 1000.0) : 0;
-    unsigned long long done = 0;
+    // --cycles counts whole screen refreshes (every read block once); without a screen there
+    // is nothing to count and the actions alone bound the session.
+    // A refresh whose reads the driver gave up counts as well (any request given up stands
+    // for one block), so that a PLC that refuses every read, or is silent, cannot hold the
+    // session forever.
+    uint64_t cyclicReadsConcluded = 0;
+    auto refreshes = [&] {
+        const uint64_t blocks = uint64_t(session.blocks());
+        return blocks > 0 ? std::max<uint64_t>(session.stats().fullRefreshes, cyclicReadsConcluded / blocks) : ~0ULL;
+    };
+    uint64_t refreshesPaused = 0;  // the refresh after which the last pause was made
     int64_t lastDraw = 0;
     uint64_t errorsTotal = 0;
     std::set<std::string> errorsShown;  // each distinct line once, ten at most
@@ -511,7 +627,7 @@ int main(int argc, char** argv)
             break;
         }
         const bool limitReached
-            = (cycles > 0 && done >= cycles) || (deadline > 0 && adshost::nowMs() >= deadline) || !haveLimit;
+            = (cycles > 0 && refreshes() >= cycles) || (deadline > 0 && adshost::nowMs() >= deadline) || !haveLimit;
         if (limitReached) {
             const bool allSettled = !anyActions || (actionsOver && session.actionsSettled());
             if (allSettled || adshost::nowMs() >= actionDeadline)
@@ -520,7 +636,8 @@ int main(int argc, char** argv)
         const adshost::Exchange& ex = session.step();
         if (session.failedForGood())
             break;
-        ++done;
+        if ((ex.cyclicRead && ex.result == 1) || ex.result == 2)
+            ++cyclicReadsConcluded;
         if (ex.result == 2) {
             ++errorsTotal;
             const std::string text = session.explain(ex);
@@ -548,15 +665,26 @@ int main(int argc, char** argv)
             for (const adshost::Address& w : session.watches()) {
                 char line[64];
                 std::snprintf(line, sizeof line, "  %-18s ", w.text().c_str());
-                screen
-                    += line + (session.everRead(w) ? valuesText(w, session.read(w)) : std::string("never read")) + "\n";
+                const adshost::Freshness f = session.freshness(w);
+                screen += line + (f.read ? valuesText(w, session.read(w)) : std::string("never read"))
+                    + (f.read && f.stale ? " (stale, read " + realText(std::round(f.ageMs / 100.0) / 10.0) + " s ago)" : "")
+                    + "\n";
             }
             screen += "\n" + session.stats().figuresLine() + "\n";
             std::fputs(screen.c_str(), stdout);
             std::fflush(stdout);
         }
-        if (intervalMs > 0)
-            std::this_thread::sleep_for(std::chrono::milliseconds(intervalMs));
+        // --interval-ms: the pause after each whole refresh of the screen, as a panel waits
+        // between screen updates; actions still pending go on without a pause.
+        const uint64_t refreshed = session.stats().fullRefreshes;
+        if (intervalMs > 0 && refreshed > refreshesPaused && session.actionsSettled()
+            && !(cycles > 0 && refreshed >= cycles)) {
+            refreshesPaused = refreshed;
+            const int64_t until = adshost::nowMs() + int64_t(intervalMs);
+            for (int64_t now = adshost::nowMs(); now < until && !g_signal && !(deadline > 0 && now >= deadline);
+                 now = adshost::nowMs())
+                std::this_thread::sleep_for(std::chrono::milliseconds(std::min<int64_t>(20, until - now)));
+        }
     }
     stopping = true;
     actions.join();
@@ -565,17 +693,28 @@ int main(int argc, char** argv)
 
     if (live)
         std::fputs("\033[H\033[2J", stdout);
-    bool neverRead = false;
+    bool neverRead = false, anyStale = false;
     auto valueLine = [&](const adshost::Address& a, const char* kind) {
-        const bool read = session.everRead(a);
+        const adshost::Freshness f = session.freshness(a);
+        const bool read = f.read;
         neverRead = neverRead || !read;
+        anyStale = anyStale || (read && f.stale);
         if (quiet && !json)
             return;
         const std::vector<uint8_t> v = session.read(a);
-        out.line("value " + a.text() + " = " + (read ? valuesText(a, v) : std::string("never read"))
-                + (std::strcmp(kind, "watch") ? std::string(" (") + kind + ")" : std::string()),
+        std::string note;
+        if (std::strcmp(kind, "watch"))
+            note += std::string(" (") + kind + ")";
+        if (read && f.stale)
+            note += " (stale: read " + realText(std::round(f.ageMs / 100.0) / 10.0)
+                + " s ago, reading it failed since)";
+        char age[32];
+        std::snprintf(age, sizeof age, "%.0f", f.ageMs);
+        out.line("value " + a.text() + " = " + (read ? valuesText(a, v) : std::string("never read")) + note,
             "{\"type\":\"value\",\"address\":" + jsonEscape(a.text()) + ",\"kind\":" + jsonEscape(kind)
-                + ",\"read\":" + (read ? "true" : "false") + ",\"values\":" + (read ? valuesJson(a, v) : "null") + "}");
+                + ",\"read\":" + (read ? "true" : "false") + ",\"values\":" + (read ? valuesJson(a, v) : "null")
+                + ",\"stale\":" + (read && f.stale ? "true" : "false") + ",\"age_ms\":" + (read ? age : "null")
+                + "}");
     };
     for (const adshost::Address& a : session.watches())
         valueLine(a, "watch");
@@ -692,6 +831,16 @@ int main(int argc, char** argv)
         status = ExitAmsError;
         reason = fatal.message;
         out.error("stopped: " + reason, "ams error");
+    } else if (fatal.kind == adshost::Fatal::NotAms) {
+        status = ExitBadReply;
+        reason = fatal.message;
+        out.error("stopped: " + reason, "not ams");
+    } else if (stats.requests > 0 && !session.answered() && !session.handshakeDone()) {
+        // Nothing came back at all, however short the session: the same diagnosis as when
+        // the driver gives up.
+        status = ExitNoAnswer;
+        reason = session.noAnswerText();
+        out.error("stopped: " + reason, "no answer");
     } else if (anyFailedAms) {
         status = ExitAmsError;
         reason = "an action failed with an AMS error";
@@ -705,12 +854,24 @@ int main(int argc, char** argv)
         // A value the PLC never sent is no success, whether reads failed or time ran out.
         status = adsErrorSeen ? ExitAdsError : ExitUnfinished;
         reason = "a watched address was never read";
+    } else if (anyStale) {
+        // Reads that stopped succeeding are no success either: the values shown are old.
+        status = adsErrorSeen ? ExitAdsError : ExitUnfinished;
+        reason = "a watched value is stale: reading it failed after it was last read";
     } else if (!session.handshakeDone()) {
         status = ExitUnfinished;
         reason = "the driver's handshake was not answered";
     }
-    if (json)
-        std::printf("{\"type\":\"exit\",\"status\":%d,\"reason\":%s}\n", status, jsonEscape(reason).c_str());
+    return finish(status, reason);
+}
+
+int main(int argc, char** argv)
+{
+    for (int i = 1; i < argc && std::strcmp(argv[i], "--") != 0; ++i)
+        g_exit.json = g_exit.json || std::strcmp(argv[i], "--json") == 0;
+    const int status = adshostMain(argc, argv);
+    if (g_exit.json && !g_exit.printed)
+        std::printf("{\"type\":\"exit\",\"status\":%d,\"reason\":%s}\n", status, jsonEscape(g_exit.reason).c_str());
     std::fflush(stdout);
     return status;
 }

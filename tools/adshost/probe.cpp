@@ -7,6 +7,8 @@
 #include "adstool/le.h"
 #include "adstool/netid.h"
 
+#include <algorithm>
+
 #include <arpa/inet.h>
 #include <ifaddrs.h>
 #include <netdb.h>
@@ -197,9 +199,16 @@ public:
                 pollfd p {fd_, POLLOUT, 0};
                 int r = 0;
                 const int64_t deadline = nowMs() + timeoutMs;
-                for (int guard = 0; guard < 1000; ++guard) {
+                // In slices, so that a signal (Ctrl-C) ends the wait at once.
+                for (int guard = 0; guard < 100000; ++guard) {
+                    if (stopRequested()) {
+                        why = "stopped by a signal while connecting to " + where;
+                        return ExitUnfinished;
+                    }
                     const int64_t left = deadline - nowMs();
-                    r = left > 0 ? ::poll(&p, 1, int(left)) : 0;
+                    r = left > 0 ? ::poll(&p, 1, int(std::min<int64_t>(left, kSliceMs))) : 0;
+                    if (r == 0 && left > kSliceMs)
+                        continue;
                     if (!(r < 0 && errno == EINTR))
                         break;
                 }
@@ -229,7 +238,11 @@ public:
         return adstool::sendAll(fd_, v.data(), v.size(), adstool::Deadline(timeoutMs)) == adstool::IoStatus::Ok;
     }
 
-    enum Read { Ok, TimedOut, Closed };
+    const volatile sig_atomic_t* interrupted = nullptr;  // set by a signal handler: stop waiting
+    bool stopRequested() const { return interrupted && *interrupted; }
+    static constexpr int64_t kSliceMs = 50;
+
+    enum Read { Ok, TimedOut, Closed, Interrupted };
     // Exactly n more bytes into out, or time-out / close.
     Read readExact(size_t n, std::vector<uint8_t>& out, int64_t deadline)
     {
@@ -237,10 +250,16 @@ public:
         out.resize(at + n);
         // Byte by byte up to what arrived, so that a reply cut short shows how far it got.
         size_t got = 0;
-        const adstool::Deadline d = adstool::Deadline::at(deadline);
         while (got < n) {
+            if (stopRequested()) {
+                out.resize(at + got);
+                return Interrupted;
+            }
             size_t k = 0;
-            const adstool::IoStatus st = adstool::recvSome(fd_, out.data() + at + got, n - got, k, d);
+            const adstool::Deadline slice = adstool::Deadline::at(std::min(deadline, nowMs() + kSliceMs));
+            const adstool::IoStatus st = adstool::recvSome(fd_, out.data() + at + got, n - got, k, slice);
+            if (st == adstool::IoStatus::TimedOut && nowMs() < deadline)
+                continue;
             if (st != adstool::IoStatus::Ok) {
                 out.resize(at + got);
                 return st == adstool::IoStatus::TimedOut ? TimedOut : Closed;
@@ -307,6 +326,7 @@ private:
         if (!chooseSource())
             return ExitUsage;
         std::string why;
+        link.interrupted = opt.interrupted;
         const int c = link.connect(opt.host, opt.port, opt.timeoutMs, why);
         if (c != 0)
             return fail(c, why);
@@ -403,6 +423,8 @@ private:
         for (int frames = 0; frames < 64; ++frames) {
             std::vector<uint8_t> f;
             Link::Read r = link.readExact(kTcpHeader, f, deadline);
+            if (r == Link::Interrupted)
+                return fail(ExitUnfinished, "stopped by a signal while waiting for the answer to " + what);
             if (r == Link::TimedOut && f.empty())
                 return fail(ExitNoAnswer,
                     "connected, but no answer: the PLC most likely has no route for this "
@@ -426,6 +448,8 @@ private:
                 return fail(ExitBadReply,
                     "the answer to " + what + " has an AMS/TCP length of " + std::to_string(len) + " bytes");
             r = link.readExact(len, f, deadline);
+            if (r == Link::Interrupted)
+                return fail(ExitUnfinished, "stopped by a signal while waiting for the answer to " + what);
             if (r != Link::Ok)
                 return fail(ExitBadReply,
                     "the answer to " + what + " broke off after " + std::to_string(f.size()) + " of "

@@ -5,6 +5,7 @@
 // says in one line what is wrong when the PLC does not answer as it should.
 #pragma once
 
+#include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <string>
@@ -34,6 +35,8 @@ struct Options {
     int amsPort = 851;
     std::string sourceNetId;  // empty: found as the driver finds it
     int timeoutMs = 2000;     // connect time-out and reply time-out
+    // Set (by a signal handler) to stop waiting at once: the probe ends with ExitUnfinished.
+    const volatile sig_atomic_t* interrupted = nullptr;
     uint16_t udpPort = 48899;  // the device's UDP service, asked when the probe finds no route or no Net ID
 };
 

@@ -55,6 +55,8 @@ const char* kHelp = "Usage: plcsim --listen ADDR:PORT [options]\n"
                     "  --delay MS             delay of the delay fault (default 300)\n"
                     "  --split-pause MS       pause between the halves of a split reply (20)\n"
                     "  --no-program           keep the memory still (no simulated program)\n"
+                    "  --log-data             log lines of reads and writes carry the bytes\n"
+                    "                         (data=HEX)\n"
                     "  --one-connection-per-peer  a new connection from an address closes the\n"
                     "                         older one from that address (as a real PLC does)\n"
                     "  --log FILE             request log, one line per frame ('-' = stderr)\n"
@@ -563,7 +565,7 @@ int main(int argc, char** argv)
     std::string listenArg, controlArg, logArg, portFile, netIdArg, portsArg;
     std::vector<std::string> routeArgs, faultArgs;
     unsigned long long seed = 1, faultCode = ErrServiceNotSupported, delayMs = 300, splitPauseMs = 20;
-    bool noProgram = false, version = false;
+    bool noProgram = false, version = false, logData = false;
     unsigned long long udpPort = adstool::udp::kDefaultPort;
     std::string routeFile, passwordFile, runtimeArg, osPlatformArg, osVersionArg;
 
@@ -596,6 +598,7 @@ int main(int argc, char** argv)
     app.add_option("--delay", delayMs)->check(Number(0, 60000, "milliseconds"));
     app.add_option("--split-pause", splitPauseMs)->check(Number(0, 60000, "milliseconds"));
     app.add_flag("--no-program", noProgram);
+    app.add_flag("--log-data", logData);
     app.add_flag("--one-connection-per-peer", srv.onePerPeer);
     app.add_option("--log", logArg);
     app.add_option("--port-file", portFile);
@@ -691,6 +694,7 @@ int main(int argc, char** argv)
     srv.plc.setDelayMs(int(delayMs));
     srv.plc.setSplitPauseMs(int(splitPauseMs));
     srv.program = !noProgram;
+    srv.plc.setLogData(logData);
     srv.plc.setSeed(seed);
     if (listenArg.empty())
         return usage("--listen ADDR:PORT is required");
@@ -750,6 +754,14 @@ int main(int argc, char** argv)
     sigaction(SIGINT, &sa, nullptr);
     signal(SIGPIPE, SIG_IGN);
 
+    // The port file first: a plcsim that cannot write it has not started, and says nothing
+    // of listening.
+    if (!portFile.empty()
+        && !writePortFile(portFile, ntohs(bound.sin_port), srv.controlFd >= 0 ? ntohs(cbound.sin_port) : 0,
+            srv.plc.netId(), srv.udpService ? srv.udp.port() : 0)) {
+        std::fprintf(stderr, "plcsim: --port-file: cannot write %s: %s\n", portFile.c_str(), std::strerror(errno));
+        return 1;
+    }
     std::printf("listening on %s\n", sockaddrText(bound).c_str());
     if (srv.controlFd >= 0)
         std::printf("control on %s\n", sockaddrText(cbound).c_str());
@@ -769,15 +781,11 @@ int main(int argc, char** argv)
             stderr, "plcsim: warning: UDP service off: %s (give --udp-port 0 for a free port)\n", udpWarning.c_str());
     }
     std::fflush(stdout);
-    if (!portFile.empty()
-        && !writePortFile(portFile, ntohs(bound.sin_port), srv.controlFd >= 0 ? ntohs(cbound.sin_port) : 0,
-            srv.plc.netId(), srv.udpService ? srv.udp.port() : 0)) {
-        std::fprintf(stderr, "plcsim: cannot write the port file %s: %s\n", portFile.c_str(), std::strerror(errno));
-        return 1;
-    }
     srv.log(std::string(kVersion) + " listening on " + sockaddrText(bound) + " as " + srv.plc.netId().str());
 
     const int rc = srv.run();
+    if (!portFile.empty())
+        std::remove(portFile.c_str());  // its ports are closed now
     srv.log("stopped");
     if (srv.logFile && srv.logFile != stderr)
         std::fclose(srv.logFile);

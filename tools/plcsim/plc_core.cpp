@@ -1,5 +1,7 @@
 #include "plc_core.h"
 
+#include "adstool/hex.h"
+
 #include <cctype>
 #include <cmath>
 #include <cstdio>
@@ -454,6 +456,9 @@ std::vector<uint8_t> Plc::handleAds(const uint8_t* f, size_t len, uint32_t bodyL
         amsError = ErrServiceNotSupported;
         line << " -> ams-error=0x701 (service not supported)";
     } else if (fault == Fault::AdsError) {
+        // Not carried out; the span is still logged, so the log says which bytes were refused.
+        if ((cmd == CmdRead || cmd == CmdWrite) && n >= 12)
+            line << " group=" << hex(getU32(d)) << " offset=" << getU32(d + 4) << " length=" << getU32(d + 8);
         result = faultErrorCode_;
         data = errorData(result);
     } else if (handshakePort && cmd != CmdAddNotification) {
@@ -483,6 +488,8 @@ std::vector<uint8_t> Plc::handleAds(const uint8_t* f, size_t len, uint32_t bodyL
             putU32(data, l);
             const uint8_t* m = memory(g) + o;
             data.insert(data.end(), m, m + l);
+            if (logData_)
+                line << " data=" << adstool::toHex(std::vector<uint8_t>(m, m + l));
             break;
         }
         case CmdWrite: {
@@ -499,6 +506,8 @@ std::vector<uint8_t> Plc::handleAds(const uint8_t* f, size_t len, uint32_t bodyL
             if ((result = checkRange(g, o, l)))
                 break;
             std::memcpy(memory(g) + o, d + 12, l);
+            if (logData_)
+                line << " data=" << adstool::toHex(std::vector<uint8_t>(d + 12, d + 12 + l));
             break;
         }
         case CmdReadState:

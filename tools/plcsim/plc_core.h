@@ -128,6 +128,9 @@ public:
 
     // The request log: one line per frame (command, group, offset, length, result).
     void setLogSink(std::function<void(const std::string&)> sink) { log_ = std::move(sink); }
+    // Log lines of reads and writes carry the bytes read or written ("data=HEX"), for tests
+    // that hold a host's claims against what the PLC held.
+    void setLogData(bool on) { logData_ = on; }
 
 private:
     std::vector<uint8_t> handleAds(const uint8_t* f, size_t len, uint32_t bodyLen, bool fixedUp);
@@ -156,6 +159,7 @@ private:
 
     Counters counters_;
     std::function<void(const std::string&)> log_;
+    bool logData_ = false;
 };
 
 // Helpers for tests and tools: build request frames and parse frames.
