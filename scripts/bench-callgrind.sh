@@ -26,10 +26,12 @@
 #
 # --session: the whole session, host and driver together: adshost (tools/adshost) polls a
 # 400-byte screen (--watch M_W:0:200, one read block) against plcsim on 127.0.0.1; plcsim runs
-# natively, adshost under callgrind, twice (SESSION_CYCLES, default "6000 12000" requests: both
-# past the first 4096, after which the host's record of exchanges is full and reused). The
+# natively, adshost (--interval-ms 0: polling flat out) under callgrind, twice (SESSION_CYCLES,
+# default "6000 12000" --cycles, i.e. whole refreshes of the screen: both runs past the first
+# 4096 requests, after which the host's record of exchanges is full and reused). The
 # instructions per request after start-up are the difference of the two totals divided by the
-# difference of the requests; start-up, the handshake and the end are the same in both runs.
+# difference of the requests (adshost's figures line); start-up, the handshake and the end are
+# the same in both runs.
 # SESSION_WATCH changes the screen; ANNOTATE=1 prints the top functions inside
 # Session::step (a third run that collects only there), per request.
 set -euo pipefail
@@ -61,25 +63,28 @@ if [ "${1:-}" = --session ]; then
   read -r -a cycles <<<"${SESSION_CYCLES:-6000 12000}"
   [ "${#cycles[@]}" = 2 ] && [ "${cycles[1]}" -gt "${cycles[0]}" ] ||
     { echo "SESSION_CYCLES takes two counts, the second larger" >&2; exit 2; }
-  session() {  # session CYCLES OUTFILE [callgrind options...]: prints the total instructions
+  session() {  # session CYCLES OUTFILE [callgrind options...]: prints the total instructions and the requests
     local n=$1 file=$2; shift 2
     valgrind --tool=callgrind --callgrind-out-file="$file" "$@" "$adshost" --driver "$plugin" \
-      --plc "127.0.0.1:$port" --watch "$watch" --cycles "$n" --quiet >"$file.log" 2>&1 ||
+      --plc "127.0.0.1:$port" --watch "$watch" --cycles "$n" --interval-ms 0 --quiet >"$file.log" 2>&1 ||
       { echo "adshost under callgrind failed:" >&2; cat "$file.log" >&2; exit 1; }
-    awk '/^totals:/ {t = $2} /^summary:/ {s = $2} END {print (t != "" ? t : s)}' "$file"
+    local requests
+    requests=$(sed -n 's/^figures: requests=\([0-9]*\).*/\1/p' "$file.log" | tail -n1)
+    [ -n "$requests" ] || { echo "no figures line from adshost:" >&2; cat "$file.log" >&2; exit 1; }
+    echo "$(awk '/^totals:/ {t = $2} /^summary:/ {s = $2} END {print (t != "" ? t : s)}' "$file") $requests"
   }
-  i1=$(session "${cycles[0]}" "$out/callgrind.out.session1")
-  i2=$(session "${cycles[1]}" "$out/callgrind.out.session2")
-  per=$(( (i2 - i1) / (cycles[1] - cycles[0]) ))
+  read -r i1 r1 <<<"$(session "${cycles[0]}" "$out/callgrind.out.session1")"
+  read -r i2 r2 <<<"$(session "${cycles[1]}" "$out/callgrind.out.session2")"
+  per=$(( (i2 - i1) / (r2 - r1) ))
   echo "adshost: $adshost, screen --watch $watch, plcsim on 127.0.0.1:$port"
   printf 'session %-26s %12d instructions per request (host and driver; %s requests: %d, %s requests: %d)\n' \
-    "$watch" "$per" "${cycles[0]}" "$i1" "${cycles[1]}" "$i2"
+    "$watch" "$per" "$r1" "$i1" "$r2" "$i2"
   if [ "${ANNOTATE:-0}" = 1 ]; then
     file=$out/callgrind.out.step
-    session "${cycles[1]}" "$file" --toggle-collect='adshost::Session::step*' >/dev/null
-    echo "inside Session::step, per request (inclusive; ${cycles[1]} requests):"
+    read -r _ n <<<"$(session "${cycles[1]}" "$file" --toggle-collect='adshost::Session::step*')"
+    echo "inside Session::step, per request (inclusive; $n requests):"
     callgrind_annotate --inclusive=yes "$file" 2>/dev/null | sed -n '/^Ir/,$p' | sed -n '3,40p' |
-      awk -v n="${cycles[1]}" '{ v = $1; gsub(/,/, "", v); if (v + 0 > 0) printf "%10.0f  %s\n", v / n, substr($0, index($0, $2)) }'
+      awk -v n="$n" '{ v = $1; gsub(/,/, "", v); if (v + 0 > 0) printf "%10.0f  %s\n", v / n, substr($0, index($0, $2)) }'
   fi
   [ "${KEEP:-0}" = 1 ] && echo "callgrind output kept in $out"
   exit 0

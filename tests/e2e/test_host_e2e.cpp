@@ -682,6 +682,8 @@ TEST_F(HostE2E, KeepsTheNewest4096ExchangesAndReusesTheStepsExchange)
         ASSERT_EQ(kept[i].varAddress, addresses[addresses.size() - kept.size() + i]) << i;
     EXPECT_EQ(session->requestsSent(), 5002u);
     EXPECT_EQ(session->stats().requests, 5002u);
+    EXPECT_GE(session->fullRefreshes(), 2400u);  // two blocks per refresh
+    EXPECT_EQ(session->fullRefreshes(), session->stats().fullRefreshes);
 }
 
 // What step() hands out after a cycle that sent nothing carries nothing of the cycle before.

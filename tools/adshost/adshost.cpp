@@ -1663,4 +1663,10 @@ uint64_t Session::requestsSent()
     return d->stats.requests;
 }
 
+uint64_t Session::fullRefreshes()
+{
+    std::lock_guard<std::mutex> g(d->lock);
+    return d->stats.fullRefreshes;
+}
+
 }  // namespace adshost

@@ -319,6 +319,7 @@ public:
     std::vector<Exchange> exchanges();
     Stats stats();  // the round-trip median is over the newest 65536 round trips
     uint64_t requestsSent();  // stats().requests without the figures (cheap: for loops)
+    uint64_t fullRefreshes();  // stats().fullRefreshes without the figures (cheap: for loops)
     // Driver error texts of results 2 (the newest 4096), newest last.
     std::vector<std::string> errorTexts();
     int blocks() const;

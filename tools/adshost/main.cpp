@@ -550,7 +550,7 @@ int adshostMain(int argc, char** argv)
         };
         // The screen first: after the handshake, once every block has been read.
         if (!waitUntil([&] {
-                return session.handshakeDone() && (session.blocks() == 0 || session.stats().fullRefreshes >= 1);
+                return session.handshakeDone() && (session.blocks() == 0 || session.fullRefreshes() >= 1);
             }))
             return;  // never handed over: reported as not finished
         std::vector<int> ids;
@@ -612,7 +612,7 @@ int adshostMain(int argc, char** argv)
     uint64_t cyclicReadsConcluded = 0;
     auto refreshes = [&] {
         const uint64_t blocks = uint64_t(session.blocks());
-        return blocks > 0 ? std::max<uint64_t>(session.stats().fullRefreshes, cyclicReadsConcluded / blocks) : ~0ULL;
+        return blocks > 0 ? std::max<uint64_t>(session.fullRefreshes(), cyclicReadsConcluded / blocks) : ~0ULL;
     };
     uint64_t refreshesPaused = 0;  // the refresh after which the last pause was made
     int64_t lastDraw = 0;
@@ -676,7 +676,7 @@ int adshostMain(int argc, char** argv)
         }
         // --interval-ms: the pause after each whole refresh of the screen, as a panel waits
         // between screen updates; actions still pending go on without a pause.
-        const uint64_t refreshed = session.stats().fullRefreshes;
+        const uint64_t refreshed = session.fullRefreshes();
         if (intervalMs > 0 && refreshed > refreshesPaused && session.actionsSettled()
             && !(cycles > 0 && refreshed >= cycles)) {
             refreshesPaused = refreshed;
