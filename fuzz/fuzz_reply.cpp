@@ -21,7 +21,8 @@
 //            5    bit write: register, keyNo, address (2), count; then count data bytes
 //            6    condition read: register, keyNo, address (2), length, kind
 //            7    recipe flags: bits 0-1 the write flag, bits 2-3 the read flag
-// fuzz/make_corpus.py writes seeds in this layout with real ADS replies inside.
+// fuzz/make_driver_seeds.cpp writes the seeds in this layout, with the replies of the simulator
+// (tools/plcsim) inside.
 #include "ads_ethernet.h"
 
 #include <QtCore/QByteArray>
