@@ -91,6 +91,7 @@ set terminal pngcairo size 900,760 font "DejaVu Sans,11" noenhanced
 set output "$fig/endurance_memory.png"
 set multiplot layout 2,1 title "Endurance run (5 % of every fault kind, a writing thread)"
 set autoscale xfix
+set format x "%.1f"
 set xlabel "requests (millions)"
 set ylabel "resident memory (MiB)"
 set yrange [0:*]
