@@ -35,6 +35,10 @@ Bytes operator+(Bytes a, const Bytes& b)
     a.insert(a.end(), b.begin(), b.end());
     return a;
 }
+// The same, for the seeds made of the simulator's replies: the operands of << are evaluated
+// left to right (those of + in any order), and each reply changes the simulator (invoke id,
+// memory), so that the bytes do not depend on the compiler.
+Bytes operator<<(Bytes a, const Bytes& b) { return std::move(a) + b; }
 
 Bytes le16(unsigned v) { return {uint8_t(v & 0xFF), uint8_t((v >> 8) & 0xFF)}; }
 
@@ -134,40 +138,40 @@ Seeds replySeeds()
     uint8_t* m = plc.memory(M);
     m[10] = 0x34, m[11] = 0x12, m[12] = 0x08;
     Seeds s;
-    s.push_back({"handshake_46", header(screen) + reply(plc.handshake())});
-    s.push_back({"handshake_long", header(screen) + reply(plc.handshake(Fault::Long))});
-    s.push_back({"handshake_short", header(screen) + reply(plc.handshake(Fault::Short))});
-    s.push_back({"handshake_1024", header(screen) + wellFormed(2) + reply(plc.handshake())});
-    s.push_back({"read_50", header(screen) + reply(plc.handshake()) + reply(plc.read(M, 10, 4)) + [&] {
+    s.push_back({"handshake_46", header(screen) << reply(plc.handshake())});
+    s.push_back({"handshake_long", header(screen) << reply(plc.handshake(Fault::Long))});
+    s.push_back({"handshake_short", header(screen) << reply(plc.handshake(Fault::Short))});
+    s.push_back({"handshake_1024", header(screen) << wellFormed(2) << reply(plc.handshake())});
+    s.push_back({"read_50", header(screen) << reply(plc.handshake()) << reply(plc.read(M, 10, 4)) << [&] {
         m[10] = 0x35, m[12] = 0;
         return reply(plc.read(M, 10, 4));
     }()});
-    s.push_back({"read_short_long", header(screen) + reply(plc.handshake()) + reply(plc.read(M, 10, 4, Fault::Short))
-            + reply(plc.read(M, 10, 4, Fault::Long)) + reply(plc.read(M, 10, 4))});
+    s.push_back({"read_short_long", header(screen) << reply(plc.handshake()) << reply(plc.read(M, 10, 4, Fault::Short))
+            << reply(plc.read(M, 10, 4, Fault::Long)) << reply(plc.read(M, 10, 4))});
     for (unsigned i = 0; i < 128; ++i)
         m[i] = uint8_t(i);
-    s.push_back({"read_128", header({key(kMW, 1, 0, 63)}) + reply(plc.handshake()) + reply(plc.read(M, 0, 128))});
-    s.push_back({"write_42", header(screen) + reply(plc.handshake()) + writeWords(kMW, 0, 10, {0x34, 0x12})
-            + reply(plc.write(M, 10, {0x34, 0x12})) + reply(plc.read(M, 10, 4))});
+    s.push_back({"read_128", header({key(kMW, 1, 0, 63)}) << reply(plc.handshake()) << reply(plc.read(M, 0, 128))});
+    s.push_back({"write_42", header(screen) << reply(plc.handshake()) << writeWords(kMW, 0, 10, {0x34, 0x12})
+            << reply(plc.write(M, 10, {0x34, 0x12})) << reply(plc.read(M, 10, 4))});
     // M_bit 83 is byte 10, bit 3: the driver reads the byte, then writes it back.
-    s.push_back({"bit_write", header(screen) + reply(plc.handshake()) + writeBits(kMbit, 0, 83, {1})
-            + reply(plc.read(M, 10, 1)) + reply(plc.write(M, 10, {uint8_t(m[10] | 8)}))});
+    s.push_back({"bit_write", header(screen) << reply(plc.handshake()) << writeBits(kMbit, 0, 83, {1})
+            << reply(plc.read(M, 10, 1)) << reply(plc.write(M, 10, {uint8_t(m[10] | 8)}))});
     plc.setErrorCode(plcsim::ErrServiceNotSupported);
-    Bytes refused = reply(plc.read(M, 10, 4, Fault::AdsError)) + reply(plc.read(0x1234, 10, 4));
+    Bytes refused = reply(plc.read(M, 10, 4, Fault::AdsError)) << reply(plc.read(0x1234, 10, 4));
     plc.setErrorCode(plcsim::ErrInvalidSize);
-    s.push_back({"ads_error", header(screen) + reply(plc.handshake()) + refused + reply(plc.read(M, 10, 4, Fault::AdsError))});
-    s.push_back({"write_error", header(screen, {}, 2) + reply(plc.handshake()) + writeWords(kMW, 0, 10, {0x01, 0x02})
-            + reply(plc.write(M, 10, {0x01, 0x02}, Fault::Short)) + reply(plc.write(M, 10, {0x01, 0x02}, Fault::AdsError))});
+    s.push_back({"ads_error", header(screen) << reply(plc.handshake()) << refused << reply(plc.read(M, 10, 4, Fault::AdsError))});
+    s.push_back({"write_error", header(screen, {}, 2) << reply(plc.handshake()) << writeWords(kMW, 0, 10, {0x01, 0x02})
+            << reply(plc.write(M, 10, {0x01, 0x02}, Fault::Short)) << reply(plc.write(M, 10, {0x01, 0x02}, Fault::AdsError))});
     uint8_t* q = plc.memory(Q);
     q[200] = 9, q[201] = 8, q[202] = 7, q[203] = 6;
-    s.push_back({"condition_read", header(screen) + reply(plc.handshake()) + conditionRead(kQW, 0, 100, 1)
-            + reply(plc.read(Q, 200, 4))});
-    s.push_back({"recipe", header(screen, {recipe(kMW, 0, 0, 1, 0), recipe(kMW, 0, 4, 1, 1)}) + reply(plc.handshake())
-            + recipeFlags(1, 0) + reply(plc.write(M, 0, {1, 2, 3, 4})) + recipeFlags(0, 1) + reply(plc.read(M, 0, 8))});
+    s.push_back({"condition_read", header(screen) << reply(plc.handshake()) << conditionRead(kQW, 0, 100, 1)
+            << reply(plc.read(Q, 200, 4))});
+    s.push_back({"recipe", header(screen, {recipe(kMW, 0, 0, 1, 0), recipe(kMW, 0, 4, 1, 1)}) << reply(plc.handshake())
+            << recipeFlags(1, 0) << reply(plc.write(M, 0, {1, 2, 3, 4})) << recipeFlags(0, 1) << reply(plc.read(M, 0, 8))});
     s.push_back({"well_formed_mix", header({key(kMW, 0, 10, 1), key(kMbit, 0, 12, 3), key(kQW, 0, 200, 0), key(kIbit, 2, 3, 9)},
                                         {}, 3, 4)
-            + wellFormed(1) + wellFormed(1, Bytes(40, 0x5A)) + timeout() + wellFormed(1)
-            + writeWords(3, 0, 40, {1, 2, 3, 4}) + wellFormed(1) + wellFormed(1)});
+            << wellFormed(1) << wellFormed(1, Bytes(40, 0x5A)) << timeout() << wellFormed(1)
+            << writeWords(3, 0, 40, {1, 2, 3, 4}) << wellFormed(1) << wellFormed(1)});
     return s;
 }
 
@@ -265,7 +269,9 @@ int main(int argc, char** argv)
         return 2;
     }
     const int first = check ? 2 : 1;
-    const bool ok = handle(replySeeds(), argv[first], check) & handle(addressSeeds(), argv[first + 1], check);
+    const bool replyOk = handle(replySeeds(), argv[first], check);
+    const bool addressOk = handle(addressSeeds(), argv[first + 1], check);
+    const bool ok = replyOk && addressOk;
     if (ok)
         std::printf("make_driver_seeds: %s\n", check ? "the committed seeds are current" : "seeds written");
     return ok ? 0 : 1;
