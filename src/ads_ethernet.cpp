@@ -44,8 +44,8 @@ void putLe32(unsigned char* p, unsigned int v)
     p[3] = static_cast<unsigned char>((v >> 24) & 0xFF);
 }
 
-/* A FRAME_PRO with every byte and field zero (the var's text empty). */
-void clearFrame(FRAME_PRO& f)
+/* A FRAME_PRO's frame bytes and fields zero; its var as it was. */
+void clearFrameBytes(FRAME_PRO& f)
 {
     memset(f.frame, 0, sizeof(f.frame));
     f.sendLen = 0;
@@ -53,6 +53,12 @@ void clearFrame(FRAME_PRO& f)
     f.dataStart = 0;
     f.readLen = 0;
     f.spareField = 0;
+}
+
+/* A FRAME_PRO with every byte and field zero (the var's text empty). */
+void clearFrame(FRAME_PRO& f)
+{
+    clearFrameBytes(f);
     f.var.kind = 0;
     f.var.keyNo = 0;
     f.var.regName = QString();
@@ -89,7 +95,7 @@ void fillAmsHeader(unsigned char* f, unsigned short targetPort, unsigned short s
     putLe32(f + 34, invokeId);
 }
 
-bool endsWithBit(const QString& regName) { return regName.right(4) == QLatin1String("_bit"); }
+bool endsWithBit(const QString& regName) { return regName.endsWith(QLatin1String("_bit")); }
 
 /* The register a request names, and the bytes it covers. A bit item is read and written
  * as the whole bytes that hold its bits, from the word register of the same area. */
@@ -115,15 +121,32 @@ unsigned int indexGroupOf(const QString& reg) { return ruleOf(reg).indexGroup; }
 
 namespace drv {
 
-FRAME_PRO& appendFrame()
+namespace {
+/* The last node of frameList: the parked one when the list is empty, else a new one. Its
+ * contents are whatever they were. */
+FRAME_PRO& appendNode()
 {
     QList<FRAME_PRO>& list = driver.frameList;
     if (list.isEmpty() && !parkedFrames.isEmpty())
         list.swap(parkedFrames);
     else
         list.append(FRAME_PRO());
-    FRAME_PRO& frame = *(list.end() - 1);
+    return *(list.end() - 1);
+}
+}  // namespace
+
+FRAME_PRO& appendFrame()
+{
+    FRAME_PRO& frame = appendNode();
     clearFrame(frame);
+    return frame;
+}
+
+FRAME_PRO& appendFrame(const VARIABLE& var)
+{
+    FRAME_PRO& frame = appendNode();
+    clearFrameBytes(frame);
+    copyVariable(frame.var, var);
     return frame;
 }
 
@@ -213,7 +236,7 @@ int getReadFrame(QList<VARIABLE> list)
     int byteCount = 0;
     requestSpan(v, reg, byteAddress, byteCount);
 
-    FRAME_PRO& fp = appendFrame();
+    FRAME_PRO& fp = appendFrame(v);
     unsigned char* f = fp.frame;
     fillAmsHeader(f, static_cast<unsigned short>(driver.targetAmsPort), kRequestSourcePort, kCmdRead, 0);
     putLe32(f + 2, 44);
@@ -226,7 +249,6 @@ int getReadFrame(QList<VARIABLE> list)
         = static_cast<int>(static_cast<unsigned int>(kReadReplyDataStart) + static_cast<unsigned int>(byteCount));
     fp.dataStart = kReadReplyDataStart;
     fp.readLen = byteCount;
-    copyVariable(fp.var, v);
     return 1;
 }
 
@@ -264,7 +286,7 @@ void getWriteFrame(VARIABLE& var)
         one.append(var);
         getReadFrame(one);
     }
-    FRAME_PRO& fp = appendFrame();
+    FRAME_PRO& fp = appendFrame(var);
     unsigned char* f = fp.frame;
     if (!bitWrite && byteCount > 0) {
         /* The copy stops at the end of the 1024-byte frame. */
@@ -287,7 +309,6 @@ void getWriteFrame(VARIABLE& var)
     fp.recvLen = 42;
     fp.dataStart = kWriteDataStart;
     fp.readLen = 0;
-    copyVariable(fp.var, var);
 }
 
 /* ---------------------------------------------------------------- address conversions */

@@ -57,10 +57,8 @@ const RegisterRule REGISTER_RULES[7] = {
 
 int getIndexFromRegName(QString regName)
 {
-    for (int i = 0; i < 6; ++i)
-        if (REG_LIST[i] == regName)
-            return i;
-    return -1;
+    RegisterRow row = registerRow(regName);
+    return row == kRowSpare ? -1 : static_cast<int>(row);
 }
 
 int getRegAddressWeight(int keyNo, QString regName, int address, int spare)
