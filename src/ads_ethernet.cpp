@@ -11,6 +11,7 @@
 
 #include <QtCore/QStringList>
 
+#include <stdio.h>
 #include <string.h>
 
 using namespace drv;
@@ -330,11 +331,55 @@ int addr_str2int(QString text, QString regName)
     return static_cast<int>(static_cast<unsigned int>(byteNo) * 8u + static_cast<unsigned int>(bitNo));
 }
 
+namespace drv {
+
+int appendDecimal(char* buf, int n, long long v)
+{
+    char digits[24];
+    int count = 0;
+    unsigned long long u = v < 0 ? 0ULL - static_cast<unsigned long long>(v) : static_cast<unsigned long long>(v);
+    do {
+        digits[count++] = static_cast<char>('0' + u % 10);
+        u /= 10;
+    } while (u != 0);
+    if (v < 0)
+        buf[n++] = '-';
+    while (count > 0)
+        buf[n++] = digits[--count];
+    return n;
+}
+
+int formatAddress(char* buf, int address, const QString& regName, const QString& format)
+{
+    bool mixed = false;
+    for (int i = 1; i < format.size(); ++i)
+        if (format.at(i) != format.at(0))
+            mixed = true;
+    if (mixed) {
+        if (!endsWithBit(regName))
+            return 0;
+        /* Byte, point, bit, with truncating division. */
+        int n = appendDecimal(buf, 0, address / 8);
+        buf[n++] = '.';
+        return appendDecimal(buf, n, address % 8);
+    }
+    QChar c = format.isEmpty() ? QChar() : format.at(0);
+    unsigned int a = static_cast<unsigned int>(address);
+    if (c == QLatin1Char('H'))
+        return snprintf(buf, 32, "%x", a);
+    if (c == QLatin1Char('O'))
+        return snprintf(buf, 32, "%o", a);
+    return appendDecimal(buf, 0, a);
+}
+
+}  // namespace drv
+
 QString addr_int2str(int address, QString regName)
 {
     if (!endsWithBit(regName))
         return QString();
-    return QString::number(address / 8) + QLatin1Char('.') + QString::number(address % 8);
+    char text[32];
+    return QString::fromLatin1(text, formatAddress(text, address, regName, QLatin1String("D.D")));
 }
 
 int addrOffset(QString regName, int address)

@@ -153,6 +153,19 @@ inline int toIntOrZero(const QString& text)
     return ok ? v : 0;
 }
 
+/* ------------------------------------------------------------------ address texts (ads_ethernet.cpp)
+ * The one writer of an address as the host reads it: error texts, addr_int2str and
+ * intf_multiCopy. */
+
+/* Appends the decimal text of v at buf + n; returns the new length. */
+int appendDecimal(char* buf, int n, long long v);
+/* The text of `address` in a register's syntax, into buf (room for 32 characters); its
+ * length. A format of mixed letters ("DDDDD.D") is the bit syntax: byte, point, bit with
+ * truncating division, and 0 (no text) for a name that is no bit register; otherwise the
+ * number, unsigned, in the base of the format's first letter: H hexadecimal, O octal,
+ * anything else decimal. */
+int formatAddress(char* buf, int address, const QString& regName, const QString& format);
+
 /* ------------------------------------------------------------------ frames in flight (ads_ethernet.cpp)
  * driver.frameList holds the frames of the request in flight, head first. These three are
  * the driver's only ways to change it: they reuse the node of the last finished frame, so a

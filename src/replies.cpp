@@ -5,7 +5,6 @@
 #include "ads_ethernet.h"
 #include "driver_private.h"
 
-#include <stdio.h>
 #include <string.h>
 
 using namespace drv;
@@ -15,23 +14,6 @@ using namespace drv;
  * ================================================================================== */
 
 namespace {
-/* Appends the decimal text of v at buf + n; returns the new length. */
-int appendDecimal(char* buf, int n, long long v)
-{
-    char digits[24];
-    int count = 0;
-    unsigned long long u = v < 0 ? 0ULL - static_cast<unsigned long long>(v) : static_cast<unsigned long long>(v);
-    do {
-        digits[count++] = static_cast<char>('0' + u % 10);
-        u /= 10;
-    } while (u != 0);
-    if (v < 0)
-        buf[n++] = '-';
-    while (count > 0)
-        buf[n++] = digits[--count];
-    return n;
-}
-
 /* The longest error text. */
 const int kErrorTextSize = 160;
 
@@ -51,22 +33,7 @@ int formatErrorInfo(int replySize, char* buf)
     const QChar* name = v.regName.constData();
     for (int i = 0; i < v.regName.size() && n < 100; ++i)
         buf[n++] = name[i].toLatin1();
-    if (REGISTER_RULES[row].kind == kBitRegister) {
-        /* As addr_int2str writes it: byte, point, bit (truncating division). */
-        n = appendDecimal(buf, n, v.address / 8);
-        buf[n++] = '.';
-        n = appendDecimal(buf, n, v.address % 8);
-    } else {
-        const QString& format = ADDRESS_RANGE_PRO[row][0];
-        QChar c = format.isEmpty() ? QChar() : format.at(0);
-        unsigned int a = static_cast<unsigned int>(v.address);
-        if (c == QLatin1Char('D'))
-            n = appendDecimal(buf, n, a);
-        else if (c == QLatin1Char('H'))
-            n += snprintf(buf + n, 32, "%x", a);
-        else if (c == QLatin1Char('O'))
-            n += snprintf(buf + n, 32, "%o", a);
-    }
+    n += formatAddress(buf + n, v.address, v.regName, ADDRESS_RANGE_PRO[row][0]);
     buf[n++] = '(';
     n = appendDecimal(buf, n, v.length);
     buf[n++] = ')';
