@@ -98,25 +98,23 @@ void fillAmsHeader(unsigned char* f, unsigned short targetPort, unsigned short s
 
 bool endsWithBit(const QString& regName) { return regName.endsWith(QLatin1String("_bit")); }
 
-/* The register a request names, and the bytes it covers. A bit item is read and written
- * as the whole bytes that hold its bits, from the word register of the same area. */
-void requestSpan(const VARIABLE& v, QString& reg, int& byteAddress, int& byteCount)
+/* The register row a request goes to, and the bytes it covers. A bit item is read and
+ * written as the whole bytes that hold its bits, from the word register of the same area. */
+void requestSpan(const VARIABLE& v, RegisterRow& row, int& byteAddress, int& byteCount)
 {
     if (endsWithBit(v.regName)) {
-        reg = v.regName.left(v.regName.indexOf(QLatin1Char('_'))) + QLatin1String("_W");
+        row = wordRowBehindBits(v.regName);
         byteAddress = v.address / 8;
         /* Wrapping arithmetic: a host's address is trusted, but must not be undefined. */
         int s = static_cast<int>(static_cast<unsigned int>(v.address % 8) + static_cast<unsigned int>(v.length));
         byteCount = s / 8 + ((s % 8) != 0 ? 1 : 0);
     } else {
-        reg = v.regName;
+        row = registerRow(v.regName);
         byteAddress = v.address;
         byteCount = v.length;
     }
 }
 
-/* The index group of a word register ("M_W" and any unknown name: PLC memory). */
-unsigned int indexGroupOf(const QString& reg) { return ruleOf(reg).indexGroup; }
 
 }  // namespace
 
@@ -232,17 +230,17 @@ int getReadFrame(QList<VARIABLE> list)
     if (list.isEmpty())
         return 1;
     const VARIABLE& v = list.at(0);
-    QString reg;
+    RegisterRow row = kRowSpare;
     int byteAddress = 0;
     int byteCount = 0;
-    requestSpan(v, reg, byteAddress, byteCount);
+    requestSpan(v, row, byteAddress, byteCount);
 
     FRAME_PRO& fp = appendFrame(v);
     unsigned char* f = fp.frame;
     fillAmsHeader(f, static_cast<unsigned short>(driver.targetAmsPort), kRequestSourcePort, kCmdRead, 0);
     putLe32(f + 2, 44);
     putLe32(f + 26, 12);
-    putLe32(f + 38, indexGroupOf(reg));
+    putLe32(f + 38, REGISTER_RULES[row].indexGroup);
     putLe32(f + 42, static_cast<unsigned int>(byteAddress));
     putLe32(f + 46, static_cast<unsigned int>(byteCount));
     fp.sendLen = 50;
@@ -274,10 +272,10 @@ int allMix_GetRecvLenFromReadList(QList<VARIABLE> list)
 
 void getWriteFrame(VARIABLE& var)
 {
-    QString reg;
+    RegisterRow row = kRowSpare;
     int byteAddress = 0;
     int byteCount = 0;
-    requestSpan(var, reg, byteAddress, byteCount);
+    requestSpan(var, row, byteAddress, byteCount);
 
     const bool bitWrite = endsWithBit(var.regName);
     if (bitWrite) {
@@ -301,7 +299,7 @@ void getWriteFrame(VARIABLE& var)
     f[3] = f[4] = f[5] = 0;
     f[26] = static_cast<unsigned char>((n + 12) & 0xFF);
     f[27] = f[28] = f[29] = 0;
-    putLe32(f + 38, indexGroupOf(reg));
+    putLe32(f + 38, REGISTER_RULES[row].indexGroup);
     putLe32(f + 42, static_cast<unsigned int>(byteAddress));
     putLe32(f + 46, n);
     int sendLen = static_cast<int>(n + kWriteDataStart);

@@ -59,6 +59,21 @@ inline RegisterRow registerRow(const QString& regName)
     return kRowSpare;
 }
 
+/* The word register that holds the bits of a name ending in "_bit": the "_W" row of the area
+ * the name starts with (its text up to the first "_"), kRowSpare when that is no area of
+ * REG_LIST. */
+inline RegisterRow wordRowBehindBits(const QString& regName)
+{
+    if (regName.indexOf(QLatin1Char('_')) != 1)
+        return kRowSpare;
+    switch (regName.at(0).unicode()) {
+    case 'I': return kRowIW;
+    case 'Q': return kRowQW;
+    case 'M': return kRowMW;
+    default: return kRowSpare;
+    }
+}
+
 inline const RegisterRule& ruleOf(const QString& regName) { return REGISTER_RULES[registerRow(regName)]; }
 inline bool isKnownRegister(const QString& regName) { return registerRow(regName) != kRowSpare; }
 
