@@ -104,6 +104,23 @@ TEST_F(IntegratorE2E, ValueWhoseReadsStopSucceedingIsStaleAndNoSuccess)
     EXPECT_TRUE(contains(lastLine(out), "stale")) << out;
 }
 
+// A condition read shows what the PLC answered, also where the driver's cache lost it: a
+// word write settled after the read gives the as many bytes after it their last written
+// value (0 here) in the cache, without the PLC taking them (truth test, seed 478).
+TEST_F(IntegratorE2E, ConditionReadShowsTheReplyAfterAWriteBeforeItsBytes)
+{
+    ASSERT_TRUE(sim.set(M, 20, {0xEE, 0xEE, 0x2F, 0x30, 0x31, 0x32, 0x33, 0x34}));
+    const e2e::RunResult r
+        = e2e::runProgram(base({"--condition", "M_W:20:4", "--write", "M_W:10=1,2,3,4,5,6", "--json"}), 20000);
+    EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
+    EXPECT_EQ(sim.get(M, 20, 8), (std::vector<uint8_t> {6, 0, 0x2F, 0x30, 0x31, 0x32, 0x33, 0x34}));
+    // Word 20 as the confirmed write left it, words 22 to 26 as the condition read's reply.
+    EXPECT_TRUE(contains(
+        r.out, "\"address\":\"M_W:20:4\",\"kind\":\"condition\",\"read\":true,\"values\":[6,12335,12849,13363],"
+               "\"stale\":false"))
+        << r.out;
+}
+
 // 6. --json: the exit object always comes, for usage errors and failed starts too.
 TEST_F(IntegratorE2E, JsonAlwaysEndsWithTheExitObject)
 {
@@ -194,6 +211,15 @@ TEST_F(IntegratorE2E, PluginIsNamedAndVersionNeedsOne)
     EXPECT_EQ(e2e::lines(r.out).at(0), std::string("driver ") + ADS_PLUGIN + " " + ADSHOST_VERSION) << r.out;
     const e2e::RunResult v = e2e::runProgram({ADSHOST_EXE, "--version", "--driver", "/nonexistent.so"}, 5000);
     EXPECT_EQ(v.exitCode, 1) << v.out;
+    // Without --driver, adshost in its build tree finds the plugin built beside it.
+    const e2e::RunResult b = e2e::runProgram({ADSHOST_EXE, "--plc", "127.0.0.1:" + std::to_string(sim.port()),
+                                                 "--netid", "192.168.1.100.1.1", "--watch", "M_W:0", "--cycles", "1"},
+        20000);
+    EXPECT_EQ(b.exitCode, 0) << b.out << b.err;
+    EXPECT_EQ(e2e::lines(b.out).at(0), std::string("driver ") + ADS_PLUGIN + " " + ADSHOST_VERSION) << b.out;
+    const e2e::RunResult bv = e2e::runProgram({ADSHOST_EXE, "--version"}, 5000);
+    EXPECT_EQ(bv.exitCode, 0) << bv.out << bv.err;
+    EXPECT_TRUE(contains(bv.out, std::string("driver ") + ADS_PLUGIN + " " + ADSHOST_VERSION)) << bv.out;
 }
 
 // 11. After the PLC is gone: the attempts to connect again are told as they happen, the
