@@ -3,9 +3,11 @@
 # the simulator's memory and are told as done; then a word write the PLC refuses (beyond its
 # memory: ADS result 0x705, a reply of the good length that the driver accepts) is told as
 # FAILED with that result, and the example ends with status 1.
-#   run_minimal_host.sh MINIMAL_HOST PLUGIN PLCSIM
+#   run_minimal_host.sh MINIMAL_HOST PLUGIN PLCSIM [EMULATOR]
+# EMULATOR ("qemu-arm -L SYSROOT") runs a host built for another machine.
 set -euo pipefail
-host=$1 plugin=$2 plcsim=$3
+plugin=$2 plcsim=$3
+read -r -a host <<<"${4:-} $1"
 source "$(dirname "$0")/../scripts/lib/plcsim.sh"
 trap 'stop_plcsim || true' EXIT
 start_plcsim "$plcsim" --listen 127.0.0.1:0 --control 127.0.0.1:0 --no-program
@@ -14,7 +16,7 @@ expect_line() { grep -qxF "$2" <<<"$1" || fail "no line '$2'"; }
 
 plcsim_ctl "set 0x4020 0 7856" >/dev/null
 echo "--- the actions land"
-out=$(timeout 60 "$host" "$plugin" 127.0.0.1 "$PLCSIM_PORT" 192.168.1.100.1.1 851) || fail "exit status $? (expected 0)"
+out=$(timeout 60 "${host[@]}" "$plugin" 127.0.0.1 "$PLCSIM_PORT" 192.168.1.100.1.1 851) || fail "exit status $? (expected 0)"
 echo "$out"
 expect_line "$out" "settings: 2_0,192.168.1.100.1.1,851"
 expect_line "$out" "write M_W: done (ADS result 0)"
@@ -36,13 +38,13 @@ expect_line "$out" "reconnects: 0"
 
 echo "--- the PLC does not answer the first request, then closes the connection instead of answering"
 plcsim_ctl "fault noreply 1" >/dev/null
-out=$(timeout 60 "$host" "$plugin" 127.0.0.1 "$PLCSIM_PORT" 192.168.1.100.1.1 851) || fail "exit status $? (expected 0)"
+out=$(timeout 60 "${host[@]}" "$plugin" 127.0.0.1 "$PLCSIM_PORT" 192.168.1.100.1.1 851) || fail "exit status $? (expected 0)"
 echo "$out"
 expect_line "$out" "write M_W: done (ADS result 0)"
 expect_line "$out" "recipe read back: 0x0A0B 0x0C0D (matches)"
 expect_line "$out" "reconnects: 1"
 plcsim_ctl "fault close 1" >/dev/null
-out=$(timeout 60 "$host" "$plugin" 127.0.0.1 "$PLCSIM_PORT" 192.168.1.100.1.1 851) || fail "exit status $? (expected 0)"
+out=$(timeout 60 "${host[@]}" "$plugin" 127.0.0.1 "$PLCSIM_PORT" 192.168.1.100.1.1 851) || fail "exit status $? (expected 0)"
 echo "$out"
 expect_line "$out" "write M_bit 3.1: done (ADS result 0)"
 expect_line "$out" "recipe read back: 0x0A0B 0x0C0D (matches)"
@@ -50,7 +52,7 @@ expect_line "$out" "reconnects: 1"
 
 echo "--- a write the PLC refuses"
 status=0
-out=$(timeout 60 "$host" "$plugin" 127.0.0.1 "$PLCSIM_PORT" 192.168.1.100.1.1 851 65535) || status=$?
+out=$(timeout 60 "${host[@]}" "$plugin" 127.0.0.1 "$PLCSIM_PORT" 192.168.1.100.1.1 851 65535) || status=$?
 echo "$out"
 [[ $status == 1 ]] || fail "exit status $status (expected 1)"
 expect_line "$out" "write M_W: FAILED (ADS result 0x705)"

@@ -5,9 +5,10 @@
 #   bash scripts/cross-armhf.sh        # against Debian's armhf Qt 5, in build-armhf/build
 #   bash scripts/cross-armhf.sh qt4    # against Qt 4.8.7 for armhf (the panel's Qt), in
 #                                      # build-qt4-armhf; also makes and checks the panel bundle
-#                                      # and runs the end-to-end tests: adshost and the plugin
-#                                      # for armhf under qemu-arm against a plcsim built for
-#                                      # this machine (build-qt4-armhf-host)
+#                                      # and runs the end-to-end tests: adshost, the example
+#                                      # host, the plugin and the C++ e2e test programs for
+#                                      # armhf under qemu-arm against a plcsim built for this
+#                                      # machine (build-qt4-armhf-host)
 set -euo pipefail
 here=$(cd "$(dirname "$0")/.." && pwd)
 mode=${1:-qt5}

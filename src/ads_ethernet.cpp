@@ -11,6 +11,7 @@
 
 #include <QtCore/QStringList>
 
+#include <stdio.h>
 #include <string.h>
 
 using namespace drv;
@@ -44,8 +45,8 @@ void putLe32(unsigned char* p, unsigned int v)
     p[3] = static_cast<unsigned char>((v >> 24) & 0xFF);
 }
 
-/* A FRAME_PRO with every byte and field zero (the var's text empty). */
-void clearFrame(FRAME_PRO& f)
+/* A FRAME_PRO's frame bytes and fields zero; its var as it was. */
+void clearFrameBytes(FRAME_PRO& f)
 {
     memset(f.frame, 0, sizeof(f.frame));
     f.sendLen = 0;
@@ -53,6 +54,12 @@ void clearFrame(FRAME_PRO& f)
     f.dataStart = 0;
     f.readLen = 0;
     f.spareField = 0;
+}
+
+/* A FRAME_PRO with every byte and field zero (the var's text empty). */
+void clearFrame(FRAME_PRO& f)
+{
+    clearFrameBytes(f);
     f.var.kind = 0;
     f.var.keyNo = 0;
     f.var.regName = QString();
@@ -89,41 +96,56 @@ void fillAmsHeader(unsigned char* f, unsigned short targetPort, unsigned short s
     putLe32(f + 34, invokeId);
 }
 
-bool endsWithBit(const QString& regName) { return regName.right(4) == QLatin1String("_bit"); }
+bool endsWithBit(const QString& regName) { return regName.endsWith(QLatin1String("_bit")); }
 
-/* The register a request names, and the bytes it covers. A bit item is read and written
- * as the whole bytes that hold its bits, from the word register of the same area. */
-void requestSpan(const VARIABLE& v, QString& reg, int& byteAddress, int& byteCount)
+/* The register row a request goes to, and the bytes it covers. A bit item is read and
+ * written as the whole bytes that hold its bits, from the word register of the same area. */
+void requestSpan(const VARIABLE& v, RegisterRow& row, int& byteAddress, int& byteCount)
 {
     if (endsWithBit(v.regName)) {
-        reg = v.regName.left(v.regName.indexOf(QLatin1Char('_'))) + QLatin1String("_W");
+        row = wordRowBehindBits(v.regName);
         byteAddress = v.address / 8;
         /* Wrapping arithmetic: a host's address is trusted, but must not be undefined. */
         int s = static_cast<int>(static_cast<unsigned int>(v.address % 8) + static_cast<unsigned int>(v.length));
         byteCount = s / 8 + ((s % 8) != 0 ? 1 : 0);
     } else {
-        reg = v.regName;
+        row = registerRow(v.regName);
         byteAddress = v.address;
         byteCount = v.length;
     }
 }
 
-/* The index group of a word register ("M_W" and any unknown name: PLC memory). */
-unsigned int indexGroupOf(const QString& reg) { return ruleOf(reg).indexGroup; }
 
 }  // namespace
 
 namespace drv {
 
-FRAME_PRO& appendFrame()
+namespace {
+/* The last node of frameList: the parked one when the list is empty, else a new one. Its
+ * contents are whatever they were. */
+FRAME_PRO& appendNode()
 {
     QList<FRAME_PRO>& list = driver.frameList;
     if (list.isEmpty() && !parkedFrames.isEmpty())
         list.swap(parkedFrames);
     else
         list.append(FRAME_PRO());
-    FRAME_PRO& frame = *(list.end() - 1);
+    return *(list.end() - 1);
+}
+}  // namespace
+
+FRAME_PRO& appendFrame()
+{
+    FRAME_PRO& frame = appendNode();
     clearFrame(frame);
+    return frame;
+}
+
+FRAME_PRO& appendFrame(const VARIABLE& var)
+{
+    FRAME_PRO& frame = appendNode();
+    clearFrameBytes(frame);
+    copyVariable(frame.var, var);
     return frame;
 }
 
@@ -208,17 +230,17 @@ int getReadFrame(QList<VARIABLE> list)
     if (list.isEmpty())
         return 1;
     const VARIABLE& v = list.at(0);
-    QString reg;
+    RegisterRow row = kRowSpare;
     int byteAddress = 0;
     int byteCount = 0;
-    requestSpan(v, reg, byteAddress, byteCount);
+    requestSpan(v, row, byteAddress, byteCount);
 
-    FRAME_PRO& fp = appendFrame();
+    FRAME_PRO& fp = appendFrame(v);
     unsigned char* f = fp.frame;
     fillAmsHeader(f, static_cast<unsigned short>(driver.targetAmsPort), kRequestSourcePort, kCmdRead, 0);
     putLe32(f + 2, 44);
     putLe32(f + 26, 12);
-    putLe32(f + 38, indexGroupOf(reg));
+    putLe32(f + 38, REGISTER_RULES[row].indexGroup);
     putLe32(f + 42, static_cast<unsigned int>(byteAddress));
     putLe32(f + 46, static_cast<unsigned int>(byteCount));
     fp.sendLen = 50;
@@ -226,7 +248,6 @@ int getReadFrame(QList<VARIABLE> list)
         = static_cast<int>(static_cast<unsigned int>(kReadReplyDataStart) + static_cast<unsigned int>(byteCount));
     fp.dataStart = kReadReplyDataStart;
     fp.readLen = byteCount;
-    copyVariable(fp.var, v);
     return 1;
 }
 
@@ -251,10 +272,10 @@ int allMix_GetRecvLenFromReadList(QList<VARIABLE> list)
 
 void getWriteFrame(VARIABLE& var)
 {
-    QString reg;
+    RegisterRow row = kRowSpare;
     int byteAddress = 0;
     int byteCount = 0;
-    requestSpan(var, reg, byteAddress, byteCount);
+    requestSpan(var, row, byteAddress, byteCount);
 
     const bool bitWrite = endsWithBit(var.regName);
     if (bitWrite) {
@@ -264,7 +285,7 @@ void getWriteFrame(VARIABLE& var)
         one.append(var);
         getReadFrame(one);
     }
-    FRAME_PRO& fp = appendFrame();
+    FRAME_PRO& fp = appendFrame(var);
     unsigned char* f = fp.frame;
     if (!bitWrite && byteCount > 0) {
         /* The copy stops at the end of the 1024-byte frame. */
@@ -278,7 +299,7 @@ void getWriteFrame(VARIABLE& var)
     f[3] = f[4] = f[5] = 0;
     f[26] = static_cast<unsigned char>((n + 12) & 0xFF);
     f[27] = f[28] = f[29] = 0;
-    putLe32(f + 38, indexGroupOf(reg));
+    putLe32(f + 38, REGISTER_RULES[row].indexGroup);
     putLe32(f + 42, static_cast<unsigned int>(byteAddress));
     putLe32(f + 46, n);
     int sendLen = static_cast<int>(n + kWriteDataStart);
@@ -287,7 +308,6 @@ void getWriteFrame(VARIABLE& var)
     fp.recvLen = 42;
     fp.dataStart = kWriteDataStart;
     fp.readLen = 0;
-    copyVariable(fp.var, var);
 }
 
 /* ---------------------------------------------------------------- address conversions */
@@ -309,11 +329,55 @@ int addr_str2int(QString text, QString regName)
     return static_cast<int>(static_cast<unsigned int>(byteNo) * 8u + static_cast<unsigned int>(bitNo));
 }
 
+namespace drv {
+
+int appendDecimal(char* buf, int n, long long v)
+{
+    char digits[24];
+    int count = 0;
+    unsigned long long u = v < 0 ? 0ULL - static_cast<unsigned long long>(v) : static_cast<unsigned long long>(v);
+    do {
+        digits[count++] = static_cast<char>('0' + u % 10);
+        u /= 10;
+    } while (u != 0);
+    if (v < 0)
+        buf[n++] = '-';
+    while (count > 0)
+        buf[n++] = digits[--count];
+    return n;
+}
+
+int formatAddress(char* buf, int address, const QString& regName, const QString& format)
+{
+    bool mixed = false;
+    for (int i = 1; i < format.size(); ++i)
+        if (format.at(i) != format.at(0))
+            mixed = true;
+    if (mixed) {
+        if (!endsWithBit(regName))
+            return 0;
+        /* Byte, point, bit, with truncating division. */
+        int n = appendDecimal(buf, 0, address / 8);
+        buf[n++] = '.';
+        return appendDecimal(buf, n, address % 8);
+    }
+    QChar c = format.isEmpty() ? QChar() : format.at(0);
+    unsigned int a = static_cast<unsigned int>(address);
+    if (c == QLatin1Char('H'))
+        return snprintf(buf, 32, "%x", a);
+    if (c == QLatin1Char('O'))
+        return snprintf(buf, 32, "%o", a);
+    return appendDecimal(buf, 0, a);
+}
+
+}  // namespace drv
+
 QString addr_int2str(int address, QString regName)
 {
     if (!endsWithBit(regName))
         return QString();
-    return QString::number(address / 8) + QLatin1Char('.') + QString::number(address % 8);
+    char text[32];
+    return QString::fromLatin1(text, formatAddress(text, address, regName, QLatin1String("D.D")));
 }
 
 int addrOffset(QString regName, int address)

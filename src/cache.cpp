@@ -107,7 +107,8 @@ int CacheIndex::areaIdOfRegister(const QString& regName)
     int length = cut < 0 ? regName.size() : cut;
     for (int i = 0; i < names_.size(); ++i) {
         const QString& name = names_.constBegin()[i].name;
-        if (name.size() == length && regName.startsWith(name))
+        if (name.size() == length
+            && memcmp(name.constData(), regName.constData(), static_cast<size_t>(length) * sizeof(QChar)) == 0)
             return i;
     }
     return areaId(areaOf(regName));

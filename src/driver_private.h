@@ -8,6 +8,7 @@
 
 #include <QtCore/QMutex>
 
+#include <new>
 #include <string.h>
 
 /* ------------------------------------------------------------------ register rules
@@ -36,10 +37,41 @@ extern const RegisterRule REGISTER_RULES[7];
 /* The row of a name; kRowSpare for a name outside REG_LIST. */
 inline RegisterRow registerRow(const QString& regName)
 {
-    for (int i = 0; i < 6; ++i)
-        if (REG_LIST[i] == regName)
-            return static_cast<RegisterRow>(i);
+    /* The names of REG_LIST read character by character: "I_bit", "Q_bit", "M_bit", "I_W",
+     * "Q_W", "M_W". It runs for every request and every reply. */
+    const int size = regName.size();
+    if (size != 3 && size != 5)
+        return kRowSpare;
+    const QChar* c = regName.constData();
+    int area;
+    switch (c[0].unicode()) {
+    case 'I': area = 0; break;
+    case 'Q': area = 1; break;
+    case 'M': area = 2; break;
+    default: return kRowSpare;
+    }
+    if (c[1].unicode() != '_')
+        return kRowSpare;
+    if (size == 3)
+        return c[2].unicode() == 'W' ? static_cast<RegisterRow>(kRowIW + area) : kRowSpare;
+    if (c[2].unicode() == 'b' && c[3].unicode() == 'i' && c[4].unicode() == 't')
+        return static_cast<RegisterRow>(kRowIBit + area);
     return kRowSpare;
+}
+
+/* The word register that holds the bits of a name ending in "_bit": the "_W" row of the area
+ * the name starts with (its text up to the first "_"), kRowSpare when that is no area of
+ * REG_LIST. */
+inline RegisterRow wordRowBehindBits(const QString& regName)
+{
+    if (regName.indexOf(QLatin1Char('_')) != 1)
+        return kRowSpare;
+    switch (regName.at(0).unicode()) {
+    case 'I': return kRowIW;
+    case 'Q': return kRowQW;
+    case 'M': return kRowMW;
+    default: return kRowSpare;
+    }
 }
 
 inline const RegisterRule& ruleOf(const QString& regName) { return REGISTER_RULES[registerRow(regName)]; }
@@ -136,6 +168,19 @@ inline int toIntOrZero(const QString& text)
     return ok ? v : 0;
 }
 
+/* ------------------------------------------------------------------ address texts (ads_ethernet.cpp)
+ * The one writer of an address as the host reads it: error texts, addr_int2str and
+ * intf_multiCopy. */
+
+/* Appends the decimal text of v at buf + n; returns the new length. */
+int appendDecimal(char* buf, int n, long long v);
+/* The text of `address` in a register's syntax, into buf (room for 32 characters); its
+ * length. A format of mixed letters ("DDDDD.D") is the bit syntax: byte, point, bit with
+ * truncating division, and 0 (no text) for a name that is no bit register; otherwise the
+ * number, unsigned, in the base of the format's first letter: H hexadecimal, O octal,
+ * anything else decimal. */
+int formatAddress(char* buf, int address, const QString& regName, const QString& format);
+
 /* ------------------------------------------------------------------ frames in flight (ads_ethernet.cpp)
  * driver.frameList holds the frames of the request in flight, head first. These three are
  * the driver's only ways to change it: they reuse the node of the last finished frame, so a
@@ -143,6 +188,8 @@ inline int toIntOrZero(const QString& text)
 
 /* A frame with every byte and field zero, appended to frameList. */
 FRAME_PRO& appendFrame();
+/* The same with a copy of `var` as the frame's variable (not cleared first). */
+FRAME_PRO& appendFrame(const VARIABLE& var);
 /* frameList.removeFirst(). */
 void removeHeadFrame();
 /* frameList.clear(). */
@@ -244,6 +291,30 @@ public:
         }
         return previous_ = findOrCreateArea(keyNo_, nameId_, address);
     }
+    /* Passes over the units that follow the last one next() returned in the list as long as
+     * they hold address, address + 1, ... (at most `count`) and the values bytes[0],
+     * bytes[1], ...: the units next() would return for those addresses while the list does
+     * not change, compared without a look-up each. Returns how many were passed. */
+    int skipEqual(int address, const unsigned char* bytes, int count)
+    {
+        if (!hint_ || previous_ < 0)
+            return 0;
+        int first = previous_ + 1;
+        int available = driver.dataAreaList.size() - first;
+        if (count > available)
+            count = available;
+        QList<_DATA_>::const_iterator it = driver.dataAreaList.constBegin() + first;
+        unsigned int expected = static_cast<unsigned int>(address);
+        int n = 0;
+        for (; n < count; ++n, ++it, ++expected) {
+            const _DATA_& d = *it;
+            if (d.value[0] != bytes[n] || d.address != static_cast<int>(expected) || d.keyNo != keyNo_
+                || !d.areaName.isSharedWith(name_))
+                break;
+        }
+        previous_ += n;
+        return n;
+    }
 
 private:
     int keyNo_;
@@ -262,16 +333,19 @@ struct Report {
 };
 
 /* The reports of one unit, collected under the driver's mutex and made after it is let go,
- * so that the host's callback may call back into the driver. */
+ * so that the host's callback may call back into the driver. A report's slot is constructed
+ * only when it is added: a store that changes nothing pays nothing for the 40 slots. */
 class Reports {
 public:
     Reports() : count_(0) { }
+    ~Reports() { clear(); }
     void add(int keyNo, const QString& text, int address)
     {
         if (count_ < kCapacity) {
-            items_[count_].keyNo = keyNo;
-            items_[count_].text = text;
-            items_[count_].address = address;
+            Report* item = new (slot(count_)) Report;
+            item->keyNo = keyNo;
+            item->text = text;
+            item->address = address;
             ++count_;
         }
     }
@@ -283,13 +357,22 @@ public:
         int context = driver.callBackContext;
         for (int i = 0; i < count_; ++i)
             if (cb)
-                cb(context, items_[i].keyNo, items_[i].text, items_[i].address);
-        count_ = 0;
+                cb(context, slot(i)->keyNo, slot(i)->text, slot(i)->address);
+        clear();
     }
 
 private:
+    Reports(const Reports&);
+    Reports& operator=(const Reports&);
+    void clear()
+    {
+        for (int i = 0; i < count_; ++i)
+            slot(i)->~Report();
+        count_ = 0;
+    }
+    Report* slot(int i) { return reinterpret_cast<Report*>(storage_) + i; }
     enum { kCapacity = 40 }; /* a double word: 32 bits and one whole item */
-    Report items_[kCapacity];
+    alignas(Report) unsigned char storage_[kCapacity * sizeof(Report)];
     int count_;
 };
 

@@ -5,7 +5,6 @@
 #include "ads_ethernet.h"
 #include "driver_private.h"
 
-#include <stdio.h>
 #include <string.h>
 
 using namespace drv;
@@ -15,23 +14,6 @@ using namespace drv;
  * ================================================================================== */
 
 namespace {
-/* Appends the decimal text of v at buf + n; returns the new length. */
-int appendDecimal(char* buf, int n, long long v)
-{
-    char digits[24];
-    int count = 0;
-    unsigned long long u = v < 0 ? 0ULL - static_cast<unsigned long long>(v) : static_cast<unsigned long long>(v);
-    do {
-        digits[count++] = static_cast<char>('0' + u % 10);
-        u /= 10;
-    } while (u != 0);
-    if (v < 0)
-        buf[n++] = '-';
-    while (count > 0)
-        buf[n++] = digits[--count];
-    return n;
-}
-
 /* The longest error text. */
 const int kErrorTextSize = 160;
 
@@ -42,30 +24,16 @@ int formatErrorInfo(int replySize, char* buf)
 {
     if (driver.frameList.isEmpty())
         return 0;
-    const VARIABLE& v = driver.frameList.first().var;
-    int row = getIndexFromRegName(v.regName);
-    if (row == 6 || row == -1)
+    const VARIABLE& v = headOf(driver.frameList).var;
+    RegisterRow row = registerRow(v.regName);
+    if (row == kRowSpare)
         return 0;
     int n = appendDecimal(buf, 0, v.keyNo);
     buf[n++] = '#';
+    const QChar* name = v.regName.constData();
     for (int i = 0; i < v.regName.size() && n < 100; ++i)
-        buf[n++] = v.regName.at(i).toLatin1();
-    if (v.regName.right(4) == QLatin1String("_bit")) {
-        /* As addr_int2str writes it: byte, point, bit (truncating division). */
-        n = appendDecimal(buf, n, v.address / 8);
-        buf[n++] = '.';
-        n = appendDecimal(buf, n, v.address % 8);
-    } else {
-        const QString& format = ADDRESS_RANGE_PRO[row][0];
-        QChar c = format.isEmpty() ? QChar() : format.at(0);
-        unsigned int a = static_cast<unsigned int>(v.address);
-        if (c == QLatin1Char('D'))
-            n = appendDecimal(buf, n, a);
-        else if (c == QLatin1Char('H'))
-            n += snprintf(buf + n, 32, "%x", a);
-        else if (c == QLatin1Char('O'))
-            n += snprintf(buf + n, 32, "%o", a);
-    }
+        buf[n++] = name[i].toLatin1();
+    n += formatAddress(buf + n, v.address, v.regName, ADDRESS_RANGE_PRO[row][0]);
     buf[n++] = '(';
     n = appendDecimal(buf, n, v.length);
     buf[n++] = ')';
@@ -83,12 +51,16 @@ QString getErrorInfo(QByteArray reply)
     return QString::fromLatin1(buf, n);
 }
 
+namespace {
+void storeReply(const QByteArray& reply, int readLen, int dataStart, const VARIABLE& var);
+}  // namespace
+
 int dealReadFrameReturnSaveData(QByteArray reply)
 {
     if (driver.frameList.isEmpty())
         return 0;
-    const FRAME_PRO& head = driver.frameList.first();
-    analyzeFrameOfVal(reply, head.readLen, head.dataStart, head.var);
+    const FRAME_PRO& head = headOf(driver.frameList);
+    storeReply(reply, head.readLen, head.dataStart, head.var);
     return 0;
 }
 
@@ -102,6 +74,17 @@ public:
     {
     }
     unsigned char at(long long pos) const { return (pos >= 0 && pos < size_) ? data_[pos] : 0; }
+    /* The bytes from pos on that lie inside the reply, at most `count`: their start, and
+     * their number in `available` (0 when pos is outside). */
+    const unsigned char* from(long long pos, int count, int& available) const
+    {
+        available = 0;
+        if (pos < 0 || pos >= size_ || count <= 0)
+            return data_;
+        long long left = size_ - pos;
+        available = left < count ? static_cast<int>(left) : count;
+        return data_ + pos;
+    }
 
 private:
     const unsigned char* data_;
@@ -147,28 +130,45 @@ void applyWriteFlagRule(_DATA_& d)
 }
 
 /* The bytes a read brought, into the cache: every register addresses bytes, one cached
- * unit per reply byte; a changed byte is reported at once. */
-void storeReadBytes(const ReplyBytes& bytes, int readLen, int dataStart, const VARIABLE& var)
+ * unit per reply byte; a changed byte is reported at once. An unchanged byte's unit is
+ * followed by the units after it in the list as long as they hold the next bytes unchanged,
+ * without a look-up each. The variable's fields are taken by value: it may be the frame in
+ * flight, and a callback may end that frame. */
+void storeReadBytes(const ReplyBytes& bytes, int readLen, int dataStart, int keyNo, const QString& regName, int address)
 {
     DriverLock lock;
     Reports r;
-    ConsecutiveUnits units(var.keyNo, areaNameIdOfRegister(var.regName));
+    ConsecutiveUnits units(keyNo, areaNameIdOfRegister(regName));
     for (int j = 0; j < readLen; ++j) {
+        int position = units.next(wrapAdd(address, j));
         unsigned char newByte = bytes.at(static_cast<long long>(dataStart) + j);
-        _DATA_& d = unitAt(units.next(wrapAdd(var.address, j)));
-        if (d.value[0] != newByte) {
-            applyWriteFlagRule(d);
-            unsigned char oldByte = d.value[0];
-            d.value[0] = newByte;
-            collectByteReports(d, &oldByte, &newByte, 0, r);
-            fireUnlocked(r, lock);
+        if (constUnitAt(position).value[0] == newByte) {
+            int available = 0;
+            const unsigned char* run = bytes.from(static_cast<long long>(dataStart) + j + 1, readLen - j - 1, available);
+            j += units.skipEqual(wrapAdd(address, j + 1), run, available);
+            continue;
         }
+        _DATA_& d = unitAt(position);
+        applyWriteFlagRule(d);
+        unsigned char oldByte = d.value[0];
+        d.value[0] = newByte;
+        collectByteReports(d, &oldByte, &newByte, 0, r);
+        fireUnlocked(r, lock);
     }
 }
 
 }  // namespace
 
 void analyzeFrameOfVal(QByteArray reply, int readLen, int dataStart, VARIABLE var)
+{
+    storeReply(reply, readLen, dataStart, var);
+}
+
+namespace {
+
+/* analyzeFrameOfVal without copying the reply's array and the 1 KiB variable. Nothing of
+ * `var` is read after the first change report. */
+void storeReply(const QByteArray& reply, int readLen, int dataStart, const VARIABLE& var)
 {
     ReplyBytes bytes(reply);
 
@@ -189,7 +189,7 @@ void analyzeFrameOfVal(QByteArray reply, int readLen, int dataStart, VARIABLE va
         completeBitWrite(bytes, readLen, dataStart, var);
         return;
     }
-    storeReadBytes(bytes, readLen, dataStart, var);
+    storeReadBytes(bytes, readLen, dataStart, var.keyNo, var.regName, var.address);
 
     /* Recipe read: after the cache, copy each variable's bytes into the host's recipe
      * buffer and report each byte, so each word twice (INTERNALS.md K15). */
@@ -212,6 +212,8 @@ void analyzeFrameOfVal(QByteArray reply, int readLen, int dataStart, VARIABLE va
         }
     }
 }
+
+}  // namespace
 
 int intf_dealRcvFrame(QByteArray& reply, QString& errorText)
 {

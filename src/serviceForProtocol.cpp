@@ -57,10 +57,8 @@ const RegisterRule REGISTER_RULES[7] = {
 
 int getIndexFromRegName(QString regName)
 {
-    for (int i = 0; i < 6; ++i)
-        if (REG_LIST[i] == regName)
-            return i;
-    return -1;
+    RegisterRow row = registerRow(regName);
+    return row == kRowSpare ? -1 : static_cast<int>(row);
 }
 
 int getRegAddressWeight(int keyNo, QString regName, int address, int spare)
@@ -361,10 +359,6 @@ void intf_SetDriverPropertyPage(QString settings)
 int multiCp(QString regName, QString format, int start, int count, int interval, QVector<QString>& texts,
     QVector<int>& numbers, int maxNumber, QString maxText)
 {
-    bool mixed = false;
-    for (int i = 1; i < format.size(); ++i)
-        if (format.at(i) != format.at(0))
-            mixed = true;
     if (count < 1)
         return 1;
     const RegisterRule& rule = ruleOf(regName);
@@ -387,23 +381,12 @@ int multiCp(QString regName, QString format, int start, int count, int interval,
             result = 2;
             continue;
         }
-        QString text;
-        if (mixed) {
-            text = addr_int2str(address, regName);
-            if (text.isEmpty())
-                return 2;
-        } else {
-            QChar c = format.isEmpty() ? QChar() : format.at(0);
-            unsigned int a = static_cast<unsigned int>(address);
-            if (c == QLatin1Char('H'))
-                text = QString::number(a, 16);
-            else if (c == QLatin1Char('O'))
-                text = QString::number(a, 8);
-            else
-                text = QString::number(a);
-        }
+        char text[32];
+        int length = formatAddress(text, address, regName, format);
+        if (length == 0)
+            return 2; /* a format with a point for a register without bits */
         numbers.append(address);
-        texts.append(text);
+        texts.append(QString::fromLatin1(text, length));
     }
     return result;
 }

@@ -107,6 +107,39 @@ inline std::string readWhole(const std::string& path)
     return s.str();
 }
 
+// The command that runs a program built for the target on this machine: empty natively,
+// the emulator with its arguments in a cross build (ADS_E2E_EMULATOR, "qemu-arm -L SYSROOT").
+inline std::vector<std::string> emulator()
+{
+    std::vector<std::string> words;
+#ifdef ADS_E2E_EMULATOR
+    std::stringstream s(ADS_E2E_EMULATOR);
+    for (std::string w; s >> w;)
+        words.push_back(w);
+#endif
+    return words;
+}
+
+// emulator() as the start of a shell command line ("" natively).
+inline std::string emulatorPrefix()
+{
+    std::string out;
+    for (const std::string& w : emulator())
+        out += w + " ";
+    return out;
+}
+
+// The target's programs (adshost) run under the emulator in a cross build; plcsim and the
+// shell are the build machine's.
+inline std::vector<std::string> commandFor(const std::vector<std::string>& argv)
+{
+    if (argv.empty() || argv[0] != ADSHOST_EXE)
+        return argv;
+    std::vector<std::string> out = emulator();
+    out.insert(out.end(), argv.begin(), argv.end());
+    return out;
+}
+
 // A program running as a child process, stdout and stderr in files, stdin from /dev/null.
 // The test stops it by its PID: wait() kills it when it outlives its time.
 class Child {
@@ -121,8 +154,9 @@ public:
         std::remove(outPath_.c_str());
         std::remove(errPath_.c_str());
     }
-    bool start(const std::vector<std::string>& argv)
+    bool start(const std::vector<std::string>& program)
     {
+        const std::vector<std::string> argv = commandFor(program);
         static int serial = 0;
         const std::string base
             = ::testing::TempDir() + "e2e_run_" + std::to_string(::getpid()) + "_" + std::to_string(serial++);
@@ -142,7 +176,7 @@ public:
             for (const std::string& a : argv)
                 args.push_back(const_cast<char*>(a.c_str()));
             args.push_back(nullptr);
-            ::execv(args[0], args.data());
+            ::execvp(args[0], args.data());  // the emulator is found on PATH
             ::_exit(127);
         }
         return true;

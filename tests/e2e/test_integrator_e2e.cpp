@@ -27,6 +27,15 @@ std::string lastLine(const std::string& text)
     return l.empty() ? std::string() : l.back();
 }
 
+// Waits (at most 10 s) until the PLC has received n requests: adshost has started, which
+// under an emulator takes longer than natively.
+void waitForRequests(e2e::Sim& sim, long n)
+{
+    const adstool::Deadline deadline(10000);
+    while (sim.counter("requests") < n && !deadline.expired())
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+}
+
 class IntegratorE2E : public ::testing::Test {
 protected:
     void SetUp() override { ASSERT_TRUE(sim.start({"--no-program"})); }
@@ -93,7 +102,7 @@ TEST_F(IntegratorE2E, ValueWhoseReadsStopSucceedingIsStaleAndNoSuccess)
     ASSERT_TRUE(sim.set(M, 0, {0x34, 0x12}));
     e2e::Child c;
     ASSERT_TRUE(c.start(base({"--watch", "M_W:0", "--duration", "2", "--timeout-ms", "100", "--json"})));
-    std::this_thread::sleep_for(std::chrono::milliseconds(700));
+    waitForRequests(sim, 4);  // silent once the value has been read
     ASSERT_EQ(sim.command("fault-prob noreply 1"), "ok");
     const int code = c.wait(20000);
     const std::string out = c.out();
@@ -102,6 +111,23 @@ TEST_F(IntegratorE2E, ValueWhoseReadsStopSucceedingIsStaleAndNoSuccess)
         << out;
     EXPECT_TRUE(contains(lastLine(out), "\"status\":9")) << out;
     EXPECT_TRUE(contains(lastLine(out), "stale")) << out;
+}
+
+// A condition read shows what the PLC answered, also where the driver's cache lost it: a
+// word write settled after the read gives the as many bytes after it their last written
+// value (0 here) in the cache, without the PLC taking them (truth test, seed 478).
+TEST_F(IntegratorE2E, ConditionReadShowsTheReplyAfterAWriteBeforeItsBytes)
+{
+    ASSERT_TRUE(sim.set(M, 20, {0xEE, 0xEE, 0x2F, 0x30, 0x31, 0x32, 0x33, 0x34}));
+    const e2e::RunResult r
+        = e2e::runProgram(base({"--condition", "M_W:20:4", "--write", "M_W:10=1,2,3,4,5,6", "--json"}), 20000);
+    EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
+    EXPECT_EQ(sim.get(M, 20, 8), (std::vector<uint8_t> {6, 0, 0x2F, 0x30, 0x31, 0x32, 0x33, 0x34}));
+    // Word 20 as the confirmed write left it, words 22 to 26 as the condition read's reply.
+    EXPECT_TRUE(contains(
+        r.out, "\"address\":\"M_W:20:4\",\"kind\":\"condition\",\"read\":true,\"values\":[6,12335,12849,13363],"
+               "\"stale\":false"))
+        << r.out;
 }
 
 // 6. --json: the exit object always comes, for usage errors and failed starts too.
@@ -176,9 +202,10 @@ TEST_F(IntegratorE2E, ProbeStopsOnSigint)
     ASSERT_EQ(sim.command("fault-prob noreply 1"), "ok");
     e2e::Child c;
     ASSERT_TRUE(c.start({"/bin/sh", "-c",
-        std::string("trap '' INT; exec ") + ADSHOST_EXE + " --probe --plc 127.0.0.1:" + std::to_string(sim.port())
+        std::string("trap '' INT; exec ") + e2e::emulatorPrefix() + ADSHOST_EXE + " --probe --plc 127.0.0.1:" + std::to_string(sim.port())
             + " --netid 192.168.1.100.1.1 --timeout-ms 20000"}));
-    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    waitForRequests(sim, 1);  // the probe is waiting for its answer
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
     const int64_t t0 = adstool::nowMs();
     ::kill(c.pid(), SIGINT);
     const int code = c.wait(5000);
@@ -192,8 +219,17 @@ TEST_F(IntegratorE2E, PluginIsNamedAndVersionNeedsOne)
 {
     const e2e::RunResult r = e2e::runProgram(base({"--watch", "M_W:0", "--cycles", "1"}), 20000);
     EXPECT_EQ(e2e::lines(r.out).at(0), std::string("driver ") + ADS_PLUGIN + " " + ADSHOST_VERSION) << r.out;
-    const e2e::RunResult v = e2e::runProgram({ADSHOST_EXE, "--version", "--driver", "/nonexistent.so"}, 5000);
+    const e2e::RunResult v = e2e::runProgram({ADSHOST_EXE, "--version", "--driver", "/nonexistent.so"}, 20000);
     EXPECT_EQ(v.exitCode, 1) << v.out;
+    // Without --driver, adshost in its build tree finds the plugin built beside it.
+    const e2e::RunResult b = e2e::runProgram({ADSHOST_EXE, "--plc", "127.0.0.1:" + std::to_string(sim.port()),
+                                                 "--netid", "192.168.1.100.1.1", "--watch", "M_W:0", "--cycles", "1"},
+        20000);
+    EXPECT_EQ(b.exitCode, 0) << b.out << b.err;
+    EXPECT_EQ(e2e::lines(b.out).at(0), std::string("driver ") + ADS_PLUGIN + " " + ADSHOST_VERSION) << b.out;
+    const e2e::RunResult bv = e2e::runProgram({ADSHOST_EXE, "--version"}, 20000);
+    EXPECT_EQ(bv.exitCode, 0) << bv.out << bv.err;
+    EXPECT_TRUE(contains(bv.out, std::string("driver ") + ADS_PLUGIN + " " + ADSHOST_VERSION)) << bv.out;
 }
 
 // 11. After the PLC is gone: the attempts to connect again are told as they happen, the
@@ -202,7 +238,7 @@ TEST_F(IntegratorE2E, ReconnectAttemptsAreToldAndCounted)
 {
     e2e::Child c;
     ASSERT_TRUE(c.start(base({"--watch", "M_W:0", "--duration", "1", "--timeout-ms", "100"})));
-    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    waitForRequests(sim, 2);
     sim.stop();
     const int code = c.wait(20000);
     EXPECT_EQ(code, 3) << c.out() << c.err();

@@ -305,6 +305,25 @@ TEST_F(HostWrite, ARejectedWordWriteReportsByteWordAndDoubleWordItemsInOrder)
             Report {1, 1, M_B, 10}, Report {1, 1, M_W, 10}, Report {1, 1, M_D, 10}, Report {1, 1, M_W, 10}}));
 }
 
+TEST_F(HostWrite, SettlingAQueuedWordWriteCoversTwiceItsBytes)
+{
+    // The queued write counts bytes (4 for two words) and settling counts them as words: the
+    // four units after the write take their last written value (never written: 0), silently.
+    h->addrMerge({Host::key(1, M_W, 10, 4)});
+    for (int b = 14; b < 18; ++b)
+        ref(M, b).value[0] = 0x2F;
+    ref(M, 18).value[0] = 0x2F;
+    h->setData(1, M_W, 10, {0x01, 0x02, 0x03, 0x04});
+    ASSERT_EQ(driver.writeList.size(), 1);
+    const VARIABLE v = driver.writeList.first();
+    ASSERT_EQ(v.length, 4);
+    h->clearReports();
+    _write_FailOrSuc(v.keyNo, v.regName, v.address, v.length, 1);
+    EXPECT_TRUE(h->reports.empty());
+    EXPECT_EQ(h->getData(1, M_W, 10, 4, 8), (Bytes {0x01, 0x02, 0x03, 0x04, 0, 0, 0, 0}));
+    EXPECT_EQ(at(M, 18).value[0], 0x2F);
+}
+
 TEST_F(HostWrite, AnAcceptedBitWriteCopiesOnlyItsBit)
 {
     h->addrMerge({Host::key(1, M_bit, 83, 2), Host::key(1, M_W, 10, 1)});

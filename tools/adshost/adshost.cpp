@@ -539,11 +539,23 @@ struct Session::Impl {
     // the last attempt to read it failed; 0: never. Stamps come from stampUs() and grow
     // strictly, so "failed after the last read" is a plain comparison. Allocated once per
     // area, never per request.
+    // forgotAt: when the driver's cache stopped showing what the PLC was seen to hold (a
+    // byte is known while readAt > forgotAt).
     struct ByteTimes {
-        std::vector<int64_t> readAt, failedAt;
+        std::vector<int64_t> readAt, failedAt, forgotAt;
     };
     ByteTimes byteTimes[3];
     int64_t lastStamp = 0;
+    // The data of the last accepted reply to each condition read, with the stamp of its
+    // bytes: what the PLC answered, which the driver's cache may no longer show (K28 in
+    // docs/INTERNALS.md). One entry per condition read asked for.
+    struct ConditionReply {
+        char area = '?';
+        long first = 0, count = 0;
+        std::vector<uint8_t> data;
+        int64_t stamp = 0;
+    };
+    std::vector<ConditionReply> conditionReplies;
 
     static int areaIndex(char area) { return area == 'I' ? 0 : area == 'Q' ? 1 : area == 'M' ? 2 : -1; }
 
@@ -566,6 +578,7 @@ struct Session::Impl {
         if (t.readAt.empty()) {
             t.readAt.assign(65536 + 1024, 0);
             t.failedAt.assign(65536 + 1024, 0);
+            t.forgotAt.assign(65536 + 1024, 0);
         }
         std::vector<int64_t>& v = failed ? t.failedAt : t.readAt;
         const int64_t stamp = stampUs();
@@ -574,13 +587,39 @@ struct Session::Impl {
             v[size_t(b)] = stamp;
     }
     void markKnown(char area, long first, long count) { stampBytes(area, first, count, false); }
+    // The cache no longer shows what the PLC holds in these bytes: not known until read again.
     void forgetBytes(char area, long first, long count)
     {
         const int i = areaIndex(area);
         if (i < 0 || count <= 0 || first < 0 || byteTimes[i].readAt.empty())
             return;
-        std::vector<int64_t>& v = byteTimes[i].readAt;
-        std::fill(v.begin() + first, v.begin() + std::min(first + count, long(v.size())), 0);
+        std::vector<int64_t>& v = byteTimes[i].forgotAt;
+        std::fill(v.begin() + first, v.begin() + std::min(first + count, long(v.size())), stampUs());
+    }
+    // Keeps the data of an accepted reply to a condition read asked for.
+    void keepConditionReply(char area, long first, long count, const std::vector<uint8_t>& reply)
+    {
+        const size_t dataAt = 46;  // AMS/TCP header, AMS header, ADS result and length
+        if (reply.size() < dataAt + size_t(count))
+            return;
+        for (const Address& a : cfg.conditions) {
+            if (a.area() != area || a.firstByte() != first || a.lastByte() - a.firstByte() + 1 != count)
+                continue;
+            ConditionReply* kept = nullptr;
+            for (ConditionReply& c : conditionReplies)
+                if (c.area == area && c.first == first && c.count == count)
+                    kept = &c;
+            if (!kept) {
+                conditionReplies.emplace_back();
+                kept = &conditionReplies.back();
+            }
+            kept->area = area;
+            kept->first = first;
+            kept->count = count;
+            kept->data.assign(reply.begin() + long(dataAt), reply.begin() + long(dataAt) + count);
+            kept->stamp = lastStamp;
+            return;
+        }
     }
 
     ActionRec* actionById(int id)
@@ -706,7 +745,7 @@ struct Session::Impl {
     }
 
     // Bookkeeping after the driver has handled a reply (under `lock`).
-    void settle(const Exchange& ex, bool recipeWriteUp, bool recipeReadUp)
+    void settle(const Exchange& ex, const std::vector<uint8_t>& reply, bool recipeWriteUp, bool recipeReadUp)
     {
         const ReplyCodes& fc = frameCodes;
         // The meaning is text: made only for a failure, not for every accepted reply.
@@ -722,8 +761,11 @@ struct Session::Impl {
         const long count = hasSpan ? long(le32(&ex.frame[46])) : 0;
         const long last = first + count - 1;
         const bool valueRead = ex.purpose == 'R' || ex.purpose == 'C' || ex.purpose == 'r';
-        if (valueRead && ex.result == 1 && ex.codes.ok())
+        if (valueRead && ex.result == 1 && ex.codes.ok()) {
             markKnown(area, first, count);
+            if (ex.purpose == 'C')
+                keepConditionReply(area, first, count, reply);
+        }
         // Any request on the bytes that failed (rejected, timed out, given up, lost): what the
         // driver's cache shows for them is no longer what the PLC was seen to hold (a write not
         // confirmed shows the value written).
@@ -762,8 +804,13 @@ struct Session::Impl {
                     r.transferSeen = true;
             }
         }
-        if (ex.result == 1 && ex.purpose == 'W' && ex.codes.ok())
+        if (ex.result == 1 && ex.purpose == 'W' && ex.codes.ok()) {
             markKnown(area, first, count);
+            // Settling the write, the driver also gives the as many bytes after it their last
+            // written value (K28 in docs/INTERNALS.md): the PLC did not take them.
+            if (endsWith(ex.varReg, "_W"))
+                forgetBytes(area, first + count, count);
+        }
         // A refused write: the driver's cache shows the value written, which the PLC never
         // held; the value is not known until it is read again.
         if (ex.result == 1 && ex.purpose == 'W' && ex.codes.anyError())
@@ -1375,7 +1422,7 @@ const Exchange& Session::step()
     s.recipeFlags(writeStillUp, readStillUp);
     {
         std::lock_guard<std::mutex> g(s.lock);
-        s.settle(ex, writeStillUp, readStillUp);
+        s.settle(ex, reply, writeStillUp, readStillUp);
         if (ex.result >= 0 && ex.result <= 8)
             ++s.stats.results[ex.result];
         if (ex.timedOut)
@@ -1564,10 +1611,48 @@ Freshness Session::freshness(const Address& a)
     const Impl::ByteTimes& t = d->byteTimes[i];
     int64_t oldest = INT64_MAX;
     for (int b = a.firstByte(); b <= a.lastByte(); ++b) {
-        if (b < 0 || size_t(b) >= t.readAt.size() || t.readAt[size_t(b)] == 0)
+        if (b < 0 || size_t(b) >= t.readAt.size() || t.readAt[size_t(b)] <= t.forgotAt[size_t(b)])
             return f;
         oldest = std::min(oldest, t.readAt[size_t(b)]);
         f.stale = f.stale || t.failedAt[size_t(b)] > t.readAt[size_t(b)];
+    }
+    using namespace std::chrono;
+    const int64_t now = duration_cast<microseconds>(steady_clock::now().time_since_epoch()).count();
+    f.read = true;
+    f.ageMs = double(std::max<int64_t>(0, now - oldest)) / 1000.0;
+    return f;
+}
+
+Freshness Session::conditionValue(const Address& a, std::vector<uint8_t>& out)
+{
+    out = read(a);
+    std::lock_guard<std::mutex> g(d->lock);
+    const Impl::ConditionReply* c = nullptr;
+    for (const Impl::ConditionReply& r : d->conditionReplies)
+        if (r.area == a.area() && r.first == a.firstByte() && r.count == a.lastByte() - a.firstByte() + 1)
+            c = &r;
+    const int i = Impl::areaIndex(a.area());
+    Freshness f;
+    if (!c || i < 0 || d->byteTimes[i].readAt.empty() || out.size() != size_t(c->count))
+        return f;
+    // Byte by byte the newer of the reply and the cache: a byte read or confirmed since
+    // the reply comes from the cache while the cache still shows what the PLC held.
+    const Impl::ByteTimes& t = d->byteTimes[i];
+    int64_t oldest = INT64_MAX;
+    for (long k = 0; k < c->count; ++k) {
+        const size_t b = size_t(c->first + k);
+        if (b >= t.readAt.size())
+            return f;
+        int64_t at = c->stamp;
+        if (t.readAt[b] > c->stamp && t.readAt[b] > t.forgotAt[b]) {
+            at = t.readAt[b];
+        } else {
+            out[size_t(k)] = c->data[size_t(k)];
+            // Read again since, but the cache lost that value: the reply's is an older one.
+            f.stale = f.stale || t.readAt[b] > c->stamp;
+        }
+        f.stale = f.stale || t.failedAt[b] > at;
+        oldest = std::min(oldest, at);
     }
     using namespace std::chrono;
     const int64_t now = duration_cast<microseconds>(steady_clock::now().time_since_epoch()).count();

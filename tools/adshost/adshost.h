@@ -305,6 +305,9 @@ public:
     // confirmed by it) in this session.
     bool everRead(const Address& a);
     Freshness freshness(const Address& a);
+    // A condition read's value: the data of the PLC's last accepted reply to it, where the
+    // cache holds nothing newer that the PLC showed. Not read without such a reply.
+    Freshness conditionValue(const Address& a, std::vector<uint8_t>& bytes);
     // A communication error, with the meaning of the last reply's codes and the likely
     // fix: "1#M_W0(2)(38): AMS error 0x6 (target port not found): no ADS port 851 on the
     // PLC: check --ams-port".

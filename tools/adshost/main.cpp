@@ -695,13 +695,16 @@ int adshostMain(int argc, char** argv)
         std::fputs("\033[H\033[2J", stdout);
     bool neverRead = false, anyStale = false;
     auto valueLine = [&](const adshost::Address& a, const char* kind) {
-        const adshost::Freshness f = session.freshness(a);
+        const bool condition = !std::strcmp(kind, "condition");
+        std::vector<uint8_t> v;
+        const adshost::Freshness f = condition ? session.conditionValue(a, v) : session.freshness(a);
+        if (!condition)
+            v = session.read(a);
         const bool read = f.read;
         neverRead = neverRead || !read;
         anyStale = anyStale || (read && f.stale);
         if (quiet && !json)
             return;
-        const std::vector<uint8_t> v = session.read(a);
         std::string note;
         if (std::strcmp(kind, "watch"))
             note += std::string(" (") + kind + ")";
