@@ -21,7 +21,8 @@
 //            5    bit write: register, keyNo, address (2), count; then count data bytes
 //            6    condition read: register, keyNo, address (2), length, kind
 //            7    recipe flags: bits 0-1 the write flag, bits 2-3 the read flag
-// fuzz/make_corpus.py writes seeds in this layout with real ADS replies inside.
+// fuzz/make_driver_seeds.cpp writes the seeds in this layout, with the replies of the simulator
+// (tools/plcsim) inside.
 #include "ads_ethernet.h"
 
 #include <QtCore/QByteArray>
@@ -243,14 +244,6 @@ void resetRecipeState()
 }
 
 }  // namespace
-
-// AddressSanitizer keeps freed blocks poisoned until 256 MiB more have been freed (its
-// quarantine). Each input builds and drops a whole cache, queues and frames of 1 KiB records,
-// so with that quarantine nearly every allocation lands on fresh pages: half of the time went
-// to page faults and filling new memory. 32 MiB still holds the blocks of many inputs, far
-// more than one input frees, so a use after free within an input is still caught. ASAN_OPTIONS
-// overrides it.
-extern "C" const char* __asan_default_options() { return "quarantine_size_mb=32"; }
 
 extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv)
 {

@@ -3,7 +3,8 @@
 # docs/figures/ beside them:
 #   callgrind_reads.txt  -> reads_vs_cache.png   instructions per 128-byte read against cache size
 #   write_latency.txt    -> write_latency.png    histogram of the time from intf_setData to the reply
-#   endurance.txt        -> endurance_memory.png resident memory of host and plcsim over an endurance run
+#   endurance.txt        -> endurance_memory.png resident memory and open descriptors of host and
+#                                                plcsim over an endurance run
 #
 # Usage: bash scripts/make-figures.sh [--measure BUILD_DIR] [--endurance SAMPLES_FILE]
 #   --measure BUILD_DIR   first run the benchmarks again into the data files:
@@ -81,20 +82,31 @@ plot "$hist" using 1:2 with boxes title "word (M_W), $words writes: the next req
      "$hist" using 1:3 with boxes title "bit (M_bit), $bits writes: a read of its byte, then the write"
 EOF
 
-# 3. Resident memory over an endurance run: "seconds requests round round_end host_rss_kib
-#    host_fds plcsim_rss_kib plcsim_fds".
+# 3. Resident memory and open descriptors over an endurance run: "seconds requests round
+#    round_end host_rss_kib host_fds plcsim_rss_kib plcsim_fds", two panels in one picture.
 if [[ -s $fig/endurance.txt ]]; then
   gnuplot <<EOF
 $style
+set terminal pngcairo size 900,760 font "DejaVu Sans,11" noenhanced
 set output "$fig/endurance_memory.png"
-set title "Resident memory during the endurance run (5 % of every fault kind, a writing thread)"
+set multiplot layout 2,1 title "Endurance run (5 % of every fault kind, a writing thread)"
+set autoscale xfix
+set format x "%.1f"
 set xlabel "requests (millions)"
 set ylabel "resident memory (MiB)"
 set yrange [0:*]
-set key bottom right
+set key center right
 plot "$fig/endurance.txt" using (\$2/1e6):(\$5/1024) with lines lw 2 title "host (soak: session, driver, wire tap)", \
      "$fig/endurance.txt" using (\$4 == 1 ? \$2/1e6 : 1/0):(\$5/1024) with points pt 7 ps 0.8 title "host at the end of a round", \
      "$fig/endurance.txt" using (\$2/1e6):(\$7/1024) with lines lw 2 title "plcsim"
+set ylabel "open descriptors"
+set yrange [0:20]
+set key top right
+plot "$fig/endurance.txt" using (\$2/1e6):6 with steps lw 1 title "host, every sample (a reconnection may be under way)", \
+     "$fig/endurance.txt" using (\$4 == 1 ? \$2/1e6 : 1/0):6 with points pt 7 ps 0.8 title "host at the end of a round", \
+     "$fig/endurance.txt" using (\$2/1e6):8 with steps lw 1 title "plcsim, every sample", \
+     "$fig/endurance.txt" using (\$4 == 1 ? \$2/1e6 : 1/0):8 with points pt 5 ps 0.8 title "plcsim at the end of a round"
+unset multiplot
 EOF
 fi
 ls -l "$fig"/*.png

@@ -4,8 +4,9 @@
 # the write queue drained, a full refresh and the soak's checks (no write lost, the cache
 # equal to the PLC's memory, untouched bits untouched). Meanwhile the resident memory and
 # the open descriptors of the host (the soak program: session, driver, wire tap) and of
-# plcsim are sampled every few seconds and at each round's end; the run fails when either
-# grows after the warm-up (by more than 1 MiB, or by any descriptor).
+# plcsim are sampled every few seconds (not while the soak checks a round) and at each round's
+# end; the run fails when either grows after the warm-up (by more than 1 MiB, or by any
+# descriptor).
 #
 # Usage: bash scripts/run-endurance.sh [--requests N] [--out DIR] [soak options...]
 #   --requests N   requests in all (default 1000000, at least 10000); rounds of N/50 (at least

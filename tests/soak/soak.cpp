@@ -21,7 +21,11 @@
 // request an answer belonged to. The tap forwards bytes unchanged except that it gives each
 // request a unique invoke id on its way to the simulator and puts the original id back into
 // the reply (the simulator echoes it) before the host sees it. Replies are forwarded as they
-// arrive (a split reply still reaches the host in two pieces). What the tap learns: for every
+// arrive (a split reply still reaches the host in two pieces). When the host closes its
+// connection, the tap only half-closes its side towards the simulator and reads on until the
+// simulator closes too: a request the host sent just before giving up (a stalled simulator
+// reads it after the host's time-out) is still answered, and its reply is counted, though
+// nobody forwards it any more. What the tap learns: for every
 // request that reached the simulator, its command, range, data, and the ADS result of its
 // reply (if one came). It is needed for one case only: the simulator's adserror fault on a
 // Write answers with a 42-byte error reply, exactly as long as a good Write reply; the driver
@@ -64,8 +68,9 @@
 // Other checks: every watched word and bit read from the driver's cache equals the
 // simulator's memory; every bit of the test regions that no item covers still holds the
 // pattern written before the run (neighbours of written bits and words are untouched; the
-// simulated program is off); the tap's count of ADS error replies equals the simulator's
-// count of adserror faults; no reply came back to a request id the tap never sent.
+// simulated program is off); the requests the simulator's log marks with the adserror fault
+// are exactly those whose reply the tap read with a non-zero ADS result (so the counts are
+// equal too); no reply came back to a request id the tap never sent.
 
 #include "adshost.h"
 #include "adstool/cli.h"
@@ -149,6 +154,7 @@ struct Options {
     uint64_t warmupRequests = 0;  // 0: the first round or a tenth of the run, whichever is longer
     int maxGrowthKib = 1024;
     bool leakSelfTest = false;  // leak memory and a descriptor every round (the checks must see it)
+    bool loseErrorReply = false;  // self-test: the tap drops the first ADS error reply (the checks must see it)
 };
 
 const char* const kHelp = "usage: soak [--requests N] [--fault-prob P] [--seed N] [--max-seconds S]\n"
@@ -158,6 +164,7 @@ const char* const kHelp = "usage: soak [--requests N] [--fault-prob P] [--seed N
                           "            [--tolerate-late-replies] [--reconnect-after-timeout]\n"
                           "            [--round-requests N] [--samples FILE] [--sample-seconds S]\n"
                           "            [--warmup-requests N] [--max-growth-kib K] [--leak-self-test]\n"
+                          "            [--lose-error-reply]\n"
                           "Fault soak of the driver with the reference host against plcsim.\n"
                           "--corrupt-memory: before the checks, change one written word and one untouched bit in\n"
                           "the PLC behind the driver's back (the run must then fail: a self-test of the checks)\n"
@@ -169,13 +176,16 @@ const char* const kHelp = "usage: soak [--requests N] [--fault-prob P] [--seed N
                           "--round-requests N: run in rounds of N requests; each round ends with the queue\n"
                           "drained, a full refresh and every check, then the program lets go of what it recorded\n"
                           "(session, driver, connection and simulator stay), so that its memory stays flat\n"
-                          "--samples FILE: every --sample-seconds, and at each round's end, the resident memory\n"
+                          "--samples FILE: every --sample-seconds (not while the soak checks a round: its scratch is\n"
+                          "its own), and at each round's end, the resident memory\n"
                           "and open descriptors of this program and of the simulator, one line each. After the\n"
                           "warm-up (--warmup-requests; default the first round or a tenth of the run, whichever is\n"
                           "longer) neither memory may grow by more than --max-growth-kib (1024) over its warm-up\n"
                           "maximum, and at round ends no process may hold more descriptors than at the warm-up's\n"
                           "round ends\n"
                           "--leak-self-test: leak 512 KiB and a descriptor every round (the run must then fail)\n"
+                          "--lose-error-reply: the wire tap drops the first ADS error reply of the simulator, as\n"
+                          "if lost on the way (the run must then fail)\n"
                           "An option given twice takes the later value.\n";
 
 // Returns true to go on; otherwise rc is the exit code (0 after --help, 2 for a bad argument).
@@ -208,6 +218,7 @@ bool parseOptions(int argc, char** argv, Options& o, int& rc)
     app.add_option("--warmup-requests", o.warmupRequests)->check(Number(0, 100000000));
     app.add_option("--max-growth-kib", o.maxGrowthKib)->check(Number(0, 1 << 30, "KiB"));
     app.add_flag("--leak-self-test", o.leakSelfTest);
+    app.add_flag("--lose-error-reply", o.loseErrorReply);
     rc = parse(app, argc, argv, "soak", kHelp);
     if (rc >= 0)
         return false;
@@ -242,6 +253,7 @@ struct TapReply {
     int conn = 0;
     int size = 0;
     int64_t tUs = 0;
+    bool forwarded = true;  // false: read after the host had closed the connection
 };
 
 class WireTap {
@@ -262,6 +274,19 @@ public:
         return true;
     }
     uint16_t port() const { return port_; }
+    // Self-test of the checks: the first ADS error reply read from the simulator is dropped,
+    // neither passed on nor recorded, as if lost on the way (the run must then fail).
+    void loseOneErrorReply() { loseErrorReply_ = true; }
+    // Connections the host has closed while the simulator has not yet closed its side.
+    int lingering() const { return lingering_.load(); }
+    // Waits (at most ms milliseconds) until no connection lingers; false when one still does.
+    bool settle(int ms)
+    {
+        const int64_t until = nowUs() + int64_t(ms) * 1000;
+        while (lingering() > 0 && nowUs() < until)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        return lingering() == 0;
+    }
     void stop()
     {
         stop_ = true;
@@ -313,6 +338,7 @@ private:
     struct Pair {
         int host = -1, sim = -1;
         int id = 0;
+        int64_t lingerUntilUs = 0;  // the host has gone: read the simulator's side until then
         bool raw = false;          // stream no longer understood: forwarded as it is
         std::vector<uint8_t> up;   // host -> simulator, partial request
         std::vector<uint8_t> cur;  // simulator -> host, the reply being passed on
@@ -338,6 +364,25 @@ private:
         if (p.sim >= 0)
             ::close(p.sim);
         p.host = p.sim = -1;
+        if (p.lingerUntilUs)
+            --lingering_;
+        p.lingerUntilUs = 0;
+    }
+
+    // The host closed (or can no longer be written to): the simulator gets the end of the
+    // stream and answers what it has read before it sees it; the tap reads those replies
+    // until the simulator closes, or gives up after kLingerMs (a problem: a reply may be lost).
+    static constexpr int kLingerMs = 10000;
+    void hostGone(Pair& p)
+    {
+        if (p.host >= 0)
+            ::close(p.host);
+        p.host = -1;
+        if (p.sim < 0 || p.lingerUntilUs)
+            return;
+        ::shutdown(p.sim, SHUT_WR);
+        p.lingerUntilUs = nowUs() + int64_t(kLingerMs) * 1000;
+        ++lingering_;
     }
 
     void accept()
@@ -438,9 +483,12 @@ private:
             return sendAll(p.host, buf, size_t(n));
         std::vector<uint8_t> out;
         out.reserve(size_t(n));
+        size_t replyStart = SIZE_MAX;  // where the reply being read begins in out (if it began here)
         for (ssize_t i = 0; i < n; ++i) {
             p.cur.push_back(buf[i]);
             const size_t pos = p.cur.size() - 1;
+            if (pos == 0)
+                replyStart = out.size();
             if (pos == 5) {
                 const uint32_t len = u32(&p.cur[2]);
                 if (len > 65536) {
@@ -471,22 +519,32 @@ private:
                 if (p.cur.size() < 38)  // too short to hold an invoke id: pass on what was held
                     for (size_t k = 34; k < p.cur.size(); ++k)
                         out.push_back(p.cur[k]);
-                finishReply(p.cur, p.id);
+                if (loseErrorReply_ && replyStart != SIZE_MAX && p.cur.size() >= 42 && u16(&p.cur[0]) == 0
+                    && u32(&p.cur[38]) != 0) {
+                    loseErrorReply_ = false;  // self-test: this reply never existed
+                    out.resize(replyStart);
+                } else {
+                    finishReply(p.cur, p.id, p.host >= 0);
+                }
                 p.cur.clear();
                 p.need = 0;
             }
         }
-        return out.empty() || sendAll(p.host, out.data(), out.size());
+        if (p.host < 0)
+            return true;  // the host has gone: replies are counted, not forwarded
+        if (!out.empty() && !sendAll(p.host, out.data(), out.size()))
+            hostGone(p);
+        return true;
     }
 
-    void finishReply(const std::vector<uint8_t>& f, int conn)
+    void finishReply(const std::vector<uint8_t>& f, int conn, bool forwarded)
     {
         if (f.size() < 38 || u16(&f[0]) != 0)
             return;
         const uint32_t tag = u32(&f[34]);
         std::lock_guard<std::mutex> g(lock_);
         if (replies_.size() < 2000000)
-            replies_.push_back(TapReply {tag, conn, int(f.size()), nowUs()});
+            replies_.push_back(TapReply {tag, conn, int(f.size()), nowUs(), forwarded});
         auto it = index_.find(tag);
         if (it == index_.end()) {
             ++unknownReplies_;
@@ -511,7 +569,7 @@ private:
             fds.clear();
             fds.push_back({lfd_, POLLIN, 0});
             for (auto& p : pairs_) {
-                fds.push_back({p->host, POLLIN, 0});
+                fds.push_back({p->host, POLLIN, 0});  // -1 once the host has gone: not polled
                 fds.push_back({p->sim, POLLIN, 0});
             }
             const int r = ::poll(fds.data(), fds.size(), 20);
@@ -524,17 +582,22 @@ private:
             const size_t n = (fds.size() - 1) / 2;
             for (size_t i = 0; i < n && i < pairs_.size(); ++i) {
                 Pair& p = *pairs_[i];
-                bool ok = true;
                 // Replies first: a simulator that closed after answering has its last bytes passed on.
-                if (ok && (fds[1 + 2 * i + 1].revents & (POLLIN | POLLHUP | POLLERR)))
-                    ok = fromSim(p);
-                if (ok && (fds[1 + 2 * i].revents & (POLLIN | POLLHUP | POLLERR)))
-                    ok = fromHost(p);
-                if (!ok)
-                    closePair(p);
+                if (p.sim >= 0 && (fds[1 + 2 * i + 1].revents & (POLLIN | POLLHUP | POLLERR)) && !fromSim(p))
+                    closePair(p);  // the simulator closed: nothing more can come either way
+                if (p.host >= 0 && (fds[1 + 2 * i].revents & (POLLIN | POLLHUP | POLLERR)) && !fromHost(p))
+                    hostGone(p);
             }
-            pairs_.erase(std::remove_if(
-                             pairs_.begin(), pairs_.end(), [](const std::unique_ptr<Pair>& p) { return p->host < 0; }),
+            const int64_t now = nowUs();
+            for (auto& p : pairs_) {
+                if (p->lingerUntilUs && p->sim >= 0 && now > p->lingerUntilUs) {
+                    problem("tap: the simulator kept a connection open " + std::to_string(kLingerMs)
+                        + " ms after the host closed it (a reply may have been lost)");
+                    closePair(*p);
+                }
+            }
+            pairs_.erase(std::remove_if(pairs_.begin(), pairs_.end(),
+                             [](const std::unique_ptr<Pair>& p) { return p->host < 0 && p->sim < 0; }),
                 pairs_.end());
         }
     }
@@ -544,6 +607,8 @@ private:
     std::atomic<bool> stop_ {false};
     std::thread thread_;
     std::vector<std::unique_ptr<Pair>> pairs_;  // the tap thread's own
+    std::atomic<int> lingering_ {0};
+    std::atomic<bool> loseErrorReply_ {false};
 
     std::mutex lock_;  // guards what follows
     uint32_t nextTag_ = 0x10000;
@@ -732,7 +797,8 @@ public:
             int64_t next = nowUs();
             while (!stop_) {
                 if (nowUs() >= next) {
-                    take(false);
+                    if (!paused_)
+                        take(false);
                     next += int64_t(opt_.sampleSeconds * 1e6);
                 }
                 std::this_thread::sleep_for(std::chrono::milliseconds(20));
@@ -745,10 +811,13 @@ public:
         if (thread_.joinable())
             thread_.join();
     }
+    // While the soak checks a round (its own scratch comes and goes), until the round's end.
+    void pause() { paused_ = true; }
     // At a round's end, with nothing in flight and the round's records let go.
     void roundBegins(int round) { round_ = round; }
     void roundEnd(bool last)
     {
+        paused_ = false;
         if (opt_.leakSelfTest && !last) {
             leaked_.emplace_back(512 * 1024, char(1));
             leakedFds_.push_back(::open("/dev/null", O_RDONLY | O_CLOEXEC));
@@ -861,6 +930,7 @@ private:
     std::atomic<int> round_ {0};
     FILE* file_ = nullptr;
     std::atomic<bool> stop_ {false};
+    std::atomic<bool> paused_ {false};
     std::thread thread_;
     std::mutex lock_;
     std::vector<Sample> samples_;
@@ -1013,6 +1083,8 @@ int main(int argc, char** argv)
 
     // ---- the tap and the session
     WireTap tap;
+    if (opt.loseErrorReply)
+        tap.loseOneErrorReply();
     std::string why;
     if (!tap.start(sim.port(), why)) {
         std::fprintf(stderr, "soak: FAIL: %s\n", why.c_str());
@@ -1278,7 +1350,10 @@ int main(int argc, char** argv)
             command("set " + std::to_string(r.group) + " 0 " + hex2({uint8_t(pattern[{r.group, 0}] ^ 0x02)}));
         }
 
-        // ---- checks: the cache against the simulator's memory
+        // ---- checks: the cache against the simulator's memory. Their scratch (copies of the
+        // tap's records of the round, about 2 MB at 20,000 requests) is this program's, not
+        // the host's: no sample is taken until the round's end.
+        endurance.pause();
         std::map<unsigned, std::vector<uint8_t>> mem;
         for (const Region& r : kRegions)
             mem[r.group] = memory(r.group, r.offset, r.size);
@@ -1355,6 +1430,9 @@ int main(int argc, char** argv)
         if (!episodes.empty() && episodes.back().result == 0)
             episodes.pop_back();  // unfinished at the end
 
+        // Connections the host closed are read to their end first (their replies count).
+        if (!tap.settle(12000))
+            mismatch("the tap still reads " + std::to_string(tap.lingering()) + " connections the host closed");
         const std::vector<TapRequest> tapReqs = tap.requests();
         std::vector<int> lastEpisode(items.size(), -1);
         for (size_t k = 0; k < episodes.size(); ++k) {
@@ -1444,11 +1522,31 @@ int main(int argc, char** argv)
         // ---- the tap's view against the simulator's
         std::vector<std::pair<std::string, uint32_t>> lateAccepted;  // text, tag of the late reply's request
         uint64_t tapDoubleReplies = 0;
+        // The requests the simulator refused by the adserror fault are exactly those whose reply
+        // the tap read with a non-zero ADS result.
+        logc.poll();
+        std::set<uint32_t> refusedBySim;
+        for (const auto& kv : logc.faultOf)
+            if (kv.second == "adserror")
+                refusedBySim.insert(kv.first);
         for (const TapRequest& q : tapReqs) {
             ++tapRequests;
-            tapErrors += q.hasResult && q.result != 0;
+            const bool refused = q.hasResult && q.result != 0;
+            tapErrors += refused;
             tapDoubleReplies += q.replies > 1;
+            if (refused != (refusedBySim.erase(q.tag) > 0)) {
+                char t[240];
+                std::snprintf(t, sizeof t,
+                    "request tag %u (conn %d, cmd %u group 0x%X offset %u length %u): %s", q.tag, q.conn, q.cmd,
+                    q.group, q.offset, q.length,
+                    refused ? "the tap read an ADS error reply, the simulator logged no adserror fault"
+                            : q.replies ? "the simulator logged an adserror fault, the tap read a reply without an error"
+                                        : "the simulator logged an adserror fault, the tap read no reply");
+                mismatch(t);
+            }
         }
+        for (uint32_t tag : refusedBySim)
+            mismatch("request tag " + std::to_string(tag) + ": the simulator logged an adserror fault for a request the tap never sent");
         if (tap.unknownReplies())
             mismatch(std::to_string(tap.unknownReplies()) + " replies carried an invoke id never sent");
         if (tapDoubleReplies)
@@ -1487,9 +1585,10 @@ int main(int argc, char** argv)
                 while (yi < tapReplies.size() && tapReplies[yi].tUs < q.tUs)
                     ++yi;
                 // On the request's connection: a late reply on a connection the host has
-                // already closed never reaches it.
+                // already closed never reaches it (the tap reads it, but does not pass it on).
                 size_t yj = yi;
-                while (yj < tapReplies.size() && tapReplies[yj].conn != q.conn && tapReplies[yj].tUs <= r.t1)
+                while (yj < tapReplies.size() && (tapReplies[yj].conn != q.conn || !tapReplies[yj].forwarded)
+                    && tapReplies[yj].tUs <= r.t1)
                     ++yj;
                 if (yj >= tapReplies.size() || tapReplies[yj].tUs > r.t1)
                     continue;
