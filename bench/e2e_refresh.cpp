@@ -13,7 +13,9 @@
  * Prints one line per turn and a final "ratio" line (host refreshes / raw refreshes).
  */
 #include "adshost.h"
+#include "bench_screen.h"
 #include "adstool/cli.h"
+#include "adstool/clock.h"
 #include "adstool/deadline_io.h"
 #include "plcsim_control.h"
 
@@ -33,11 +35,7 @@
 
 namespace {
 
-double nowSeconds()
-{
-    using namespace std::chrono;
-    return duration<double>(steady_clock::now().time_since_epoch()).count();
-}
+using adstool::nowSeconds;
 
 /* The floor: one request out, one reply in (deadline I/O of 2 s each), nothing else. */
 class RawClient {
@@ -95,28 +93,11 @@ int main(int argc, char** argv)
     if (!sim.start(plcsimPath, {"--listen", "127.0.0.1:0"}))
         return fail("could not start " + plcsimPath + ": " + sim.error());
 
-    adshost::Config cfg;
-    cfg.driverPath = driverPath;
-    cfg.plcHost = "127.0.0.1";
-    cfg.plcPort = sim.port();
-    for (int i = 0; i < addresses; ++i) {
-        adshost::Address a;
-        std::string why;
-        if (!adshost::parseAddress("M_W:" + std::to_string(4 * i) + ":1", a, why))
-            return fail("address: " + why);
-        cfg.watches.push_back(a);
-    }
     adshost::Session host;
     std::string why;
-    if (!host.open(cfg, why))
-        return fail("adshost: " + why);
-    if (!host.connect(why))
-        return fail("adshost connect: " + why);
-    /* Warm-up: the handshake and two full refreshes. */
-    host.run(0, 300);
+    if (!adsbench::openScreen(host, driverPath, sim.port(), addresses, why))
+        return fail(why);
     const int blocks = host.blocks();
-    if (blocks < 1 || host.stats().fullRefreshes < 2)
-        return fail("the host did not refresh the screen during the warm-up");
 
     /* The block reads exactly as the driver sent them: the last `blocks` cyclic reads. */
     std::vector<std::vector<uint8_t>> frames;

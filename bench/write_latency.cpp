@@ -21,7 +21,9 @@
  * ("word|bit microseconds requests_after_queueing requests_from_the_call") for scripts/make-figures.sh.
  */
 #include "adshost.h"
+#include "bench_screen.h"
 #include "adstool/cli.h"
+#include "adstool/clock.h"
 #include "plcsim_control.h"
 
 #include <algorithm>
@@ -43,11 +45,7 @@
 
 namespace {
 
-int64_t nowNs()
-{
-    using namespace std::chrono;
-    return duration_cast<nanoseconds>(steady_clock::now().time_since_epoch()).count();
-}
+using adstool::nowNs;
 
 int fail(const std::string& why)
 {
@@ -110,17 +108,6 @@ int main(int argc, char** argv)
     if (!sim.start(plcsimPath, {"--listen", "127.0.0.1:0", "--no-program"}))
         return fail("could not start " + plcsimPath + ": " + sim.error());
 
-    adshost::Config cfg;
-    cfg.driverPath = driverPath;
-    cfg.plcHost = "127.0.0.1";
-    cfg.plcPort = sim.port();
-    for (int i = 0; i < addresses; ++i) {
-        adshost::Address a;
-        std::string why;
-        if (!adshost::parseAddress("M_W:" + std::to_string(4 * i) + ":1", a, why))
-            return fail("address: " + why);
-        cfg.watches.push_back(a);
-    }
     // Written outside the screen: a word and a bit.
     const int wordAt = 4 * addresses + 64, bitByte = 4 * addresses + 96;
     adshost::Write word, bit;
@@ -129,13 +116,8 @@ int main(int argc, char** argv)
         || !adshost::parseWrite("M_bit:" + std::to_string(bitByte) + ".3=0", bit, why))
         return fail("write: " + why);
     adshost::Session host;
-    if (!host.open(cfg, why))
-        return fail("adshost: " + why);
-    if (!host.connect(why))
-        return fail("adshost connect: " + why);
-    host.run(0, 300);  // the handshake and a few refreshes
-    if (host.stats().fullRefreshes < 2)
-        return fail("the host did not refresh the screen during the warm-up");
+    if (!adsbench::openScreen(host, driverPath, sim.port(), addresses, why))
+        return fail(why);
 
     Pending pending;
     std::atomic<uint64_t> replies {0};  // replies handed to the driver

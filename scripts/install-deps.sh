@@ -15,6 +15,7 @@ packages=(
   tshark                                    # every frame checked by a protocol analyser
   crossbuild-essential-armhf qemu-user      # the ARM panel build and its tests
   file                                      # the panel bundle check (is the plugin stripped)
+  universal-ctags                           # function lengths in scripts/measure-code.sh
 )
 missing=()
 for p in "${packages[@]}"; do

@@ -2,6 +2,8 @@
 // points resolved by name and callable, and a dynamic symbol table that exports the
 // driver's intf_ entry points and nothing else of the driver.
 
+#include "adstool/driver_plugin.h"
+
 #include <gtest/gtest.h>
 
 #include <QtCore/QList>
@@ -20,7 +22,6 @@
 #include <string>
 #include <vector>
 
-#include "ads_ethernet.h"
 
 #ifndef ADS_PLUGIN_PATH
 #error "ADS_PLUGIN_PATH must name the built plugin"
@@ -63,25 +64,24 @@ bool isLinkerSymbol(const std::string& name)
     return false;
 }
 
-struct Plugin {
-    void* handle;
+// Loaded through the tools' one loader; closed again at the end of each test.
+struct Plugin : adstool::DriverPlugin {
     std::string error;
-    Plugin() : handle(dlopen(ADS_PLUGIN_PATH, RTLD_NOW | RTLD_LOCAL))
+    Plugin()
     {
-        if (!handle) {
-            const char* e = dlerror();
-            error = e ? e : "unknown dlopen error";
-        }
+        if (load(ADS_PLUGIN_PATH))
+            return;
+        error = loadError.empty() ? "unknown dlopen error" : loadError;
+        for (const std::string& name : missing)
+            error += " missing " + name;
+        if (handle)
+            dlclose(handle);
+        handle = nullptr;
     }
     ~Plugin()
     {
         if (handle)
             dlclose(handle);
-    }
-    template <typename F>
-    F get(const char* name) const
-    {
-        return reinterpret_cast<F>(dlsym(handle, name));
     }
 };
 
@@ -202,13 +202,13 @@ TEST(PluginAbi, HarmlessEntryPointsWorkThroughThePointers)
     Plugin p;
     ASSERT_NE(nullptr, p.handle) << p.error;
 
-    auto getType = p.get<decltype(&intf_getProtocolType)>("intf_getProtocolType");
-    auto getVersion = p.get<decltype(&intf_getVersion)>("intf_getVersion");
-    auto getParameter = p.get<decltype(&intf_getDriverParameter)>("intf_getDriverParameter");
-    auto getPage = p.get<decltype(&intf_getDriverPropertyPage)>("intf_getDriverPropertyPage");
-    auto getRegs = p.get<decltype(&intf_getRegListByType)>("intf_getRegListByType");
-    auto checkAddr = p.get<decltype(&intf_checkAddr)>("intf_checkAddr");
-    auto multiCopy = p.get<decltype(&intf_multiCopy)>("intf_multiCopy");
+    auto getType = p.getProtocolType;
+    auto getVersion = p.getVersion;
+    auto getParameter = p.getDriverParameter;
+    auto getPage = p.getDriverPropertyPage;
+    auto getRegs = p.getRegListByType;
+    auto checkAddr = p.checkAddr;
+    auto multiCopy = p.multiCopy;
     ASSERT_NE(nullptr, getType);
     ASSERT_NE(nullptr, getVersion);
     ASSERT_NE(nullptr, getParameter);

@@ -46,7 +46,7 @@
 // time and allocations; host memory other than the records, buffers and blocks named above
 // (AddressSanitizer builds see writes past them). Null and empty texts are told apart.
 #include "ads_ethernet.h"
-#include "ads_ethernet_loader.h"
+#include "adstool/driver_plugin.h"
 #include "plc_core.h"
 
 #include <QtCore/QByteArray>
@@ -78,27 +78,13 @@ namespace {
 // ------------------------------------------------------------------------------------------
 // The plugin
 
-struct Plugin : ADS_ENTRY_POINTS {
-    std::string path;
-    void* handle = nullptr;
-
-    Plugin() : ADS_ENTRY_POINTS() { }
-
+struct Plugin : adstool::DriverPlugin {
     bool load(const std::string& file, std::string& why)
     {
-        path = file;
-        handle = dlopen(file.c_str(), RTLD_NOW | RTLD_LOCAL);
-        if (!handle) {
-            const char* e = dlerror();
-            why = "cannot load " + file + ": " + (e ? e : "dlopen failed");
-            return false;
-        }
-        const char* missing[ADS_ENTRY_POINT_COUNT];
-        if (ads_resolveEntryPoints(handle, this, missing) > 0) {
-            why = path + ": no entry point " + missing[0];
-            return false;
-        }
-        return true;
+        if (DriverPlugin::load(file))
+            return true;
+        why = loadError.empty() ? path + ": no entry point " + missing[0] : "cannot load " + file + ": " + loadError;
+        return false;
     }
 };
 

@@ -367,19 +367,4 @@ TEST(ProbeSourceNetId, NetIdOfFewerThanTwoPartsTakesAnyAddress)
     EXPECT_EQ(panelAddressFor("", {"127.0.0.1", "172.16.0.9"}), "172.16.0.9");
 }
 
-TEST(ProbeTables, ErrorCodesAndStateNames)
-{
-    EXPECT_EQ(adshost::probe::adsErrorText(0x6), "target port not found");
-    EXPECT_EQ(adshost::probe::adsErrorText(0x7), "target machine not found");
-    EXPECT_EQ(adshost::probe::adsErrorText(0x702), "invalid index group");
-    EXPECT_EQ(adshost::probe::adsErrorText(0x705), "invalid size");
-    EXPECT_EQ(adshost::probe::adsErrorLabel(0x701), "0x701 (service not supported)");
-    EXPECT_EQ(adshost::probe::adsErrorLabel(0x1234), "0x1234");
-    EXPECT_EQ(adshost::probe::adsStateName(0), "INVALID");
-    EXPECT_EQ(adshost::probe::adsStateName(5), "RUN");
-    EXPECT_EQ(adshost::probe::adsStateName(6), "STOP");
-    EXPECT_EQ(adshost::probe::adsStateName(15), "CONFIG");
-    EXPECT_EQ(adshost::probe::adsStateName(999), "UNKNOWN");
-}
-
 }  // namespace

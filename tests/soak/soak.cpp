@@ -74,6 +74,7 @@
 
 #include "adshost.h"
 #include "adstool/cli.h"
+#include "adstool/clock.h"
 #include "adstool/deadline_io.h"
 #include "adstool/hex.h"
 #include "adstool/le.h"
@@ -119,11 +120,7 @@ using adshost::Session;
 
 namespace {
 
-int64_t nowUs()
-{
-    using namespace std::chrono;
-    return duration_cast<microseconds>(steady_clock::now().time_since_epoch()).count();
-}
+using adstool::nowUs;
 
 uint32_t u32(const uint8_t* p) { return adstool::getU32(p); }
 uint16_t u16(const uint8_t* p) { return adstool::getU16(p); }

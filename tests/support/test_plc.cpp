@@ -20,25 +20,6 @@
 
 namespace adstest {
 
-const char* faultName(Fault f)
-{
-    switch (f) {
-    case Fault::None:
-        return "none";
-    case Fault::NoReply:
-        return "no reply";
-    case Fault::Short:
-        return "one byte short";
-    case Fault::Long:
-        return "one byte long";
-    case Fault::AdsError:
-        return "ADS error";
-    case Fault::Full1024:
-        return "1024 bytes";
-    }
-    return "?";
-}
-
 uint16_t u16(const unsigned char* p) { return uint16_t(p[0] | (p[1] << 8)); }
 uint32_t u32(const unsigned char* p)
 {
@@ -162,35 +143,14 @@ QByteArray TestPlc::reply(const unsigned char* f, int len, Fault fault)
         }
     }
 
-    // The simulator applies the reply-shape faults itself; 1024 bytes is ours.
-    switch (fault) {
-    case Fault::NoReply:
-        plc_->injectFault(plcsim::Fault::NoReply, 1);
-        break;
-    case Fault::Short:
-        plc_->injectFault(plcsim::Fault::Short, 1);
-        break;
-    case Fault::Long:
-        plc_->injectFault(plcsim::Fault::Long, 1);
-        break;
-    case Fault::AdsError:
-        plc_->injectFault(plcsim::Fault::AdsError, 1);
-        break;
-    case Fault::None:
-    case Fault::Full1024:
-        plc_->clearFaults();
-        break;
-    }
+    // The simulator applies the reply-shape faults itself.
+    plc_->clearFaults();
+    if (fault != Fault::None)
+        plc_->injectFault(fault, 1);
     std::vector<uint8_t> answer = plc_->handle(f, size_t(len));
     plc_->clearFaults();
 
     QByteArray r(reinterpret_cast<const char*>(answer.data()), int(answer.size()));
-    if (fault == Fault::Full1024) {
-        if (r.size() > 1024)
-            r.truncate(1024);
-        else
-            r.append(QByteArray(1024 - r.size(), '\0'));
-    }
     req.replySize = r.size();
     log_.push_back(req);
     return r;

@@ -23,10 +23,7 @@
 #include <vector>
 
 #include "ads_ethernet.h"
-
-namespace plcsim {
-class Plc;
-}
+#include "../../tools/plcsim/plc_core.h"
 
 namespace adstest {
 
@@ -41,16 +38,10 @@ constexpr int kCmdRead = 2;
 constexpr int kCmdWrite = 3;
 constexpr int kCmdAddNotification = 6;
 
-// How the PLC answers one request.
-enum class Fault {
-    None,      // the reply a real PLC sends
-    NoReply,   // no reply at all: an empty QByteArray (the request is still carried out)
-    Short,     // the correct reply less its last byte (the request is carried out)
-    Long,      // the correct reply plus one byte (the request is carried out)
-    AdsError,  // an ADS error reply (result 0x701); the request is not carried out
-    Full1024,  // 1024 bytes: the correct reply padded with zeros (or cut) to 1024 bytes
-};
-const char* faultName(Fault f);
+// How the PLC answers one request: None (the reply a real PLC sends), NoReply (none; the
+// request is still carried out), Short / Long (one byte less / more; carried out), AdsError
+// (result 0x701; not carried out), Full1024 (padded with zeros or cut to 1024 bytes).
+using Fault = plcsim::Fault;
 
 // One request as the PLC saw it.
 struct Request {

@@ -1,10 +1,10 @@
 #include "adshost.h"
 
-#include "ads_ethernet_loader.h"
+#include "adstool/driver_plugin.h"
 #include "pcap_writer.h"
-#include "probe.h"
 #include "text_util.h"
 
+#include "adstool/ads_errors.h"
 #include "adstool/deadline_io.h"
 #include "adstool/le.h"
 #include "adstool/netid.h"
@@ -40,15 +40,9 @@
 
 namespace adshost {
 
-int64_t nowMs() { return util::nowMs(); }
-
 namespace {
 
-double nowSec()
-{
-    using namespace std::chrono;
-    return duration_cast<duration<double>>(steady_clock::now().time_since_epoch()).count();
-}
+using adstool::nowSeconds;
 
 bool endsWith(const std::string& s, const char* tail)
 {
@@ -182,9 +176,9 @@ std::string codesText(const ReplyCodes& c)
     if (!c.header)
         return std::string();
     if (c.amsError != 0)
-        return "AMS error " + probe::adsErrorLabel(c.amsError);
+        return "AMS error " + adstool::adsErrorLabel(c.amsError);
     if (c.hasResult && c.adsResult != 0)
-        return "ADS error " + probe::adsErrorLabel(c.adsResult);
+        return "ADS error " + adstool::adsErrorLabel(c.adsResult);
     return std::string();
 }
 
@@ -415,38 +409,27 @@ std::string Stats::figuresLine() const
 // ------------------------------------------------------------------------------------------
 // The driver plugin
 
-class Plugin : public ADS_ENTRY_POINTS {
+// The plugin stays loaded: its global driver object would be destroyed under the feet of a
+// later session in the same process, and dlclose gains nothing here.
+class Plugin : public adstool::DriverPlugin {
 public:
-    Plugin() : ADS_ENTRY_POINTS() { }
-    ~Plugin()
+    bool load(const std::string& file, std::string& why)
     {
-        // The plugin stays loaded: its global driver object would be destroyed under the
-        // feet of a later session in the same process, and dlclose gains nothing here.
+        if (::access(file.c_str(), R_OK) != 0) {
+            why = "cannot load driver " + file + ": " + std::strerror(errno);
+            return false;
+        }
+        if (DriverPlugin::load(file))
+            return true;
+        if (!loadError.empty()) {
+            why = "cannot load driver " + file + ": " + loadError;
+            return false;
+        }
+        why = "driver " + file + " lacks entry point" + (missing.size() > 1 ? "s" : "") + ":";
+        for (const std::string& name : missing)
+            why += " " + name;
+        return false;
     }
-    bool load(const std::string& path, std::string& why)
-    {
-        if (::access(path.c_str(), R_OK) != 0) {
-            why = "cannot load driver " + path + ": " + std::strerror(errno);
-            return false;
-        }
-        handle = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
-        if (!handle) {
-            const char* e = ::dlerror();
-            why = "cannot load driver " + path + ": " + (e ? e : "dlopen failed");
-            return false;
-        }
-        const char* missing[ADS_ENTRY_POINT_COUNT];
-        const int n = ads_resolveEntryPoints(handle, this, missing);
-        if (n > 0) {
-            why = "driver " + path + " lacks entry point" + (n > 1 ? "s" : "") + ":";
-            for (int i = 0; i < n; ++i)
-                why += std::string(" ") + missing[i];
-            return false;
-        }
-        return true;
-    }
-
-    void* handle = nullptr;
 };
 
 // ------------------------------------------------------------------------------------------
@@ -477,6 +460,13 @@ constexpr uint32_t kMaxFrameBody = 65536;
 }  // namespace
 
 struct Session::Impl {
+    // One step of Session::step, in order.
+    void describeFrame(const FRAME_PRO& f, bool recipeWriteUp, bool recipeReadUp, Exchange& ex);
+    void transmit(const FRAME_PRO& f, Exchange& ex);
+    void handOver(Exchange& ex);
+    void account(Exchange& ex);
+    bool configureDriver(Session& self, std::string& why);
+
     Config cfg;
     Plugin plugin;
     bool opened = false;
@@ -561,8 +551,7 @@ struct Session::Impl {
 
     int64_t stampUs()
     {
-        using namespace std::chrono;
-        const int64_t now = duration_cast<microseconds>(steady_clock::now().time_since_epoch()).count();
+        const int64_t now = adstool::nowUs();
         lastStamp = std::max(now, lastStamp + 1);
         return lastStamp;
     }
@@ -1056,10 +1045,8 @@ struct Session::Impl {
             ++ex.recvChunks;
             if (!headerSeen && buf.size() >= 6) {
                 headerSeen = true;
-                const uint32_t len
-                    = uint32_t(buf[2]) | uint32_t(buf[3]) << 8 | uint32_t(buf[4]) << 16 | uint32_t(buf[5]) << 24;
-                // Not a frame of ours: hand over the header only.
-                need = len > kMaxFrameBody ? 6 : 6 + len;
+                // Past kMaxFrameBody it is not a frame of ours: the header only is handed over.
+                need = adstool::amsFrameSize(buf.data(), kMaxFrameBody);
             }
             if (buf.size() < need && !shortened) {
                 // The rest of a split reply: wait only for what is left of the time-out.
@@ -1095,6 +1082,61 @@ Session::~Session()
     g_session.compare_exchange_strong(self, nullptr);
 }
 
+// The driver set up as a panel runtime does it, in its order: initialisation, the PLC's
+// address, the change callback, the screen, the recipe variables and the condition reads.
+bool Session::Impl::configureDriver(Session& self, std::string& why)
+{
+    // 1. initialisation: context, write-to-cache-only flag, stored value, retries, gap
+    const std::string init
+        = std::to_string(cfg.context) + "#0#0#" + std::to_string(cfg.retries) + "#" + std::to_string(cfg.gap);
+    plugin.initProperty(statusBlock.data(), nullptr, recipeBuffer.data(), &mode, init.c_str(), &hostMutex);
+    // 2. the PLC's AMS Net ID and port: the values of the driver's page, labels off
+    QString page, settings, refused;
+    plugin.getDriverPropertyPage(page);
+    QStringList values;
+    values << QString::fromStdString(cfg.netId) << QString::number(cfg.amsPort);
+    if (!ads_settingsFromPropertyPage(page, values, &settings, &refused)) {
+        why = "the driver's property page \"" + page.toStdString() + "\" takes no --netid/--ams-port: "
+            + refused.toStdString();
+        return false;
+    }
+    plugin.SetDriverPropertyPage(settings);
+    // 3. the change callback
+    plugin.setAddrValueChangeCallBack(&hostCallback);
+    // 4. the screen
+    QList<KEY_ADDRESS> keys;
+    for (const Address& a : cfg.watches)
+        keys.append(key(a));
+    blocks = plugin.addrMerge(keys);
+    stats.blocksPerRefresh = blocks;
+    // 5. recipe variables, laid out in the recipe buffer at their rcpDataIndex
+    if (!cfg.recipe.empty()) {
+        QVector<_RCP_VAR_PRO> vars;
+        for (const RecipeVar& v : cfg.recipe) {
+            _RCP_VAR_PRO r = _RCP_VAR_PRO();
+            r.driverNo = cfg.context;
+            r.keyNo = cfg.keyNo;
+            r.regName = QString::fromStdString(v.addr.reg);
+            r.address = v.addr.address;
+            r.length = v.addr.count;
+            r.rcpDataIndex = v.rcpDataIndex;
+            vars.append(r);
+            for (size_t i = 0; i < v.values.size(); ++i)
+                self.setRecipeWord(v.rcpDataIndex + int(i), v.values[i]);
+        }
+        plugin.setRcpAddress(&vars);
+    }
+    // 6. condition reads
+    for (const Address& a : cfg.conditions)
+        self.addConditionRead(a);
+    // The source Net ID the driver chose: its first frame carries it (the handshake, handed
+    // out again unchanged by the first polling cycle).
+    if (plugin.getSendFrame(frame.get()) == 1)
+        plannedSourceNetId = netIdOf(frame->frame + 14);
+    plannedSourceAddress = adstool::panelAddressFor(cfg.netId, adstool::localIpv4Addresses());
+    return true;
+}
+
 bool Session::open(const Config& cfg, std::string& why)
 {
     if (d->opened) {
@@ -1111,7 +1153,6 @@ bool Session::open(const Config& cfg, std::string& why)
         g_session = nullptr;
         return false;
     }
-    Plugin& p = d->plugin;
     // Validate the addresses before anything is configured; the driver's integer address
     // is the one used from here on.
     Config& c = d->cfg;
@@ -1144,55 +1185,10 @@ bool Session::open(const Config& cfg, std::string& why)
     }
     d->pcap.setLimit(cfg.pcapLimitBytes);
 
-    // 1. initialisation: context, write-to-cache-only flag, stored value, retries, gap
-    const std::string init
-        = std::to_string(cfg.context) + "#0#0#" + std::to_string(cfg.retries) + "#" + std::to_string(cfg.gap);
-    p.initProperty(d->statusBlock.data(), nullptr, d->recipeBuffer.data(), &d->mode, init.c_str(), &d->hostMutex);
-    // 2. the PLC's AMS Net ID and port: the values of the driver's page, labels off
-    QString page, settings, refused;
-    p.getDriverPropertyPage(page);
-    QStringList values;
-    values << QString::fromStdString(cfg.netId) << QString::number(cfg.amsPort);
-    if (!ads_settingsFromPropertyPage(page, values, &settings, &refused)) {
-        why = "the driver's property page \"" + page.toStdString() + "\" takes no --netid/--ams-port: "
-            + refused.toStdString();
+    if (!d->configureDriver(*this, why)) {
         g_session = nullptr;
         return false;
     }
-    p.SetDriverPropertyPage(settings);
-    // 3. the change callback
-    p.setAddrValueChangeCallBack(&hostCallback);
-    // 4. the screen
-    QList<KEY_ADDRESS> keys;
-    for (const Address& a : c.watches)
-        keys.append(d->key(a));
-    d->blocks = p.addrMerge(keys);
-    d->stats.blocksPerRefresh = d->blocks;
-    // 5. recipe variables, laid out in the recipe buffer at their rcpDataIndex
-    if (!c.recipe.empty()) {
-        QVector<_RCP_VAR_PRO> vars;
-        for (const RecipeVar& v : c.recipe) {
-            _RCP_VAR_PRO r = _RCP_VAR_PRO();
-            r.driverNo = cfg.context;
-            r.keyNo = cfg.keyNo;
-            r.regName = QString::fromStdString(v.addr.reg);
-            r.address = v.addr.address;
-            r.length = v.addr.count;
-            r.rcpDataIndex = v.rcpDataIndex;
-            vars.append(r);
-            for (size_t i = 0; i < v.values.size(); ++i)
-                setRecipeWord(v.rcpDataIndex + int(i), v.values[i]);
-        }
-        p.setRcpAddress(&vars);
-    }
-    // 6. condition reads
-    for (const Address& a : c.conditions)
-        addConditionRead(a);
-    // The source Net ID the driver chose: its first frame carries it (the handshake, handed
-    // out again unchanged by the first polling cycle).
-    if (p.getSendFrame(d->frame.get()) == 1)
-        d->plannedSourceNetId = netIdOf(d->frame->frame + 14);
-    d->plannedSourceAddress = probe::panelAddressFor(cfg.netId, probe::localIpv4Addresses());
     d->opened = true;
     return true;
 }
@@ -1212,7 +1208,7 @@ void Session::disconnect()
 {
     if (d) {
         if (d->pollStart > 0 && d->pollEnd == 0)
-            d->pollEnd = nowSec();
+            d->pollEnd = nowSeconds();
         d->closeSocket(true);
         d->pcap.close();
     }
@@ -1297,6 +1293,136 @@ int Session::checkAddress(const Address& a, int access)
         QString::fromStdString(a.reg), QString::fromStdString(a.addrText), &out, a.isBit() ? -1 : 1, a.count, access);
 }
 
+// What the driver's frame is: its fields, and the purpose the host infers from the command,
+// the register and the recipe flags.
+void Session::Impl::describeFrame(const FRAME_PRO& f, bool recipeWriteUp, bool recipeReadUp, Exchange& ex)
+{
+    const bool recipeUp = recipeWriteUp || recipeReadUp;
+    ex.sendLen = std::max(0, std::min(f.sendLen, 1024));
+    ex.commandId = f.frame[22] | f.frame[23] << 8;
+    ex.readLen = f.readLen;
+    if (!f.var.regName.isSharedWith(regName) || regName.isEmpty()) {  // the driver's table: shared
+        regName = f.var.regName;
+        assignText(regText, regName);
+    }
+    ex.varReg = regText;
+    ex.varAddress = f.var.address;
+    ex.varLength = f.var.length;
+    ex.varKind = f.var.kind;
+    ex.frame.assign(f.frame, f.frame + ex.sendLen);
+    ex.cyclicRead = f.readLen > 0 && f.var.kind == 4 && !recipeUp && endsWith(ex.varReg, "_W");
+    ex.targetPort = f.frame[12] | f.frame[13] << 8;
+    if (sourceNetIdText.empty() || std::memcmp(sourceNetIdBytes, f.frame + 14, 6) != 0) {
+        std::memcpy(sourceNetIdBytes, f.frame + 14, 6);
+        sourceNetIdText = netIdOf(f.frame + 14);
+    }
+    ex.sourceNetId = sourceNetIdText;
+    if (ex.commandId == 6)
+        ex.purpose = 'H';
+    else if (ex.commandId == 3)
+        ex.purpose = recipeWriteUp ? 'w' : 'W';
+    else if (ex.commandId == 2 && recipeReadUp && !recipeWriteUp)
+        ex.purpose = 'r';
+    else if (ex.commandId == 2 && f.var.kind == 4 && !recipeUp)
+        ex.purpose = 'R';
+    else if (ex.commandId == 2 && endsWith(ex.varReg, "_bit") && f.var.kind == cfg.writeMode)
+        ex.purpose = 'B';
+    else if (ex.commandId == 2)
+        ex.purpose = 'C';
+}
+
+// Sends the frame and receives its reply into `reply`; the round trip when one came.
+void Session::Impl::transmit(const FRAME_PRO& f, Exchange& ex)
+{
+    drain();
+    reply.clear();
+    const double t0 = nowSeconds();
+    if (fd < 0) {
+        ex.connectionLost = true;
+    } else if (!sendFrame(f.frame, size_t(ex.sendLen))) {
+        ex.connectionLost = true;
+    } else {
+        pcap.hostToPlc(f.frame, size_t(ex.sendLen));
+        {
+            std::lock_guard<std::mutex> g(lock);
+            ++stats.requests;
+        }
+        receive(reply, ex);
+        if (!reply.empty())
+            pcap.plcToHost(reply.data(), reply.size());
+    }
+    const double t1 = nowSeconds();
+    if (!ex.timedOut && !ex.connectionLost)
+        ex.rttMs = (t1 - t0) * 1000.0;
+
+    // What the reply says, read from its bytes before the driver sees it (the driver's
+    // callback for a condition read settles that action with these codes).
+    ex.codes = decodeReply(reply.data(), reply.size());
+    std::lock_guard<std::mutex> g(lock);
+    if (!reply.empty())
+        anyReply = true;
+    lastReplyHead.assign(reply.begin(), reply.begin() + long(std::min<size_t>(reply.size(), 6)));
+    if (sourceNetId != ex.sourceNetId)
+        sourceNetId = ex.sourceNetId;
+    if (ex.frame != inFlight) {
+        inFlight = ex.frame;
+        frameCodes = ReplyCodes();
+    }
+    if (ex.codes.header)
+        frameCodes = ex.codes;
+}
+
+// Hands over what arrived, also nothing, so that the driver counts a failure; then what the
+// connection owes or whether it is still to be trusted.
+void Session::Impl::handOver(Exchange& ex)
+{
+    // The reply's bytes in an array whose storage stays from one request to the next.
+    QByteArray& bytes = replyBytes;
+    bytes.resize(int(reply.size()));
+    if (!reply.empty())
+        std::memcpy(bytes.data(), reply.data(), reply.size());
+    ex.replyBytes = int(reply.size());
+    ex.result = plugin.dealRcvFrame(bytes, errorText);  // errorText kept: the driver writes into the same storage
+    assignText(ex.errorText, errorText);
+    if (ex.result != 1 || ex.timedOut || ex.connectionLost)
+        mayHaveStale = true;
+    if (ex.connectionLost) {
+        closeSocket(false);
+    } else if (ex.timedOut) {
+        // Nothing came: the reply may still come, and is owed. Part of a reply came: the
+        // stream cannot be trusted any more; start a new connection.
+        if (reply.empty())
+            ++owedReplies;
+        else
+            closeSocket(true);
+    }
+}
+
+// The actions the exchange settles, and the figures.
+void Session::Impl::account(Exchange& ex)
+{
+    bool writeStillUp = false, readStillUp = false;
+    recipeFlags(writeStillUp, readStillUp);
+    std::lock_guard<std::mutex> g(lock);
+    settle(ex, reply, writeStillUp, readStillUp);
+    if (ex.result >= 0 && ex.result <= 8)
+        ++stats.results[ex.result];
+    if (ex.timedOut)
+        ++stats.timeouts;
+    if (ex.connectionLost)
+        ++stats.connectionLosses;
+    if (ex.result == 2) {
+        errorTexts.push_back(ex.errorText);
+        if (errorTexts.size() > kMaxErrorTexts)
+            errorTexts.pop_front();
+    }
+    if (!ex.timedOut && !ex.connectionLost)
+        recordRtt(ex.rttMs);
+    if (ex.cyclicRead && ex.result == 1 && blocks > 0)
+        countRefresh(ex);
+    recordExchange(ex);
+}
+
 const Exchange& Session::step()
 {
     Impl& s = *d;
@@ -1310,137 +1436,22 @@ const Exchange& Session::step()
     if (s.fd < 0 && !s.reconnect())
         return ex;
     if (s.pollStart == 0)
-        s.pollStart = nowSec();
+        s.pollStart = nowSeconds();
 
     bool recipeWriteUp = false, recipeReadUp = false;
     s.recipeFlags(recipeWriteUp, recipeReadUp);
-    const bool recipeUp = recipeWriteUp || recipeReadUp;
     FRAME_PRO* frame = s.frame.get();
     ex.sent = s.plugin.getSendFrame(frame);
     if (ex.sent != 1) {
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
-        s.pollSeconds = nowSec() - s.pollStart;
+        s.pollSeconds = nowSeconds() - s.pollStart;
         return ex;
     }
-    const FRAME_PRO& f = *frame;
-    ex.sendLen = std::max(0, std::min(f.sendLen, 1024));
-    ex.commandId = f.frame[22] | f.frame[23] << 8;
-    ex.readLen = f.readLen;
-    if (!f.var.regName.isSharedWith(s.regName) || s.regName.isEmpty()) {  // the driver's table: shared
-        s.regName = f.var.regName;
-        assignText(s.regText, s.regName);
-    }
-    ex.varReg = s.regText;
-    ex.varAddress = f.var.address;
-    ex.varLength = f.var.length;
-    ex.varKind = f.var.kind;
-    ex.frame.assign(f.frame, f.frame + ex.sendLen);
-    ex.cyclicRead = f.readLen > 0 && f.var.kind == 4 && !recipeUp && endsWith(ex.varReg, "_W");
-    ex.targetPort = f.frame[12] | f.frame[13] << 8;
-    if (s.sourceNetIdText.empty() || std::memcmp(s.sourceNetIdBytes, f.frame + 14, 6) != 0) {
-        std::memcpy(s.sourceNetIdBytes, f.frame + 14, 6);
-        s.sourceNetIdText = netIdOf(f.frame + 14);
-    }
-    ex.sourceNetId = s.sourceNetIdText;
-    if (ex.commandId == 6)
-        ex.purpose = 'H';
-    else if (ex.commandId == 3)
-        ex.purpose = recipeWriteUp ? 'w' : 'W';
-    else if (ex.commandId == 2 && recipeReadUp && !recipeWriteUp)
-        ex.purpose = 'r';
-    else if (ex.commandId == 2 && f.var.kind == 4 && !recipeUp)
-        ex.purpose = 'R';
-    else if (ex.commandId == 2 && endsWith(ex.varReg, "_bit") && f.var.kind == s.cfg.writeMode)
-        ex.purpose = 'B';
-    else if (ex.commandId == 2)
-        ex.purpose = 'C';
-
-    s.drain();
-    std::vector<uint8_t>& reply = s.reply;
-    reply.clear();
-    const double t0 = nowSec();
-    if (s.fd < 0) {
-        ex.connectionLost = true;
-    } else if (!s.sendFrame(f.frame, size_t(ex.sendLen))) {
-        ex.connectionLost = true;
-    } else {
-        s.pcap.hostToPlc(f.frame, size_t(ex.sendLen));
-        {
-            std::lock_guard<std::mutex> g(s.lock);
-            ++s.stats.requests;
-        }
-        s.receive(reply, ex);
-        if (!reply.empty())
-            s.pcap.plcToHost(reply.data(), reply.size());
-    }
-    const double t1 = nowSec();
-
-    // What the reply says, read from its bytes before the driver sees it (the driver's
-    // callback for a condition read settles that action with these codes).
-    ex.codes = decodeReply(reply.data(), reply.size());
-    {
-        std::lock_guard<std::mutex> g(s.lock);
-        if (!reply.empty())
-            s.anyReply = true;
-        s.lastReplyHead.assign(reply.begin(), reply.begin() + long(std::min<size_t>(reply.size(), 6)));
-        if (s.sourceNetId != ex.sourceNetId)
-            s.sourceNetId = ex.sourceNetId;
-        if (ex.frame != s.inFlight) {
-            s.inFlight = ex.frame;
-            s.frameCodes = ReplyCodes();
-        }
-        if (ex.codes.header)
-            s.frameCodes = ex.codes;
-    }
-
-    // Hand over what arrived, also nothing, so that the driver counts a failure.
-    // The reply's bytes in an array whose storage stays from one request to the next.
-    QByteArray& bytes = s.replyBytes;
-    bytes.resize(int(reply.size()));
-    if (!reply.empty())
-        std::memcpy(bytes.data(), reply.data(), reply.size());
-    QString& errorText = s.errorText;  // kept, so the driver writes into the same storage
-    ex.replyBytes = int(reply.size());
-    ex.result = s.plugin.dealRcvFrame(bytes, errorText);
-    assignText(ex.errorText, errorText);
-    if (!ex.timedOut && !ex.connectionLost)
-        ex.rttMs = (t1 - t0) * 1000.0;
-    if (ex.result != 1 || ex.timedOut || ex.connectionLost)
-        s.mayHaveStale = true;
-    if (ex.connectionLost) {
-        s.closeSocket(false);
-    } else if (ex.timedOut) {
-        // Nothing came: the reply may still come, and is owed. Part of a reply came: the
-        // stream cannot be trusted any more; start a new connection.
-        if (reply.empty())
-            ++s.owedReplies;
-        else
-            s.closeSocket(true);
-    }
-
-    bool writeStillUp = false, readStillUp = false;
-    s.recipeFlags(writeStillUp, readStillUp);
-    {
-        std::lock_guard<std::mutex> g(s.lock);
-        s.settle(ex, reply, writeStillUp, readStillUp);
-        if (ex.result >= 0 && ex.result <= 8)
-            ++s.stats.results[ex.result];
-        if (ex.timedOut)
-            ++s.stats.timeouts;
-        if (ex.connectionLost)
-            ++s.stats.connectionLosses;
-        if (ex.result == 2) {
-            s.errorTexts.push_back(ex.errorText);
-            if (s.errorTexts.size() > kMaxErrorTexts)
-                s.errorTexts.pop_front();
-        }
-        if (!ex.timedOut && !ex.connectionLost)
-            s.recordRtt(ex.rttMs);
-        if (ex.cyclicRead && ex.result == 1 && s.blocks > 0)
-            s.countRefresh(ex);
-        s.recordExchange(ex);
-    }
-    s.pollSeconds = nowSec() - s.pollStart;
+    s.describeFrame(*frame, recipeWriteUp, recipeReadUp, ex);
+    s.transmit(*frame, ex);
+    s.handOver(ex);
+    s.account(ex);
+    s.pollSeconds = nowSeconds() - s.pollStart;
     return ex;
 }
 
@@ -1616,8 +1627,7 @@ Freshness Session::freshness(const Address& a)
         oldest = std::min(oldest, t.readAt[size_t(b)]);
         f.stale = f.stale || t.failedAt[size_t(b)] > t.readAt[size_t(b)];
     }
-    using namespace std::chrono;
-    const int64_t now = duration_cast<microseconds>(steady_clock::now().time_since_epoch()).count();
+    const int64_t now = adstool::nowUs();
     f.read = true;
     f.ageMs = double(std::max<int64_t>(0, now - oldest)) / 1000.0;
     return f;
@@ -1730,7 +1740,7 @@ Stats Session::stats()
 {
     std::lock_guard<std::mutex> g(d->lock);
     Stats st = d->stats;
-    st.seconds = d->pollStart > 0 ? (d->pollEnd > 0 ? d->pollEnd : nowSec()) - d->pollStart : 0;
+    st.seconds = d->pollStart > 0 ? (d->pollEnd > 0 ? d->pollEnd : nowSeconds()) - d->pollStart : 0;
     st.rttSamples = d->rttCount;
     if (!d->rtts.empty()) {
         std::vector<double> v = d->rtts;

@@ -21,6 +21,8 @@
 // a process at a time.
 #pragma once
 
+#include "adstool/clock.h"
+
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -338,7 +340,6 @@ private:
     std::unique_ptr<Impl> d;
 };
 
-// Milliseconds of a monotonic clock.
-int64_t nowMs();
+using adstool::nowMs;  // milliseconds of the tools' monotonic clock
 
 }  // namespace adshost

@@ -1,6 +1,8 @@
 #include "discover.h"
 
 #include "probe.h"
+
+#include "adstool/ads_errors.h"
 #include "text_util.h"
 
 #include "adstool/deadline_io.h"
@@ -28,7 +30,8 @@ namespace adshost {
 namespace discover {
 
 namespace udp = adstool::udp;
-using namespace adshost::probe;  // the exit codes, the own-address rule, the ADS error texts
+using namespace adshost::probe;  // the exit codes, the own-address rule
+using adstool::adsErrorLabel;
 using util::jsonEscape;
 using util::nowMs;
 
@@ -452,18 +455,16 @@ bool askDevice(const std::string& host, uint16_t udpPort, int timeoutMs, udp::De
     return false;
 }
 
-int runAddRoute(const AddRouteOptions& opt, FILE* outFile, FILE* errFile)
+// The panel's AMS Net ID and address the route is for: given, or found by the driver's rule
+// from the PLC's Net ID (asked of the device when not given). -1, or the exit status.
+int panelIdentity(const AddRouteOptions& opt, const Output& out, const in_addr& to, std::string& plcNetId,
+    std::string& localNetId, std::string& localAddress)
 {
-    const Output out {outFile, errFile, opt.json};
-    std::string why;
-    in_addr to {};
-    if (!resolve(opt.host, to, why))
-        return out.finish(ExitNoConnection, why, true);
-
     // The PLC's Net ID decides, by the driver's rule, which own address the driver takes.
-    std::string plcNetId = opt.plcNetId;
+    plcNetId = opt.plcNetId;
     if (plcNetId.empty()) {
         udp::DeviceInfo info;
+        std::string why;
         if (askDevice(opt.host, opt.udpPort, opt.timeoutMs, info, why)) {
             plcNetId = info.netId.str();
             out.progress(
@@ -473,8 +474,8 @@ int runAddRoute(const AddRouteOptions& opt, FILE* outFile, FILE* errFile)
                 why + ": give --netid (the PLC's AMS Net ID the panel is set up with) or --local-netid", true);
         }
     }
-    std::string localAddress = opt.localAddress;
-    std::string localNetId = opt.localNetId;
+    localAddress = opt.localAddress;
+    localNetId = opt.localNetId;
     std::string ruleAddress;
     if (!plcNetId.empty())
         ruleAddress = panelAddressFor(plcNetId, localIpv4Addresses());
@@ -506,10 +507,26 @@ int runAddRoute(const AddRouteOptions& opt, FILE* outFile, FILE* errFile)
               "contains the first two numbers of "
             + plcNetId + ", then .1.1)");
         if (!reaching.empty() && reaching != ruleAddress && reaching != "127.0.0.1")
-            say(errFile,
+            say(out.err,
                 "adshost: note: this machine reaches " + opt.host + " from " + reaching + ", but the driver sends as "
                     + localNetId + "; the route is for " + localNetId);
     }
+
+    return -1;
+}
+
+int runAddRoute(const AddRouteOptions& opt, FILE* outFile, FILE* errFile)
+{
+    const Output out {outFile, errFile, opt.json};
+    std::string why;
+    in_addr to {};
+    if (!resolve(opt.host, to, why))
+        return out.finish(ExitNoConnection, why, true);
+
+    std::string plcNetId, localNetId, localAddress;
+    const int chosen = panelIdentity(opt, out, to, plcNetId, localNetId, localAddress);
+    if (chosen >= 0)
+        return chosen;
 
     udp::RouteRequest req;
     adstool::NetId::parse(localNetId, req.netId);

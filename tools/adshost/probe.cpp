@@ -2,6 +2,7 @@
 #include "discover.h"
 #include "text_util.h"
 
+#include "adstool/ads_errors.h"
 #include "adstool/deadline_io.h"
 #include "adstool/hex.h"
 #include "adstool/le.h"
@@ -39,6 +40,8 @@ constexpr size_t kAmsHeader = 32;
 constexpr uint32_t kMaxBody = 0x10000;
 constexpr uint16_t kAdsStateRun = 5;
 
+using adstool::adsErrorText;
+using adstool::adsStateName;
 using util::nowMs;
 using util::split;
 
@@ -51,112 +54,8 @@ using adstool::getU32;
 using adstool::putU16;
 using adstool::putU32;
 
-struct ErrorEntry {
-    uint32_t code;
-    const char* text;
-};
-
-// The common ADS return codes (router, AMS and device errors).
-const ErrorEntry kErrors[] = {
-    {0x0, "no error"},
-    {0x1, "internal error"},
-    {0x2, "no real-time"},
-    {0x3, "allocation locked memory error"},
-    {0x4, "mailbox full"},
-    {0x5, "wrong receive HMSG"},
-    {0x6, "target port not found"},
-    {0x7, "target machine not found"},
-    {0x8, "unknown command id"},
-    {0x9, "invalid task id"},
-    {0xA, "no IO"},
-    {0xB, "unknown AMS command"},
-    {0xC, "Win32 error"},
-    {0xD, "port not connected"},
-    {0xE, "invalid AMS length"},
-    {0xF, "invalid AMS Net ID"},
-    {0x10, "installation level too low"},
-    {0x11, "no debugging available"},
-    {0x12, "port disabled"},
-    {0x13, "port already connected"},
-    {0x14, "AMS sync Win32 error"},
-    {0x15, "AMS sync time-out"},
-    {0x16, "AMS sync error"},
-    {0x17, "AMS sync no index map"},
-    {0x18, "invalid AMS port"},
-    {0x19, "no memory"},
-    {0x1A, "TCP send error"},
-    {0x1B, "host unreachable"},
-    {0x1C, "invalid AMS fragment"},
-    {0x500, "router: no locked memory"},
-    {0x501, "router: memory size could not be changed"},
-    {0x502, "router: mailbox full"},
-    {0x503, "router: debug mailbox full"},
-    {0x504, "router: unknown port type"},
-    {0x505, "router: not initialised"},
-    {0x506, "router: port number already assigned"},
-    {0x507, "router: port not registered"},
-    {0x508, "router: maximum number of ports reached"},
-    {0x509, "router: invalid port"},
-    {0x50A, "router: not active"},
-    {0x700, "device error"},
-    {0x701, "service not supported"},
-    {0x702, "invalid index group"},
-    {0x703, "invalid index offset"},
-    {0x704, "reading or writing not permitted"},
-    {0x705, "invalid size"},
-    {0x706, "invalid data values"},
-    {0x707, "device not ready"},
-    {0x708, "device busy"},
-    {0x709, "invalid context"},
-    {0x70A, "out of memory"},
-    {0x70B, "invalid parameter values"},
-    {0x70C, "not found"},
-    {0x70D, "syntax error"},
-    {0x70E, "objects do not match"},
-    {0x70F, "object already exists"},
-    {0x710, "symbol not found"},
-    {0x711, "symbol version invalid"},
-    {0x712, "server is in an invalid state"},
-    {0x713, "transmission mode not supported"},
-    {0x714, "notification handle is invalid"},
-    {0x715, "notification client not registered"},
-    {0x716, "no more notification handles"},
-    {0x717, "notification size too large"},
-    {0x718, "device not initialised"},
-    {0x719, "device time-out"},
-    {0x71A, "query interface failed"},
-    {0x71B, "wrong interface requested"},
-    {0x71C, "invalid class id"},
-    {0x71D, "invalid object id"},
-    {0x71E, "request pending"},
-    {0x71F, "request aborted"},
-    {0x720, "signal warning"},
-    {0x721, "invalid array index"},
-    {0x722, "symbol not active"},
-    {0x723, "access denied"},
-    {0x724, "missing license"},
-    {0x740, "client error"},
-    {0x741, "invalid parameter (client)"},
-    {0x742, "polling list empty"},
-    {0x743, "variable connection already in use"},
-    {0x744, "invoke id already in use"},
-    {0x745, "client time-out"},
-    {0x746, "no AMS address"},
-    {0x748, "client port not open"},
-    {0x749, "no AMS address (client)"},
-    {0x750, "internal error in ADS sync"},
-    {0x751, "hash table overflow"},
-    {0x752, "key not found in hash table"},
-    {0x753, "no more symbols in cache"},
-    {0x754, "invalid response received"},
-    {0x755, "sync port locked"},
-};
-
-const char* const kStates[]
-    = {"INVALID", "IDLE", "RESET", "INIT", "START", "RUN", "STOP", "SAVECFG", "LOADCFG", "POWERFAILURE", "POWERGOOD",
-        "ERROR", "SHUTDOWN", "SUSPEND", "RESUME", "CONFIG", "RECONFIG", "STOPPING", "INCOMPATIBLE", "EXCEPTION"};
-
 // One TCP connection with time-outs.
+// One TCP connection with time-outs, through the tool library; the messages are the probe's.
 class Link {
 public:
     ~Link()
@@ -169,68 +68,32 @@ public:
     int connect(const std::string& host, uint16_t port, int timeoutMs, std::string& why)
     {
         const std::string where = host + ":" + std::to_string(port);
-        sockaddr_in a {};
-        a.sin_family = AF_INET;
-        a.sin_port = htons(port);
-        if (inet_pton(AF_INET, host.c_str(), &a.sin_addr) != 1) {
-            addrinfo hints {};
-            hints.ai_family = AF_INET;
-            hints.ai_socktype = SOCK_STREAM;
-            addrinfo* res = nullptr;
-            if (::getaddrinfo(host.c_str(), nullptr, &hints, &res) != 0 || !res) {
-                why = "cannot resolve the PLC host '" + host + "' to an IPv4 address";
-                return ExitNoConnection;
-            }
-            a.sin_addr = reinterpret_cast<sockaddr_in*>(res->ai_addr)->sin_addr;
-            ::freeaddrinfo(res);
-        }
-        fd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-        if (fd_ < 0) {
-            why = std::string("socket: ") + std::strerror(errno);
+        const adstool::ConnectResult r = adstool::connectTcpWaiting(host, port, timeoutMs, interrupted);
+        fd_ = r.fd;
+        switch (r.status) {
+        case adstool::ConnectStatus::Ok:
+            return 0;
+        case adstool::ConnectStatus::Unresolved:
+            why = "cannot resolve the PLC host '" + host + "' to an IPv4 address";
             return ExitNoConnection;
-        }
-        const int one = 1;
-        ::setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-        int err = 0;
-        if (::connect(fd_, reinterpret_cast<sockaddr*>(&a), sizeof a) < 0) {
-            if (errno != EINPROGRESS) {
-                err = errno;
-            } else {
-                pollfd p {fd_, POLLOUT, 0};
-                int r = 0;
-                const int64_t deadline = nowMs() + timeoutMs;
-                // In slices, so that a signal (Ctrl-C) ends the wait at once.
-                for (int guard = 0; guard < 100000; ++guard) {
-                    if (stopRequested()) {
-                        why = "stopped by a signal while connecting to " + where;
-                        return ExitUnfinished;
-                    }
-                    const int64_t left = deadline - nowMs();
-                    r = left > 0 ? ::poll(&p, 1, int(std::min<int64_t>(left, kSliceMs))) : 0;
-                    if (r == 0 && left > kSliceMs)
-                        continue;
-                    if (!(r < 0 && errno == EINTR))
-                        break;
-                }
-                if (r <= 0) {
-                    why = "no TCP connection to " + where + " within " + std::to_string(timeoutMs)
-                        + " ms: the address does not answer (wrong address, no network path, or a firewall)";
-                    return ExitNoConnection;
-                }
-                socklen_t len = sizeof err;
-                ::getsockopt(fd_, SOL_SOCKET, SO_ERROR, &err, &len);
-            }
-        }
-        if (err == ECONNREFUSED) {
-            why = "connection refused by " + where
-                + ": nothing listens there; the ADS/AMS router port is usually 48898";
+        case adstool::ConnectStatus::NoSocket:
+            why = std::string("socket: ") + std::strerror(r.error);
             return ExitNoConnection;
-        }
-        if (err) {
-            why = "cannot connect to " + where + ": " + std::strerror(err);
+        case adstool::ConnectStatus::Interrupted:
+            why = "stopped by a signal while connecting to " + where;
+            return ExitUnfinished;
+        case adstool::ConnectStatus::TimedOut:
+            why = "no TCP connection to " + where + " within " + std::to_string(timeoutMs)
+                + " ms: the address does not answer (wrong address, no network path, or a firewall)";
             return ExitNoConnection;
+        case adstool::ConnectStatus::Refused:
+            why = "connection refused by " + where + ": nothing listens there; the ADS/AMS router port is usually 48898";
+            return ExitNoConnection;
+        case adstool::ConnectStatus::Failed:
+            break;
         }
-        return 0;
+        why = "cannot connect to " + where + ": " + std::strerror(r.error);
+        return ExitNoConnection;
     }
 
     bool sendAll(const std::vector<uint8_t>& v, int timeoutMs)
@@ -239,34 +102,12 @@ public:
     }
 
     const volatile sig_atomic_t* interrupted = nullptr;  // set by a signal handler: stop waiting
-    bool stopRequested() const { return interrupted && *interrupted; }
-    static constexpr int64_t kSliceMs = 50;
 
-    enum Read { Ok, TimedOut, Closed, Interrupted };
-    // Exactly n more bytes into out, or time-out / close.
+    using Read = adstool::ReadStatus;
+    // Exactly n more bytes into out, or time-out / close / a signal.
     Read readExact(size_t n, std::vector<uint8_t>& out, int64_t deadline)
     {
-        const size_t at = out.size();
-        out.resize(at + n);
-        // Byte by byte up to what arrived, so that a reply cut short shows how far it got.
-        size_t got = 0;
-        while (got < n) {
-            if (stopRequested()) {
-                out.resize(at + got);
-                return Interrupted;
-            }
-            size_t k = 0;
-            const adstool::Deadline slice = adstool::Deadline::at(std::min(deadline, nowMs() + kSliceMs));
-            const adstool::IoStatus st = adstool::recvSome(fd_, out.data() + at + got, n - got, k, slice);
-            if (st == adstool::IoStatus::TimedOut && nowMs() < deadline)
-                continue;
-            if (st != adstool::IoStatus::Ok) {
-                out.resize(at + got);
-                return st == adstool::IoStatus::TimedOut ? TimedOut : Closed;
-            }
-            got += k;
-        }
-        return Ok;
+        return adstool::readExactWaiting(fd_, n, out, deadline, interrupted);
     }
 
 private:
@@ -423,19 +264,19 @@ private:
         for (int frames = 0; frames < 64; ++frames) {
             std::vector<uint8_t> f;
             Link::Read r = link.readExact(kTcpHeader, f, deadline);
-            if (r == Link::Interrupted)
+            if (r == Link::Read::Interrupted)
                 return fail(ExitUnfinished, "stopped by a signal while waiting for the answer to " + what);
-            if (r == Link::TimedOut && f.empty())
+            if (r == Link::Read::TimedOut && f.empty())
                 return fail(ExitNoAnswer,
                     "connected, but no answer: the PLC most likely has no route for this "
                     "panel's AMS Net ID "
                         + netIdText(source) + "; add one on the PLC");
-            if (r == Link::Closed && f.empty())
+            if (r == Link::Read::Closed && f.empty())
                 return fail(ExitNoAnswer,
                     "connected, but the PLC closed the connection without answering: it most "
                     "likely has no route for this panel's AMS Net ID "
                         + netIdText(source) + "; add one on the PLC");
-            if (r != Link::Ok)
+            if (r != Link::Read::Ok)
                 return fail(
                     ExitBadReply, "the answer to " + what + " broke off after " + std::to_string(f.size()) + " bytes");
             const uint16_t tcpCmd = getU16(&f[0]);
@@ -448,9 +289,9 @@ private:
                 return fail(ExitBadReply,
                     "the answer to " + what + " has an AMS/TCP length of " + std::to_string(len) + " bytes");
             r = link.readExact(len, f, deadline);
-            if (r == Link::Interrupted)
+            if (r == Link::Read::Interrupted)
                 return fail(ExitUnfinished, "stopped by a signal while waiting for the answer to " + what);
-            if (r != Link::Ok)
+            if (r != Link::Read::Ok)
                 return fail(ExitBadReply,
                     "the answer to " + what + " broke off after " + std::to_string(f.size()) + " of "
                         + std::to_string(kTcpHeader + len) + " bytes");
@@ -518,58 +359,6 @@ private:
 };
 
 }  // namespace
-
-std::string panelAddressFor(const std::string& plcNetId, const std::vector<std::string>& addresses)
-{
-    const std::vector<std::string> parts = split(plcNetId, '.');
-    for (const std::string& a : addresses) {
-        // The driver skips the loopback address 127.0.0.1 and QHostAddress's null address,
-        // which no interface lists; 0.0.0.0 is not null to QHostAddress, so it is taken.
-        if (a == "127.0.0.1" || a.empty())
-            continue;
-        if (parts.size() < 2)
-            return a;
-        if (a.find(parts[0]) != std::string::npos && a.find(parts[1]) != std::string::npos)
-            return a;
-    }
-    return std::string();
-}
-
-std::vector<std::string> localIpv4Addresses()
-{
-    std::vector<std::string> out;
-    ifaddrs* list = nullptr;
-    if (::getifaddrs(&list) != 0)
-        return out;
-    for (ifaddrs* i = list; i; i = i->ifa_next) {
-        if (!i->ifa_addr || i->ifa_addr->sa_family != AF_INET)
-            continue;
-        char buf[INET_ADDRSTRLEN] = {};
-        ::inet_ntop(AF_INET, &reinterpret_cast<sockaddr_in*>(i->ifa_addr)->sin_addr, buf, sizeof buf);
-        out.push_back(buf);
-    }
-    ::freeifaddrs(list);
-    return out;
-}
-
-std::string adsErrorText(uint32_t code)
-{
-    for (const ErrorEntry& e : kErrors)
-        if (e.code == code)
-            return e.text;
-    return std::string();
-}
-
-std::string adsErrorLabel(uint32_t code)
-{
-    const std::string t = adsErrorText(code);
-    return t.empty() ? hex(code) : hex(code) + " (" + t + ")";
-}
-
-std::string adsStateName(uint16_t state)
-{
-    return state < sizeof kStates / sizeof kStates[0] ? kStates[state] : "UNKNOWN";
-}
 
 bool parseNetId(const std::string& text, uint8_t out[6])
 {

@@ -5,6 +5,8 @@
 // says in one line what is wrong when the PLC does not answer as it should.
 #pragma once
 
+#include "adstool/netid.h"
+
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
@@ -40,21 +42,9 @@ struct Options {
     uint16_t udpPort = 48899;  // the device's UDP service, asked when the probe finds no route or no Net ID
 };
 
-// The panel address the driver takes for a PLC Net ID: the first address of `addresses`
-// (IPv4 dotted texts in interface order) that is not 127.0.0.1 and whose
-// text contains the first and the second part of the Net ID as substrings (any address
-// when the Net ID has fewer than two parts). Empty when none matches.
-std::string panelAddressFor(const std::string& plcNetId, const std::vector<std::string>& addresses);
-
-// The machine's IPv4 addresses in interface order (getifaddrs).
-std::vector<std::string> localIpv4Addresses();
-
-// "target port not found" for 0x6, "" for a code not in the table.
-std::string adsErrorText(uint32_t code);
-// "0x6 (target port not found)" or "0x1234" for a code not in the table.
-std::string adsErrorLabel(uint32_t code);
-// "RUN" for 5, "STOP" for 6, ... "UNKNOWN" beyond the table.
-std::string adsStateName(uint16_t state);
+// The own-address rule of the driver, from the tool library.
+using adstool::localIpv4Addresses;
+using adstool::panelAddressFor;
 
 // Parses a six-part Net ID ("a.b.c.d.e.f", each 0..255).
 bool parseNetId(const std::string& text, uint8_t out[6]);

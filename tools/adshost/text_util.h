@@ -13,8 +13,7 @@
 namespace adshost {
 namespace util {
 
-// Milliseconds of a monotonic clock.
-inline int64_t nowMs() { return adstool::nowMs(); }
+using adstool::nowMs;  // milliseconds of the tools' monotonic clock
 
 // The fields of `s` between the separators; an empty text gives one empty field.
 inline std::vector<std::string> split(const std::string& s, char sep)

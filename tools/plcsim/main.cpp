@@ -23,6 +23,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <deque>
+#include <map>
+#include <optional>
 #include <memory>
 #include <set>
 #include <sstream>
@@ -261,146 +263,234 @@ public:
         }
     }
 
+    // The control protocol: one line in, one line out. A command of the wrong shape is unknown.
+    using Words = std::vector<std::string>;
+    using Reply = std::optional<std::string>;
     std::string control(const std::string& line, bool& quit)
     {
         std::istringstream is(line);
-        std::vector<std::string> w;
+        Words w;
         for (std::string s; is >> s;)
             w.push_back(s);
         if (w.empty())
             return "err empty command";
         const std::string& cmd = w[0];
-        unsigned long long a = 0, b = 0, c = 0;
-        if (cmd == "get" && w.size() == 4) {
-            if (!parseNumber(w[1], a) || !parseNumber(w[2], b) || !parseNumber(w[3], c))
-                return "err bad number";
-            uint8_t* m = plc.memory(uint32_t(a));
-            if (!m || a > 0xFFFFFFFFull)
-                return "err unknown group";
-            if (b > AreaSize || c > AreaSize || b + c > AreaSize)
-                return "err out of range";
-            return "ok " + toHex(m + b, size_t(c));
-        }
-        if (cmd == "set" && w.size() == 4) {
-            std::vector<uint8_t> bytes;
-            if (!parseNumber(w[1], a) || !parseNumber(w[2], b))
-                return "err bad number";
-            if (!fromHex(w[3], bytes))
-                return "err bad hex";
-            uint8_t* m = plc.memory(uint32_t(a));
-            if (!m || a > 0xFFFFFFFFull)
-                return "err unknown group";
-            if (b > AreaSize || b + bytes.size() > AreaSize)
-                return "err out of range";
-            std::copy(bytes.begin(), bytes.end(), m + b);
-            return "ok";
-        }
-        if (cmd == "fault" && w.size() == 3) {
-            Fault f;
-            if (!parseFault(w[1], f))
-                return "err unknown fault " + w[1];
-            if (!parseNumber(w[2], a) || a > 1000000)
-                return "err bad count";
-            plc.injectFault(f, int(a));
-            return "ok";
-        }
-        if (cmd == "fault-prob" && w.size() == 3) {
-            Fault f;
-            if (!parseFault(w[1], f) || f == Fault::None)
-                return "err unknown fault " + w[1];
-            char* end = nullptr;
-            const double p = std::strtod(w[2].c_str(), &end);
-            if (*end || p < 0 || p > 1)
-                return "err bad probability";
-            plc.setFaultProbability(f, p);
-            return "ok";
-        }
-        if (cmd == "faults-off" && w.size() == 1) {
-            plc.clearFaults();
-            return "ok";
-        }
-        if (cmd == "fault-code" && w.size() == 2) {
-            if (!parseNumber(w[1], a) || a > 0xFFFFFFFFull)
-                return "err bad code";
-            plc.setFaultErrorCode(uint32_t(a));
-            return "ok";
-        }
-        if (cmd == "delay" && w.size() == 2) {
-            if (!parseNumber(w[1], a) || a > 60000)
-                return "err bad delay";
-            plc.setDelayMs(int(a));
-            return "ok";
-        }
-        if (cmd == "seed" && w.size() == 2) {
-            if (!parseNumber(w[1], a))
-                return "err bad seed";
-            plc.setSeed(a);
-            return "ok";
-        }
-        if (cmd == "state" && w.size() == 1)
-            return plc.adsState() == AdsStateRun ? "ok run" : "ok stop";
-        if (cmd == "state" && w.size() == 2) {
-            if (w[1] == "run")
-                plc.setAdsState(AdsStateRun);
-            else if (w[1] == "stop")
-                plc.setAdsState(AdsStateStop);
-            else
-                return "err state must be run or stop";
-            return "ok";
-        }
-        if (cmd == "counters" && w.size() == 1) {
-            const Plc::Counters k = plc.counters();
-            std::ostringstream os;
-            size_t ads = 0;
-            for (auto& cn : conns)
-                if (cn->fd >= 0 && !cn->control)
-                    ++ads;
-            os << "ok requests=" << k.requests << " devinfo=" << k.byCommand[1] << " read=" << k.byCommand[2]
-               << " write=" << k.byCommand[3] << " readstate=" << k.byCommand[4] << " writecontrol=" << k.byCommand[5]
-               << " addnotification=" << k.byCommand[6] << " delnotification=" << k.byCommand[7]
-               << " readwrite=" << k.byCommand[9] << " faults=" << k.faults << " unanswered=" << k.unanswered
-               << " portframes=" << k.portFrames << " lengthfixups=" << k.lengthFixups << " connections=" << ads;
-            return os.str();
-        }
-        if (cmd == "reset-counters" && w.size() == 1) {
-            plc.resetCounters();
-            if (udpService)
-                udpService->resetCounters();
-            return "ok";
-        }
-        if (cmd == "udp-counters" && w.size() == 1) {
-            if (!udpService)
-                return "err the UDP service is off";
-            const UdpService::Counters& k = udpService->counters();
-            std::ostringstream os;
-            os << "ok requests=" << k.requests << " deviceinfo=" << k.deviceInfo << " addroute=" << k.addRoute
-               << " accepted=" << k.accepted << " refused=" << k.refused << " ignored=" << k.ignored
-               << " stopped=" << k.stopped;
-            return os.str();
-        }
-        if (cmd == "routes" && w.size() == 1) {
-            std::string out = "ok " + std::to_string(routes.routes().size());
-            for (const Route& r : routes.routes())
-                out += " " + r.netId.str() + ":" + originName(r.origin);
-            return out;
-        }
-        if (cmd == "program" && w.size() == 2) {
-            if (w[1] == "on")
-                program = true;
-            else if (w[1] == "off")
-                program = false;
-            else
-                return "err program must be on or off";
-            return "ok";
-        }
         if (cmd == "quit" && w.size() == 1) {
             quit = true;
             return "ok bye";
         }
-        if (cmd == "help")
-            return "ok get set fault fault-prob faults-off fault-code delay seed state counters "
-                   "reset-counters udp-counters routes program quit";
+        static const std::map<std::string, Reply (Server::*)(const Words&)> commands = {
+            {"get", &Server::controlGet},
+            {"set", &Server::controlSet},
+            {"fault", &Server::controlFault},
+            {"fault-prob", &Server::controlFaultProb},
+            {"faults-off", &Server::controlFaultsOff},
+            {"fault-code", &Server::controlFaultCode},
+            {"delay", &Server::controlDelay},
+            {"seed", &Server::controlSeed},
+            {"state", &Server::controlState},
+            {"counters", &Server::controlCounters},
+            {"reset-counters", &Server::controlResetCounters},
+            {"udp-counters", &Server::controlUdpCounters},
+            {"routes", &Server::controlRoutes},
+            {"program", &Server::controlProgram},
+            {"help", &Server::controlHelp},
+        };
+        const auto it = commands.find(cmd);
+        if (it != commands.end())
+            if (const Reply r = (this->*it->second)(w))
+                return *r;
         return "err unknown command: " + line;
+    }
+
+    Reply controlGet(const Words& w)
+    {
+        unsigned long long a = 0, b = 0, c = 0;
+        if (w.size() != 4)
+            return std::nullopt;
+        if (!parseNumber(w[1], a) || !parseNumber(w[2], b) || !parseNumber(w[3], c))
+            return "err bad number";
+        uint8_t* m = plc.memory(uint32_t(a));
+        if (!m || a > 0xFFFFFFFFull)
+            return "err unknown group";
+        if (b > AreaSize || c > AreaSize || b + c > AreaSize)
+            return "err out of range";
+        return "ok " + toHex(m + b, size_t(c));
+    }
+
+    Reply controlSet(const Words& w)
+    {
+        unsigned long long a = 0, b = 0;
+        if (w.size() != 4)
+            return std::nullopt;
+        std::vector<uint8_t> bytes;
+        if (!parseNumber(w[1], a) || !parseNumber(w[2], b))
+            return "err bad number";
+        if (!fromHex(w[3], bytes))
+            return "err bad hex";
+        uint8_t* m = plc.memory(uint32_t(a));
+        if (!m || a > 0xFFFFFFFFull)
+            return "err unknown group";
+        if (b > AreaSize || b + bytes.size() > AreaSize)
+            return "err out of range";
+        std::copy(bytes.begin(), bytes.end(), m + b);
+        return "ok";
+    }
+
+    Reply controlFault(const Words& w)
+    {
+        if (w.size() != 3)
+            return std::nullopt;
+        Fault f;
+        unsigned long long a = 0;
+        if (!parseFault(w[1], f))
+            return "err unknown fault " + w[1];
+        if (!parseNumber(w[2], a) || a > 1000000)
+            return "err bad count";
+        plc.injectFault(f, int(a));
+        return "ok";
+    }
+
+    Reply controlFaultProb(const Words& w)
+    {
+        if (w.size() != 3)
+            return std::nullopt;
+        Fault f;
+        if (!parseFault(w[1], f) || f == Fault::None)
+            return "err unknown fault " + w[1];
+        char* end = nullptr;
+        const double p = std::strtod(w[2].c_str(), &end);
+        if (*end || p < 0 || p > 1)
+            return "err bad probability";
+        plc.setFaultProbability(f, p);
+        return "ok";
+    }
+
+    Reply controlFaultsOff(const Words& w)
+    {
+        if (w.size() != 1)
+            return std::nullopt;
+        plc.clearFaults();
+        return "ok";
+    }
+
+    Reply controlFaultCode(const Words& w)
+    {
+        unsigned long long a = 0;
+        if (w.size() != 2)
+            return std::nullopt;
+        if (!parseNumber(w[1], a) || a > 0xFFFFFFFFull)
+            return "err bad code";
+        plc.setFaultErrorCode(uint32_t(a));
+        return "ok";
+    }
+
+    Reply controlDelay(const Words& w)
+    {
+        unsigned long long a = 0;
+        if (w.size() != 2)
+            return std::nullopt;
+        if (!parseNumber(w[1], a) || a > 60000)
+            return "err bad delay";
+        plc.setDelayMs(int(a));
+        return "ok";
+    }
+
+    Reply controlSeed(const Words& w)
+    {
+        unsigned long long a = 0;
+        if (w.size() != 2)
+            return std::nullopt;
+        if (!parseNumber(w[1], a))
+            return "err bad seed";
+        plc.setSeed(a);
+        return "ok";
+    }
+
+    Reply controlState(const Words& w)
+    {
+        if (w.size() == 1)
+            return std::string(plc.adsState() == AdsStateRun ? "ok run" : "ok stop");
+        if (w.size() != 2)
+            return std::nullopt;
+        if (w[1] == "run")
+            plc.setAdsState(AdsStateRun);
+        else if (w[1] == "stop")
+            plc.setAdsState(AdsStateStop);
+        else
+            return "err state must be run or stop";
+        return "ok";
+    }
+
+    Reply controlCounters(const Words& w)
+    {
+        if (w.size() != 1)
+            return std::nullopt;
+        const Plc::Counters k = plc.counters();
+        std::ostringstream os;
+        size_t ads = 0;
+        for (auto& cn : conns)
+            if (cn->fd >= 0 && !cn->control)
+                ++ads;
+        os << "ok requests=" << k.requests << " devinfo=" << k.byCommand[1] << " read=" << k.byCommand[2]
+           << " write=" << k.byCommand[3] << " readstate=" << k.byCommand[4] << " writecontrol=" << k.byCommand[5]
+           << " addnotification=" << k.byCommand[6] << " delnotification=" << k.byCommand[7]
+           << " readwrite=" << k.byCommand[9] << " faults=" << k.faults << " unanswered=" << k.unanswered
+           << " portframes=" << k.portFrames << " lengthfixups=" << k.lengthFixups << " connections=" << ads;
+        return os.str();
+    }
+
+    Reply controlResetCounters(const Words& w)
+    {
+        if (w.size() != 1)
+            return std::nullopt;
+        plc.resetCounters();
+        if (udpService)
+            udpService->resetCounters();
+        return "ok";
+    }
+
+    Reply controlUdpCounters(const Words& w)
+    {
+        if (w.size() != 1)
+            return std::nullopt;
+        if (!udpService)
+            return "err the UDP service is off";
+        const UdpService::Counters& k = udpService->counters();
+        std::ostringstream os;
+        os << "ok requests=" << k.requests << " deviceinfo=" << k.deviceInfo << " addroute=" << k.addRoute
+           << " accepted=" << k.accepted << " refused=" << k.refused << " ignored=" << k.ignored
+           << " stopped=" << k.stopped;
+        return os.str();
+    }
+
+    Reply controlRoutes(const Words& w)
+    {
+        if (w.size() != 1)
+            return std::nullopt;
+        std::string out = "ok " + std::to_string(routes.routes().size());
+        for (const Route& r : routes.routes())
+            out += " " + r.netId.str() + ":" + originName(r.origin);
+        return out;
+    }
+
+    Reply controlProgram(const Words& w)
+    {
+        if (w.size() != 2)
+            return std::nullopt;
+        if (w[1] == "on")
+            program = true;
+        else if (w[1] == "off")
+            program = false;
+        else
+            return "err program must be on or off";
+        return "ok";
+    }
+
+    Reply controlHelp(const Words&)
+    {
+        return "ok get set fault fault-prob faults-off fault-code delay seed state counters "
+               "reset-counters udp-counters routes program quit";
     }
 
     int run()
@@ -557,211 +647,210 @@ bool writePortFile(const std::string& path, uint16_t adsPort, uint16_t controlPo
     return true;
 }
 
-}  // namespace
-
-int main(int argc, char** argv)
-{
-    Server srv;
-    std::string listenArg, controlArg, logArg, portFile, netIdArg, portsArg;
-    std::vector<std::string> routeArgs, faultArgs;
+// The command line, each value parsed once: the validators store what they parsed.
+struct Options {
+    std::string listen, control, log, portFile, routeFile, passwordFile;
+    bool netIdGiven = false;
+    NetId netId;
+    std::vector<NetId> routes;
+    std::set<uint16_t> ports;  // empty: the default ports
+    std::vector<std::pair<Fault, double>> faults;
+    std::vector<std::string> routeTexts, faultTexts;  // where CLI11 keeps the texts of repeatable options
     unsigned long long seed = 1, faultCode = ErrServiceNotSupported, delayMs = 300, splitPauseMs = 20;
-    bool noProgram = false, version = false, logData = false;
     unsigned long long udpPort = adstool::udp::kDefaultPort;
-    std::string routeFile, passwordFile, runtimeArg, osPlatformArg, osVersionArg;
+    bool udpPortGiven = false;
+    bool noProgram = false, version = false, logData = false, onePerPeer = false;
+    UdpIdentity identity;
+};
 
+// A validator that parses the value into its place, or says why it cannot.
+CLI::Validator parsedInto(std::function<bool(const std::string&, std::string*)> parse)
+{
+    return CLI::Validator(
+        [parse](std::string& v) {
+            std::string why;
+            return parse(v, &why) ? std::string() : why;
+        },
+        "", "");
+}
+
+bool parseOsVersion(const std::string& v, adstool::udp::OsVersion& os, std::string* why)
+{
+    unsigned a = 0, b = 0, c = 0;
+    char end = 0;
+    if (std::sscanf(v.c_str(), "%u.%u.%u%c", &a, &b, &c, &end) == 3 && v[0] >= '0' && v[0] <= '9') {
+        os.major = a;
+        os.minor = b;
+        os.build = c;
+        return true;
+    }
+    *why = "needs MAJOR.MINOR.BUILD, got '" + v + "'";
+    return false;
+}
+
+void addUdpOptions(CLI::App& app, Options& o)
+{
     using namespace adstool::cli;
-    auto check = [](bool (*parse)(const std::string&, std::string*)) {
-        return CLI::Validator(
-            [parse](std::string& v) {
-                std::string why;
-                return parse(v, &why) ? std::string() : why;
-            },
-            "", "");
-    };
-    CLI::App app("Simulated PLC answering ADS over AMS/TCP (IPv4).", "plcsim");
-    prepare(app);
-    app.add_option("--listen", listenArg)->check(HostPortText(adstool::PortRule::AnyPort));
-    app.add_option("--control", controlArg)->check(HostPortText(adstool::PortRule::AnyPort));
-    app.add_option("--netid", netIdArg)->check(NetIdText());
-    app.add_option("--route", routeArgs)->check(NetIdText());
-    app.add_option("--ports", portsArg)->check(check([](const std::string& v, std::string* why) {
-        std::set<uint16_t> p;
-        return parsePorts(v, p, why);
-    }));
-    app.add_option("--seed", seed)->check(Number(0, ~0ull));
-    app.add_option("--fault", faultArgs)->check(check([](const std::string& v, std::string* why) {
-        Fault f;
-        double p;
-        return parseFaultProb(v, f, p, why);
-    }));
-    app.add_option("--fault-code", faultCode)->check(Number(0, 0xFFFFFFFFull));
-    app.add_option("--delay", delayMs)->check(Number(0, 60000, "milliseconds"));
-    app.add_option("--split-pause", splitPauseMs)->check(Number(0, 60000, "milliseconds"));
-    app.add_flag("--no-program", noProgram);
-    app.add_flag("--log-data", logData);
-    app.add_flag("--one-connection-per-peer", srv.onePerPeer);
-    app.add_option("--log", logArg);
-    app.add_option("--port-file", portFile);
-    app.add_option("--udp-port", udpPort)->check(Number(0, 65535, "a UDP port"));
-    app.add_option("--hostname", srv.identity.hostName)->check(check([](const std::string& v, std::string* why) {
+    app.add_option("--udp-port", o.udpPort)->check(Number(0, 65535, "a UDP port"));
+    app.add_option("--hostname", o.identity.hostName)->check(parsedInto([](const std::string& v, std::string* why) {
         if (!v.empty() && v.size() < 256)
             return true;
         *why = "needs a host name of 1 to 255 bytes";
         return false;
     }));
-    app.add_option("--runtime-version", runtimeArg)->check(check([](const std::string& v, std::string* why) {
-        adstool::udp::RuntimeVersion rv;
-        if (adstool::udp::RuntimeVersion::parse(v, rv))
+    app.add_option("--runtime-version")->check(parsedInto([&o](const std::string& v, std::string* why) {
+        if (adstool::udp::RuntimeVersion::parse(v, o.identity.runtime))
             return true;
         *why = "needs MAJOR.MINOR.BUILD (0..255, 0..255, 0..65535), got '" + v + "'";
         return false;
     }));
-    app.add_option("--os-platform", osPlatformArg)->check(check([](const std::string& v, std::string* why) {
-        uint32_t p = 0;
-        if (adstool::udp::parsePlatform(v, p))
+    app.add_option("--os-platform")->check(parsedInto([&o](const std::string& v, std::string* why) {
+        if (adstool::udp::parsePlatform(v, o.identity.os.platform))
             return true;
         *why = "needs bsd, rtos, nt, ce or a number, got '" + v + "'";
         return false;
     }));
-    app.add_option("--os-version", osVersionArg)->check(check([](const std::string& v, std::string* why) {
-        unsigned a = 0, b = 0, c = 0;
-        char end = 0;
-        if (std::sscanf(v.c_str(), "%u.%u.%u%c", &a, &b, &c, &end) == 3 && v[0] >= '0' && v[0] <= '9')
-            return true;
-        *why = "needs MAJOR.MINOR.BUILD, got '" + v + "'";
-        return false;
+    app.add_option("--os-version")->check(parsedInto(
+        [&o](const std::string& v, std::string* why) { return parseOsVersion(v, o.identity.os, why); }));
+    app.add_option("--user", o.identity.userName);
+    app.add_option("--password-file", o.passwordFile);
+    app.add_option("--route-file", o.routeFile);
+}
+
+// Returns -1 when plcsim goes on, otherwise its exit code.
+int parseOptions(int argc, char** argv, Options& o)
+{
+    using namespace adstool::cli;
+    CLI::App app("Simulated PLC answering ADS over AMS/TCP (IPv4).", "plcsim");
+    prepare(app);
+    app.add_option("--listen", o.listen)->check(HostPortText(adstool::PortRule::AnyPort));
+    app.add_option("--control", o.control)->check(HostPortText(adstool::PortRule::AnyPort));
+    app.add_option("--netid")->check(NetIdText())->check(parsedInto([&o](const std::string& v, std::string*) {
+        o.netIdGiven = NetId::parse(v, o.netId);
+        return true;
     }));
-    app.add_option("--user", srv.identity.userName);
-    app.add_option("--password-file", passwordFile);
-    app.add_option("--route-file", routeFile);
-    app.add_flag("--version", version);
+    app.add_option("--route", o.routeTexts)->check(NetIdText())->check(parsedInto([&o](const std::string& v, std::string*) {
+        o.routes.emplace_back();
+        NetId::parse(v, o.routes.back());
+        return true;
+    }));
+    app.add_option("--ports")->check(
+        parsedInto([&o](const std::string& v, std::string* why) { return parsePorts(v, o.ports, why); }));
+    app.add_option("--seed", o.seed)->check(Number(0, ~0ull));
+    app.add_option("--fault", o.faultTexts)->check(parsedInto([&o](const std::string& v, std::string* why) {
+        Fault f;
+        double p = 0;
+        if (!parseFaultProb(v, f, p, why))
+            return false;
+        o.faults.emplace_back(f, p);
+        return true;
+    }));
+    app.add_option("--fault-code", o.faultCode)->check(Number(0, 0xFFFFFFFFull));
+    app.add_option("--delay", o.delayMs)->check(Number(0, 60000, "milliseconds"));
+    app.add_option("--split-pause", o.splitPauseMs)->check(Number(0, 60000, "milliseconds"));
+    app.add_flag("--no-program", o.noProgram);
+    app.add_flag("--log-data", o.logData);
+    app.add_flag("--one-connection-per-peer", o.onePerPeer);
+    app.add_option("--log", o.log);
+    app.add_option("--port-file", o.portFile);
+    addUdpOptions(app, o);
+    app.add_flag("--version", o.version);
     const int parsed = parse(app, argc, argv, "plcsim", kHelp);
-    if (parsed >= 0)
-        return parsed;
-    if (version) {
-        std::printf("%s\n", kVersion);
-        return 0;
-    }
-    if (!netIdArg.empty()) {
-        NetId id;
-        NetId::parse(netIdArg, id);
-        srv.plc.setNetId(id);
-    }
-    for (const std::string& r : routeArgs) {
+    o.udpPortGiven = app.count("--udp-port") > 0;
+    return parsed;
+}
+
+// Routes, password and the simulated PLC's settings. Returns 0, or the exit code after a message.
+int configure(Server& srv, const Options& o)
+{
+    if (o.netIdGiven)
+        srv.plc.setNetId(o.netId);
+    for (const NetId& id : o.routes) {
         Route route;
-        NetId::parse(r, route.netId);
+        route.netId = id;
         route.origin = Route::CommandLine;
         std::string ignored;
         srv.routes.add(route, ignored);
     }
-    srv.routes.setFile(routeFile);
-    {
-        std::string why;
-        if (!srv.routes.load(why)) {
-            std::fprintf(stderr, "plcsim: --route-file: %s\n", why.c_str());
-            return 1;
-        }
-        if (!passwordFile.empty() && !adstool::udp::readPasswordFile(passwordFile, srv.identity.password, &why)) {
-            std::fprintf(stderr, "plcsim: --password-file: %s\n", why.c_str());
-            return 1;
-        }
+    srv.routes.setFile(o.routeFile);
+    srv.identity = o.identity;
+    std::string why;
+    if (!srv.routes.load(why)) {
+        std::fprintf(stderr, "plcsim: --route-file: %s\n", why.c_str());
+        return 1;
+    }
+    if (!o.passwordFile.empty() && !adstool::udp::readPasswordFile(o.passwordFile, srv.identity.password, &why)) {
+        std::fprintf(stderr, "plcsim: --password-file: %s\n", why.c_str());
+        return 1;
     }
     for (const Route& r : srv.routes.routes())
         srv.plc.addRoute(r.netId);
-    if (!runtimeArg.empty())
-        adstool::udp::RuntimeVersion::parse(runtimeArg, srv.identity.runtime);
-    if (!osPlatformArg.empty())
-        adstool::udp::parsePlatform(osPlatformArg, srv.identity.os.platform);
-    if (!osVersionArg.empty()) {
-        unsigned a = 0, b = 0, c = 0;
-        std::sscanf(osVersionArg.c_str(), "%u.%u.%u", &a, &b, &c);
-        srv.identity.os.major = a;
-        srv.identity.os.minor = b;
-        srv.identity.os.build = c;
-    }
-    if (!portsArg.empty()) {
-        std::set<uint16_t> ports;
-        parsePorts(portsArg, ports, nullptr);
-        srv.plc.setRuntimePorts(ports);
-    }
-    for (const std::string& fa : faultArgs) {
-        Fault f;
-        double p = 0;
-        parseFaultProb(fa, f, p, nullptr);
-        srv.plc.setFaultProbability(f, p);
-    }
-    srv.plc.setFaultErrorCode(uint32_t(faultCode));
-    srv.plc.setDelayMs(int(delayMs));
-    srv.plc.setSplitPauseMs(int(splitPauseMs));
-    srv.program = !noProgram;
-    srv.plc.setLogData(logData);
-    srv.plc.setSeed(seed);
-    if (listenArg.empty())
-        return usage("--listen ADDR:PORT is required");
+    if (!o.ports.empty())
+        srv.plc.setRuntimePorts(o.ports);
+    for (const auto& fault : o.faults)
+        srv.plc.setFaultProbability(fault.first, fault.second);
+    srv.plc.setFaultErrorCode(uint32_t(o.faultCode));
+    srv.plc.setDelayMs(int(o.delayMs));
+    srv.plc.setSplitPauseMs(int(o.splitPauseMs));
+    srv.program = !o.noProgram;
+    srv.onePerPeer = o.onePerPeer;
+    srv.plc.setLogData(o.logData);
+    srv.plc.setSeed(o.seed);
+    return 0;
+}
 
-    // Host and port were checked by the parser; the host must be an IPv4 address.
-    auto listenAt = [](const char* option, const std::string& arg, sockaddr_in& bound, int& fd) {
-        adstool::HostPort hp;
-        adstool::parseHostPort(arg, hp, adstool::PortRule::AnyPort);
-        if (!adstool::isIpv4Address(hp.host))
-            return usage(std::string(option) + ": needs an IPv4 address before the port, got '" + arg + "'");
-        std::string why;
-        fd = adstool::listenTcp(hp.host, hp.port, &bound, &why);
-        if (fd < 0) {
-            std::fprintf(stderr, "plcsim: %s\n", why.c_str());
-            return 1;
-        }
-        return 0;
-    };
-    sockaddr_in bound {}, cbound {};
-    if (const int rc = listenAt("--listen", listenArg, bound, srv.listenFd))
-        return rc;
-    if (!controlArg.empty()) {
-        if (const int rc = listenAt("--control", controlArg, cbound, srv.controlFd))
-            return rc;
-    }
-    // The UDP service on the ADS address. The default port may be held by another simulator
-    // or a router on this machine: then the service stays off and the simulator runs on.
-    std::string udpWarning;
-    {
-        adstool::HostPort hp;
-        adstool::parseHostPort(listenArg, hp, adstool::PortRule::AnyPort);
-        std::string why;
-        if (srv.udp.open(hp.host, uint16_t(udpPort), why)) {
-            srv.udpService = std::make_unique<UdpService>(srv.plc, srv.routes, srv.identity);
-        } else if (app.count("--udp-port") > 0) {
-            std::fprintf(stderr, "plcsim: --udp-port: %s\n", why.c_str());
-            return 1;
-        } else {
-            udpWarning = why;
-        }
-    }
-    if (!logArg.empty()) {
-        srv.logFile = logArg == "-" ? stderr : std::fopen(logArg.c_str(), "w");
-        if (!srv.logFile) {
-            std::fprintf(stderr, "plcsim: cannot open log %s: %s\n", logArg.c_str(), std::strerror(errno));
-            return 1;
-        }
-        srv.plc.setLogSink([&srv](const std::string& line) { srv.log(line); });
-        if (srv.udpService)
-            srv.udpService->setLogSink([&srv](const std::string& line) { srv.log(line); });
-    }
-
-    struct sigaction sa { };
-    sa.sa_handler = onSignal;
-    sigemptyset(&sa.sa_mask);
-    sigaction(SIGTERM, &sa, nullptr);
-    sigaction(SIGINT, &sa, nullptr);
-    signal(SIGPIPE, SIG_IGN);
-
-    // The port file first: a plcsim that cannot write it has not started, and says nothing
-    // of listening.
-    if (!portFile.empty()
-        && !writePortFile(portFile, ntohs(bound.sin_port), srv.controlFd >= 0 ? ntohs(cbound.sin_port) : 0,
-            srv.plc.netId(), srv.udpService ? srv.udp.port() : 0)) {
-        std::fprintf(stderr, "plcsim: --port-file: cannot write %s: %s\n", portFile.c_str(), std::strerror(errno));
+// Host and port were checked by the parser; the host must be an IPv4 address.
+int listenAt(const char* option, const std::string& arg, sockaddr_in& bound, int& fd)
+{
+    adstool::HostPort hp;
+    adstool::parseHostPort(arg, hp, adstool::PortRule::AnyPort);
+    if (!adstool::isIpv4Address(hp.host))
+        return usage(std::string(option) + ": needs an IPv4 address before the port, got '" + arg + "'");
+    std::string why;
+    fd = adstool::listenTcp(hp.host, hp.port, &bound, &why);
+    if (fd < 0) {
+        std::fprintf(stderr, "plcsim: %s\n", why.c_str());
         return 1;
     }
+    return 0;
+}
+
+// The UDP service on the ADS address. The default port may be held by another simulator
+// or a router on this machine: then the service stays off (udpWarning says why) and the
+// simulator runs on. Returns 0, or the exit code after a message.
+int openUdpService(Server& srv, const Options& o, std::string& udpWarning)
+{
+    adstool::HostPort hp;
+    adstool::parseHostPort(o.listen, hp, adstool::PortRule::AnyPort);
+    std::string why;
+    if (srv.udp.open(hp.host, uint16_t(o.udpPort), why)) {
+        srv.udpService = std::make_unique<UdpService>(srv.plc, srv.routes, srv.identity);
+    } else if (o.udpPortGiven) {
+        std::fprintf(stderr, "plcsim: --udp-port: %s\n", why.c_str());
+        return 1;
+    } else {
+        udpWarning = why;
+    }
+    return 0;
+}
+
+int openLog(Server& srv, const std::string& logArg)
+{
+    if (logArg.empty())
+        return 0;
+    srv.logFile = logArg == "-" ? stderr : std::fopen(logArg.c_str(), "w");
+    if (!srv.logFile) {
+        std::fprintf(stderr, "plcsim: cannot open log %s: %s\n", logArg.c_str(), std::strerror(errno));
+        return 1;
+    }
+    srv.plc.setLogSink([&srv](const std::string& line) { srv.log(line); });
+    if (srv.udpService)
+        srv.udpService->setLogSink([&srv](const std::string& line) { srv.log(line); });
+    return 0;
+}
+
+void printBanner(Server& srv, const sockaddr_in& bound, const sockaddr_in& cbound, const std::string& udpWarning)
+{
     std::printf("listening on %s\n", sockaddrText(bound).c_str());
     if (srv.controlFd >= 0)
         std::printf("control on %s\n", sockaddrText(cbound).c_str());
@@ -781,11 +870,60 @@ int main(int argc, char** argv)
             stderr, "plcsim: warning: UDP service off: %s (give --udp-port 0 for a free port)\n", udpWarning.c_str());
     }
     std::fflush(stdout);
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    Options o;
+    const int parsed = parseOptions(argc, argv, o);
+    if (parsed >= 0)
+        return parsed;
+    if (o.version) {
+        std::printf("%s\n", kVersion);
+        return 0;
+    }
+    Server srv;
+    if (const int rc = configure(srv, o))
+        return rc;
+    if (o.listen.empty())
+        return usage("--listen ADDR:PORT is required");
+
+    sockaddr_in bound {}, cbound {};
+    if (const int rc = listenAt("--listen", o.listen, bound, srv.listenFd))
+        return rc;
+    if (!o.control.empty()) {
+        if (const int rc = listenAt("--control", o.control, cbound, srv.controlFd))
+            return rc;
+    }
+    std::string udpWarning;
+    if (const int rc = openUdpService(srv, o, udpWarning))
+        return rc;
+    if (const int rc = openLog(srv, o.log))
+        return rc;
+
+    struct sigaction sa { };
+    sa.sa_handler = onSignal;
+    sigemptyset(&sa.sa_mask);
+    sigaction(SIGTERM, &sa, nullptr);
+    sigaction(SIGINT, &sa, nullptr);
+    signal(SIGPIPE, SIG_IGN);
+
+    // The port file first: a plcsim that cannot write it has not started, and says nothing
+    // of listening.
+    if (!o.portFile.empty()
+        && !writePortFile(o.portFile, ntohs(bound.sin_port), srv.controlFd >= 0 ? ntohs(cbound.sin_port) : 0,
+            srv.plc.netId(), srv.udpService ? srv.udp.port() : 0)) {
+        std::fprintf(stderr, "plcsim: --port-file: cannot write %s: %s\n", o.portFile.c_str(), std::strerror(errno));
+        return 1;
+    }
+    printBanner(srv, bound, cbound, udpWarning);
     srv.log(std::string(kVersion) + " listening on " + sockaddrText(bound) + " as " + srv.plc.netId().str());
 
     const int rc = srv.run();
-    if (!portFile.empty())
-        std::remove(portFile.c_str());  // its ports are closed now
+    if (!o.portFile.empty())
+        std::remove(o.portFile.c_str());  // its ports are closed now
     srv.log("stopped");
     if (srv.logFile && srv.logFile != stderr)
         std::fclose(srv.logFile);

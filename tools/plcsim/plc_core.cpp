@@ -61,6 +61,8 @@ const char* faultName(Fault f)
         return "delay";
     case Fault::Close:
         return "close";
+    case Fault::Full1024:
+        return "full1024";
     }
     return "?";
 }
@@ -343,6 +345,70 @@ std::vector<uint8_t> Plc::handle(const uint8_t* f, size_t len)
     return handleAds(f, len, uint32_t(len - TcpHeaderSize), fixedUp);
 }
 
+// One ADS request as it came in: its header fields, its data and the log line being written.
+struct Plc::Request {
+    NetId target;
+    uint16_t targetPort = 0;
+    NetId source;
+    uint16_t sourcePort = 0;
+    uint16_t cmd = 0;
+    uint32_t invokeId = 0;
+    const uint8_t* d = nullptr;  // the ADS data
+    uint32_t n = 0;              // ADS data bytes really there
+    bool handshakePort = false;  // port 100, where the panel driver says hello
+    std::ostringstream line;
+};
+
+static bool knownCommand(uint16_t c) { return c >= CmdReadDeviceInfo && c <= CmdReadWrite && c != CmdNotification; }
+
+// The error shape of each command: the result followed by zeroed fixed fields.
+static std::vector<uint8_t> errorData(uint16_t cmd, uint32_t result)
+{
+    std::vector<uint8_t> r;
+    putU32(r, result);
+    switch (cmd) {
+    case CmdReadDeviceInfo:
+        r.resize(4 + 4 + 16, 0);
+        break;
+    case CmdRead:
+    case CmdReadWrite:
+    case CmdAddNotification:
+    case CmdReadState:
+        putU32(r, 0);
+        break;
+    default:
+        break;
+    }
+    return r;
+}
+
+// The answer: header with target and source swapped, then data.
+std::vector<uint8_t> Plc::buildAnswer(const Request& q, uint32_t amsError, const std::vector<uint8_t>& data) const
+{
+    std::vector<uint8_t> r;
+    r.reserve(HeadersSize + data.size());
+    putU16(r, 0);
+    putU32(r, uint32_t(AmsHeaderSize + data.size()));
+    r.insert(r.end(), q.source.b, q.source.b + 6);
+    putU16(r, q.sourcePort);
+    r.insert(r.end(), netId_.b, netId_.b + 6);
+    putU16(r, q.targetPort);
+    putU16(r, q.cmd);
+    putU16(r, 0x0005);
+    putU32(r, uint32_t(data.size()));
+    putU32(r, amsError);
+    putU32(r, q.invokeId);
+    r.insert(r.end(), data.begin(), data.end());
+    return r;
+}
+
+std::vector<uint8_t> Plc::dropRequest(Request& q, const std::string& why)
+{
+    ++counters_.unanswered;
+    log(q.line.str() + " " + why + ": no reply");
+    return {};
+}
+
 std::vector<uint8_t> Plc::handleAds(const uint8_t* f, size_t len, uint32_t bodyLen, bool fixedUp)
 {
     ++counters_.requests;
@@ -351,240 +417,104 @@ std::vector<uint8_t> Plc::handleAds(const uint8_t* f, size_t len, uint32_t bodyL
         log("AMS/TCP length " + std::to_string(bodyLen) + " is shorter than the AMS header: dropped");
         return {};
     }
-    const NetId target = NetId::fromBytes(f + 6);
-    const uint16_t targetPort = getU16(f + 12);
-    const NetId source = NetId::fromBytes(f + 14);
-    const uint16_t sourcePort = getU16(f + 20);
-    const uint16_t cmd = getU16(f + 22);
+    Request q;
+    q.target = NetId::fromBytes(f + 6);
+    q.targetPort = getU16(f + 12);
+    q.source = NetId::fromBytes(f + 14);
+    q.sourcePort = getU16(f + 20);
+    q.cmd = getU16(f + 22);
     const uint16_t flags = getU16(f + 24);
     const uint32_t dataLength = getU32(f + 26);
-    const uint32_t invokeId = getU32(f + 34);
-    const uint8_t* d = f + HeadersSize;
-    const uint32_t n = uint32_t(len - HeadersSize);  // ADS data bytes really there
-    if (cmd < 10)
-        ++counters_.byCommand[cmd];
+    q.invokeId = getU32(f + 34);
+    q.d = f + HeadersSize;
+    q.n = uint32_t(len - HeadersSize);
+    q.handshakePort = (q.targetPort == 100);
+    if (q.cmd < 10)
+        ++counters_.byCommand[q.cmd];
 
-    std::ostringstream line;
-    line << "req=" << counters_.requests << " cmd=" << commandName(cmd) << "(" << cmd << ")"
-         << " src=" << source.str() << ":" << sourcePort << " dst=" << target.str() << ":" << targetPort
-         << " invoke=" << invokeId;
-    auto drop = [&](const std::string& why) {
-        ++counters_.unanswered;
-        log(line.str() + " " + why + ": no reply");
-        return std::vector<uint8_t>();
-    };
+    q.line << "req=" << counters_.requests << " cmd=" << commandName(q.cmd) << "(" << q.cmd << ")"
+           << " src=" << q.source.str() << ":" << q.sourcePort << " dst=" << q.target.str() << ":" << q.targetPort
+           << " invoke=" << q.invokeId;
 
     if (fixedUp) {
         ++counters_.lengthFixups;
-        line << " note=write-length-fields-low-byte-only(tcp=" << getU32(f + 2) << ",data=" << dataLength
-             << ",true=" << n << ")";
-    } else if (dataLength != n) {
-        return drop("AMS data length " + std::to_string(dataLength) + " disagrees with the " + std::to_string(n)
-            + " data bytes");
+        q.line << " note=write-length-fields-low-byte-only(tcp=" << getU32(f + 2) << ",data=" << dataLength
+               << ",true=" << q.n << ")";
+    } else if (dataLength != q.n) {
+        return dropRequest(q, "AMS data length " + std::to_string(dataLength) + " disagrees with the "
+                + std::to_string(q.n) + " data bytes");
     }
     if (flags & 0x0001)
-        return drop("state flags " + hex(flags) + " mark a response");
+        return dropRequest(q, "state flags " + hex(flags) + " mark a response");
     if (flags != 0x0004)
-        line << " flags=" << hex(flags);
-    if (!routes_.empty() && source != netId_ && !routes_.count(source))
-        return drop("no route for " + source.str());
-
-    // Build the answer: header with target and source swapped, then data.
-    auto answer = [&](uint32_t amsError, const std::vector<uint8_t>& data) {
-        std::vector<uint8_t> r;
-        r.reserve(HeadersSize + data.size());
-        putU16(r, 0);
-        putU32(r, uint32_t(AmsHeaderSize + data.size()));
-        r.insert(r.end(), source.b, source.b + 6);
-        putU16(r, sourcePort);
-        r.insert(r.end(), netId_.b, netId_.b + 6);
-        putU16(r, targetPort);
-        putU16(r, cmd);
-        putU16(r, 0x0005);
-        putU32(r, uint32_t(data.size()));
-        putU32(r, amsError);
-        putU32(r, invokeId);
-        r.insert(r.end(), data.begin(), data.end());
-        return r;
-    };
+        q.line << " flags=" << hex(flags);
+    if (!routes_.empty() && q.source != netId_ && !routes_.count(q.source))
+        return dropRequest(q, "no route for " + q.source.str());
 
     // Errors of the AMS layer (no such machine or port) come with an empty body.
-    if (target != netId_) {
-        log(line.str() + " -> ams-error=0x7 (target machine not found)");
-        return answer(ErrTargetMachineNotFound, {});
+    if (q.target != netId_) {
+        log(q.line.str() + " -> ams-error=0x7 (target machine not found)");
+        return buildAnswer(q, ErrTargetMachineNotFound, {});
     }
-    const bool handshakePort = (targetPort == 100);
-    if (!handshakePort && !ports_.count(targetPort)) {
-        log(line.str() + " -> ams-error=0x6 (target port not found)");
-        return answer(ErrTargetPortNotFound, {});
+    if (!q.handshakePort && !ports_.count(q.targetPort)) {
+        log(q.line.str() + " -> ams-error=0x6 (target port not found)");
+        return buildAnswer(q, ErrTargetPortNotFound, {});
     }
+    return answerRequest(q);
+}
 
+std::vector<uint8_t> Plc::answerRequest(Request& q)
+{
     const Fault fault = drawFault();
     lastFault_ = fault;
     if (fault != Fault::None)
         ++counters_.faults;
 
-    // The error shape of each command: the result followed by zeroed fixed fields.
-    auto errorData = [&](uint32_t result) {
-        std::vector<uint8_t> r;
-        putU32(r, result);
-        switch (cmd) {
-        case CmdReadDeviceInfo:
-            r.resize(4 + 4 + 16, 0);
-            break;
-        case CmdRead:
-        case CmdReadWrite:
-        case CmdAddNotification:
-            putU32(r, 0);
-            break;
-        case CmdReadState:
-            putU32(r, 0);
-            break;
-        default:
-            break;
-        }
-        return r;
-    };
-    auto known = [&](uint16_t c) { return c >= CmdReadDeviceInfo && c <= CmdReadWrite && c != CmdNotification; };
-
     uint32_t amsError = 0;
     uint32_t result = 0;
     std::vector<uint8_t> data;
-    if (!known(cmd)) {
+    if (!knownCommand(q.cmd)) {
         // An ADS device answers a service it does not know with 0x701 in the AMS
         // header error code; there is no response layout to put a result in.
         amsError = ErrServiceNotSupported;
-        line << " -> ams-error=0x701 (service not supported)";
+        q.line << " -> ams-error=0x701 (service not supported)";
     } else if (fault == Fault::AdsError) {
         // Not carried out; the span is still logged, so the log says which bytes were refused.
-        if ((cmd == CmdRead || cmd == CmdWrite) && n >= 12)
-            line << " group=" << hex(getU32(d)) << " offset=" << getU32(d + 4) << " length=" << getU32(d + 8);
+        if ((q.cmd == CmdRead || q.cmd == CmdWrite) && q.n >= 12)
+            q.line << " group=" << hex(getU32(q.d)) << " offset=" << getU32(q.d + 4) << " length=" << getU32(q.d + 8);
         result = faultErrorCode_;
-        data = errorData(result);
-    } else if (handshakePort && cmd != CmdAddNotification) {
+        data = errorData(q.cmd, result);
+    } else if (q.handshakePort && q.cmd != CmdAddNotification) {
         result = ErrServiceNotSupported;
-        data = errorData(result);
+        data = errorData(q.cmd, result);
     } else {
-        switch (cmd) {
-        case CmdReadDeviceInfo: {
-            putU32(data, 0);
-            data.push_back(3);
-            data.push_back(1);
-            putU16(data, 4024);
-            const char name[16] = "Plc30 App";
-            data.insert(data.end(), name, name + 16);
-            break;
-        }
-        case CmdRead: {
-            if (n < 12) {
-                result = ErrInvalidData;
-                break;
-            }
-            const uint32_t g = getU32(d), o = getU32(d + 4), l = getU32(d + 8);
-            line << " group=" << hex(g) << " offset=" << o << " length=" << l;
-            if ((result = checkRange(g, o, l)))
-                break;
-            putU32(data, 0);
-            putU32(data, l);
-            const uint8_t* m = memory(g) + o;
-            data.insert(data.end(), m, m + l);
-            if (logData_)
-                line << " data=" << adstool::toHex(std::vector<uint8_t>(m, m + l));
-            break;
-        }
-        case CmdWrite: {
-            if (n < 12) {
-                result = ErrInvalidData;
-                break;
-            }
-            const uint32_t g = getU32(d), o = getU32(d + 4), l = getU32(d + 8);
-            line << " group=" << hex(g) << " offset=" << o << " length=" << l;
-            if (uint64_t(n) != 12 + uint64_t(l)) {
-                result = ErrInvalidSize;
-                break;
-            }
-            if ((result = checkRange(g, o, l)))
-                break;
-            std::memcpy(memory(g) + o, d + 12, l);
-            if (logData_)
-                line << " data=" << adstool::toHex(std::vector<uint8_t>(d + 12, d + 12 + l));
-            break;
-        }
-        case CmdReadState:
-            putU32(data, 0);
-            putU16(data, adsState_);
-            putU16(data, 0);
-            break;
-        case CmdWriteControl: {
-            if (n < 8) {
-                result = ErrInvalidData;
-                break;
-            }
-            const uint16_t state = getU16(d);
-            line << " state=" << state;
-            if (state == AdsStateRun || state == AdsStateStop)
-                adsState_ = state;
-            else
-                result = ErrInvalidParam;
-            break;
-        }
-        case CmdAddNotification: {
-            if (n < 24) {
-                result = ErrInvalidData;
-                break;
-            }
-            const uint32_t g = getU32(d), o = getU32(d + 4), l = getU32(d + 8);
-            line << " group=" << hex(g) << " offset=" << o << " length=" << l << " mode=" << getU32(d + 12);
-            if (!handshakePort && (result = checkRange(g, o, l)))
-                break;
-            const uint32_t h = nextHandle_++;
-            handles_.insert(h);
-            putU32(data, 0);
-            putU32(data, h);
-            line << " handle=" << h;
-            break;
-        }
-        case CmdDeleteNotification: {
-            if (n < 4) {
-                result = ErrInvalidData;
-                break;
-            }
-            const uint32_t h = getU32(d);
-            line << " handle=" << h;
-            if (!handles_.erase(h))
-                result = ErrNotifyHandleInvalid;
-            break;
-        }
-        case CmdReadWrite: {
-            if (n < 16) {
-                result = ErrInvalidData;
-                break;
-            }
-            const uint32_t g = getU32(d), o = getU32(d + 4), rl = getU32(d + 8), wl = getU32(d + 12);
-            line << " group=" << hex(g) << " offset=" << o << " read=" << rl << " write=" << wl;
-            if (uint64_t(n) != 16 + uint64_t(wl)) {
-                result = ErrInvalidSize;
-                break;
-            }
-            if ((result = checkRange(g, o, wl)) || (result = checkRange(g, o, rl)))
-                break;
-            std::memcpy(memory(g) + o, d + 16, wl);
-            putU32(data, 0);
-            putU32(data, rl);
-            const uint8_t* m = memory(g) + o;
-            data.insert(data.end(), m, m + rl);
-            break;
-        }
-        }
+        result = serveCommand(q, data);
         if (result)
-            data = errorData(result);
+            data = errorData(q.cmd, result);
         else if (data.empty())
             putU32(data, 0);  // Write, WriteControl, DeleteDeviceNotification
     }
-    if (known(cmd))
-        line << " -> result=" << hex(result);
+    if (knownCommand(q.cmd))
+        q.line << " -> result=" << hex(result);
 
-    std::vector<uint8_t> reply = answer(amsError, data);
+    std::vector<uint8_t> reply = buildAnswer(q, amsError, data);
+    applyReplyFault(fault, reply);
+    if (fault != Fault::None)
+        q.line << " fault=" << faultName(fault);
+    if (fault == Fault::NoReply || fault == Fault::Close) {
+        ++counters_.unanswered;
+        log(q.line.str() + " reply=none");
+        return {};
+    }
+    q.line << " reply=" << reply.size();
+    log(q.line.str());
+    return reply;
+}
+
+// Short and Long change the reply's size by one byte, both length fields with it;
+// Full1024 pads or cuts it to 1024 bytes.
+void Plc::applyReplyFault(Fault fault, std::vector<uint8_t>& reply)
+{
     switch (fault) {
     case Fault::Short:
         if (reply.size() > HeadersSize) {
@@ -598,19 +528,146 @@ std::vector<uint8_t> Plc::handleAds(const uint8_t* f, size_t len, uint32_t bodyL
         setU32(&reply[2], getU32(&reply[2]) + 1);
         setU32(&reply[26], getU32(&reply[26]) + 1);
         break;
+    case Fault::Full1024:
+        reply.resize(1024, 0);  // the length fields keep the true reply's
+        break;
     default:
         break;
     }
-    if (fault != Fault::None)
-        line << " fault=" << faultName(fault);
-    if (fault == Fault::NoReply || fault == Fault::Close) {
-        ++counters_.unanswered;
-        log(line.str() + " reply=none");
-        return {};
+}
+
+uint32_t Plc::serveCommand(Request& q, std::vector<uint8_t>& data)
+{
+    switch (q.cmd) {
+    case CmdReadDeviceInfo:
+        return serveReadDeviceInfo(data);
+    case CmdRead:
+        return serveRead(q, data);
+    case CmdWrite:
+        return serveWrite(q);
+    case CmdReadState:
+        return serveReadState(data);
+    case CmdWriteControl:
+        return serveWriteControl(q);
+    case CmdAddNotification:
+        return serveAddNotification(q, data);
+    case CmdDeleteNotification:
+        return serveDeleteNotification(q);
+    case CmdReadWrite:
+        return serveReadWrite(q, data);
+    default:
+        return 0;
     }
-    line << " reply=" << reply.size();
-    log(line.str());
-    return reply;
+}
+
+uint32_t Plc::serveReadDeviceInfo(std::vector<uint8_t>& data)
+{
+    putU32(data, 0);
+    data.push_back(3);
+    data.push_back(1);
+    putU16(data, 4024);
+    const char name[16] = "Plc30 App";
+    data.insert(data.end(), name, name + 16);
+    return 0;
+}
+
+uint32_t Plc::serveRead(Request& q, std::vector<uint8_t>& data)
+{
+    if (q.n < 12)
+        return ErrInvalidData;
+    const uint32_t g = getU32(q.d), o = getU32(q.d + 4), l = getU32(q.d + 8);
+    q.line << " group=" << hex(g) << " offset=" << o << " length=" << l;
+    if (const uint32_t bad = checkRange(g, o, l))
+        return bad;
+    putU32(data, 0);
+    putU32(data, l);
+    const uint8_t* m = memory(g) + o;
+    data.insert(data.end(), m, m + l);
+    if (logData_)
+        q.line << " data=" << adstool::toHex(std::vector<uint8_t>(m, m + l));
+    return 0;
+}
+
+uint32_t Plc::serveWrite(Request& q)
+{
+    if (q.n < 12)
+        return ErrInvalidData;
+    const uint32_t g = getU32(q.d), o = getU32(q.d + 4), l = getU32(q.d + 8);
+    q.line << " group=" << hex(g) << " offset=" << o << " length=" << l;
+    if (uint64_t(q.n) != 12 + uint64_t(l))
+        return ErrInvalidSize;
+    if (const uint32_t bad = checkRange(g, o, l))
+        return bad;
+    std::memcpy(memory(g) + o, q.d + 12, l);
+    if (logData_)
+        q.line << " data=" << adstool::toHex(std::vector<uint8_t>(q.d + 12, q.d + 12 + l));
+    return 0;
+}
+
+uint32_t Plc::serveReadState(std::vector<uint8_t>& data)
+{
+    putU32(data, 0);
+    putU16(data, adsState_);
+    putU16(data, 0);
+    return 0;
+}
+
+uint32_t Plc::serveWriteControl(Request& q)
+{
+    if (q.n < 8)
+        return ErrInvalidData;
+    const uint16_t state = getU16(q.d);
+    q.line << " state=" << state;
+    if (state != AdsStateRun && state != AdsStateStop)
+        return ErrInvalidParam;
+    adsState_ = state;
+    return 0;
+}
+
+uint32_t Plc::serveAddNotification(Request& q, std::vector<uint8_t>& data)
+{
+    if (q.n < 24)
+        return ErrInvalidData;
+    const uint32_t g = getU32(q.d), o = getU32(q.d + 4), l = getU32(q.d + 8);
+    q.line << " group=" << hex(g) << " offset=" << o << " length=" << l << " mode=" << getU32(q.d + 12);
+    if (!q.handshakePort)
+        if (const uint32_t bad = checkRange(g, o, l))
+            return bad;
+    const uint32_t h = nextHandle_++;
+    handles_.insert(h);
+    putU32(data, 0);
+    putU32(data, h);
+    q.line << " handle=" << h;
+    return 0;
+}
+
+uint32_t Plc::serveDeleteNotification(Request& q)
+{
+    if (q.n < 4)
+        return ErrInvalidData;
+    const uint32_t h = getU32(q.d);
+    q.line << " handle=" << h;
+    return handles_.erase(h) ? 0 : ErrNotifyHandleInvalid;
+}
+
+uint32_t Plc::serveReadWrite(Request& q, std::vector<uint8_t>& data)
+{
+    if (q.n < 16)
+        return ErrInvalidData;
+    const uint32_t g = getU32(q.d), o = getU32(q.d + 4), rl = getU32(q.d + 8), wl = getU32(q.d + 12);
+    q.line << " group=" << hex(g) << " offset=" << o << " read=" << rl << " write=" << wl;
+    if (uint64_t(q.n) != 16 + uint64_t(wl))
+        return ErrInvalidSize;
+    if (const uint32_t bad = checkRange(g, o, wl))
+        return bad;
+    if (const uint32_t bad = checkRange(g, o, rl))
+        return bad;
+    std::memcpy(memory(g) + o, q.d + 16, wl);
+    putU32(data, 0);
+    putU32(data, rl);
+    const uint8_t* m = memory(g) + o;
+    data.insert(data.end(), m, m + rl);
+    return 0;
 }
 
 }  // namespace plcsim

@@ -62,9 +62,12 @@ constexpr size_t AmsHeaderSize = 32;
 constexpr size_t HeadersSize = TcpHeaderSize + AmsHeaderSize;  // 38
 constexpr uint32_t MaxFrameBody = 0x10000 + 1024;              // largest AMS/TCP length accepted
 
-enum class Fault { None, NoReply, Short, Long, AdsError, Split, Delay, Close };
+// How the simulated PLC answers a request. Full1024 (the reply padded with zeros or cut to
+// 1024 bytes, the size of the panel's receive buffer) is for tests that use the core in
+// process: the executable's options and control commands do not offer it.
+enum class Fault { None, NoReply, Short, Long, AdsError, Split, Delay, Close, Full1024 };
 const char* faultName(Fault f);
-bool parseFault(const std::string& name, Fault& f);  // case-insensitive: none, noreply, short, ...
+bool parseFault(const std::string& name, Fault& f);  // case-insensitive: none, noreply, ... close
 
 // AMS Net ID "a.b.c.d.e.f" (each 0..255): parse(), str(), comparisons.
 using adstool::NetId;
@@ -100,7 +103,7 @@ public:
     void programStep();
     uint64_t programSteps() const { return steps_; }
 
-    // Reply-shape faults applied by handle(): NoReply, Short, Long, AdsError.
+    // Reply-shape faults applied by handle(): NoReply, Short, Long, AdsError, Full1024.
     // Split/Delay/Close are reported through lastFault() for the TCP server.
     // A faulty request is still carried out, except with AdsError.
     void injectFault(Fault f, int nextN);  // the next N ADS requests get this fault
@@ -133,7 +136,22 @@ public:
     void setLogData(bool on) { logData_ = on; }
 
 private:
+    struct Request;
     std::vector<uint8_t> handleAds(const uint8_t* f, size_t len, uint32_t bodyLen, bool fixedUp);
+    std::vector<uint8_t> dropRequest(Request& q, const std::string& why);
+    std::vector<uint8_t> answerRequest(Request& q);
+    std::vector<uint8_t> buildAnswer(const Request& q, uint32_t amsError, const std::vector<uint8_t>& data) const;
+    static void applyReplyFault(Fault fault, std::vector<uint8_t>& reply);
+    // One function per ADS command: each returns the ADS result (0 = done) and fills data on success.
+    uint32_t serveCommand(Request& q, std::vector<uint8_t>& data);
+    uint32_t serveReadDeviceInfo(std::vector<uint8_t>& data);
+    uint32_t serveRead(Request& q, std::vector<uint8_t>& data);
+    uint32_t serveWrite(Request& q);
+    uint32_t serveReadState(std::vector<uint8_t>& data);
+    uint32_t serveWriteControl(Request& q);
+    uint32_t serveAddNotification(Request& q, std::vector<uint8_t>& data);
+    uint32_t serveDeleteNotification(Request& q);
+    uint32_t serveReadWrite(Request& q, std::vector<uint8_t>& data);
     uint32_t checkRange(uint32_t group, uint32_t offset, uint32_t length) const;
     Fault drawFault();
     void log(const std::string& line);
@@ -150,7 +168,7 @@ private:
 
     Fault injected_ = Fault::None;
     int injectedLeft_ = 0;
-    double prob_[8] = {};
+    double prob_[int(Fault::Full1024) + 1] = {};
     adstool::Random random_ {1};
     uint32_t faultErrorCode_ = ErrServiceNotSupported;
     int delayMs_ = 300;

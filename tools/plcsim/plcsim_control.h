@@ -42,7 +42,7 @@
 namespace plcsim {
 
 namespace detail {
-inline int64_t nowMs() { return adstool::nowMs(); }
+using adstool::nowMs;
 // Milliseconds left until deadline, at least 0.
 inline int leftMs(int64_t deadline) { return adstool::Deadline::at(deadline).leftMs(); }
 }  // namespace detail

@@ -2,24 +2,20 @@
 #include "adstool/le.h"
 
 #include <arpa/inet.h>
+#include <netdb.h>
 #include <fcntl.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <climits>
 #include <cstring>
 
 namespace adstool {
-
-int64_t nowMs()
-{
-    using namespace std::chrono;
-    return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
-}
 
 int Deadline::leftMs() const
 {
@@ -105,6 +101,108 @@ int connectTcp(const std::string& host, uint16_t port, const Deadline& deadline,
         }
     }
     return fd;
+}
+
+namespace {
+
+constexpr int64_t kSliceMs = 50;  // how soon a wait notices *stop
+
+bool stopped(const volatile sig_atomic_t* stop) { return stop && *stop; }
+
+bool resolveIpv4(const std::string& host, uint16_t port, sockaddr_in& a)
+{
+    if (toSockaddr(host, port, a))
+        return true;
+    addrinfo hints {};
+    hints.ai_family = AF_INET;
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo* res = nullptr;
+    if (::getaddrinfo(host.c_str(), nullptr, &hints, &res) != 0 || !res)
+        return false;
+    a.sin_addr = reinterpret_cast<sockaddr_in*>(res->ai_addr)->sin_addr;
+    ::freeaddrinfo(res);
+    return true;
+}
+
+ConnectResult connectFailed(ConnectResult r, ConnectStatus status, int error = 0)
+{
+    if (r.fd >= 0)
+        ::close(r.fd);
+    r.fd = -1;
+    r.status = status;
+    r.error = error;
+    return r;
+}
+
+}  // namespace
+
+ConnectResult connectTcpWaiting(const std::string& host, uint16_t port, int timeoutMs, const volatile sig_atomic_t* stop)
+{
+    ConnectResult r;
+    sockaddr_in a {};
+    if (!resolveIpv4(host, port, a))
+        return connectFailed(r, ConnectStatus::Unresolved);
+    r.fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (r.fd < 0)
+        return connectFailed(r, ConnectStatus::NoSocket, errno);
+    const int one = 1;
+    ::setsockopt(r.fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+    int err = 0;
+    if (::connect(r.fd, reinterpret_cast<sockaddr*>(&a), sizeof a) < 0) {
+        if (errno != EINPROGRESS) {
+            err = errno;
+        } else {
+            pollfd p {r.fd, POLLOUT, 0};
+            int ready = 0;
+            const int64_t deadline = nowMs() + timeoutMs;
+            for (int guard = 0; guard < 100000; ++guard) {
+                if (stopped(stop))
+                    return connectFailed(r, ConnectStatus::Interrupted);
+                const int64_t left = deadline - nowMs();
+                ready = left > 0 ? ::poll(&p, 1, int(std::min<int64_t>(left, kSliceMs))) : 0;
+                if (ready == 0 && left > kSliceMs)
+                    continue;
+                if (!(ready < 0 && errno == EINTR))
+                    break;
+            }
+            if (ready <= 0)
+                return connectFailed(r, ConnectStatus::TimedOut);
+            socklen_t len = sizeof err;
+            ::getsockopt(r.fd, SOL_SOCKET, SO_ERROR, &err, &len);
+        }
+    }
+    if (err == ECONNREFUSED)
+        return connectFailed(r, ConnectStatus::Refused, err);
+    if (err)
+        return connectFailed(r, ConnectStatus::Failed, err);
+    r.status = ConnectStatus::Ok;
+    return r;
+}
+
+ReadStatus readExactWaiting(
+    int fd, size_t n, std::vector<uint8_t>& out, int64_t deadlineMs, const volatile sig_atomic_t* stop)
+{
+    const size_t at = out.size();
+    out.resize(at + n);
+    // Up to what arrived, so that a reply cut short shows how far it got.
+    size_t got = 0;
+    while (got < n) {
+        if (stopped(stop)) {
+            out.resize(at + got);
+            return ReadStatus::Interrupted;
+        }
+        size_t k = 0;
+        const Deadline slice = Deadline::at(std::min(deadlineMs, nowMs() + kSliceMs));
+        const IoStatus st = recvSome(fd, out.data() + at + got, n - got, k, slice);
+        if (st == IoStatus::TimedOut && nowMs() < deadlineMs)
+            continue;
+        if (st != IoStatus::Ok) {
+            out.resize(at + got);
+            return st == IoStatus::TimedOut ? ReadStatus::TimedOut : ReadStatus::Closed;
+        }
+        got += k;
+    }
+    return ReadStatus::Ok;
 }
 
 int listenTcp(const std::string& host, uint16_t port, sockaddr_in* bound, std::string* why, int backlog)

@@ -1,5 +1,10 @@
 #include "adstool/netid.h"
 
+#include <arpa/inet.h>
+#include <ifaddrs.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
 #include <cstring>
 
 namespace adstool {
@@ -61,6 +66,51 @@ NetId NetId::fromBytes(const uint8_t* p)
     NetId id;
     std::memcpy(id.b, p, 6);
     return id;
+}
+
+static std::vector<std::string> splitDots(const std::string& s)
+{
+    std::vector<std::string> out(1);
+    for (char c : s) {
+        if (c == '.')
+            out.emplace_back();
+        else
+            out.back() += c;
+    }
+    return out;
+}
+
+std::string panelAddressFor(const std::string& plcNetId, const std::vector<std::string>& addresses)
+{
+    const std::vector<std::string> parts = splitDots(plcNetId);
+    for (const std::string& a : addresses) {
+        // The driver skips the loopback address 127.0.0.1 and QHostAddress's null address,
+        // which no interface lists; 0.0.0.0 is not null to QHostAddress, so it is taken.
+        if (a == "127.0.0.1" || a.empty())
+            continue;
+        if (parts.size() < 2)
+            return a;
+        if (a.find(parts[0]) != std::string::npos && a.find(parts[1]) != std::string::npos)
+            return a;
+    }
+    return std::string();
+}
+
+std::vector<std::string> localIpv4Addresses()
+{
+    std::vector<std::string> out;
+    ifaddrs* list = nullptr;
+    if (::getifaddrs(&list) != 0)
+        return out;
+    for (ifaddrs* i = list; i; i = i->ifa_next) {
+        if (!i->ifa_addr || i->ifa_addr->sa_family != AF_INET)
+            continue;
+        char buf[INET_ADDRSTRLEN] = {};
+        ::inet_ntop(AF_INET, &reinterpret_cast<sockaddr_in*>(i->ifa_addr)->sin_addr, buf, sizeof buf);
+        out.push_back(buf);
+    }
+    ::freeifaddrs(list);
+    return out;
 }
 
 bool NetId::operator==(const NetId& o) const { return std::memcmp(b, o.b, 6) == 0; }

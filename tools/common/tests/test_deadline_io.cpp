@@ -164,3 +164,68 @@ TEST(DeadlineIo, StreamReadsLinesAndFrames)
     EXPECT_TRUE(s.peerClosed());
     EXPECT_FALSE(s.readLine(line, 100));
 }
+
+TEST(AmsFrameSize, HeaderPlusLengthFieldUpToTheLimit)
+{
+    const uint8_t small[6] = {0, 0, 32, 0, 0, 0};
+    EXPECT_EQ(adstool::amsFrameSize(small, 65536), 38u);
+    const uint8_t atLimit[6] = {0, 0, 0, 0, 1, 0};
+    EXPECT_EQ(adstool::amsFrameSize(atLimit, 65536), 6u + 65536u);
+    const uint8_t tooLong[6] = {0, 0, 1, 0, 1, 0};
+    EXPECT_EQ(adstool::amsFrameSize(tooLong, 65536), 6u);
+}
+
+TEST(ConnectTcpWaiting, ConnectsAndTellsEachFailure)
+{
+    Pair p;
+    ConnectResult ok = connectTcpWaiting("127.0.0.1", p.port, 2000);
+    ASSERT_EQ(ok.status, ConnectStatus::Ok);
+    EXPECT_GE(ok.fd, 0);
+    ::close(ok.fd);
+    ok = connectTcpWaiting("localhost", p.port, 2000);  // a name that resolves
+    ASSERT_EQ(ok.status, ConnectStatus::Ok);
+    ::close(ok.fd);
+
+    const uint16_t port = p.port;
+    ::close(p.listener);
+    p.listener = -1;  // nothing listens there now
+    const ConnectResult refused = connectTcpWaiting("127.0.0.1", port, 2000);
+    EXPECT_EQ(refused.status, ConnectStatus::Refused);
+    EXPECT_EQ(refused.fd, -1);
+    EXPECT_EQ(connectTcpWaiting("no-such-host.invalid", port, 2000).status, ConnectStatus::Unresolved);
+}
+
+TEST(ConnectTcpWaiting, AStopRequestEndsTheWait)
+{
+    // 127.0.0.1 answers at once, so the stop flag is only seen where the connection is still
+    // under way: the flag set before the call ends the wait without a connection or not at
+    // all; either way it returns at once.
+    Pair p;
+    volatile sig_atomic_t stop = 1;
+    const int64_t t0 = nowMs();
+    const ConnectResult r = connectTcpWaiting("127.0.0.1", p.port, 5000, &stop);
+    EXPECT_TRUE(r.status == ConnectStatus::Ok || r.status == ConnectStatus::Interrupted);
+    EXPECT_LT(nowMs() - t0, 1000);
+    if (r.fd >= 0)
+        ::close(r.fd);
+}
+
+TEST(ReadExactWaiting, KeepsWhatCameAndTellsWhy)
+{
+    Pair p;
+    ASSERT_TRUE(p.connect());
+    ASSERT_EQ(sendAll(p.client, "abc", 3, Deadline(1000)), IoStatus::Ok);
+    std::vector<uint8_t> out {'x'};
+    EXPECT_EQ(readExactWaiting(p.server, 2, out, nowMs() + 2000), ReadStatus::Ok);
+    EXPECT_EQ(std::string(out.begin(), out.end()), "xab");
+    const int64_t t0 = nowMs();
+    EXPECT_EQ(readExactWaiting(p.server, 4, out, nowMs() + 150), ReadStatus::TimedOut);
+    EXPECT_GE(nowMs() - t0, 140);
+    EXPECT_EQ(std::string(out.begin(), out.end()), "xabc");  // the byte that came is kept
+
+    volatile sig_atomic_t stop = 1;
+    EXPECT_EQ(readExactWaiting(p.server, 1, out, nowMs() + 5000, &stop), ReadStatus::Interrupted);
+    ::close(p.client);
+    p.client = -1;
+    EXPECT_EQ(readExactWaiting(p.server, 1, out, nowMs() + 2000), ReadStatus::Closed);
+}

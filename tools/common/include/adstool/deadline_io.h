@@ -3,7 +3,11 @@
 #ifndef ADSTOOL_DEADLINE_IO_H
 #define ADSTOOL_DEADLINE_IO_H
 
+#include "adstool/clock.h"
+
 #include <netinet/in.h>
+
+#include <csignal>
 
 #include <cstddef>
 #include <cstdint>
@@ -11,9 +15,6 @@
 #include <vector>
 
 namespace adstool {
-
-// Milliseconds of a monotonic clock.
-int64_t nowMs();
 
 // A point in time on the nowMs() clock.
 class Deadline {
@@ -52,6 +53,40 @@ int connectTcp(const std::string& host, uint16_t port, const Deadline& deadline,
 // the address it was bound to (port 0 picks a free port).
 int listenTcp(
     const std::string& host, uint16_t port, sockaddr_in* bound = nullptr, std::string* why = nullptr, int backlog = 16);
+
+// A connection attempt that a person waits for: the host may be a name (IPv4 only), and the
+// wait goes in slices so that a signal handler setting *stop ends it at once.
+enum class ConnectStatus {
+    Ok,
+    Unresolved,   // the host is no IPv4 address and no name that resolves to one
+    NoSocket,     // socket() failed (error tells)
+    TimedOut,     // no answer within the time-out
+    Refused,      // nothing listens there
+    Failed,       // any other error (error tells)
+    Interrupted,  // *stop was set
+};
+struct ConnectResult {
+    ConnectStatus status = ConnectStatus::Failed;
+    int fd = -1;    // connected, non-blocking, TCP_NODELAY, close-on-exec; the caller closes it
+    int error = 0;  // errno of NoSocket and Failed
+};
+ConnectResult connectTcpWaiting(
+    const std::string& host, uint16_t port, int timeoutMs, const volatile sig_atomic_t* stop = nullptr);
+
+enum class ReadStatus { Ok, TimedOut, Closed, Interrupted };
+// Exactly n more bytes appended to out, before deadlineMs (on the nowMs() clock), waiting in
+// slices so that *stop ends the wait at once. On failure out keeps the bytes that did come.
+ReadStatus readExactWaiting(int fd, size_t n, std::vector<uint8_t>& out, int64_t deadlineMs,
+    const volatile sig_atomic_t* stop = nullptr);
+
+// How long one AMS/TCP frame is, from its 6-byte header: 6 plus the length field, or just the
+// 6 header bytes when the length field passes maxBody (not a frame of ours).
+inline size_t amsFrameSize(const uint8_t* header, uint32_t maxBody)
+{
+    const uint32_t len = uint32_t(header[2]) | uint32_t(header[3]) << 8 | uint32_t(header[4]) << 16
+        | uint32_t(header[5]) << 24;
+    return len > maxBody ? 6 : 6 + size_t(len);
+}
 
 // True once fd is readable (or writable) before the deadline.
 bool waitReadable(int fd, const Deadline& deadline);

@@ -25,6 +25,15 @@ struct NetId {
     bool operator<(const NetId& o) const;
 };
 
+// The panel address the driver takes for a PLC Net ID: the first address of `addresses`
+// (IPv4 dotted texts in interface order) that is not 127.0.0.1 and whose
+// text contains the first and the second part of the Net ID as substrings (any address
+// when the Net ID has fewer than two parts). Empty when none matches.
+std::string panelAddressFor(const std::string& plcNetId, const std::vector<std::string>& addresses);
+
+// The machine's IPv4 addresses in interface order (getifaddrs).
+std::vector<std::string> localIpv4Addresses();
+
 inline bool isNetId(const std::string& text)
 {
     NetId id;
