@@ -96,25 +96,26 @@ void fillAmsHeader(unsigned char* f, unsigned short targetPort, unsigned short s
     putLe32(f + 34, invokeId);
 }
 
-bool endsWithBit(const QString& regName) { return regName.endsWith(QLatin1String("_bit")); }
+/* What a read or write request of `v` goes to: the index group of the word register that
+ * holds its items and the bytes it covers. A bit item is read and written as the whole bytes
+ * that hold its bits. */
+struct RequestTarget {
+    unsigned int indexGroup;
+    ByteSpan bytes;
+    bool bits;
+};
 
-/* The register row a request goes to, and the bytes it covers. A bit item is read and
- * written as the whole bytes that hold its bits, from the word register of the same area. */
-void requestSpan(const VARIABLE& v, RegisterRow& row, int& byteAddress, int& byteCount)
+RequestTarget requestTarget(const VARIABLE& v)
 {
-    if (endsWithBit(v.regName)) {
-        row = wordRowBehindBits(v.regName);
-        byteAddress = v.address / 8;
-        /* Wrapping arithmetic: a host's address is trusted, but must not be undefined. */
-        int s = static_cast<int>(static_cast<unsigned int>(v.address % 8) + static_cast<unsigned int>(v.length));
-        byteCount = s / 8 + ((s % 8) != 0 ? 1 : 0);
-    } else {
-        row = registerRow(v.regName);
-        byteAddress = v.address;
-        byteCount = v.length;
-    }
+    const RegisterRow row = addressingRow(v.regName);
+    const RegisterRule& rule = REGISTER_RULES[row];
+    RequestTarget t;
+    t.indexGroup = REGISTER_RULES[wordRowBehind(v.regName, row)].indexGroup;
+    /* A request's length counts address steps: bits, or bytes of a word register. */
+    t.bytes = rule.spanOfSteps(v.address, v.length);
+    t.bits = rule.isBit();
+    return t;
 }
-
 
 }  // namespace
 
@@ -230,18 +231,16 @@ int getReadFrame(QList<VARIABLE> list)
     if (list.isEmpty())
         return 1;
     const VARIABLE& v = list.at(0);
-    RegisterRow row = kRowSpare;
-    int byteAddress = 0;
-    int byteCount = 0;
-    requestSpan(v, row, byteAddress, byteCount);
+    const RequestTarget target = requestTarget(v);
+    const int byteCount = target.bytes.count;
 
     FRAME_PRO& fp = appendFrame(v);
     unsigned char* f = fp.frame;
     fillAmsHeader(f, static_cast<unsigned short>(driver.targetAmsPort), kRequestSourcePort, kCmdRead, 0);
     putLe32(f + 2, 44);
     putLe32(f + 26, 12);
-    putLe32(f + 38, REGISTER_RULES[row].indexGroup);
-    putLe32(f + 42, static_cast<unsigned int>(byteAddress));
+    putLe32(f + 38, target.indexGroup);
+    putLe32(f + 42, static_cast<unsigned int>(target.bytes.first));
     putLe32(f + 46, static_cast<unsigned int>(byteCount));
     fp.sendLen = 50;
     fp.recvLen
@@ -272,13 +271,9 @@ int allMix_GetRecvLenFromReadList(QList<VARIABLE> list)
 
 void getWriteFrame(VARIABLE& var)
 {
-    RegisterRow row = kRowSpare;
-    int byteAddress = 0;
-    int byteCount = 0;
-    requestSpan(var, row, byteAddress, byteCount);
-
-    const bool bitWrite = endsWithBit(var.regName);
-    if (bitWrite) {
+    const RequestTarget target = requestTarget(var);
+    const int byteCount = target.bytes.count;
+    if (target.bits) {
         /* Read-modify-write: the read of the covering bytes goes first; its reply fills
          * this frame's data bytes (zero placeholders until then). */
         QList<VARIABLE> one;
@@ -287,7 +282,7 @@ void getWriteFrame(VARIABLE& var)
     }
     FRAME_PRO& fp = appendFrame(var);
     unsigned char* f = fp.frame;
-    if (!bitWrite && byteCount > 0) {
+    if (!target.bits && byteCount > 0) {
         /* The copy stops at the end of the 1024-byte frame. */
         int n = byteCount < kFrameSize - kWriteDataStart ? byteCount : kFrameSize - kWriteDataStart;
         memcpy(f + kWriteDataStart, var.data, static_cast<size_t>(n));
@@ -299,8 +294,8 @@ void getWriteFrame(VARIABLE& var)
     f[3] = f[4] = f[5] = 0;
     f[26] = static_cast<unsigned char>((n + 12) & 0xFF);
     f[27] = f[28] = f[29] = 0;
-    putLe32(f + 38, REGISTER_RULES[row].indexGroup);
-    putLe32(f + 42, static_cast<unsigned int>(byteAddress));
+    putLe32(f + 38, target.indexGroup);
+    putLe32(f + 42, static_cast<unsigned int>(target.bytes.first));
     putLe32(f + 46, n);
     int sendLen = static_cast<int>(n + kWriteDataStart);
     /* Never ask the host to send more than the frame holds. */
@@ -314,7 +309,8 @@ void getWriteFrame(VARIABLE& var)
 
 int addr_str2int(QString text, QString regName)
 {
-    if (!endsWithBit(regName))
+    const RegisterRule& rule = addressingRuleOf(regName);
+    if (!rule.isBit())
         return 0;
     QStringList parts = text.split(QLatin1String("."));
     if (parts.size() != 2)
@@ -326,7 +322,7 @@ int addr_str2int(QString text, QString regName)
     if (!okByte || !okBit)
         return -1;
     /* The bit part is not limited to 0..7: 10.9 is the same bit as 11.1 (INTERNALS.md K3). */
-    return static_cast<int>(static_cast<unsigned int>(byteNo) * 8u + static_cast<unsigned int>(bitNo));
+    return wrapAdd(wrapMul(byteNo, rule.unitBits), bitNo);
 }
 
 namespace drv {
@@ -349,17 +345,13 @@ int appendDecimal(char* buf, int n, long long v)
 
 int formatAddress(char* buf, int address, const QString& regName, const QString& format)
 {
-    bool mixed = false;
-    for (int i = 1; i < format.size(); ++i)
-        if (format.at(i) != format.at(0))
-            mixed = true;
-    if (mixed) {
-        if (!endsWithBit(regName))
+    if (isBitFormat(format)) {
+        const RegisterRule& rule = addressingRuleOf(regName);
+        if (!rule.isBit())
             return 0;
-        /* Byte, point, bit, with truncating division. */
-        int n = appendDecimal(buf, 0, address / 8);
+        int n = appendDecimal(buf, 0, rule.unitOfBit(address));
         buf[n++] = '.';
-        return appendDecimal(buf, n, address % 8);
+        return appendDecimal(buf, n, rule.bitInUnit(address));
     }
     QChar c = format.isEmpty() ? QChar() : format.at(0);
     unsigned int a = static_cast<unsigned int>(address);
@@ -374,7 +366,7 @@ int formatAddress(char* buf, int address, const QString& regName, const QString&
 
 QString addr_int2str(int address, QString regName)
 {
-    if (!endsWithBit(regName))
+    if (!addressingRuleOf(regName).isBit())
         return QString();
     char text[32];
     return QString::fromLatin1(text, formatAddress(text, address, regName, QLatin1String("D.D")));

@@ -177,18 +177,16 @@ int _setDataAreaMonitorFlag(int keyNo, QString regName, int address, int count)
     case kBitRegister:
         for (int i = 0; i < count; ++i) {
             int b = wrapAdd(address, i);
-            int bit = b % 8;
+            int bit = rule.bitInUnit(b);
             if (bit < 0)
                 continue; /* a negative bit number names no bit */
-            markArea(keyNo, area, b / 8, 0, 1u << bit);
+            markArea(keyNo, area, rule.unitOfBit(b), 0, 1u << bit);
         }
         break;
     case kWordRegister:
-        for (int j = 0; j < count; ++j) {
-            int a = wrapAdd(address, wrapMul(2, j));
-            markArea(keyNo, area, a, 1u << 1, 0);
-            markArea(keyNo, area, wrapAdd(a, 1), 1u << 2, 0);
-        }
+        /* Monitor flag 1 << (k + 1): the unit is the k-th of a monitored word. */
+        rule.forEachWordUnit(
+            address, count, [&](int, int unit, int k) { markArea(keyNo, area, unit, 1u << (k + 1), 0); });
         break;
     }
     return 0;
@@ -201,9 +199,10 @@ int _setDataAreaMonitorFlag(int keyNo, QString regName, int address, int count)
 int intf_getData(int keyNo, QString regName, int address, int count, unsigned char* out)
 {
     /* A name outside the register table is not a PLC area: nothing is read or created. */
-    if (!out || !isKnownRegister(regName))
+    const RegisterRow row = registerRow(regName);
+    if (!out || row == kRowSpare)
         return 1;
-    const RegisterRule& rule = ruleOf(regName);
+    const RegisterRule& rule = REGISTER_RULES[row];
     DriverLock lock;
     int area = areaNameIdOfRegister(regName);
     switch (rule.kind) {
@@ -214,17 +213,17 @@ int intf_getData(int keyNo, QString regName, int address, int count, unsigned ch
                 out[i] = 0;
                 continue;
             }
-            const _DATA_& d = constUnitAt(findOrCreateArea(keyNo, area, b / 8));
-            out[i] = static_cast<unsigned char>((shownByte(d, 0) >> (b % 8)) & 1);
+            const _DATA_& d = constUnitAt(findOrCreateArea(keyNo, area, rule.unitOfBit(b)));
+            out[i] = static_cast<unsigned char>((shownByte(d, 0) >> rule.bitInUnit(b)) & 1);
         }
         break;
-    case kWordRegister:
-        for (int j = 0; j < count; ++j) {
-            int a = wrapAdd(address, wrapMul(2, j));
-            out[2 * j] = shownByte(constUnitAt(findOrCreateArea(keyNo, area, a)), 0);
-            out[2 * j + 1] = shownByte(constUnitAt(findOrCreateArea(keyNo, area, wrapAdd(a, 1))), 0);
-        }
+    case kWordRegister: {
+        const int bytesPerItem = rule.bytesPerItem();
+        rule.forEachWordUnit(address, count, [&](int item, int unit, int k) {
+            out[item * bytesPerItem + k] = shownByte(constUnitAt(findOrCreateArea(keyNo, area, unit)), 0);
+        });
         break;
+    }
     }
     return 1;
 }
@@ -256,16 +255,16 @@ void storeWrittenByte(int keyNo, int nameId, int address, unsigned char newByte)
 
 /* One bit of a byte-addressed bit register. The old value of the report is the last
  * written byte even when the host was shown the read one (INTERNALS.md K10). */
-void storeWrittenBitInByte(int keyNo, int nameId, int bitNumber, bool on)
+void storeWrittenBitInByte(int keyNo, int nameId, int unit, int bit, bool on)
 {
     DriverLock lock;
     Reports r;
-    int idx = findOrCreateArea(keyNo, nameId, bitNumber / 8);
+    int idx = findOrCreateArea(keyNo, nameId, unit);
     unsigned char newByte;
     {
         const _DATA_& d = driver.dataAreaList.at(idx);
         unsigned char shown = shownByte(d, 0);
-        unsigned char m = static_cast<unsigned char>(1u << (bitNumber % 8));
+        unsigned char m = static_cast<unsigned char>(1u << bit);
         newByte = on ? static_cast<unsigned char>(shown | m) : static_cast<unsigned char>(shown & ~m);
         if (newByte != shown) {
             unsigned char old = d.writeValue[0];
@@ -310,19 +309,18 @@ void write_saveDataToArea(int keyNo, QString regName, int address, int count, un
         area = areaNameIdOfRegister(regName);
     }
     switch (rule.kind) {
-    case kWordRegister:
-        for (int j = 0; j < count; ++j) {
-            int a = wrapAdd(address, wrapMul(2, j));
-            storeWrittenByte(keyNo, area, a, data[2 * j]);
-            storeWrittenByte(keyNo, area, wrapAdd(a, 1), data[2 * j + 1]);
-        }
+    case kWordRegister: {
+        const int bytesPerItem = rule.bytesPerItem();
+        rule.forEachWordUnit(address, count,
+            [&](int item, int unit, int k) { storeWrittenByte(keyNo, area, unit, data[item * bytesPerItem + k]); });
         break;
+    }
     case kBitRegister:
         for (int i = 0; i < count; ++i) {
             int b = wrapAdd(address, i);
             if (b < 0)
                 continue; /* a negative bit number names no bit */
-            storeWrittenBitInByte(keyNo, area, b, data[i] == 1);
+            storeWrittenBitInByte(keyNo, area, rule.unitOfBit(b), rule.bitInUnit(b), data[i] == 1);
         }
         break;
     }
@@ -331,11 +329,11 @@ void write_saveDataToArea(int keyNo, QString regName, int address, int count, un
 int intf_setData(int keyNo, QString regName, int address, int count, unsigned char* data, int mode)
 {
     /* A name outside the register table must never turn into a write to PLC memory. */
-    if (!data || !isKnownRegister(regName))
+    const RegisterRow row = registerRow(regName);
+    if (!data || row == kRowSpare)
         return 1;
     if (driver.initParam1 == 0) {
-        RegisterRow row = registerRow(regName);
-        bool bitRegister = REGISTER_RULES[row].kind == kBitRegister;
+        const RegisterRule& rule = REGISTER_RULES[row];
         KEY_ADDRESS key = zeroKey();
         key.keyNo = keyNo;
         /* The table's own text: the queued write then shares no string with the host. */
@@ -344,13 +342,12 @@ int intf_setData(int keyNo, QString regName, int address, int count, unsigned ch
         key.length = count;
         /* unitMark stays 0 for bits too, so later pieces of a long bit write take their
          * bytes two per unit (INTERNALS.md K11; a bit write of one piece is unaffected). */
-        long long bytes = bitRegister ? count : 2LL * count;
+        long long bytes = static_cast<long long>(rule.bytesPerItem()) * count;
         if (bytes > 0)
             memcpy(key.data, data, static_cast<size_t>(bytes < kBufferSize ? bytes : kBufferSize));
         /* The pieces groupingKey would list, taken one by one: no list to allocate. */
-        const int maxLen = bitRegister ? driver.maxBlockBits : driver.maxBlockUnits;
+        const int maxLen = rule.isBit() ? driver.maxBlockBits : driver.maxBlockUnits;
         const int pieces = pieceCount(key.length, maxLen);
-        int unitBits = REGISTER_RULES[row].unitBits;
         int lengthsBefore = 0;
         for (int p = 0; p < pieces; ++p) {
             const KEY_ADDRESS piece = keyPiece(key, maxLen, p, 1);
@@ -364,12 +361,13 @@ int intf_setData(int keyNo, QString regName, int address, int count, unsigned ch
             if (bytes > kBufferSize) {
                 /* More than the key's 1024 bytes: the pieces take their share straight from
                  * the host's bytes, which hold all of them. */
-                long long perUnit = 2;
+                long long perUnit = keyDataBytesPerUnit(key);
                 boundedCopy(v.data, data, bytes, perUnit * p * maxLen, perUnit * piece.length);
             }
-            if (!bitRegister && unitBits > 0) {
-                /* Words to bytes; each piece starts where the ones before it ended. */
-                v.length = static_cast<int>(piece.length * 16.0 / unitBits);
+            if (!rule.isBit()) {
+                /* Words to bytes (counted in double, as they always were); each piece starts
+                 * where the ones before it ended. */
+                v.length = static_cast<int>(piece.length * static_cast<double>(rule.stepsPerItem()));
                 v.address = wrapAdd(piece.address, lengthsBefore);
             }
             lengthsBefore = wrapAdd(lengthsBefore, piece.length);
@@ -388,7 +386,8 @@ void _write_FailOrSuc(int keyNo, QString regName, int address, int count, int ok
     Reports r;
     switch (rule.kind) {
     case kWordRegister: {
-        int units = wrapMul(count, 2); /* two byte units per word */
+        /* The length, already in bytes, taken as words (INTERNALS.md K28). */
+        int units = wrapMul(count, rule.stepsPerItem());
         for (int k = 0; k < units; ++k) {
             _DATA_& d = unitAt(findOrCreateArea(keyNo, area, wrapAdd(address, k)));
             d.writeFlag = 0;
@@ -410,8 +409,8 @@ void _write_FailOrSuc(int keyNo, QString regName, int address, int count, int ok
             int b = wrapAdd(address, i);
             if (b < 0)
                 continue;
-            int bit = b % 8;
-            _DATA_& d = unitAt(findOrCreateArea(keyNo, area, b / 8));
+            int bit = rule.bitInUnit(b);
+            _DATA_& d = unitAt(findOrCreateArea(keyNo, area, rule.unitOfBit(b)));
             unsigned int first = 1u << (2 * bit);
             if (d.bitWriteState & first)
                 d.bitWriteState &= ~first;

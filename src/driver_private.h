@@ -11,28 +11,115 @@
 #include <new>
 #include <string.h>
 
-/* ------------------------------------------------------------------ register rules
+namespace drv {
+
+/* Host values are trusted to be sensible, but arithmetic on them must never be undefined. */
+inline int wrapAdd(int a, int b)
+{
+    return static_cast<int>(static_cast<unsigned int>(a) + static_cast<unsigned int>(b));
+}
+inline int wrapSub(int a, int b)
+{
+    return static_cast<int>(static_cast<unsigned int>(a) - static_cast<unsigned int>(b));
+}
+inline int wrapMul(int a, int b)
+{
+    return static_cast<int>(static_cast<unsigned int>(a) * static_cast<unsigned int>(b));
+}
+
+/* The area a register's units are cached under: its name up to the first "_". */
+inline QString areaOf(const QString& regName)
+{
+    int cut = regName.indexOf(QLatin1Char('_'));
+    return cut < 0 ? regName : regName.left(cut);
+}
+
+}  // namespace drv
+
+/* ------------------------------------------------------------------ the register model
  * The register table as the code uses it, one row per row of ADDRESS_RANGE_PRO: the rows of
- * REG_LIST in their order, then the spare word row that an unknown name looks up. The text
- * tables stay the host's view (formats, limits, descriptions); every rule the driver applies
- * (bit or word, width, address unit, area, index group) comes from this table, and each
- * operation switches on `kind`. tests/unit/test_registers.cpp checks it against the texts.
- * All rows address bytes (unit 8): a bit register's address is byte x 8 + bit, a word
- * register's address is a byte offset and one word takes two address steps. */
-enum RegisterRow { kRowIBit, kRowQBit, kRowMBit, kRowIW, kRowQW, kRowMW, kRowSpare };
+ * REG_LIST in their order, then the spare word row that an unknown name looks up, then the
+ * spare bit row (below). The text tables stay the host's view (formats, limits,
+ * descriptions); every rule the driver applies comes from this table and its answers: bit or
+ * word, the unit an address names and its size, address steps and host bytes per item, the
+ * byte span of an address and length, the word register behind a bit register, and the
+ * units an item covers. tests/unit/test_registers.cpp checks it against the texts.
+ * All rows address byte units (unit 8): a bit register's address is byte x 8 + bit, a word
+ * register's a byte offset, and one word takes two address steps. */
+enum RegisterRow { kRowIBit, kRowQBit, kRowMBit, kRowIW, kRowQW, kRowMW, kRowSpare, kRowSpareBits };
 enum RegisterKind { kBitRegister, kWordRegister };
 enum RegisterAccess { kReadOnly, kReadWrite, kWriteOnly };
+
+/* Bytes of PLC memory: what a request reads or writes. */
+struct ByteSpan {
+    int first;
+    int count;
+};
+
+/* Bytes of a 16-bit word, in the host's data, its recipe buffer and PLC memory. */
+static const int kWordBytes = 2;
 
 struct RegisterRule {
     RegisterKind kind;
     int widthBits;           /* data width: column 3 */
-    int unitBits;            /* bits per address step: column 5 */
+    int unitBits;            /* bits of the unit an address names: column 5 */
     RegisterAccess access;   /* column 4 */
-    char area;               /* its area; the cache keys units by areaOf(name), the same letter */
+    RegisterRow wordRow;     /* the word register whose units hold the items: itself for a word row */
     unsigned int indexGroup; /* ADS index group of the area */
+
+    bool isBit() const { return kind == kBitRegister; }
+    /* Bytes of one unit: the size of one cached unit. */
+    int unitBytes() const { return unitBits / 8; }
+    /* Address steps an item of `itemBits` takes: a bit one, a wider item its bits in units. */
+    int stepsPerItemOf(int itemBits) const { return isBit() ? 1 : itemBits / unitBits; }
+    /* Address steps of one item of the register's own width (a word: 2). */
+    int stepsPerItem() const { return stepsPerItemOf(widthBits); }
+    /* Bytes of host data per item: one per bit (0 or 1), a word's two bytes low first. */
+    int bytesPerItem() const { return isBit() ? 1 : widthBits / 8; }
+
+    /* Bit `bitNumber` of a bit register: the unit that holds it and its place there, with
+     * truncating division as the address texts have it (a negative number stays negative). */
+    int unitOfBit(int bitNumber) const { return bitNumber / unitBits; }
+    int bitInUnit(int bitNumber) const { return bitNumber % unitBits; }
+
+    /* The bytes `steps` address steps from `address` cover: bits, the bytes that hold them
+     * (a byte more when the last is partly covered; the count wraps as the host's values
+     * do); units, their bytes. A read or write request counts its length so. */
+    ByteSpan spanOfSteps(int address, int steps) const
+    {
+        ByteSpan span;
+        if (isBit()) {
+            int s = drv::wrapAdd(bitInUnit(address), steps);
+            span.first = unitOfBit(address);
+            span.count = s / unitBits + (s % unitBits != 0 ? 1 : 0);
+        } else {
+            span.first = drv::wrapMul(address, unitBytes());
+            span.count = drv::wrapMul(steps, unitBytes());
+        }
+        return span;
+    }
+    /* The same for `items` items (a host key counts its length so). */
+    ByteSpan spanOfItems(int address, int items) const
+    {
+        return spanOfSteps(address, drv::wrapMul(items, stepsPerItem()));
+    }
+
+    /* Walks the units `count` word items from `address` cover, in order: visit(item, unit, k)
+     * for the k-th unit of each item; the item's host bytes are item x bytesPerItem() + k.
+     * Bit items are one bit each: see unitOfBit. */
+    template <typename Visit>
+    void forEachWordUnit(int address, int count, Visit visit) const
+    {
+        const int steps = stepsPerItem();
+        for (int item = 0; item < count; ++item) {
+            int first = drv::wrapAdd(address, drv::wrapMul(steps, item));
+            for (int k = 0; k < steps; ++k)
+                visit(item, drv::wrapAdd(first, k), k);
+        }
+    }
 };
 
-extern const RegisterRule REGISTER_RULES[7];
+extern const RegisterRule REGISTER_RULES[8];
 
 /* The row of a name; kRowSpare for a name outside REG_LIST. */
 inline RegisterRow registerRow(const QString& regName)
@@ -59,11 +146,32 @@ inline RegisterRow registerRow(const QString& regName)
     return kRowSpare;
 }
 
-/* The word register that holds the bits of a name ending in "_bit": the "_W" row of the area
- * the name starts with (its text up to the first "_"), kRowSpare when that is no area of
- * REG_LIST. */
-inline RegisterRow wordRowBehindBits(const QString& regName)
+inline const RegisterRule& ruleOf(const QString& regName) { return REGISTER_RULES[registerRow(regName)]; }
+inline bool isKnownRegister(const QString& regName) { return registerRow(regName) != kRowSpare; }
+
+/* The entry points take only names of REG_LIST: their rows answer. The internal functions
+ * the header declares that read a name by its syntax (frame building, merging in mode 1,
+ * the address texts) take any name, and a name outside the table is read by its text, as
+ * they always did: one that ends in "_bit" counts bits (the spare bit row), held by the word
+ * register of the area its text names before the first "_"; any other takes the spare word
+ * row (INTERNALS.md K24). */
+inline RegisterRow addressingRow(const QString& regName)
 {
+    RegisterRow row = registerRow(regName);
+    if (row == kRowSpare && regName.endsWith(QLatin1String("_bit")))
+        return kRowSpareBits;
+    return row;
+}
+
+inline const RegisterRule& addressingRuleOf(const QString& regName) { return REGISTER_RULES[addressingRow(regName)]; }
+
+/* The word register that holds the items of a name in the row addressingRow gave: the row's
+ * wordRow; for the spare bit row the "_W" row of the area the name starts with (I, Q or M
+ * before a "_" at the second character), else kRowSpare. */
+inline RegisterRow wordRowBehind(const QString& regName, RegisterRow row)
+{
+    if (row != kRowSpareBits)
+        return REGISTER_RULES[row].wordRow;
     if (regName.indexOf(QLatin1Char('_')) != 1)
         return kRowSpare;
     switch (regName.at(0).unicode()) {
@@ -74,8 +182,21 @@ inline RegisterRow wordRowBehindBits(const QString& regName)
     }
 }
 
-inline const RegisterRule& ruleOf(const QString& regName) { return REGISTER_RULES[registerRow(regName)]; }
-inline bool isKnownRegister(const QString& regName) { return registerRow(regName) != kRowSpare; }
+/* The name of that word register, which a bit key takes when merging turns it into bytes:
+ * the table's own text for a row of REG_LIST, else the area's text followed by "_W". */
+inline QString wordNameBehind(const QString& regName, RegisterRow row)
+{
+    RegisterRow wordRow = wordRowBehind(regName, row);
+    if (row != kRowSpareBits && wordRow != kRowSpare)
+        return REG_LIST[wordRow];
+    return drv::areaOf(regName) + QLatin1String("_W");
+}
+
+/* A host key's unitMark -1 says its units are bits, one byte of data each; any other value
+ * words of two bytes, whatever its register (intf_setData leaves it 0 for bit writes:
+ * INTERNALS.md K11; a word key counting bits: K22). */
+inline bool keyCountsBits(const KEY_ADDRESS& key) { return key.unitMark == -1; }
+inline int keyDataBytesPerUnit(const KEY_ADDRESS& key) { return keyCountsBits(key) ? 1 : kWordBytes; }
 
 /* The kinds of request in flight (Protocol::curFrameKind). intf_getSendFrame sets the kind
  * when it builds a request; dealListWhenFinish moves the kind's queue on when the request
@@ -135,31 +256,12 @@ static const int kBufferSize = 1024;
 static const int kMaxQueued = 512;
 static const int kMaxBlock = 128; /* largest read block in bytes */
 
-/* Host values are trusted to be sensible, but arithmetic on them must never be undefined. */
-inline int wrapAdd(int a, int b)
-{
-    return static_cast<int>(static_cast<unsigned int>(a) + static_cast<unsigned int>(b));
-}
-inline int wrapSub(int a, int b)
-{
-    return static_cast<int>(static_cast<unsigned int>(a) - static_cast<unsigned int>(b));
-}
-inline int wrapMul(int a, int b)
-{
-    return static_cast<int>(static_cast<unsigned int>(a) * static_cast<unsigned int>(b));
-}
 
 inline int clampInt(int v, int lo, int hi) { return v < lo ? lo : (v > hi ? hi : v); }
 
 /* A new cached unit: the three keys, everything else zero (cache.cpp). */
 _DATA_ newCachedUnit(int keyNo, const QString& areaName, int address);
 
-/* The area a register's units are cached under: its name up to the first "_". */
-inline QString areaOf(const QString& regName)
-{
-    int cut = regName.indexOf(QLatin1Char('_'));
-    return cut < 0 ? regName : regName.left(cut);
-}
 
 inline int toIntOrZero(const QString& text)
 {
@@ -172,11 +274,20 @@ inline int toIntOrZero(const QString& text)
  * The one writer of an address as the host reads it: error texts, addr_int2str and
  * intf_multiCopy. */
 
+/* A format of mixed letters ("DDDDD.D") is the bit syntax, byte point bit; a format of one
+ * letter repeated a plain number. */
+inline bool isBitFormat(const QString& format)
+{
+    for (int i = 1; i < format.size(); ++i)
+        if (format.at(i) != format.at(0))
+            return true;
+    return false;
+}
 /* Appends the decimal text of v at buf + n; returns the new length. */
 int appendDecimal(char* buf, int n, long long v);
 /* The text of `address` in a register's syntax, into buf (room for 32 characters); its
- * length. A format of mixed letters ("DDDDD.D") is the bit syntax: byte, point, bit with
- * truncating division, and 0 (no text) for a name that is no bit register; otherwise the
+ * length. A bit format (isBitFormat): byte, point, bit with truncating division, and 0 (no
+ * text) for a name that counts no bits (addressingRuleOf); otherwise the
  * number, unsigned, in the base of the format's first letter: H hexadecimal, O octal,
  * anything else decimal. */
 int formatAddress(char* buf, int address, const QString& regName, const QString& format);

@@ -5,8 +5,6 @@
 #include "ads_ethernet.h"
 #include "driver_private.h"
 
-#include <QtCore/QStringList>
-
 #include <algorithm>
 #include <string.h>
 #include <vector>
@@ -106,7 +104,7 @@ KEY_ADDRESS keyPiece(const KEY_ADDRESS& key, int maxLen, int p, int copyData)
     piece.address = wrapAdd(key.address, wrapMul(p, maxLen));
     piece.length = (p == pieces - 1 && remainder != 0) ? remainder : maxLen;
     if (copyData == 1) {
-        long long perUnit = key.unitMark == -1 ? 1 : 2;
+        long long perUnit = keyDataBytesPerUnit(key);
         boundedCopy(piece.data, key.data, kBufferSize, perUnit * p * maxLen, perUnit * piece.length);
     }
     return piece;
@@ -131,16 +129,13 @@ namespace {
  * range of a word register (a bit key becomes the "_W" register of its area). */
 void convertToBytes(KEY_ADDRESS& k)
 {
-    QStringList parts = k.regName.split(QLatin1String("_"));
-    int u = ruleOf(k.regName).unitBits;
-    if (parts.size() >= 2 && parts.last() == QLatin1String("bit")) {
-        int length = wrapAdd(k.length, k.address % u);
-        k.length = length / u + (length % u != 0 ? 1 : 0);
-        k.address = k.address / u;
-        k.regName = parts.first() + QLatin1String("_W");
-    } else if (u != 1) {
-        k.length = wrapMul(16 / u, k.length);
-    }
+    const RegisterRow row = addressingRow(k.regName);
+    const RegisterRule& rule = REGISTER_RULES[row];
+    const ByteSpan span = rule.spanOfItems(k.address, k.length);
+    k.address = span.first;
+    k.length = span.count;
+    if (rule.isBit())
+        k.regName = wordNameBehind(k.regName, row);
 }
 
 /* Emits a copy of `current` cut to the block limit and keeps the rest of key i for the
@@ -255,8 +250,9 @@ void addrMerge(QList<KEY_ADDRESS>& keys, int mode)
         for (int i = 0; i < keys.size(); ++i) {
             KEY_ADDRESS& k = keys[i];
             RegisterRow row = registerRow(k.regName);
-            if (row != kRowSpare && REGISTER_RULES[row].kind == kWordRegister)
-                k.length = static_cast<int>(k.length * (16.0 / REGISTER_RULES[row].unitBits));
+            /* Counted in double: a length past the int range converts as it always has. */
+            if (row != kRowSpare && !REGISTER_RULES[row].isBit())
+                k.length = static_cast<int>(k.length * static_cast<double>(REGISTER_RULES[row].stepsPerItem()));
         }
         keys = mergeContiguous(keys, 2);
         return;
@@ -320,10 +316,9 @@ int intf_addConditionRead(KEY_ADDRESS* key, int kind)
         return 1;
     const RegisterRule& rule = REGISTER_RULES[row];
     /* A condition read of a bit register does nothing (INTERNALS.md K14). */
-    if (rule.kind == kBitRegister)
+    if (rule.isBit())
         return 1;
-    int u = rule.unitBits;
-    int limit = key->unitMark == -1 ? driver.maxBlockBits : driver.maxBlockUnits;
+    int limit = keyCountsBits(*key) ? driver.maxBlockBits : driver.maxBlockUnits;
     int pieces = pieceCount(key->length, limit);
     int remainder = pieces > 1 ? key->length % limit : 0;
     /* The polling thread reads and removes the queue's head meanwhile. */
@@ -338,7 +333,7 @@ int intf_addConditionRead(KEY_ADDRESS* key, int kind)
          * string may be dropped on its own thread while the polling thread holds ours. */
         v.regName = REG_LIST[row];
         v.address = pieceAddress;
-        v.length = wrapMul(pieceLength, 16 / u);
+        v.length = wrapMul(pieceLength, rule.stepsPerItem());
 
         QList<VARIABLE>& list = driver.conditionReadList;
         bool refreshed = false;
@@ -422,12 +417,11 @@ void rcpAddrToVar(_RCP_VAR_PRO item, VARIABLE& var, int mode)
     memset(var.data, 0, sizeof(var.data));
     if (mode == 0 || !driver.rcpBuffer || item.rcpDataIndex < 0)
         return;
-    int u = ruleOf(item.regName).unitBits;
-    long long n = static_cast<long long>(item.length) * (u / 8);
+    long long n = static_cast<long long>(item.length) * ruleOf(item.regName).unitBytes();
     if (n <= 0)
         return;
     /* The copy stops at the end of the 1024-byte data buffer. */
     if (n > kBufferSize)
         n = kBufferSize;
-    memcpy(var.data, driver.rcpBuffer + 2LL * item.rcpDataIndex, static_cast<size_t>(n));
+    memcpy(var.data, driver.rcpBuffer + static_cast<long long>(kWordBytes) * item.rcpDataIndex, static_cast<size_t>(n));
 }

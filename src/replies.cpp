@@ -199,16 +199,16 @@ void storeReply(const QByteArray& reply, int readLen, int dataStart, const VARIA
     int firstAddress = driver.rcpVarList.at(recipeFrom).address;
     for (int e = recipeFrom; e < recipeTo; ++e) {
         const _RCP_VAR_PRO item = driver.rcpVarList.at(e);
-        long long bytesOfItem = 2LL * item.length;
+        long long bytesOfItem = static_cast<long long>(kWordBytes) * item.length;
         for (long long j = 0; j < bytesOfItem; ++j) {
             long long from
                 = static_cast<long long>(dataStart) + (static_cast<long long>(item.address) - firstAddress) + j;
-            long long to = 2LL * item.rcpDataIndex + j;
+            long long to = static_cast<long long>(kWordBytes) * item.rcpDataIndex + j;
             if (to < 0)
                 continue;
             driver.rcpBuffer[to] = bytes.at(from);
             if (driver.valueChangeCallBack)
-                driver.valueChangeCallBack(0, -1, recipeText, static_cast<int>(item.rcpDataIndex + j / 2));
+                driver.valueChangeCallBack(0, -1, recipeText, static_cast<int>(item.rcpDataIndex + j / kWordBytes));
         }
     }
 }

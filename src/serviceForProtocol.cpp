@@ -44,11 +44,15 @@ Protocol::Protocol()
 }
 
 /* Derived from REG_LIST and ADDRESS_RANGE_PRO; see driver_private.h. */
-const RegisterRule REGISTER_RULES[7] = {
-    {kBitRegister, 1, 8, kReadWrite, 'I', 0xF020}, {kBitRegister, 1, 8, kReadWrite, 'Q', 0xF030},
-    {kBitRegister, 1, 8, kReadWrite, 'M', 0x4020}, {kWordRegister, 16, 8, kReadWrite, 'I', 0xF020},
-    {kWordRegister, 16, 8, kReadWrite, 'Q', 0xF030}, {kWordRegister, 16, 8, kReadWrite, 'M', 0x4020},
-    {kWordRegister, 16, 8, kReadWrite, 'M', 0x4020}, /* spare row: an unknown name */
+const RegisterRule REGISTER_RULES[8] = {
+    {kBitRegister, 1, 8, kReadWrite, kRowIW, 0xF020},
+    {kBitRegister, 1, 8, kReadWrite, kRowQW, 0xF030},
+    {kBitRegister, 1, 8, kReadWrite, kRowMW, 0x4020},
+    {kWordRegister, 16, 8, kReadWrite, kRowIW, 0xF020},
+    {kWordRegister, 16, 8, kReadWrite, kRowQW, 0xF030},
+    {kWordRegister, 16, 8, kReadWrite, kRowMW, 0x4020},
+    {kWordRegister, 16, 8, kReadWrite, kRowSpare, 0x4020},   /* spare row: an unknown name */
+    {kBitRegister, 1, 8, kReadWrite, kRowSpare, 0x4020},     /* spare bit row: an unknown name ending in "_bit" */
 };
 
 /* ====================================================================================
@@ -74,11 +78,7 @@ int getRegAddressWeight(int keyNo, QString regName, int address, int spare)
 
 int a2i(QString text, int& address, QString format, QString regName)
 {
-    bool mixed = false;
-    for (int i = 1; i < format.size(); ++i)
-        if (format.at(i) != format.at(0))
-            mixed = true;
-    if (mixed) {
+    if (isBitFormat(format)) {
         int v = addr_str2int(text, regName);
         if (v == -1)
             return -1;
@@ -196,8 +196,8 @@ int intf_checkAddr(QString regName, QString addrText, int* address, int dataType
             return 6;
         if (rule.widthBits == 32 && dataType != 1 && dataType != 3 && dataType != 5 && dataType != 6 && dataType != 9)
             return 5;
-        /* Each 16-bit item takes 16 / unit address steps; a bit takes one. */
-        factor = dataType != -1 ? rule.unitBits / 16.0 : 1.0;
+        /* A bit takes one address step, any other item a word's steps. */
+        factor = dataType != -1 ? 1.0 / rule.stepsPerItem() : 1.0;
     }
     return checkAddressText(row, regName, addrText, address, count, factor);
 }
@@ -217,11 +217,9 @@ int intf_checkAddrValidity(QString regName, QString addrText, int* address, int 
 
 int intf_getRegListByType(int type, QList<QString>& names)
 {
-    for (int i = 0; i < 6; ++i) {
-        int width = REGISTER_RULES[i].widthBits;
-        if (type == 0 ? width == 1 : width > 1)
+    for (int i = 0; i < 6; ++i)
+        if (REGISTER_RULES[i].isBit() == (type == 0))
             names.append(REG_LIST[i]);
-    }
     /* 0 tells the host the type is unknown, although the word names were appended (INTERNALS.md K16). */
     return (type == 0 || type == 1) ? 1 : 0;
 }
@@ -362,15 +360,14 @@ int multiCp(QString regName, QString format, int start, int count, int interval,
     if (count < 1)
         return 1;
     const RegisterRule& rule = ruleOf(regName);
-    bool bitRegister = rule.kind == kBitRegister;
-    int u = rule.unitBits;
     int result = 1;
     for (int i = 0; i < count; ++i) {
+        /* -1: a word item's steps, -2: a double word's; a bit register steps one bit. */
         int step = 1;
         if (interval == -1)
-            step = bitRegister ? 1 : (u > 0 ? static_cast<int>(16.0f / u) : 1);
+            step = rule.stepsPerItemOf(16);
         else if (interval == -2)
-            step = bitRegister ? 1 : (u > 0 ? static_cast<int>(32.0f / u) : 1);
+            step = rule.stepsPerItemOf(32);
         else if (interval > 0)
             step = interval;
         int address = wrapAdd(start, wrapMul(i, step));

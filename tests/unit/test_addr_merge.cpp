@@ -150,6 +150,15 @@ TEST_F(AddrMerge, UnknownNameTakesWordPathOfSpareRow)
     EXPECT_EQ(merged({makeKey(0, "X_W", 4, 3)}, 1), (std::vector<Block> {{0, "X_W", 4, 6}}));
 }
 
+// A name outside the table that ends in "_bit" still counts bits: its key becomes the
+// bytes holding them, under its area's text followed by "_W".
+TEST_F(AddrMerge, UnknownBitNameIsConvertedByItsText)
+{
+    EXPECT_EQ(merged({makeKey(0, "X_bit", 83, 10)}, 1), (std::vector<Block> {{0, "X_W", 10, 2}}));
+    EXPECT_EQ(merged({makeKey(0, "I_x_bit", 16, 8)}, 1), (std::vector<Block> {{0, "I_W", 2, 1}}));
+    EXPECT_EQ(merged({makeKey(0, "M_bits", 4, 3)}, 1), (std::vector<Block> {{0, "M_bits", 4, 6}}));
+}
+
 TEST_F(AddrMerge, EmittedBlockIsFullCopyOfItsFirstKey)
 {
     QList<KEY_ADDRESS> keys;

@@ -302,6 +302,27 @@ TEST_F(Frames, IndexGroupByRegister)
     expectImage(driver.frameList.at(2).frame, readImage(0x4020, 0, 2), "Z_W");
 }
 
+// A name outside the register table is read by its text: one ending in "_bit" counts bits
+// of the area its text names before the first "_", any other reads PLC memory as words.
+TEST_F(Frames, ANameOutsideTheTableIsReadByItsSyntax)
+{
+    getReadFrame(one(makeVar("I_x_bit", 83, 1)));
+    getReadFrame(one(makeVar("X_bit", 83, 10)));
+    getReadFrame(one(makeVar("M_bits", 83, 1)));
+    ASSERT_EQ(3, driver.frameList.size());
+    expectImage(driver.frameList.at(0).frame, readImage(0xF020, 10, 1), "I_x_bit");
+    expectImage(driver.frameList.at(1).frame, readImage(0x4020, 10, 2), "X_bit");
+    expectImage(driver.frameList.at(2).frame, readImage(0x4020, 83, 1), "M_bits");
+    driver.frameList.clear();
+    // A write of such a bit name is a read-modify-write of the bytes holding its bits.
+    VARIABLE w = makeVar("Q_y_bit", 16, 8, {1, 0, 1, 0, 1, 0, 1, 0});
+    getWriteFrame(w);
+    ASSERT_EQ(2, driver.frameList.size());
+    expectImage(driver.frameList.at(0).frame, readImage(0xF030, 2, 1), "Q_y_bit read");
+    const unsigned char* write = driver.frameList.at(1).frame;
+    EXPECT_EQ(Bytes(write + 38, write + 50), Bytes({0x30, 0xF0, 0, 0, 2, 0, 0, 0, 1, 0, 0, 0}));
+}
+
 TEST_F(Frames, ReadOffsetIsAFullThirtyTwoBitValue)
 {
     getReadFrame(one(makeVar("M_W", 0x12345, 0x10203)));

@@ -80,14 +80,172 @@ TEST(RegisterTable, RulesAgreeWithTheTextTables)
         EXPECT_EQ(Q(access), ADDRESS_RANGE_PRO[row][4]);
         if (row < 6) {
             EXPECT_EQ(registerRow(REG_LIST[row]), row);
-            EXPECT_EQ(QString(QLatin1Char(rule.area)), REG_LIST[row].left(REG_LIST[row].indexOf(QLatin1Char('_'))));
             const unsigned int groups[3] = {0xF020, 0xF030, 0x4020};
             EXPECT_EQ(rule.indexGroup, groups[row % 3]);
+            // The word register behind a row is the "_W" row of the area its name starts with.
+            const QString area = REG_LIST[row].left(REG_LIST[row].indexOf(QLatin1Char('_')));
+            EXPECT_EQ(REG_LIST[rule.wordRow], area + Q("_W"));
         }
     }
     EXPECT_EQ(registerRow(Q("X_bit")), kRowSpare);
     EXPECT_EQ(REGISTER_RULES[kRowSpare].kind, kWordRegister);
     EXPECT_EQ(REGISTER_RULES[kRowSpare].indexGroup, 0x4020u);
+    EXPECT_EQ(REGISTER_RULES[kRowSpare].wordRow, kRowSpare);
+    // The spare bit row: the spare word row's rules, counting bits.
+    const RegisterRule& spareBits = REGISTER_RULES[kRowSpareBits];
+    EXPECT_EQ(spareBits.kind, kBitRegister);
+    EXPECT_EQ(spareBits.widthBits, 1);
+    EXPECT_EQ(spareBits.unitBits, REGISTER_RULES[kRowSpare].unitBits);
+    EXPECT_EQ(spareBits.access, REGISTER_RULES[kRowSpare].access);
+    EXPECT_EQ(spareBits.indexGroup, REGISTER_RULES[kRowSpare].indexGroup);
+    EXPECT_EQ(spareBits.wordRow, kRowSpare);
+}
+
+// ---------------------------------------------------------------------------------------
+// The register model's answers
+// ---------------------------------------------------------------------------------------
+
+namespace {
+bool sameSpan(const ByteSpan& span, int first, int count) { return span.first == first && span.count == count; }
+}  // namespace
+
+TEST(RegisterModel, EachRowAnswersBitOrWordUnitAndItemSizes)
+{
+    for (int row = 0; row <= kRowSpareBits; ++row) {
+        SCOPED_TRACE(row);
+        const RegisterRule& rule = REGISTER_RULES[row];
+        const bool bits = row <= kRowMBit || row == kRowSpareBits;
+        EXPECT_EQ(rule.isBit(), bits);
+        EXPECT_EQ(rule.unitBytes(), 1);
+        EXPECT_EQ(rule.stepsPerItem(), bits ? 1 : 2);
+        EXPECT_EQ(rule.bytesPerItem(), bits ? 1 : 2);
+        EXPECT_EQ(rule.stepsPerItemOf(16), bits ? 1 : 2);
+        EXPECT_EQ(rule.stepsPerItemOf(32), bits ? 1 : 4);
+    }
+    EXPECT_EQ(kWordBytes, 2);
+}
+
+TEST(RegisterModel, TheWordRegisterBehindEachRow)
+{
+    EXPECT_EQ(REGISTER_RULES[kRowIBit].wordRow, kRowIW);
+    EXPECT_EQ(REGISTER_RULES[kRowQBit].wordRow, kRowQW);
+    EXPECT_EQ(REGISTER_RULES[kRowMBit].wordRow, kRowMW);
+    for (int row = kRowIW; row <= kRowMW; ++row)
+        EXPECT_EQ(REGISTER_RULES[row].wordRow, row);
+    // A bit register reads and writes through the index group of its word register.
+    for (int row = kRowIBit; row <= kRowMBit; ++row)
+        EXPECT_EQ(REGISTER_RULES[row].indexGroup, REGISTER_RULES[REGISTER_RULES[row].wordRow].indexGroup);
+}
+
+TEST(RegisterModel, BitNumbersTruncateTowardZero)
+{
+    const RegisterRule& bits = REGISTER_RULES[kRowMBit];
+    EXPECT_EQ(bits.unitOfBit(83), 10);
+    EXPECT_EQ(bits.bitInUnit(83), 3);
+    EXPECT_EQ(bits.unitOfBit(8), 1);
+    EXPECT_EQ(bits.bitInUnit(8), 0);
+    EXPECT_EQ(bits.unitOfBit(-1), 0);
+    EXPECT_EQ(bits.bitInUnit(-1), -1);
+    EXPECT_EQ(bits.unitOfBit(-9), -1);
+    EXPECT_EQ(bits.bitInUnit(-9), -1);
+}
+
+TEST(RegisterModel, ABitSpanCoversTheBytesThatHoldTheBits)
+{
+    const RegisterRule& bits = REGISTER_RULES[kRowIBit];
+    EXPECT_TRUE(sameSpan(bits.spanOfSteps(83, 1), 10, 1));
+    EXPECT_TRUE(sameSpan(bits.spanOfSteps(7, 2), 0, 2));
+    EXPECT_TRUE(sameSpan(bits.spanOfSteps(8, 8), 1, 1));
+    EXPECT_TRUE(sameSpan(bits.spanOfSteps(5, 11), 0, 2));
+    EXPECT_TRUE(sameSpan(bits.spanOfSteps(5, 12), 0, 3));
+    EXPECT_TRUE(sameSpan(bits.spanOfSteps(16, 0), 2, 0));
+    // Truncating division: bit -9 lies in unit -1 at place -1; three bits from it end in a
+    // partly covered byte.
+    EXPECT_TRUE(sameSpan(bits.spanOfSteps(-9, 3), -1, 1));
+    // For bits, an item is one step.
+    EXPECT_TRUE(sameSpan(bits.spanOfItems(5, 12), 0, 3));
+}
+
+TEST(RegisterModel, AWordSpanCountsStepsOrItems)
+{
+    const RegisterRule& words = REGISTER_RULES[kRowQW];
+    EXPECT_TRUE(sameSpan(words.spanOfSteps(10, 6), 10, 6));
+    EXPECT_TRUE(sameSpan(words.spanOfItems(10, 3), 10, 6));
+    EXPECT_TRUE(sameSpan(words.spanOfItems(65535, 1), 65535, 2));
+    // The count wraps as the host's values do instead of being undefined.
+    EXPECT_TRUE(sameSpan(words.spanOfItems(0, 0x40000000), 0, INT_MIN));
+    EXPECT_TRUE(sameSpan(REGISTER_RULES[kRowSpare].spanOfItems(4, 3), 4, 6));
+}
+
+TEST(RegisterModel, WordItemsAreWalkedUnitByUnitInAddressOrder)
+{
+    std::vector<std::vector<int>> seen;
+    REGISTER_RULES[kRowMW].forEachWordUnit(10, 2, [&](int item, int unit, int k) { seen.push_back({item, unit, k}); });
+    EXPECT_EQ(seen, (std::vector<std::vector<int>> {{0, 10, 0}, {0, 11, 1}, {1, 12, 0}, {1, 13, 1}}));
+    seen.clear();
+    REGISTER_RULES[kRowMW].forEachWordUnit(10, 0, [&](int item, int unit, int k) { seen.push_back({item, unit, k}); });
+    EXPECT_TRUE(seen.empty());
+    // Unit addresses wrap at the end of the int range.
+    REGISTER_RULES[kRowIW].forEachWordUnit(INT_MAX, 1, [&](int item, int unit, int k) {
+        seen.push_back({item, unit, k});
+    });
+    EXPECT_EQ(seen, (std::vector<std::vector<int>> {{0, INT_MAX, 0}, {0, INT_MIN, 1}}));
+}
+
+TEST(RegisterModel, NamesOutsideTheTableAreReadByTheirSyntax)
+{
+    EXPECT_EQ(addressingRow(Q("M_bit")), kRowMBit);
+    EXPECT_EQ(addressingRow(Q("Q_W")), kRowQW);
+    EXPECT_EQ(addressingRow(Q("X_bit")), kRowSpareBits);
+    EXPECT_EQ(addressingRow(Q("m_bit")), kRowSpareBits);
+    EXPECT_EQ(addressingRow(Q("_bit")), kRowSpareBits);
+    EXPECT_EQ(addressingRow(Q("M_bits")), kRowSpare);
+    EXPECT_EQ(addressingRow(Q("M_bitx")), kRowSpare);
+    EXPECT_EQ(addressingRow(Q("X_W")), kRowSpare);
+    EXPECT_EQ(addressingRow(QString()), kRowSpare);
+    EXPECT_TRUE(addressingRuleOf(Q("X_bit")).isBit());
+    EXPECT_FALSE(addressingRuleOf(Q("X_W")).isBit());
+    // The table's own look-up knows none of them.
+    EXPECT_EQ(registerRow(Q("m_bit")), kRowSpare);
+    EXPECT_FALSE(ruleOf(Q("X_bit")).isBit());
+}
+
+TEST(RegisterModel, TheWordRegisterBehindANameOutsideTheTableComesFromItsText)
+{
+    EXPECT_EQ(wordRowBehind(Q("I_bit"), kRowIBit), kRowIW);
+    EXPECT_EQ(wordRowBehind(Q("M_W"), kRowMW), kRowMW);
+    EXPECT_EQ(wordRowBehind(Q("X_W"), kRowSpare), kRowSpare);
+    EXPECT_EQ(wordRowBehind(Q("X_bit"), kRowSpareBits), kRowSpare);
+    EXPECT_EQ(wordRowBehind(Q("I_x_bit"), kRowSpareBits), kRowIW);
+    EXPECT_EQ(wordRowBehind(Q("Q_x_bit"), kRowSpareBits), kRowQW);
+    EXPECT_EQ(wordRowBehind(Q("Ix_bit"), kRowSpareBits), kRowSpare);
+    EXPECT_EQ(S(wordNameBehind(Q("M_bit"), kRowMBit)), "M_W");
+    EXPECT_EQ(S(wordNameBehind(Q("Q_bit"), kRowQBit)), "Q_W");
+    EXPECT_EQ(S(wordNameBehind(Q("X_bit"), kRowSpareBits)), "X_W");
+    EXPECT_EQ(S(wordNameBehind(Q("I_x_bit"), kRowSpareBits)), "I_W");
+    EXPECT_EQ(S(wordNameBehind(Q("Ix_bit"), kRowSpareBits)), "Ix_W");
+}
+
+TEST(RegisterModel, AKeyCountsBitsOnlyWhenItsUnitMarkIsMinusOne)
+{
+    KEY_ADDRESS key;
+    key.unitMark = -1;
+    EXPECT_TRUE(keyCountsBits(key));
+    EXPECT_EQ(keyDataBytesPerUnit(key), 1);
+    key.unitMark = 0;
+    EXPECT_FALSE(keyCountsBits(key));
+    EXPECT_EQ(keyDataBytesPerUnit(key), 2);
+    key.unitMark = 7;
+    EXPECT_EQ(keyDataBytesPerUnit(key), 2);
+}
+
+TEST(RegisterModel, ABitFormatIsAMaskOfMixedLetters)
+{
+    EXPECT_TRUE(drv::isBitFormat(Q("DDDDD.D")));
+    EXPECT_TRUE(drv::isBitFormat(Q("HO")));
+    EXPECT_FALSE(drv::isBitFormat(Q("DDDDD")));
+    EXPECT_FALSE(drv::isBitFormat(Q("H")));
+    EXPECT_FALSE(drv::isBitFormat(QString()));
 }
 
 TEST(RegisterTable, IndexFromNameIsExactAndCaseSensitive)
