@@ -186,7 +186,7 @@ int _setDataAreaMonitorFlag(int keyNo, QString regName, int address, int count)
     case kWordRegister:
         /* Monitor flag 1 << (k + 1): the unit is the k-th of a monitored word. */
         rule.forEachWordUnit(
-            address, count, [&](int, int unit, int k) { markArea(keyNo, area, unit, 1u << (k + 1), 0); });
+            address, count, [&](int unit, int k, int) { markArea(keyNo, area, unit, 1u << (k + 1), 0); });
         break;
     }
     return 0;
@@ -217,13 +217,11 @@ int intf_getData(int keyNo, QString regName, int address, int count, unsigned ch
             out[i] = static_cast<unsigned char>((shownByte(d, 0) >> rule.bitInUnit(b)) & 1);
         }
         break;
-    case kWordRegister: {
-        const int bytesPerItem = rule.bytesPerItem();
-        rule.forEachWordUnit(address, count, [&](int item, int unit, int k) {
-            out[item * bytesPerItem + k] = shownByte(constUnitAt(findOrCreateArea(keyNo, area, unit)), 0);
+    case kWordRegister:
+        rule.forEachWordUnit(address, count, [&](int unit, int, int byte) {
+            out[byte] = shownByte(constUnitAt(findOrCreateArea(keyNo, area, unit)), 0);
         });
         break;
-    }
     }
     return 1;
 }
@@ -309,12 +307,10 @@ void write_saveDataToArea(int keyNo, QString regName, int address, int count, un
         area = areaNameIdOfRegister(regName);
     }
     switch (rule.kind) {
-    case kWordRegister: {
-        const int bytesPerItem = rule.bytesPerItem();
-        rule.forEachWordUnit(address, count,
-            [&](int item, int unit, int k) { storeWrittenByte(keyNo, area, unit, data[item * bytesPerItem + k]); });
+    case kWordRegister:
+        rule.forEachWordUnit(
+            address, count, [&](int unit, int, int byte) { storeWrittenByte(keyNo, area, unit, data[byte]); });
         break;
-    }
     case kBitRegister:
         for (int i = 0; i < count; ++i) {
             int b = wrapAdd(address, i);

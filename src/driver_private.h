@@ -104,17 +104,19 @@ struct RegisterRule {
         return spanOfSteps(address, drv::wrapMul(items, stepsPerItem()));
     }
 
-    /* Walks the units `count` word items from `address` cover, in order: visit(item, unit, k)
-     * for the k-th unit of each item; the item's host bytes are item x bytesPerItem() + k.
-     * Bit items are one bit each: see unitOfBit. */
+    /* Walks the units `count` word items from `address` cover, in order: visit(unit, k, byte)
+     * for the k-th unit of each item, whose host data is byte item x kWordBytes + k. Every
+     * word row holds 16 bits in byte units (stepsPerItem() and bytesPerItem() are kWordBytes:
+     * RegisterTable.RulesAgreeWithTheTextTables), so the count per item is a constant the
+     * compiler unrolls: a write or read of one word costs no loop. Bit items are one bit
+     * each: see unitOfBit. */
     template <typename Visit>
     void forEachWordUnit(int address, int count, Visit visit) const
     {
-        const int steps = stepsPerItem();
         for (int item = 0; item < count; ++item) {
-            int first = drv::wrapAdd(address, drv::wrapMul(steps, item));
-            for (int k = 0; k < steps; ++k)
-                visit(item, drv::wrapAdd(first, k), k);
+            const int unit = drv::wrapAdd(address, drv::wrapMul(kWordBytes, item));
+            for (int k = 0; k < kWordBytes; ++k)
+                visit(drv::wrapAdd(unit, k), k, item * kWordBytes + k);
         }
     }
 };

@@ -121,6 +121,11 @@ TEST(RegisterModel, EachRowAnswersBitOrWordUnitAndItemSizes)
         EXPECT_EQ(rule.bytesPerItem(), bits ? 1 : 2);
         EXPECT_EQ(rule.stepsPerItemOf(16), bits ? 1 : 2);
         EXPECT_EQ(rule.stepsPerItemOf(32), bits ? 1 : 4);
+        // The word walk counts kWordBytes units and bytes per item.
+        if (!bits) {
+            EXPECT_EQ(rule.stepsPerItem(), kWordBytes);
+            EXPECT_EQ(rule.bytesPerItem(), kWordBytes);
+        }
     }
     EXPECT_EQ(kWordBytes, 2);
 }
@@ -180,16 +185,16 @@ TEST(RegisterModel, AWordSpanCountsStepsOrItems)
 TEST(RegisterModel, WordItemsAreWalkedUnitByUnitInAddressOrder)
 {
     std::vector<std::vector<int>> seen;
-    REGISTER_RULES[kRowMW].forEachWordUnit(10, 2, [&](int item, int unit, int k) { seen.push_back({item, unit, k}); });
-    EXPECT_EQ(seen, (std::vector<std::vector<int>> {{0, 10, 0}, {0, 11, 1}, {1, 12, 0}, {1, 13, 1}}));
+    REGISTER_RULES[kRowMW].forEachWordUnit(10, 2, [&](int unit, int k, int byte) { seen.push_back({unit, k, byte}); });
+    EXPECT_EQ(seen, (std::vector<std::vector<int>> {{10, 0, 0}, {11, 1, 1}, {12, 0, 2}, {13, 1, 3}}));
     seen.clear();
-    REGISTER_RULES[kRowMW].forEachWordUnit(10, 0, [&](int item, int unit, int k) { seen.push_back({item, unit, k}); });
+    REGISTER_RULES[kRowMW].forEachWordUnit(10, 0, [&](int unit, int k, int byte) { seen.push_back({unit, k, byte}); });
     EXPECT_TRUE(seen.empty());
     // Unit addresses wrap at the end of the int range.
-    REGISTER_RULES[kRowIW].forEachWordUnit(INT_MAX, 1, [&](int item, int unit, int k) {
-        seen.push_back({item, unit, k});
+    REGISTER_RULES[kRowIW].forEachWordUnit(INT_MAX, 1, [&](int unit, int k, int byte) {
+        seen.push_back({unit, k, byte});
     });
-    EXPECT_EQ(seen, (std::vector<std::vector<int>> {{0, INT_MAX, 0}, {0, INT_MIN, 1}}));
+    EXPECT_EQ(seen, (std::vector<std::vector<int>> {{INT_MAX, 0, 0}, {INT_MIN, 1, 1}}));
 }
 
 TEST(RegisterModel, NamesOutsideTheTableAreReadByTheirSyntax)
