@@ -16,7 +16,7 @@ using namespace adstest;
 
 namespace {
 
-class ReplyHandling : public HostTest {
+class ReplyHandling : public DriverTest {
 protected:
     void startWithReadBlock(int address = 100, int words = 1)
     {
