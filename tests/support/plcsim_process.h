@@ -141,12 +141,9 @@ inline RunResult runToEnd(const std::vector<std::string>& argv, int timeoutMs)
     return rr;
 }
 
-// The plcsim executable with its control connection.
+// The plcsim executable with its control connection (not copied: it owns the process).
 class PlcsimProcess {
 public:
-    PlcsimProcess() = default;
-    PlcsimProcess(const PlcsimProcess&) = delete;
-    PlcsimProcess& operator=(const PlcsimProcess&) = delete;
     ~PlcsimProcess()
     {
         stop();
