@@ -440,8 +440,10 @@ struct DriverState {
         s.writes = items(driver.writeList);
         s.conditionReads = items(driver.conditionReadList);
         s.cyclicReads = items(driver.readList);
-        for (const FRAME_PRO& f : driver.frameList)
-            s.frames.push_back(frameBytes(f).toHex().toStdString());
+        for (const FRAME_PRO& f : driver.frameList) {
+            const QByteArray hex = frameBytes(f).toHex();
+            s.frames.push_back(std::string(hex.constData(), size_t(hex.size())));
+        }
         s.errorCount = driver.errorCount;
         s.needHandShake = driver.needHandShake;
         s.rcpIndex = driver.rcpIndex;
