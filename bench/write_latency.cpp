@@ -80,128 +80,92 @@ template <typename T> T percentile(std::vector<T> v, double p)
     return v[i];
 }
 
-}  // namespace
-
-int main(int argc, char** argv)
-{
+/* The command line. */
+struct Options {
     int writes = 1000;
     int addresses = 500;
     std::string samplesPath;
     std::string driverPath = ADS_DRIVER_PLUGIN;
     std::string plcsimPath = PLCSIM_EXE;
-    {
-        using namespace adstool::cli;
-        CLI::App app("Write latency of the reference host polling a screen against plcsim", "write_latency");
-        prepare(app);
-        app.add_option("--writes", writes, "writes per kind (default 1000)")->check(Number(1, 1000000));
-        app.add_option("--addresses", addresses, "one-word addresses on the screen (default 500)")
-            ->check(Number(1, 16000));
-        app.add_option("--samples", samplesPath, "one line per write: kind microseconds requests");
-        app.add_option("--driver", driverPath, "the driver plugin");
-        app.add_option("--plcsim", plcsimPath, "the plcsim executable");
-        const int rc = parse(app, argc, argv, "write_latency");
-        if (rc >= 0)
-            return rc;
-    }
+};
 
-    plcsim::Process sim;
-    if (!sim.start(plcsimPath, {"--listen", "127.0.0.1:0", "--no-program"}))
-        return fail("could not start " + plcsimPath + ": " + sim.error());
+/* -1: go on; otherwise the exit status (--help, or a usage error). */
+int parseOptions(int argc, char** argv, Options& o)
+{
+    using namespace adstool::cli;
+    CLI::App app("Write latency of the reference host polling a screen against plcsim", "write_latency");
+    prepare(app);
+    app.add_option("--writes", o.writes, "writes per kind (default 1000)")->check(Number(1, 1000000));
+    app.add_option("--addresses", o.addresses, "one-word addresses on the screen (default 500)")
+        ->check(Number(1, 16000));
+    app.add_option("--samples", o.samplesPath, "one line per write: kind microseconds requests");
+    app.add_option("--driver", o.driverPath, "the driver plugin");
+    app.add_option("--plcsim", o.plcsimPath, "the plcsim executable");
+    return parse(app, argc, argv, "write_latency");
+}
 
-    // Written outside the screen: a word and a bit.
-    const int wordAt = 4 * addresses + 64, bitByte = 4 * addresses + 96;
-    adshost::Write word, bit;
-    std::string why;
-    if (!adshost::parseWrite("M_W:" + std::to_string(wordAt) + "=0", word, why)
-        || !adshost::parseWrite("M_bit:" + std::to_string(bitByte) + ".3=0", bit, why))
-        return fail("write: " + why);
-    adshost::Session host;
-    if (!adsbench::openScreen(host, driverPath, sim.port(), addresses, why))
-        return fail(why);
-
-    Pending pending;
-    std::atomic<uint64_t> replies {0};  // replies handed to the driver
-    std::atomic<bool> stop {false};
-    std::thread poller([&] {
-        while (!stop && !host.failedForGood()) {
-            const adshost::Exchange& ex = host.step();
-            if (ex.sent == 1)
-                ++replies;
-            if (ex.purpose != 'W' || ex.result != 1)
-                continue;
-            const int64_t t = nowNs();
-            std::lock_guard<std::mutex> g(pending.lock);
-            if (pending.active && !pending.answered && ex.varReg == pending.reg && ex.varAddress == pending.address) {
-                pending.answered = true;
-                pending.answeredNs = t;
-                pending.repliesAtAnswer = replies.load();
-            }
+/* The polling thread: steps the session and notes the accepted reply to the pending write. */
+void poll(adshost::Session& host, Pending& pending, std::atomic<uint64_t>& replies, const std::atomic<bool>& stop)
+{
+    while (!stop && !host.failedForGood()) {
+        const adshost::Exchange& ex = host.step();
+        if (ex.sent == 1)
+            ++replies;
+        if (ex.purpose != 'W' || ex.result != 1)
+            continue;
+        const int64_t t = nowNs();
+        std::lock_guard<std::mutex> g(pending.lock);
+        if (pending.active && !pending.answered && ex.varReg == pending.reg && ex.varAddress == pending.address) {
+            pending.answered = true;
+            pending.answeredNs = t;
+            pending.repliesAtAnswer = replies.load();
         }
-    });
+    }
+}
 
-    std::mt19937 rng(12345);
-    std::uniform_int_distribution<int> pauseUs(200, 2000);
-    std::vector<Sample> samples;
-    int failures = 0;
-    for (int i = 0; i < 2 * writes && failures < 10; ++i) {
-        std::this_thread::sleep_for(std::chrono::microseconds(pauseUs(rng)));
-        const bool isBit = i % 2 == 1;
-        adshost::Write w = isBit ? bit : word;
-        if (isBit)
-            w.data = {uint8_t(i / 2 % 2)};
-        else
-            w.data = {uint8_t(i), uint8_t(i >> 8)};
-        int64_t t0;
+/* Makes one write and waits (at most 2 s) for its accepted reply; false when none came. */
+bool writeAndWait(adshost::Session& host, const adshost::Write& w, bool isBit, Pending& pending,
+    const std::atomic<uint64_t>& replies, Sample& s)
+{
+    int64_t t0;
+    {
+        std::lock_guard<std::mutex> g(pending.lock);
+        pending.active = true;
+        pending.answered = false;
+        pending.reg = w.addr.reg;
+        pending.address = w.addr.address;  // the frame's variable: the word, or the bit's number
+        pending.repliesAtWrite = replies.load();
+        t0 = nowNs();
+    }
+    host.write(w);
+    const uint64_t repliesAfterWrite = replies.load();
+    const int64_t deadline = t0 + int64_t(2e9);
+    while (nowNs() < deadline) {
         {
             std::lock_guard<std::mutex> g(pending.lock);
-            pending.active = true;
-            pending.answered = false;
-            pending.reg = w.addr.reg;
-            pending.address = w.addr.address;  // the frame's variable: the word, or the bit's number
-            pending.repliesAtWrite = replies.load();
-            t0 = nowNs();
-        }
-        host.write(w);
-        const uint64_t repliesAfterWrite = replies.load();
-        const int64_t deadline = t0 + int64_t(2e9);
-        bool answered = false;
-        while (nowNs() < deadline) {
-            {
-                std::lock_guard<std::mutex> g(pending.lock);
-                if (pending.answered) {
-                    answered = true;
-                    Sample s;
-                    s.bit = isBit;
-                    s.us = double(pending.answeredNs - t0) / 1000.0;
-                    s.requestsFromCall = pending.repliesAtAnswer - pending.repliesAtWrite;
-                    // Answered before Session::write had returned (its thread was not
-                    // running): the moment of queueing is not known, the count from the call is
-                    // the bound.
-                    s.early = pending.repliesAtAnswer < repliesAfterWrite;
-                    s.requests = s.early ? s.requestsFromCall : pending.repliesAtAnswer - repliesAfterWrite;
-                    samples.push_back(s);
-                    pending.active = false;
-                    break;
-                }
+            if (pending.answered) {
+                s.bit = isBit;
+                s.us = double(pending.answeredNs - t0) / 1000.0;
+                s.requestsFromCall = pending.repliesAtAnswer - pending.repliesAtWrite;
+                // Answered before Session::write had returned (its thread was not
+                // running): the moment of queueing is not known, the count from the call is
+                // the bound.
+                s.early = pending.repliesAtAnswer < repliesAfterWrite;
+                s.requests = s.early ? s.requestsFromCall : pending.repliesAtAnswer - repliesAfterWrite;
+                pending.active = false;
+                return true;
             }
-            std::this_thread::sleep_for(std::chrono::microseconds(20));
         }
-        if (!answered) {
-            ++failures;
-            std::lock_guard<std::mutex> g(pending.lock);
-            pending.active = false;
-        }
+        std::this_thread::sleep_for(std::chrono::microseconds(20));
     }
-    stop = true;
-    poller.join();
-    const adshost::Stats st = host.stats();
-    host.disconnect();
-    const int status = sim.stop();
-    if (failures)
-        return fail(std::to_string(failures) + " writes got no accepted reply within 2 s");
+    std::lock_guard<std::mutex> g(pending.lock);
+    pending.active = false;
+    return false;
+}
 
-    std::printf("screen: %d addresses in %d read blocks; %d word and %d bit writes; median round trip %.3f ms\n",
-        addresses, host.blocks(), writes, writes, st.rttMedianMs);
+/* p50 / p99 / max of time and requests, per kind. */
+void printSummary(const std::vector<Sample>& samples)
+{
     for (int kind = 0; kind < 2; ++kind) {
         std::vector<double> us;
         std::vector<uint64_t> n, nc;
@@ -222,15 +186,80 @@ int main(int argc, char** argv)
             (unsigned long long)*std::max_element(n.begin(), n.end()), (unsigned long long)percentile(nc, 0.5),
             (unsigned long long)percentile(nc, 0.99), (unsigned long long)*std::max_element(nc.begin(), nc.end()), early);
     }
-    if (!samplesPath.empty()) {
-        FILE* f = std::fopen(samplesPath.c_str(), "w");
-        if (!f)
-            return fail("cannot write " + samplesPath);
-        std::fprintf(f, "# kind microseconds requests_after_queueing requests_from_the_call\n");
-        for (const Sample& s : samples)
-            std::fprintf(f, "%s %.1f %llu %llu\n", s.bit ? "bit" : "word", s.us, (unsigned long long)s.requests,
-                (unsigned long long)s.requestsFromCall);
-        std::fclose(f);
+}
+
+bool writeSamples(const std::string& path, const std::vector<Sample>& samples)
+{
+    FILE* f = std::fopen(path.c_str(), "w");
+    if (!f)
+        return false;
+    std::fprintf(f, "# kind microseconds requests_after_queueing requests_from_the_call\n");
+    for (const Sample& s : samples)
+        std::fprintf(f, "%s %.1f %llu %llu\n", s.bit ? "bit" : "word", s.us, (unsigned long long)s.requests,
+            (unsigned long long)s.requestsFromCall);
+    std::fclose(f);
+    return true;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    Options o;
+    const int rc = parseOptions(argc, argv, o);
+    if (rc >= 0)
+        return rc;
+
+    plcsim::Process sim;
+    if (!sim.start(o.plcsimPath, {"--listen", "127.0.0.1:0", "--no-program"}))
+        return fail("could not start " + o.plcsimPath + ": " + sim.error());
+
+    // Written outside the screen: a word and a bit.
+    const int wordAt = 4 * o.addresses + 64, bitByte = 4 * o.addresses + 96;
+    adshost::Write word, bit;
+    std::string why;
+    if (!adshost::parseWrite("M_W:" + std::to_string(wordAt) + "=0", word, why)
+        || !adshost::parseWrite("M_bit:" + std::to_string(bitByte) + ".3=0", bit, why))
+        return fail("write: " + why);
+    adshost::Session host;
+    if (!adsbench::openScreen(host, o.driverPath, sim.port(), o.addresses, why))
+        return fail(why);
+
+    Pending pending;
+    std::atomic<uint64_t> replies {0};  // replies handed to the driver
+    std::atomic<bool> stop {false};
+    std::thread poller([&] { poll(host, pending, replies, stop); });
+
+    std::mt19937 rng(12345);
+    std::uniform_int_distribution<int> pauseUs(200, 2000);
+    std::vector<Sample> samples;
+    int failures = 0;
+    for (int i = 0; i < 2 * o.writes && failures < 10; ++i) {
+        std::this_thread::sleep_for(std::chrono::microseconds(pauseUs(rng)));
+        const bool isBit = i % 2 == 1;
+        adshost::Write w = isBit ? bit : word;
+        if (isBit)
+            w.data = {uint8_t(i / 2 % 2)};
+        else
+            w.data = {uint8_t(i), uint8_t(i >> 8)};
+        Sample s;
+        if (writeAndWait(host, w, isBit, pending, replies, s))
+            samples.push_back(s);
+        else
+            ++failures;
     }
+    stop = true;
+    poller.join();
+    const adshost::Stats st = host.stats();
+    host.disconnect();
+    const int status = sim.stop();
+    if (failures)
+        return fail(std::to_string(failures) + " writes got no accepted reply within 2 s");
+
+    std::printf("screen: %d addresses in %d read blocks; %d word and %d bit writes; median round trip %.3f ms\n",
+        o.addresses, host.blocks(), o.writes, o.writes, st.rttMedianMs);
+    printSummary(samples);
+    if (!o.samplesPath.empty() && !writeSamples(o.samplesPath, samples))
+        return fail("cannot write " + o.samplesPath);
     return status == 0 ? 0 : fail("plcsim exit status " + std::to_string(status));
 }

@@ -1,8 +1,10 @@
 #include "adshost.h"
 
 #include "adstool/driver_plugin.h"
+#include "outcome_text.h"
 #include "pcap_writer.h"
 #include "text_util.h"
+#include "transport.h"
 
 #include "adstool/ads_errors.h"
 #include "adstool/deadline_io.h"
@@ -104,33 +106,34 @@ char areaOfGroup(uint32_t group)
 std::string netIdOf(const uint8_t* p) { return adstool::NetId::fromBytes(p).str(); }
 
 // The driver's register names and error texts are ASCII: copied without a UTF-8 temporary,
-// into storage the string already has.
+// into storage the string already has (a plain loop over raw pointers, which the compiler
+// vectorises).
 void assignText(std::string& out, const QString& s)
 {
-    const QChar* c = s.constData();
+    const ushort* c = s.utf16();
     const size_t n = size_t(s.size());
     out.resize(n);
+    char* o = &out[0];
     unsigned any = 0;
     for (size_t i = 0; i < n; ++i) {
-        const unsigned u = c[i].unicode();
-        any |= u;
-        out[i] = char(u);
+        any |= c[i];
+        o[i] = char(c[i]);
     }
     if (any > 0x7F)
         out = s.toStdString();
 }
 
-// Back to an empty exchange, keeping the storage of its strings and frame. Every field of
-// Exchange is set here (a test compares the result with a default Exchange).
-void resetExchange(Exchange& ex)
+// Back to an empty exchange, in two parts. Every field of Exchange is set by one of them (a
+// test compares the result with a default Exchange). A step that sends a frame resets only
+// the figures: describeFrame and handOver set the texts and the frame, and a text equal to
+// the last one is copied over itself without a change of size.
+void resetFigures(Exchange& ex)
 {
     ex.sent = 0;
     ex.result = -1;
-    ex.errorText.clear();
     ex.sendLen = 0;
     ex.commandId = 0;
     ex.readLen = 0;
-    ex.varReg.clear();
     ex.varAddress = ex.varLength = ex.varKind = 0;
     ex.replyBytes = 0;
     ex.recvChunks = 0;
@@ -140,9 +143,17 @@ void resetExchange(Exchange& ex)
     ex.purpose = 0;
     ex.codes = ReplyCodes();
     ex.targetPort = 0;
-    ex.sourceNetId.clear();
     ex.rttMs = 0;
+}
+
+// The texts and the frame, keeping their storage.
+const Exchange& clearTexts(Exchange& ex)
+{
+    ex.errorText.clear();
+    ex.varReg.clear();
+    ex.sourceNetId.clear();
     ex.frame.clear();
+    return ex;
 }
 
 }  // namespace
@@ -464,7 +475,7 @@ struct Session::Impl {
     void describeFrame(const FRAME_PRO& f, bool recipeWriteUp, bool recipeReadUp, Exchange& ex);
     void transmit(const FRAME_PRO& f, Exchange& ex);
     void handOver(Exchange& ex);
-    void account(Exchange& ex);
+    void account(const Exchange& ex);
     bool configureDriver(Session& self, std::string& why);
 
     Config cfg;
@@ -477,14 +488,10 @@ struct Session::Impl {
     int mode = 0;
     int blocks = 0;
 
-    int fd = -1;
-    uint16_t localPort = 0;
-    uint32_t localIp = 0, peerIp = 0;
     PcapWriter pcap;
+    Transport transport {cfg, pcap};
 
     std::atomic<bool> stop {false};
-    bool failedForGood = false;
-    std::string failure;
 
     std::mutex lock;  // guards what the callback and other threads touch below
     std::vector<Change> changes;
@@ -493,16 +500,24 @@ struct Session::Impl {
     std::vector<Exchange> history;
     size_t historyNext = 0;
     std::deque<std::string> errorTexts;
-    Stats stats;
+    Stats stats;  // requests, reconnects and stale bytes: the transport's counters
+    // Written by the polling thread only; read by loops on any thread without the lock.
+    std::atomic<uint64_t> fullRefreshCount {0};
     // The newest kMaxRttSamples round trips (a ring like history); min and max over all.
     std::vector<double> rtts;
     size_t rttNext = 0;
     double rttMin = 0, rttMax = 0;
     uint64_t rttCount = 0;
 
-    // Blocks read since the last full refresh (a screen has few blocks: a short list).
-    std::vector<std::tuple<std::string, int, int>> refreshSeen;
-    double pollStart = 0, pollSeconds = 0;
+    // The blocks of the screen read since the last full refresh (a screen has few blocks: a
+    // short list). A cyclic read is of a word register, whose index group names it, so a
+    // block is told by group, address and length.
+    struct Block {
+        uint32_t group;
+        int address, length;
+    };
+    std::vector<Block> refreshSeen;
+    double pollStart = 0;
     double pollEnd = 0;  // set when the session is closed: its figures' time stops
 
     // ---- what the host tells from the replies (guarded by `lock`)
@@ -525,8 +540,10 @@ struct Session::Impl {
     std::string plannedSourceNetId, plannedSourceAddress;  // as open() found them
     std::vector<uint8_t> inFlight;  // the frame the codes below belong to
     ReplyCodes frameCodes;          // the last codes of a reply to that frame
+    uint8_t lastReplyHead[6] = {};  // the first bytes of the last reply
+    size_t lastReplyHeadBytes = 0;
     // Per byte of I, Q and M: when it was last read from (or confirmed by) the PLC, and when
-    // the last attempt to read it failed; 0: never. Stamps come from stampUs() and grow
+    // the last attempt to read it failed; 0: never. Stamps come from stamp() and grow
     // strictly, so "failed after the last read" is a plain comparison. Allocated once per
     // area, never per request.
     // forgotAt: when the driver's cache stopped showing what the PLC was seen to hold (a
@@ -536,6 +553,7 @@ struct Session::Impl {
     };
     ByteTimes byteTimes[3];
     int64_t lastStamp = 0;
+    int64_t stepEndUs = 0;  // when the exchange of this step ended: the time of its stamps
     // The data of the last accepted reply to each condition read, with the stamp of its
     // bytes: what the PLC answered, which the driver's cache may no longer show (K28 in
     // docs/INTERNALS.md). One entry per condition read asked for.
@@ -547,12 +565,26 @@ struct Session::Impl {
     };
     std::vector<ConditionReply> conditionReplies;
 
+    // Reused every cycle (Session::step): the frame, the driver's error text, the exchange
+    // being filled, the reply's bytes, and the register's and source Net ID's texts (made
+    // again only when the driver's change).
+    std::unique_ptr<FRAME_PRO> frame {new FRAME_PRO()};
+    QString errorText;
+    Exchange current;
+    std::vector<uint8_t> reply;
+    QByteArray replyBytes;  // the reply as handed to the driver (its storage kept)
+    QString regName;        // the frame's register, its text, and its kind by the name's end
+    std::string regText;
+    bool regIsWord = false, regIsBit = false;
+    uint8_t sourceNetIdBytes[6] = {};
+    std::string sourceNetIdText;
+
     static int areaIndex(char area) { return area == 'I' ? 0 : area == 'Q' ? 1 : area == 'M' ? 2 : -1; }
 
-    int64_t stampUs()
+    // The step's time, made strictly growing.
+    int64_t stamp()
     {
-        const int64_t now = adstool::nowUs();
-        lastStamp = std::max(now, lastStamp + 1);
+        lastStamp = std::max(stepEndUs, lastStamp + 1);
         return lastStamp;
     }
 
@@ -570,10 +602,10 @@ struct Session::Impl {
             t.forgotAt.assign(65536 + 1024, 0);
         }
         std::vector<int64_t>& v = failed ? t.failedAt : t.readAt;
-        const int64_t stamp = stampUs();
+        const int64_t at = stamp();
         const long end = std::min(first + count, long(v.size()));
-        for (long b = first; b < end; ++b)
-            v[size_t(b)] = stamp;
+        if (end > first)
+            std::fill(v.data() + first, v.data() + end, at);
     }
     void markKnown(char area, long first, long count) { stampBytes(area, first, count, false); }
     // The cache no longer shows what the PLC holds in these bytes: not known until read again.
@@ -583,7 +615,7 @@ struct Session::Impl {
         if (i < 0 || count <= 0 || first < 0 || byteTimes[i].readAt.empty())
             return;
         std::vector<int64_t>& v = byteTimes[i].forgotAt;
-        std::fill(v.begin() + first, v.begin() + std::min(first + count, long(v.size())), stampUs());
+        std::fill(v.begin() + first, v.begin() + std::min(first + count, long(v.size())), stamp());
     }
     // Keeps the data of an accepted reply to a condition read asked for.
     void keepConditionReply(char area, long first, long count, const std::vector<uint8_t>& reply)
@@ -654,12 +686,13 @@ struct Session::Impl {
     // A cyclic read accepted: one more block of the screen seen; all seen is a full refresh.
     void countRefresh(const Exchange& ex)
     {
-        for (const auto& b : refreshSeen)
-            if (std::get<1>(b) == ex.varAddress && std::get<2>(b) == ex.varLength && std::get<0>(b) == ex.varReg)
+        const uint32_t group = ex.frame.size() >= 42 ? le32(&ex.frame[38]) : 0;
+        for (const Block& b : refreshSeen)
+            if (b.address == ex.varAddress && b.length == ex.varLength && b.group == group)
                 return;
-        refreshSeen.emplace_back(ex.varReg, ex.varAddress, ex.varLength);
+        refreshSeen.push_back(Block {group, ex.varAddress, ex.varLength});
         if (int(refreshSeen.size()) >= blocks) {
-            ++stats.fullRefreshes;
+            fullRefreshCount.store(fullRefreshCount.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
             refreshSeen.clear();
         }
     }
@@ -684,164 +717,57 @@ struct Session::Impl {
         r.a.why = why;
     }
 
-    static std::string noAnswerText(const std::string& source)
+    // The meaning of codes for the request of an exchange (under `lock`).
+    std::string meaning(const ReplyCodes& c, const Exchange& ex) const
     {
-        return "connected, but no answer: the PLC most likely has no route for this panel's AMS Net ID " + source
-            + "; add one on the PLC";
+        outcome::ReplyFacts f;
+        f.port = ex.targetPort;
+        f.source = ex.sourceNetId;
+        f.timedOut = ex.timedOut;
+        f.lost = ex.connectionLost;
+        f.replyBytes = ex.replyBytes;
+        f.addressed = ex.purpose != 'H';
+        f.anyReply = anyReply;
+        return outcome::meaning(cfg, c, f);
     }
 
-    // The meaning of a reply's codes with the likely fix; `port` is where the frame went.
-    std::string meaning(const ReplyCodes& c, int port, const std::string& source, bool timedOut, bool lost,
-        int replyBytes, bool addressed = true) const
+    // What a request on PLC bytes covers: the area and bytes [first, first + count) of the
+    // frame's index group, offset and length (reads and writes only).
+    struct Span {
+        bool known = false;
+        char area = '?';
+        long first = 0, count = 0;
+        long last() const { return first + count - 1; }
+    };
+    static Span spanOf(const Exchange& ex)
     {
-        if (c.header && c.amsError == 0x7)
-            return "AMS error 0x7 (target machine not found): the PLC's AMS Net ID is not " + cfg.netId
-                + ": check --netid";
-        if (c.header && c.amsError == 0x6)
-            return "AMS error 0x6 (target port not found): no ADS port " + std::to_string(port)
-                + " on the PLC: check --ams-port";
-        if (c.header && c.amsError != 0)
-            return codesText(c);
-        if (c.hasResult && c.adsResult != 0) {
-            std::string t = codesText(c);
-            if (!addressed)  // the handshake names no address of the user's
-                return t;
-            switch (c.adsResult) {
-            case 0x701:
-                return t + ": the PLC does not offer this request";
-            case 0x702:
-                return t + ": the PLC has no such area";
-            case 0x703:
-            case 0x705:
-                return t + ": the address lies beyond the PLC's area; check the address";
-            case 0x704:
-                return t + ": the PLC does not allow this access";
-            default:
-                return t;
-            }
+        Span s;
+        s.known = ex.frame.size() >= 50 && (ex.commandId == 2 || ex.commandId == 3);
+        if (s.known) {
+            s.area = areaOfGroup(le32(&ex.frame[38]));
+            s.first = long(le32(&ex.frame[42]));
+            s.count = long(le32(&ex.frame[46]));
         }
-        if (!anyReply && lost)
-            return "connected, but the PLC closed the connection without answering: it most likely has no route for "
-                   "this panel's AMS Net ID "
-                + source + "; add one on the PLC";
-        if (!anyReply)
-            return noAnswerText(source);
-        if (lost)
-            return "the PLC closed the connection";
-        if (timedOut && replyBytes == 0)
-            return "no answer within " + std::to_string(cfg.replyTimeoutMs) + " ms";
-        return "a reply of " + std::to_string(replyBytes) + " bytes, not the length the driver expects";
+        return s;
     }
 
-    // Bookkeeping after the driver has handled a reply (under `lock`).
-    void settle(const Exchange& ex, const std::vector<uint8_t>& reply, bool recipeWriteUp, bool recipeReadUp)
-    {
-        const ReplyCodes& fc = frameCodes;
-        // The meaning is text: made only for a failure, not for every accepted reply.
-        auto why = [&] {
-            return meaning(
-                fc, ex.targetPort, ex.sourceNetId, ex.timedOut, ex.connectionLost, ex.replyBytes, ex.purpose != 'H');
-        };
-        if (ex.purpose == 'H' && ex.result == 1)
-            handshakeDone = true;
-        const bool hasSpan = ex.frame.size() >= 50 && (ex.commandId == 2 || ex.commandId == 3);
-        const char area = hasSpan ? areaOfGroup(le32(&ex.frame[38])) : '?';
-        const long first = hasSpan ? long(le32(&ex.frame[42])) : 0;
-        const long count = hasSpan ? long(le32(&ex.frame[46])) : 0;
-        const long last = first + count - 1;
-        const bool valueRead = ex.purpose == 'R' || ex.purpose == 'C' || ex.purpose == 'r';
-        if (valueRead && ex.result == 1 && ex.codes.ok()) {
-            markKnown(area, first, count);
-            if (ex.purpose == 'C')
-                keepConditionReply(area, first, count, reply);
-        }
-        // Any request on the bytes that failed (rejected, timed out, given up, lost): what the
-        // driver's cache shows for them is no longer what the PLC was seen to hold (a write not
-        // confirmed shows the value written).
-        else if (hasSpan && ex.result != 1 && ex.result != 3)
-            stampBytes(area, first, count, true);
-        for (ActionRec& r : actionRecs) {
-            if (r.a.state != Action::Pending)
-                continue;
-            if (r.a.kind == "write" && (ex.purpose == 'W' || ex.purpose == 'B') && r.area == area && first <= r.last
-                && last >= r.first) {
-                if (ex.result == 2) {
-                    fail(r, fc,
-                        std::string(ex.purpose == 'B' ? "the read before the bit write was given up: "
-                                                      : "given up after the retry limit: ")
-                            + why());
-                } else if (ex.result == 1 && ex.purpose == 'W') {
-                    if (ex.codes.anyError()) {
-                        fail(r, ex.codes, "the PLC refused the write: " + why());
-                    } else if (ex.codes.ok() && ex.codes.hasResult) {
-                        r.a.codes = ex.codes;
-                        for (long b = std::max<long>(first, r.first); b <= std::min<long>(last, r.last); ++b)
-                            r.confirmed[size_t(b - r.first)] = true;
-                        if (std::find(r.confirmed.begin(), r.confirmed.end(), false) == r.confirmed.end())
-                            r.a.state = Action::Done;
-                    }
-                }
-            } else if ((r.a.kind == "recipe write" && ex.purpose == 'w')
-                || (r.a.kind == "recipe read" && ex.purpose == 'r')) {
-                if (ex.result == 2)
-                    fail(r, fc, "given up after the retry limit: " + why());
-                else if (ex.result == 1 && ex.codes.anyError())
-                    fail(r, ex.codes, "the PLC refused it: " + why());
-                else if (ex.codes.header)
-                    r.a.codes = ex.codes;
-                if (ex.result == 1 && ex.codes.ok())
-                    r.transferSeen = true;
-            }
-        }
-        if (ex.result == 1 && ex.purpose == 'W' && ex.codes.ok()) {
-            markKnown(area, first, count);
-            // Settling the write, the driver also gives the as many bytes after it their last
-            // written value (K28 in docs/INTERNALS.md): the PLC did not take them.
-            if (endsWith(ex.varReg, "_W"))
-                forgetBytes(area, first + count, count);
-        }
-        // A refused write: the driver's cache shows the value written, which the PLC never
-        // held; the value is not known until it is read again.
-        if (ex.result == 1 && ex.purpose == 'W' && ex.codes.anyError())
-            forgetBytes(area, first, count);
-        // A recipe transfer is over when the driver has lowered its flag after the PLC accepted
-        // its requests. The flag alone is not enough: it is still down between the action's
-        // start and the moment the host raises it.
-        for (ActionRec& r : actionRecs) {
-            if (r.a.state == Action::Pending && r.transferSeen
-                && ((r.a.kind == "recipe write" && !recipeWriteUp) || (r.a.kind == "recipe read" && !recipeReadUp)))
-                r.a.state = Action::Done;
-        }
-        if (fatal.kind == Fatal::None && notAms(ex)) {
-            fatal.kind = Fatal::NotAms;
-            fatal.message = "the answer is no AMS/TCP frame (" + std::to_string(ex.replyBytes)
-                + " bytes that do not start with an AMS/TCP header): is " + cfg.plcHost + ":"
-                + std::to_string(cfg.plcPort) + " an AMS/TCP port?";
-        }
-        forgetSettledActions();
-        if (ex.result == 2 && fatal.kind == Fatal::None) {
-            if (!handshakeDone && !anyReply) {
-                fatal.kind = Fatal::NoAnswer;
-                fatal.message = why();
-            } else if (fc.header && fc.amsError != 0) {
-                fatal.kind = Fatal::AmsError;
-                fatal.codes = fc;
-                fatal.message = why();
-            }
-        }
-    }
+    void settle(const Exchange& ex, const std::vector<uint8_t>& reply);
+    void settleBytes(const Exchange& ex, const Span& s, const std::vector<uint8_t>& reply);
+    void settleWrite(ActionRec& r, const Exchange& ex, const Span& s);
+    void settleTransfer(ActionRec& r, const Exchange& ex);
+    void finishTransfers();
+    void noteFatal(const Exchange& ex);
 
     // Whether the reply's first bytes are no AMS/TCP header: reserved bytes not zero, or a
     // length no AMS frame has.
     bool notAms(const Exchange& ex) const
     {
-        if (ex.replyBytes < 6 || lastReplyHead.size() < 6)
+        if (ex.replyBytes < 6 || lastReplyHeadBytes < 6)
             return false;
-        const uint8_t* h = lastReplyHead.data();
+        const uint8_t* h = lastReplyHead;
         const uint32_t len = le32(h + 2);
         return h[0] != 0 || h[1] != 0 || len < 32 || len > kMaxFrameBody;
     }
-    std::vector<uint8_t> lastReplyHead;  // the first 6 bytes of the last reply
 
     KEY_ADDRESS key(const Address& a) const
     {
@@ -854,217 +780,6 @@ struct Session::Impl {
         return k;
     }
 
-    void closeSocket(bool byHost)
-    {
-        if (fd >= 0) {
-            ::close(fd);
-            pcap.connectionClosed(byHost);
-        }
-        fd = -1;
-        localPort = 0;
-        owedReplies = 0;  // a new connection carries no old replies
-        pending.clear();
-    }
-
-    bool connectOnce(std::string& why)
-    {
-        closeSocket(true);
-        sockaddr_in a {};
-        a.sin_family = AF_INET;
-        a.sin_port = htons(cfg.plcPort);
-        if (inet_pton(AF_INET, cfg.plcHost.c_str(), &a.sin_addr) != 1) {
-            why = "PLC address '" + cfg.plcHost + "' is not an IPv4 address";
-            return false;
-        }
-        std::string err;
-        const int s = adstool::connectTcp(cfg.plcHost, cfg.plcPort, adstool::Deadline(cfg.connectTimeoutMs), &err);
-        if (s < 0) {
-            why = "cannot " + err;  // "cannot connect to HOST:PORT: Connection refused"
-            return false;
-        }
-        // Connected: from now on blocking, with the reply time-out on receiving, so that a
-        // reply costs one recv() as in the plainest client.
-        const int flags = ::fcntl(s, F_GETFL);
-        if (flags >= 0)
-            ::fcntl(s, F_SETFL, flags & ~O_NONBLOCK);
-        setReceiveTimeout(s, cfg.replyTimeoutMs);
-        timeval sendTimeout {cfg.replyTimeoutMs / 1000, (cfg.replyTimeoutMs % 1000) * 1000};
-        ::setsockopt(s, SOL_SOCKET, SO_SNDTIMEO, &sendTimeout, sizeof sendTimeout);
-        fd = s;
-        sockaddr_in local {};
-        socklen_t ll = sizeof local;
-        ::getsockname(s, reinterpret_cast<sockaddr*>(&local), &ll);
-        localPort = ntohs(local.sin_port);
-        localIp = ntohl(local.sin_addr.s_addr);
-        peerIp = ntohl(a.sin_addr.s_addr);
-        pcap.connectionOpened(localIp, localPort, peerIp, cfg.plcPort);
-        return true;
-    }
-
-    static void setReceiveTimeout(int s, int64_t ms)
-    {
-        if (ms < 1)
-            ms = 1;
-        timeval t {time_t(ms / 1000), suseconds_t((ms % 1000) * 1000)};
-        ::setsockopt(s, SOL_SOCKET, SO_RCVTIMEO, &t, sizeof t);
-    }
-
-    bool reconnect()
-    {
-        int backoff = cfg.reconnectBackoffMs;
-        std::string why;
-        for (int attempt = 0; attempt < cfg.reconnectAttempts && !stop; ++attempt) {
-            if (attempt > 0 || backoff > 0)
-                std::this_thread::sleep_for(std::chrono::milliseconds(backoff));
-            if (connectOnce(why)) {
-                std::lock_guard<std::mutex> g(lock);
-                ++stats.reconnects;
-                return true;
-            }
-            {
-                std::lock_guard<std::mutex> g(lock);
-                ++stats.failedReconnects;
-            }
-            // Each failed attempt is told: the attempts with their back-off take seconds.
-            if (cfg.notice)
-                cfg.notice("connecting again, attempt " + std::to_string(attempt + 1) + " of "
-                    + std::to_string(cfg.reconnectAttempts) + " failed: " + why);
-            backoff = std::min(backoff * 2, cfg.reconnectBackoffMaxMs);
-        }
-        failedForGood = true;
-        failure = "connection lost and not re-established after " + std::to_string(cfg.reconnectAttempts)
-            + " attempts: " + why;
-        return false;
-    }
-
-    // Bytes that arrived after a time-out belong to an old request.
-    // Bytes read past the end of the last reply; they belong to no request of ours.
-    std::vector<uint8_t> pending;
-    // Whether the stream may hold bytes of an older request (after a time-out, a lost
-    // connection or a rejected reply); only then is the socket drained before a send.
-    bool mayHaveStale = true;
-    std::unique_ptr<FRAME_PRO> frame {new FRAME_PRO()};
-    QString errorText;
-    // Reused every cycle (Session::step): the exchange handed out, the reply's bytes, and the
-    // source Net ID's text (made again only when the driver's bytes change).
-    Exchange current;
-    std::vector<uint8_t> reply;
-    QByteArray replyBytes;  // the reply as handed to the driver (its storage kept)
-    QString regName;        // the frame's register, and its text
-    std::string regText;
-    uint8_t sourceNetIdBytes[6] = {};
-    std::string sourceNetIdText;
-
-    // Replies the PLC still owes for requests that timed out on this connection. The driver
-    // matches a reply to its request by length alone, so a late reply must never reach it
-    // as the answer to a later request (a bit write would write back another byte's bits).
-    int owedReplies = 0;
-
-    // Before a new request: read and drop each owed reply, waiting at most the reply
-    // time-out for each. One that does not come (or a stream out of step) costs the
-    // connection: a new one carries no old replies.
-    void settleOwedReplies()
-    {
-        while (owedReplies > 0 && fd >= 0) {
-            std::vector<uint8_t> late;
-            Exchange scratch;
-            receive(late, scratch);
-            if (scratch.timedOut || scratch.connectionLost || late.size() <= 6) {
-                if (!late.empty())
-                    pcap.plcToHost(late.data(), late.size());
-                closeSocket(true);
-                break;
-            }
-            pcap.plcToHost(late.data(), late.size());
-            std::lock_guard<std::mutex> g(lock);
-            stats.staleBytes += uint64_t(late.size());
-            --owedReplies;
-        }
-        owedReplies = 0;
-    }
-
-    void drain()
-    {
-        if (!pending.empty()) {
-            pcap.plcToHost(pending.data(), pending.size());
-            std::lock_guard<std::mutex> g(lock);
-            stats.staleBytes += uint64_t(pending.size());
-            pending.clear();
-        }
-        if (fd < 0 || !mayHaveStale)
-            return;
-        mayHaveStale = false;
-        uint8_t buf[4096];
-        for (int guard = 0; guard < 1024; ++guard) {
-            const ssize_t n = ::recv(fd, buf, sizeof buf, MSG_DONTWAIT);
-            if (n > 0) {
-                pcap.plcToHost(buf, size_t(n));
-                std::lock_guard<std::mutex> g(lock);
-                stats.staleBytes += uint64_t(n);
-                continue;
-            }
-            if (n == 0)
-                closeSocket(false);  // the peer closed meanwhile
-            break;
-        }
-    }
-
-    bool sendFrame(const uint8_t* p, size_t len)
-    {
-        // One send() for the whole frame; the helper only waits when the send buffer is full.
-        return adstool::sendAll(fd, p, len, adstool::Deadline(cfg.replyTimeoutMs)) == adstool::IoStatus::Ok;
-    }
-
-    // Assembles one reply by the AMS/TCP length field and hands over exactly that frame;
-    // bytes read past it are kept aside and dropped before the next send. The socket is
-    // blocking with the reply time-out, so a reply usually costs a single recv().
-    void receive(std::vector<uint8_t>& buf, Exchange& ex)
-    {
-        const int64_t deadline = nowMs() + cfg.replyTimeoutMs;
-        size_t need = 6;
-        bool headerSeen = false;
-        bool shortened = false;  // the receive time-out was set to what is left
-        uint8_t chunk[4096];
-        while (buf.size() < need) {
-            const ssize_t n = ::recv(fd, chunk, sizeof chunk, 0);
-            if (n <= 0) {
-                if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) {
-                    const int64_t left = deadline - nowMs();
-                    if (left <= 0) {
-                        ex.timedOut = true;
-                        break;
-                    }
-                    setReceiveTimeout(fd, left);
-                    shortened = true;
-                    continue;
-                }
-                ex.connectionLost = true;
-                break;
-            }
-            buf.insert(buf.end(), chunk, chunk + n);
-            ++ex.recvChunks;
-            if (!headerSeen && buf.size() >= 6) {
-                headerSeen = true;
-                // Past kMaxFrameBody it is not a frame of ours: the header only is handed over.
-                need = adstool::amsFrameSize(buf.data(), kMaxFrameBody);
-            }
-            if (buf.size() < need && !shortened) {
-                // The rest of a split reply: wait only for what is left of the time-out.
-                setReceiveTimeout(fd, std::max<int64_t>(1, deadline - nowMs()));
-                shortened = true;
-            }
-        }
-        if (shortened && fd >= 0)
-            setReceiveTimeout(fd, cfg.replyTimeoutMs);
-        if (ex.timedOut || ex.connectionLost)
-            return;
-        if (buf.size() > need) {
-            pending.assign(buf.begin() + long(need), buf.end());
-            buf.resize(need);
-            mayHaveStale = true;
-        }
-    }
-
     void recipeFlags(bool& writeUp, bool& readUp)
     {
         QMutexLocker g(&hostMutex);
@@ -1072,6 +787,124 @@ struct Session::Impl {
         readUp = statusBlock[HOST_FLAG_RECIPE_READ] == 1;
     }
 };
+
+// Bookkeeping after the driver has handled a reply (under `lock`).
+void Session::Impl::settle(const Exchange& ex, const std::vector<uint8_t>& reply)
+{
+    if (ex.purpose == 'H' && ex.result == 1)
+        handshakeDone = true;
+    const Span s = spanOf(ex);
+    settleBytes(ex, s, reply);
+    for (ActionRec& r : actionRecs) {
+        if (r.a.state != Action::Pending)
+            continue;
+        if (r.a.kind == "write" && (ex.purpose == 'W' || ex.purpose == 'B') && r.area == s.area
+            && s.first <= r.last && s.last() >= r.first)
+            settleWrite(r, ex, s);
+        else if ((r.a.kind == "recipe write" && ex.purpose == 'w') || (r.a.kind == "recipe read" && ex.purpose == 'r'))
+            settleTransfer(r, ex);
+    }
+    finishTransfers();
+    if (fatal.kind == Fatal::None && notAms(ex)) {
+        fatal.kind = Fatal::NotAms;
+        fatal.message = outcome::notAms(cfg, ex.replyBytes);
+    }
+    forgetSettledActions();
+    noteFatal(ex);
+}
+
+// What the exchange tells of the PLC's bytes: read, confirmed, or no longer known.
+void Session::Impl::settleBytes(const Exchange& ex, const Span& s, const std::vector<uint8_t>& reply)
+{
+    const bool valueRead = ex.purpose == 'R' || ex.purpose == 'C' || ex.purpose == 'r';
+    if (valueRead && ex.result == 1 && ex.codes.ok()) {
+        markKnown(s.area, s.first, s.count);
+        if (ex.purpose == 'C')
+            keepConditionReply(s.area, s.first, s.count, reply);
+    }
+    // Any request on the bytes that failed (rejected, timed out, given up, lost): what the
+    // driver's cache shows for them is no longer what the PLC was seen to hold (a write not
+    // confirmed shows the value written).
+    else if (s.known && ex.result != 1 && ex.result != 3)
+        stampBytes(s.area, s.first, s.count, true);
+    if (ex.result == 1 && ex.purpose == 'W' && ex.codes.ok()) {
+        markKnown(s.area, s.first, s.count);
+        // Settling the write, the driver also gives the as many bytes after it their last
+        // written value (K28 in docs/INTERNALS.md): the PLC did not take them.
+        if (endsWith(ex.varReg, "_W"))
+            forgetBytes(s.area, s.first + s.count, s.count);
+    }
+    // A refused write: the driver's cache shows the value written, which the PLC never
+    // held; the value is not known until it is read again.
+    if (ex.result == 1 && ex.purpose == 'W' && ex.codes.anyError())
+        forgetBytes(s.area, s.first, s.count);
+}
+
+// A write's frame (or the read before a bit write) on the write's bytes.
+void Session::Impl::settleWrite(ActionRec& r, const Exchange& ex, const Span& s)
+{
+    if (ex.result == 2) {
+        const std::string why = meaning(frameCodes, ex);
+        fail(r, frameCodes, ex.purpose == 'B' ? outcome::bitReadGivenUp(why) : outcome::givenUp(why));
+    } else if (ex.result == 1 && ex.purpose == 'W') {
+        if (ex.codes.anyError()) {
+            fail(r, ex.codes, outcome::writeRefused(meaning(frameCodes, ex)));
+        } else if (ex.codes.ok() && ex.codes.hasResult) {
+            r.a.codes = ex.codes;
+            for (long b = std::max<long>(s.first, r.first); b <= std::min<long>(s.last(), r.last); ++b)
+                r.confirmed[size_t(b - r.first)] = true;
+            if (std::find(r.confirmed.begin(), r.confirmed.end(), false) == r.confirmed.end())
+                r.a.state = Action::Done;
+        }
+    }
+}
+
+// A recipe transfer's request answered or given up.
+void Session::Impl::settleTransfer(ActionRec& r, const Exchange& ex)
+{
+    if (ex.result == 2)
+        fail(r, frameCodes, outcome::givenUp(meaning(frameCodes, ex)));
+    else if (ex.result == 1 && ex.codes.anyError())
+        fail(r, ex.codes, outcome::transferRefused(meaning(frameCodes, ex)));
+    else if (ex.codes.header)
+        r.a.codes = ex.codes;
+    if (ex.result == 1 && ex.codes.ok())
+        r.transferSeen = true;
+}
+
+// A recipe transfer is over when the driver has lowered its flag after the PLC accepted its
+// requests. The flag alone is not enough: it is still down between the action's start and
+// the moment the host raises it. The flags are read only while such a transfer waits (the
+// host's mutex is a leaf: the driver holds it only to read or lower a flag).
+void Session::Impl::finishTransfers()
+{
+    bool flagsRead = false, writeUp = false, readUp = false;
+    for (ActionRec& r : actionRecs) {
+        if (r.a.state != Action::Pending || !r.transferSeen)
+            continue;
+        if (!flagsRead) {
+            recipeFlags(writeUp, readUp);
+            flagsRead = true;
+        }
+        if ((r.a.kind == "recipe write" && !writeUp) || (r.a.kind == "recipe read" && !readUp))
+            r.a.state = Action::Done;
+    }
+}
+
+// A give-up that tells the session cannot go on: no answer at all, or an AMS error.
+void Session::Impl::noteFatal(const Exchange& ex)
+{
+    if (ex.result != 2 || fatal.kind != Fatal::None)
+        return;
+    if (!handshakeDone && !anyReply) {
+        fatal.kind = Fatal::NoAnswer;
+        fatal.message = meaning(frameCodes, ex);
+    } else if (frameCodes.header && frameCodes.amsError != 0) {
+        fatal.kind = Fatal::AmsError;
+        fatal.codes = frameCodes;
+        fatal.message = meaning(frameCodes, ex);
+    }
+}
 
 Session::Session() : d(new Impl) { }
 
@@ -1199,26 +1032,26 @@ bool Session::connect(std::string& why)
         why = "session not open";
         return false;
     }
-    return d->connectOnce(why);
+    return d->transport.connect(why);
 }
 
-bool Session::connected() const { return d->fd >= 0; }
+bool Session::connected() const { return d->transport.connected(); }
 
 void Session::disconnect()
 {
     if (d) {
         if (d->pollStart > 0 && d->pollEnd == 0)
             d->pollEnd = nowSeconds();
-        d->closeSocket(true);
+        d->transport.close(true);
         d->pcap.close();
     }
 }
 
 void Session::requestStop() { d->stop = true; }
-bool Session::failedForGood() const { return d->failedForGood; }
-const std::string& Session::failure() const { return d->failure; }
+bool Session::failedForGood() const { return d->transport.failedForGood(); }
+const std::string& Session::failure() const { return d->transport.failure(); }
 int Session::blocks() const { return d->blocks; }
-int Session::localPort() const { return d->localPort; }
+int Session::localPort() const { return d->transport.localPort(); }
 
 std::string Session::driverVersion()
 {
@@ -1304,13 +1137,15 @@ void Session::Impl::describeFrame(const FRAME_PRO& f, bool recipeWriteUp, bool r
     if (!f.var.regName.isSharedWith(regName) || regName.isEmpty()) {  // the driver's table: shared
         regName = f.var.regName;
         assignText(regText, regName);
+        regIsWord = endsWith(regText, "_W");
+        regIsBit = endsWith(regText, "_bit");
     }
     ex.varReg = regText;
     ex.varAddress = f.var.address;
     ex.varLength = f.var.length;
     ex.varKind = f.var.kind;
     ex.frame.assign(f.frame, f.frame + ex.sendLen);
-    ex.cyclicRead = f.readLen > 0 && f.var.kind == 4 && !recipeUp && endsWith(ex.varReg, "_W");
+    ex.cyclicRead = f.readLen > 0 && f.var.kind == 4 && !recipeUp && regIsWord;
     ex.targetPort = f.frame[12] | f.frame[13] << 8;
     if (sourceNetIdText.empty() || std::memcmp(sourceNetIdBytes, f.frame + 14, 6) != 0) {
         std::memcpy(sourceNetIdBytes, f.frame + 14, 6);
@@ -1325,7 +1160,7 @@ void Session::Impl::describeFrame(const FRAME_PRO& f, bool recipeWriteUp, bool r
         ex.purpose = 'r';
     else if (ex.commandId == 2 && f.var.kind == 4 && !recipeUp)
         ex.purpose = 'R';
-    else if (ex.commandId == 2 && endsWith(ex.varReg, "_bit") && f.var.kind == cfg.writeMode)
+    else if (ex.commandId == 2 && regIsBit && f.var.kind == cfg.writeMode)
         ex.purpose = 'B';
     else if (ex.commandId == 2)
         ex.purpose = 'C';
@@ -1334,34 +1169,16 @@ void Session::Impl::describeFrame(const FRAME_PRO& f, bool recipeWriteUp, bool r
 // Sends the frame and receives its reply into `reply`; the round trip when one came.
 void Session::Impl::transmit(const FRAME_PRO& f, Exchange& ex)
 {
-    drain();
-    reply.clear();
-    const double t0 = nowSeconds();
-    if (fd < 0) {
-        ex.connectionLost = true;
-    } else if (!sendFrame(f.frame, size_t(ex.sendLen))) {
-        ex.connectionLost = true;
-    } else {
-        pcap.hostToPlc(f.frame, size_t(ex.sendLen));
-        {
-            std::lock_guard<std::mutex> g(lock);
-            ++stats.requests;
-        }
-        receive(reply, ex);
-        if (!reply.empty())
-            pcap.plcToHost(reply.data(), reply.size());
-    }
-    const double t1 = nowSeconds();
-    if (!ex.timedOut && !ex.connectionLost)
-        ex.rttMs = (t1 - t0) * 1000.0;
-
+    stepEndUs = transport.request(f.frame, size_t(ex.sendLen), reply, ex) / 1000;
     // What the reply says, read from its bytes before the driver sees it (the driver's
     // callback for a condition read settles that action with these codes).
     ex.codes = decodeReply(reply.data(), reply.size());
     std::lock_guard<std::mutex> g(lock);
     if (!reply.empty())
         anyReply = true;
-    lastReplyHead.assign(reply.begin(), reply.begin() + long(std::min<size_t>(reply.size(), 6)));
+    lastReplyHeadBytes = std::min<size_t>(reply.size(), sizeof lastReplyHead);
+    if (lastReplyHeadBytes > 0)
+        std::memcpy(lastReplyHead, reply.data(), lastReplyHeadBytes);
     if (sourceNetId != ex.sourceNetId)
         sourceNetId = ex.sourceNetId;
     if (ex.frame != inFlight) {
@@ -1384,27 +1201,14 @@ void Session::Impl::handOver(Exchange& ex)
     ex.replyBytes = int(reply.size());
     ex.result = plugin.dealRcvFrame(bytes, errorText);  // errorText kept: the driver writes into the same storage
     assignText(ex.errorText, errorText);
-    if (ex.result != 1 || ex.timedOut || ex.connectionLost)
-        mayHaveStale = true;
-    if (ex.connectionLost) {
-        closeSocket(false);
-    } else if (ex.timedOut) {
-        // Nothing came: the reply may still come, and is owed. Part of a reply came: the
-        // stream cannot be trusted any more; start a new connection.
-        if (reply.empty())
-            ++owedReplies;
-        else
-            closeSocket(true);
-    }
+    transport.replyHandled(ex, ex.result == 1, !reply.empty());
 }
 
-// The actions the exchange settles, and the figures.
-void Session::Impl::account(Exchange& ex)
+// The actions the exchange settles, the figures, and the history.
+void Session::Impl::account(const Exchange& ex)
 {
-    bool writeStillUp = false, readStillUp = false;
-    recipeFlags(writeStillUp, readStillUp);
     std::lock_guard<std::mutex> g(lock);
-    settle(ex, reply, writeStillUp, readStillUp);
+    settle(ex, reply);
     if (ex.result >= 0 && ex.result <= 8)
         ++stats.results[ex.result];
     if (ex.timedOut)
@@ -1427,14 +1231,14 @@ const Exchange& Session::step()
 {
     Impl& s = *d;
     Exchange& ex = s.current;
-    resetExchange(ex);
+    resetFigures(ex);
     if (!s.opened)
-        return ex;
-    if (s.fd < 0 && !s.reconnect())
-        return ex;
-    s.settleOwedReplies();
-    if (s.fd < 0 && !s.reconnect())
-        return ex;
+        return clearTexts(ex);
+    if (!s.transport.connected() && !s.transport.reconnect(s.stop))
+        return clearTexts(ex);
+    s.transport.settleOwedReplies();
+    if (!s.transport.connected() && !s.transport.reconnect(s.stop))
+        return clearTexts(ex);
     if (s.pollStart == 0)
         s.pollStart = nowSeconds();
 
@@ -1444,34 +1248,32 @@ const Exchange& Session::step()
     ex.sent = s.plugin.getSendFrame(frame);
     if (ex.sent != 1) {
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
-        s.pollSeconds = nowSeconds() - s.pollStart;
-        return ex;
+        return clearTexts(ex);
     }
     s.describeFrame(*frame, recipeWriteUp, recipeReadUp, ex);
     s.transmit(*frame, ex);
     s.handOver(ex);
     s.account(ex);
-    s.pollSeconds = nowSeconds() - s.pollStart;
     return ex;
 }
 
 bool Session::run(uint64_t cycles, int ms, const std::function<bool()>& until)
 {
-    const int64_t deadline = ms > 0 ? nowMs() + ms : 0;
+    const int64_t start = nowMs();
+    const int64_t deadline = ms > 0 ? start + ms : 0;
     // Without any limit a run would never end; one hour is the outer bound.
-    const int64_t hardDeadline = nowMs() + 3600 * 1000;
+    const int64_t hardDeadline = start + 3600 * 1000;
     uint64_t done = 0;
     while (!d->stop) {
         if (cycles > 0 && done >= cycles)
             break;
-        if (deadline > 0 && nowMs() >= deadline)
-            break;
-        if (nowMs() >= hardDeadline)
+        const int64_t now = nowMs();  // one clock reading per cycle
+        if ((deadline > 0 && now >= deadline) || now >= hardDeadline)
             break;
         if (until && until())
             break;
         step();
-        if (d->failedForGood)
+        if (d->transport.failedForGood())
             return false;
         ++done;
     }
@@ -1574,7 +1376,7 @@ Action Session::action(int id)
         Action a;
         a.id = id;
         a.state = Action::Failed;
-        a.why = "settled long ago; its outcome is no longer known";
+        a.why = outcome::settledLongAgo();
         return a;
     }
     const Impl::ActionRec* r = d->actionById(id);
@@ -1602,7 +1404,7 @@ bool Session::answered()
     return d->anyReply;
 }
 
-std::string Session::noAnswerText() { return Impl::noAnswerText(d->sourceNetId); }
+std::string Session::noAnswerText() { return outcome::noAnswer(d->sourceNetId); }
 
 bool Session::handshakeDone()
 {
@@ -1681,9 +1483,7 @@ std::string Session::explain(const Exchange& ex)
     if (!c.header && ex.result == 2)
         c = d->frameCodes;
     const std::string what = ex.errorText.empty() ? std::string("(handshake)") : ex.errorText;
-    return what + ": "
-        + d->meaning(
-            c, ex.targetPort, ex.sourceNetId, ex.timedOut, ex.connectionLost, ex.replyBytes, ex.purpose != 'H');
+    return what + ": " + d->meaning(c, ex);
 }
 
 bool Session::captureLimitReached() const { return d->pcap.limitReached(); }
@@ -1701,9 +1501,11 @@ void Session::onChange(int context, int keyNo, const std::string& text, int addr
                 r.a.state = Action::Done;
                 r.a.codes = d->frameCodes;
             } else {
-                d->fail(r, d->frameCodes,
-                    "given up after the retry limit: "
-                        + d->meaning(d->frameCodes, d->cfg.amsPort, d->sourceNetId, false, false, 0));
+                outcome::ReplyFacts f;
+                f.port = d->cfg.amsPort;
+                f.source = d->sourceNetId;
+                f.anyReply = d->anyReply;
+                d->fail(r, d->frameCodes, outcome::givenUp(outcome::meaning(d->cfg, d->frameCodes, f)));
             }
             break;
         }
@@ -1740,28 +1542,29 @@ Stats Session::stats()
 {
     std::lock_guard<std::mutex> g(d->lock);
     Stats st = d->stats;
+    const Transport::Counters& c = d->transport.counters();
+    st.requests = c.requests.load();
+    st.reconnects = c.reconnects.load();
+    st.failedReconnects = c.failedReconnects.load();
+    st.staleBytes = c.staleBytes.load();
+    st.fullRefreshes = d->fullRefreshCount.load();
     st.seconds = d->pollStart > 0 ? (d->pollEnd > 0 ? d->pollEnd : nowSeconds()) - d->pollStart : 0;
     st.rttSamples = d->rttCount;
     if (!d->rtts.empty()) {
+        // The median without sorting all samples: the middle one, and for an even count the
+        // largest of the lower half as well.
         std::vector<double> v = d->rtts;
-        std::sort(v.begin(), v.end());
+        const auto mid = v.begin() + long(v.size() / 2);
+        std::nth_element(v.begin(), mid, v.end());
         st.rttMinMs = d->rttMin;
         st.rttMaxMs = d->rttMax;
-        st.rttMedianMs = v.size() % 2 ? v[v.size() / 2] : (v[v.size() / 2 - 1] + v[v.size() / 2]) / 2;
+        st.rttMedianMs = v.size() % 2 ? *mid : (*std::max_element(v.begin(), mid) + *mid) / 2;
     }
     return st;
 }
 
-uint64_t Session::requestsSent()
-{
-    std::lock_guard<std::mutex> g(d->lock);
-    return d->stats.requests;
-}
+uint64_t Session::requestsSent() { return d->transport.counters().requests.load(); }
 
-uint64_t Session::fullRefreshes()
-{
-    std::lock_guard<std::mutex> g(d->lock);
-    return d->stats.fullRefreshes;
-}
+uint64_t Session::fullRefreshes() { return d->fullRefreshCount.load(std::memory_order_relaxed); }
 
 }  // namespace adshost
