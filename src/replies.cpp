@@ -126,7 +126,8 @@ void storeReadBytes(const ReplyBytes& bytes, int readLen, int dataStart, int key
         unsigned char newByte = bytes.at(static_cast<long long>(dataStart) + j);
         if (constUnitAt(position).value[0] == newByte) {
             int available = 0;
-            const unsigned char* run = bytes.from(static_cast<long long>(dataStart) + j + 1, readLen - j - 1, available);
+            const unsigned char* run
+                = bytes.from(static_cast<long long>(dataStart) + j + 1, readLen - j - 1, available);
             j += units.skipEqual(wrapAdd(address, j + 1), run, available);
             continue;
         }

@@ -218,8 +218,8 @@ const RequestKind kRequestKinds[] = {
         finishWrite},
     {kFrameConditionRead, &Protocol::conditionReadList, 2, 0, chooseQueued, buildRead, settleRead, settleNothing,
         settleNothing, finishConditionRead},
-    {kFrameCyclicRead, &Protocol::readList, 0, 0, chooseCyclicRead, buildRead, settleRead, settleNothing,
-        settleNothing, finishCyclicRead},
+    {kFrameCyclicRead, &Protocol::readList, 0, 0, chooseCyclicRead, buildRead, settleRead, settleNothing, settleNothing,
+        finishCyclicRead},
     {kFrameNone, 0, 0, 0, chooseIdle, buildNothing, settleRead, settleNothing, settleNothing, finishNothing},
 };
 

@@ -54,8 +54,9 @@ TEST_F(RequestKinds, AreAskedHandshakeRecipeWriteRecipeReadWriteConditionReadCyc
     std::vector<int> order;
     for (int i = 0; i < drv::kRequestKindCount; ++i)
         order.push_back(drv::kRequestKinds[i].number);
-    EXPECT_EQ(order, (std::vector<int> {kFrameHandshake, kFrameRecipeWrite, kFrameRecipeRead, kFrameWrite,
-                         kFrameConditionRead, kFrameCyclicRead, kFrameNone}));
+    EXPECT_EQ(order,
+        (std::vector<int> {kFrameHandshake, kFrameRecipeWrite, kFrameRecipeRead, kFrameWrite, kFrameConditionRead,
+            kFrameCyclicRead, kFrameNone}));
 }
 
 TEST_F(RequestKinds, WritesAndConditionReadsShareTheTurnCountWithTheirOwnLimits)
