@@ -86,7 +86,8 @@ enum FrameKind {
     kFrameConditionRead = 3,
     kFrameCyclicRead = 4,
     kFrameRecipeWrite = 5,
-    kFrameRecipeRead = 6
+    kFrameRecipeRead = 6,
+    kFrameKindCount = 7
 };
 
 /* Whole-record copies with one memcpy per buffer. The assignments the compiler writes
@@ -98,7 +99,10 @@ inline void copyVariable(VARIABLE& to, const VARIABLE& from)
         return;
     to.kind = from.kind;
     to.keyNo = from.keyNo;
-    to.regName = from.regName;
+    /* The polling cycle copies the same name from record to record: no reference count
+     * to move when both already hold it. */
+    if (!to.regName.isSharedWith(from.regName))
+        to.regName = from.regName;
     to.address = from.address;
     to.length = from.length;
     memcpy(to.data, from.data, sizeof(to.data));
@@ -466,15 +470,18 @@ struct RequestKind {
     void (*finish)(const RequestKind& self, RequestOutcome outcome);
 };
 
-/* The rows in the order they are asked for the next turn; the last (the idle kind) always
+/* The rows by number: kRequestKinds[n].number is n. */
+extern const RequestKind kRequestKinds[kFrameKindCount];
+/* The rows in the order they are asked for the next turn; the last, the idle kind, always
  * takes it. */
-extern const RequestKind kRequestKinds[];
-extern const int kRequestKindCount;
-/* The row numbered `number`; the idle kind's for a number no row has. */
-const RequestKind& requestKindOf(int number);
+extern const RequestKind* const kChoosingOrder[kFrameKindCount];
 
-/* Reads the recipe request flags under the host's mutex (never with ours held). */
-HostFlags readHostFlags();
+/* The row numbered `number`; the idle kind's for a number no row has. */
+inline const RequestKind& requestKindOf(int number)
+{
+    return kRequestKinds[static_cast<unsigned int>(number) < static_cast<unsigned int>(kFrameKindCount) ? number
+                                                                                                        : kFrameNone];
+}
 
 /* Queues `v` on a request queue (writeList, conditionReadList; the caller holds the
  * driver's lock): in place of the last waiting entry for the same item, else at the end,
@@ -483,8 +490,9 @@ HostFlags readHostFlags();
 void queueRequest(QList<VARIABLE>& queue, const VARIABLE& v);
 
 /* Reply handling the kinds call (replies.cpp). */
-/* The bytes a read brought, into the cache, with their change reports. */
-void storeReadBytes(const ReplyBytes& bytes, int readLen, int dataStart, int keyNo, const QString& regName, int address);
+/* The bytes a read of `var` brought, into the cache, with their change reports: the settling
+ * of every read. */
+void storeReadBytes(const ReplyBytes& bytes, int readLen, int dataStart, const VARIABLE& var);
 /* The read half of a bit write came back: the bits to write, set into the bytes read, go
  * into the write frame queued behind it. */
 void completeBitWrite(const ReplyBytes& reply, int readLen, int dataStart, const VARIABLE& var);

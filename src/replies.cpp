@@ -113,14 +113,15 @@ namespace drv {
 
 /* Every register addresses bytes, one cached unit per reply byte; a changed byte is
  * reported at once. An unchanged byte's unit is followed by the units after it in the list
- * as long as they hold the next bytes unchanged, without a look-up each. The variable's
- * fields are taken by value: it may be the frame in flight, and a callback may end that
+ * as long as they hold the next bytes unchanged, without a look-up each. The variable is read
+ * before the first report: it may be the frame in flight, and a callback may end that
  * frame. */
-void storeReadBytes(const ReplyBytes& bytes, int readLen, int dataStart, int keyNo, const QString& regName, int address)
+void storeReadBytes(const ReplyBytes& bytes, int readLen, int dataStart, const VARIABLE& var)
 {
+    const int address = var.address;
     DriverLock lock;
     Reports r;
-    ConsecutiveUnits units(keyNo, areaNameIdOfRegister(regName));
+    ConsecutiveUnits units(var.keyNo, areaNameIdOfRegister(var.regName));
     for (int j = 0; j < readLen; ++j) {
         int position = units.next(wrapAdd(address, j));
         unsigned char newByte = bytes.at(static_cast<long long>(dataStart) + j);
@@ -224,8 +225,10 @@ int intf_dealRcvFrame(QByteArray& reply, QString& errorText)
     }
     writeErrorText(static_cast<int>(reply.size()), errorText);
     const RequestKind& kind = requestKindOf(driver.curFrameKind);
+    /* The check looks at the length alone (INTERNALS.md K21): an empty list, not a copy of
+     * curReadList, is handed to it. */
     int r = check_rcv_data(
-        reinterpret_cast<unsigned char*>(const_cast<char*>(reply.constData())), driver.curReadList, reply.size());
+        reinterpret_cast<unsigned char*>(const_cast<char*>(reply.constData())), QList<VARIABLE>(), reply.size());
     if (r == 1) {
         driver.commFailed = 0;
         const FRAME_PRO& head = headOf(driver.frameList);

@@ -35,12 +35,6 @@ void buildRead()
     driver.framesBuilt = getReadFrame(driver.curReadList);
 }
 
-/* The bytes of a read into the cache. */
-void settleRead(const ReplyBytes& reply, int readLen, int dataStart, const VARIABLE& var)
-{
-    storeReadBytes(reply, readLen, dataStart, var.keyNo, var.regName, var.address);
-}
-
 void clearHostFlag(int position)
 {
     if (!driver.hostStatusBlock)
@@ -80,7 +74,7 @@ void settleRecipeRead(const ReplyBytes& reply, int readLen, int dataStart, const
 {
     /* Noted before the cache's reports, whose callbacks may change the recipe lists. */
     RecipeSpan span = recipeSpanOfCurrentBlock();
-    settleRead(reply, readLen, dataStart, var);
+    storeReadBytes(reply, readLen, dataStart, var);
     copyRecipeBytes(reply, dataStart, span);
 }
 
@@ -119,7 +113,7 @@ void settleWriteData(const ReplyBytes& reply, int readLen, int dataStart, const 
     if (ruleOf(var.regName).kind == kBitRegister)
         completeBitWrite(reply, readLen, dataStart, var);
     else
-        settleRead(reply, readLen, dataStart, var);
+        storeReadBytes(reply, readLen, dataStart, var);
 }
 
 /* Whatever the reply's ADS result (INTERNALS.md K21). */
@@ -205,47 +199,33 @@ KindChoice chooseIdle(const RequestKind&, const HostFlags&)
 
 namespace drv {
 
-/* In the order they are asked for the next turn. */
-const RequestKind kRequestKinds[] = {
-    {kFrameHandshake, 0, 0, 0, chooseHandshake, handShakeFrame, settleRead, settleNothing, settleNothing,
+/* By number. */
+const RequestKind kRequestKinds[kFrameKindCount] = {
+    {kFrameNone, 0, 0, 0, chooseIdle, buildNothing, storeReadBytes, settleNothing, settleNothing, finishNothing},
+    {kFrameHandshake, 0, 0, 0, chooseHandshake, handShakeFrame, storeReadBytes, settleNothing, settleNothing,
         finishNothing},
-    {kFrameRecipeWrite, 0, 0, HOST_FLAG_RECIPE_WRITE, chooseRecipeBlock, buildWrite, settleRead, settleNothing,
-        settleNothing, finishRecipeBlock},
-    {kFrameRecipeRead, 0, 0, HOST_FLAG_RECIPE_READ, chooseRecipeBlock, buildRead, settleRecipeRead, settleNothing,
-        settleNothing, finishRecipeBlock},
     /* At most 10 writes in a row, then at most 3 condition reads (the count is shared). */
     {kFrameWrite, &Protocol::writeList, 9, 0, chooseQueued, buildWrite, settleWriteData, settleWriteAck, giveUpWrite,
         finishWrite},
-    {kFrameConditionRead, &Protocol::conditionReadList, 2, 0, chooseQueued, buildRead, settleRead, settleNothing,
+    {kFrameConditionRead, &Protocol::conditionReadList, 2, 0, chooseQueued, buildRead, storeReadBytes, settleNothing,
         settleNothing, finishConditionRead},
-    {kFrameCyclicRead, &Protocol::readList, 0, 0, chooseCyclicRead, buildRead, settleRead, settleNothing, settleNothing,
-        finishCyclicRead},
-    {kFrameNone, 0, 0, 0, chooseIdle, buildNothing, settleRead, settleNothing, settleNothing, finishNothing},
+    {kFrameCyclicRead, &Protocol::readList, 0, 0, chooseCyclicRead, buildRead, storeReadBytes, settleNothing,
+        settleNothing, finishCyclicRead},
+    {kFrameRecipeWrite, 0, 0, HOST_FLAG_RECIPE_WRITE, chooseRecipeBlock, buildWrite, storeReadBytes, settleNothing,
+        settleNothing, finishRecipeBlock},
+    {kFrameRecipeRead, 0, 0, HOST_FLAG_RECIPE_READ, chooseRecipeBlock, buildRead, settleRecipeRead, settleNothing,
+        settleNothing, finishRecipeBlock},
 };
 
-const int kRequestKindCount = static_cast<int>(sizeof(kRequestKinds) / sizeof(kRequestKinds[0]));
-
-const RequestKind& requestKindOf(int number)
-{
-    for (int i = 0; i < kRequestKindCount - 1; ++i)
-        if (kRequestKinds[i].number == number)
-            return kRequestKinds[i];
-    return kRequestKinds[kRequestKindCount - 1];
-}
-
-HostFlags readHostFlags()
-{
-    HostFlags flags = {0, 0};
-    if (!driver.hostStatusBlock)
-        return flags;
-    if (driver.hostMutex)
-        driver.hostMutex->lock();
-    flags.recipeWrite = driver.hostStatusBlock[HOST_FLAG_RECIPE_WRITE];
-    flags.recipeRead = driver.hostStatusBlock[HOST_FLAG_RECIPE_READ];
-    if (driver.hostMutex)
-        driver.hostMutex->unlock();
-    return flags;
-}
+const RequestKind* const kChoosingOrder[kFrameKindCount] = {
+    &kRequestKinds[kFrameHandshake],
+    &kRequestKinds[kFrameRecipeWrite],
+    &kRequestKinds[kFrameRecipeRead],
+    &kRequestKinds[kFrameWrite],
+    &kRequestKinds[kFrameConditionRead],
+    &kRequestKinds[kFrameCyclicRead],
+    &kRequestKinds[kFrameNone],
+};
 
 void queueRequest(QList<VARIABLE>& queue, const VARIABLE& v)
 {

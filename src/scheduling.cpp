@@ -17,6 +17,21 @@ void dealListWhenFinish()
 
 namespace {
 
+/* Reads the recipe request flags under the host's mutex (never with ours held). */
+HostFlags readHostFlags()
+{
+    HostFlags flags = {0, 0};
+    if (!driver.hostStatusBlock)
+        return flags;
+    if (driver.hostMutex)
+        driver.hostMutex->lock();
+    flags.recipeWrite = driver.hostStatusBlock[HOST_FLAG_RECIPE_WRITE];
+    flags.recipeRead = driver.hostStatusBlock[HOST_FLAG_RECIPE_READ];
+    if (driver.hostMutex)
+        driver.hostMutex->unlock();
+    return flags;
+}
+
 bool copyHead(FRAME_PRO* out)
 {
     if (driver.frameList.isEmpty())
@@ -28,16 +43,17 @@ bool copyHead(FRAME_PRO* out)
 /* Asks the kinds in their order for the next request and builds its frames. */
 void startNextRequest(const HostFlags& flags)
 {
-    const RequestKind* chosen = &kRequestKinds[kRequestKindCount - 1];
+    const RequestKind* chosen = &kRequestKinds[kFrameNone];
     KindChoice choice = kTakeTurn;
     {
         /* The host's other thread may be queueing writes and condition reads right now: the
          * queues are looked at, and a head copied, under one hold of the lock. */
         DriverLock lock;
-        for (int i = 0; i < kRequestKindCount; ++i) {
-            choice = kRequestKinds[i].choose(kRequestKinds[i], flags);
+        for (int i = 0; i < kFrameKindCount; ++i) {
+            const RequestKind& kind = *kChoosingOrder[i];
+            choice = kind.choose(kind, flags);
             if (choice != kPassTurn) {
-                chosen = &kRequestKinds[i];
+                chosen = &kind;
                 break;
             }
         }

@@ -52,8 +52,8 @@ TEST_F(RequestKinds, ANumberOfNoKindFindsTheIdleRow)
 TEST_F(RequestKinds, AreAskedHandshakeRecipeWriteRecipeReadWriteConditionReadCyclicReadThenIdle)
 {
     std::vector<int> order;
-    for (int i = 0; i < drv::kRequestKindCount; ++i)
-        order.push_back(drv::kRequestKinds[i].number);
+    for (int i = 0; i < kFrameKindCount; ++i)
+        order.push_back(drv::kChoosingOrder[i]->number);
     EXPECT_EQ(order,
         (std::vector<int> {kFrameHandshake, kFrameRecipeWrite, kFrameRecipeRead, kFrameWrite, kFrameConditionRead,
             kFrameCyclicRead, kFrameNone}));
