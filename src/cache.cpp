@@ -75,12 +75,14 @@ int areaNameIdOfRegister(const QString& regName) { return driver.dataAreaIndex.a
 
 /* ------------------------------------------------------------------ the index */
 
-CacheIndex::CacheIndex() : duplicates_(false) { }
+CacheIndex::CacheIndex() : duplicates_(false), lastKeyNo_(0), lastAreaId_(-1), lastAddress_(0) { }
 
 void CacheIndex::clear()
 {
     positions_.clear();
     duplicates_ = false;
+    continues_.clear();
+    lastAreaId_ = -1;
 }
 
 int CacheIndex::areaId(const QString& name)
@@ -123,6 +125,32 @@ int CacheIndex::find(int keyNo, int areaId, int address) const
 void CacheIndex::insert(int keyNo, int areaId, int address, int position)
 {
     positions_.insert(keyOf(keyNo, areaId, address), position);
+    noteAppended(keyNo, areaId, address, position);
+}
+
+int CacheIndex::continuingUnits(int position, int count) const
+{
+    if (position <= 0 || position >= continues_.size() || count <= 0)
+        return 0;
+    if (count > continues_.size() - position)
+        count = continues_.size() - position;
+    const char* from = continues_.constData() + position;
+    const void* stop = memchr(from, 0, static_cast<size_t>(count));
+    return stop ? static_cast<int>(static_cast<const char*>(stop) - from) : count;
+}
+
+/* The list grows only at its end, so whether a unit continues the one before it is known
+ * when it is appended and stays true until the list is emptied. */
+void CacheIndex::noteAppended(int keyNo, int areaId, int address, int position)
+{
+    const bool continues = position == continues_.size() && lastAreaId_ >= 0 && keyNo == lastKeyNo_
+        && areaId == lastAreaId_ && address == wrapAdd(lastAddress_, 1);
+    if (position != continues_.size())
+        continues_.resize(position);
+    continues_.append(continues ? 1 : 0);
+    lastKeyNo_ = keyNo;
+    lastAreaId_ = areaId;
+    lastAddress_ = address;
 }
 
 void CacheIndex::rebuild(const QList<_DATA_>& list)
@@ -130,11 +158,13 @@ void CacheIndex::rebuild(const QList<_DATA_>& list)
     clear();
     for (int i = 0; i < list.size(); ++i) {
         const _DATA_& d = list.at(i);
-        DATA_AREA_KEY k = keyOf(d.keyNo, areaId(d.areaName), d.address);
+        const int id = areaId(d.areaName);
+        DATA_AREA_KEY k = keyOf(d.keyNo, id, d.address);
         if (positions_.contains(k))
             duplicates_ = true;
         else
             positions_.insert(k, i);
+        noteAppended(d.keyNo, id, d.address, i);
     }
 }
 

@@ -295,25 +295,25 @@ public:
         return previous_ = findOrCreateArea(keyNo_, nameId_, address);
     }
     /* Passes over the units that follow the last one next() returned in the list as long as
-     * they hold address, address + 1, ... (at most `count`) and the values bytes[0],
-     * bytes[1], ...: the units next() would return for those addresses while the list does
-     * not change, compared without a look-up each. Returns how many were passed. */
+     * each continues the one before it (the index knows: same key and area, the next
+     * address; so they hold address, address + 1, ...) and they hold the values bytes[0],
+     * bytes[1], ... (at most `count`): the units next() would return for those addresses,
+     * compared without a look-up each. Returns how many were passed. */
     int skipEqual(int address, const unsigned char* bytes, int count)
     {
+        (void)address;  // implied: the run continues the unit next() returned for address - 1
         if (!hint_ || previous_ < 0)
             return 0;
         int first = previous_ + 1;
         int available = driver.dataAreaList.size() - first;
         if (count > available)
             count = available;
+        count = driver.dataAreaIndex.continuingUnits(first, count);
         QList<_DATA_>::const_iterator it = driver.dataAreaList.constBegin() + first;
-        unsigned int expected = static_cast<unsigned int>(address);
         int n = 0;
-        for (; n < count; ++n, ++it, ++expected) {
-            const _DATA_& d = *it;
-            if (d.value[0] != bytes[n] || d.address != static_cast<int>(expected) || d.keyNo != keyNo_
-                || !d.areaName.isSharedWith(name_))
-                break;
+        while (n < count && (*it).value[0] == bytes[n]) {
+            ++n;
+            ++it;
         }
         previous_ += n;
         return n;

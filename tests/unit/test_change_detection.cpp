@@ -203,3 +203,25 @@ TEST_F(ChangeDetection, BitUnitReportsItselfWhenMonitored)
 }
 
 }  // namespace
+
+// A read passes over runs of unchanged bytes without looking each unit up: only units the
+// cache holds one after another for consecutive addresses may be passed over. Here the
+// units of M 2..4 come after the unit of M 5 in the cache, and byte 2 changes to the value
+// byte 5 holds.
+TEST_F(ChangeDetection, AReadOverUnitsCachedOutOfAddressOrderComparesEachByteWithItsOwnUnit)
+{
+    for (int address : {0, 1, 5, 2, 3, 4})
+        idx(M, address);
+    ASSERT_TRUE(h->handshake());
+    h->addrMerge({Host::key(1, M_W, 0, 3)});
+    h->plc.setBytes(kMemory, 0, {1, 2, 3, 4, 5, 6});
+    ASSERT_EQ(h->cycle(), 1);
+    for (int address = 0; address < 6; ++address)
+        EXPECT_EQ(at(M, address).value[0], address + 1) << "M " << address;
+
+    h->plc.setBytes(kMemory, 2, {6});
+    h->clearReports();
+    ASSERT_EQ(h->cycle(), 1);
+    EXPECT_EQ(at(M, 2).value[0], 6);
+    EXPECT_EQ(h->reports, (std::vector<Report> {r(M_W, 2)}));
+}
