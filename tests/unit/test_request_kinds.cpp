@@ -13,7 +13,7 @@ using namespace adstest;
 
 namespace {
 
-class RequestKinds : public HostTest {
+class RequestKinds : public DriverTest {
 protected:
     static VARIABLE item(int keyNo, int address, int length, unsigned char firstByte = 0)
     {
