@@ -305,23 +305,11 @@ void storeWrittenBitInByte(int keyNo, int nameId, int unit, int bit, bool on)
     d.writeFlag = 1;
 }
 
-/* Queues one write, coalescing with a queued write of the same item. The head is the
- * write in flight and is never replaced (INTERNALS.md K19). */
+/* Queues one write, coalescing with a queued write of the same item (INTERNALS.md K19). */
 void queueWrite(const VARIABLE& v)
 {
     DriverLock lock;
-    QList<VARIABLE>& list = driver.writeList;
-    for (int i = list.size() - 1; i >= 1; --i) {
-        const VARIABLE& q = list.at(i);
-        if (q.keyNo == v.keyNo && q.regName == v.regName && q.address == v.address && q.length == v.length) {
-            list[i] = v;
-            return;
-        }
-    }
-    if (list.size() > kMaxQueued)
-        list[kMaxQueued] = v;
-    else
-        list.append(v);
+    queueRequest(driver.writeList, v);
 }
 
 }  // namespace

@@ -200,9 +200,8 @@ inline QString wordNameBehind(const QString& regName, RegisterRow row)
 inline bool keyCountsBits(const KEY_ADDRESS& key) { return key.unitMark == -1; }
 inline int keyDataBytesPerUnit(const KEY_ADDRESS& key) { return keyCountsBits(key) ? 1 : kWordBytes; }
 
-/* The kinds of request in flight (Protocol::curFrameKind). intf_getSendFrame sets the kind
- * when it builds a request; dealListWhenFinish moves the kind's queue on when the request
- * is answered or given up; intf_initProperty resets it to kFrameNone. */
+/* The numbers of the request kinds (Protocol::curFrameKind); each kind is one row of the
+ * table in request_kinds.cpp (drv::RequestKind below). */
 enum FrameKind {
     kFrameNone = 0,
     kFrameHandshake = 1,
@@ -210,7 +209,8 @@ enum FrameKind {
     kFrameConditionRead = 3,
     kFrameCyclicRead = 4,
     kFrameRecipeWrite = 5,
-    kFrameRecipeRead = 6
+    kFrameRecipeRead = 6,
+    kFrameKindCount = 7
 };
 
 /* Whole-record copies with one memcpy per buffer. The assignments the compiler writes
@@ -222,7 +222,10 @@ inline void copyVariable(VARIABLE& to, const VARIABLE& from)
         return;
     to.kind = from.kind;
     to.keyNo = from.keyNo;
-    to.regName = from.regName;
+    /* The polling cycle copies the same name from record to record: no reference count
+     * to move when both already hold it. */
+    if (!to.regName.isSharedWith(from.regName))
+        to.regName = from.regName;
     to.address = from.address;
     to.length = from.length;
     memcpy(to.data, from.data, sizeof(to.data));
@@ -507,6 +510,113 @@ void collectByteReports(
 void collectWordReports(const _DATA_& d, const int* oldValue, const int* newValue, int noBits, Reports& r);
 void collectDwordReports(const _DATA_& d, const int* oldValue, const int* newValue, int noBits, Reports& r);
 void collectBitReports(const _DATA_& d, Reports& r);
+
+/* ------------------------------------------------------------------ request kinds (request_kinds.cpp)
+ * What each kind of request does, in one row per kind: how it is chosen for the next turn,
+ * how its frames are built, how a reply settles it, what giving it up undoes and how its
+ * queue moves on when it ends. intf_getSendFrame walks the rows to choose (scheduling.cpp);
+ * intf_dealRcvFrame calls the row of the request in flight (replies.cpp) and passes on how
+ * the request ended. INTERNALS.md, The request state machine. */
+
+/* Reply bytes; those beyond the end of the reply read as 0. */
+class ReplyBytes {
+public:
+    explicit ReplyBytes(const QByteArray& reply)
+        : data_(reinterpret_cast<const unsigned char*>(reply.constData())), size_(reply.size())
+    {
+    }
+    unsigned char at(long long pos) const { return (pos >= 0 && pos < size_) ? data_[pos] : 0; }
+    /* The bytes from pos on that lie inside the reply, at most `count`: their start, and
+     * their number in `available` (0 when pos is outside). */
+    const unsigned char* from(long long pos, int count, int& available) const
+    {
+        available = 0;
+        if (pos < 0 || pos >= size_ || count <= 0)
+            return data_;
+        long long left = size_ - pos;
+        available = left < count ? static_cast<int>(left) : count;
+        return data_ + pos;
+    }
+
+private:
+    const unsigned char* data_;
+    long long size_;
+};
+
+/* How a request ended: its last frame answered, or given up at the retry limit. */
+enum RequestOutcome { kRequestAnswered, kRequestGivenUp };
+
+/* A kind's answer when asked for the next turn. */
+enum KindChoice {
+    kPassTurn,       /* nothing of this kind now: ask the next row */
+    kTakeTurn,       /* curVar holds this kind's next request: it becomes the kind in flight */
+    kRepeatLastKind  /* this kind's turn with nothing left to send: build the request of the
+                      * kind last in flight again from curVar */
+};
+
+/* The recipe request flags of the host's status block, read once per turn. */
+struct HostFlags {
+    unsigned char recipeWrite;
+    unsigned char recipeRead;
+    /* The flag at a status byte: HOST_FLAG_RECIPE_WRITE or HOST_FLAG_RECIPE_READ. */
+    unsigned char at(int position) const { return position == HOST_FLAG_RECIPE_WRITE ? recipeWrite : recipeRead; }
+};
+
+struct RequestKind {
+    FrameKind number; /* curFrameKind while it is in flight */
+    /* The kind's own state, read by its functions: */
+    QList<VARIABLE> Protocol::*queue; /* the queue it serves, or 0 */
+    int turnLimit;                    /* writes and condition reads: taken while priorityCount <= this */
+    int hostFlag;                     /* recipe kinds: the status byte that asks for it; else 0 */
+
+    /* Runs with the driver's lock held; may copy the request into curVar. */
+    KindChoice (*choose)(const RequestKind& self, const HostFlags& flags);
+    /* Appends the frames of curVar to frameList. */
+    void (*build)();
+    /* A reply that brought data for `var` (the frame in flight, or a caller's variable). */
+    void (*settleData)(const ReplyBytes& reply, int readLen, int dataStart, const VARIABLE& var);
+    /* A reply that acknowledged the frame in flight, whose variable is `var`. */
+    void (*settleAck)(const VARIABLE& var);
+    /* The retry limit was reached on the frame in flight, whose variable is `var`. */
+    void (*giveUp)(const VARIABLE& var);
+    /* The request ended: its queue moves on. */
+    void (*finish)(const RequestKind& self, RequestOutcome outcome);
+};
+
+/* The rows by number: kRequestKinds[n].number is n. */
+extern const RequestKind kRequestKinds[kFrameKindCount];
+/* The rows in the order they are asked for the next turn; the last, the idle kind, always
+ * takes it. */
+extern const RequestKind* const kChoosingOrder[kFrameKindCount];
+
+/* The row numbered `number`; the idle kind's for a number no row has. */
+inline const RequestKind& requestKindOf(int number)
+{
+    return kRequestKinds[static_cast<unsigned int>(number) < static_cast<unsigned int>(kFrameKindCount) ? number
+                                                                                                        : kFrameNone];
+}
+
+/* Queues `v` on a request queue (writeList, conditionReadList; the caller holds the
+ * driver's lock): in place of the last waiting entry for the same item, else at the end,
+ * or in place of entry 512 when the queue is full. The head is in flight and never
+ * replaced (INTERNALS.md K19, K20). */
+void queueRequest(QList<VARIABLE>& queue, const VARIABLE& v);
+
+/* Reply handling the kinds call (replies.cpp). */
+/* The bytes a read of `var` brought, into the cache, with their change reports: the settling
+ * of every read. */
+void storeReadBytes(const ReplyBytes& bytes, int readLen, int dataStart, const VARIABLE& var);
+/* The read half of a bit write came back: the bits to write, set into the bytes read, go
+ * into the write frame queued behind it. */
+void completeBitWrite(const ReplyBytes& reply, int readLen, int dataStart, const VARIABLE& var);
+/* The recipe variables [from, to) of rcpVarList the current recipe block serves. */
+struct RecipeSpan {
+    int from;
+    int to;
+};
+RecipeSpan recipeSpanOfCurrentBlock();
+/* A recipe block's bytes into the host's recipe buffer, each byte reported as "RWI". */
+void copyRecipeBytes(const ReplyBytes& bytes, int dataStart, const RecipeSpan& span);
 
 /* ------------------------------------------------------------------ planning (planning.cpp) */
 

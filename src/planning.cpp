@@ -334,26 +334,8 @@ int intf_addConditionRead(KEY_ADDRESS* key, int kind)
         v.regName = REG_LIST[row];
         v.address = pieceAddress;
         v.length = wrapMul(pieceLength, rule.stepsPerItem());
-
-        QList<VARIABLE>& list = driver.conditionReadList;
-        bool refreshed = false;
-        if (!list.isEmpty()) {
-            /* The head is being served and is never compared (INTERNALS.md K19). */
-            for (int i = list.size() - 1; i >= 1; --i) {
-                const VARIABLE& q = list.at(i);
-                if (q.keyNo == v.keyNo && q.regName == v.regName && q.address == v.address && q.length == v.length) {
-                    list[i] = v;
-                    refreshed = true;
-                    break;
-                }
-            }
-        }
-        if (!refreshed) {
-            if (list.size() <= kMaxQueued)
-                list.append(v);
-            else
-                list[kMaxQueued] = v;
-        }
+        /* The head is being served and is never refreshed (INTERNALS.md K19). */
+        queueRequest(driver.conditionReadList, v);
         copyVariable(driver.lastVar, v);
     }
     return 1;

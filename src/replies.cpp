@@ -51,48 +51,22 @@ QString getErrorInfo(QByteArray reply)
     return QString::fromLatin1(buf, n);
 }
 
-namespace {
-void storeReply(const QByteArray& reply, int readLen, int dataStart, const VARIABLE& var);
-}  // namespace
-
 int dealReadFrameReturnSaveData(QByteArray reply)
 {
     if (driver.frameList.isEmpty())
         return 0;
     const FRAME_PRO& head = headOf(driver.frameList);
-    storeReply(reply, head.readLen, head.dataStart, head.var);
+    requestKindOf(driver.curFrameKind).settleData(ReplyBytes(reply), head.readLen, head.dataStart, head.var);
     return 0;
 }
 
-namespace {
+void analyzeFrameOfVal(QByteArray reply, int readLen, int dataStart, VARIABLE var)
+{
+    requestKindOf(driver.curFrameKind).settleData(ReplyBytes(reply), readLen, dataStart, var);
+}
 
-/* Reply bytes beyond the end of the reply read as 0. */
-class ReplyBytes {
-public:
-    explicit ReplyBytes(const QByteArray& reply)
-        : data_(reinterpret_cast<const unsigned char*>(reply.constData())), size_(reply.size())
-    {
-    }
-    unsigned char at(long long pos) const { return (pos >= 0 && pos < size_) ? data_[pos] : 0; }
-    /* The bytes from pos on that lie inside the reply, at most `count`: their start, and
-     * their number in `available` (0 when pos is outside). */
-    const unsigned char* from(long long pos, int count, int& available) const
-    {
-        available = 0;
-        if (pos < 0 || pos >= size_ || count <= 0)
-            return data_;
-        long long left = size_ - pos;
-        available = left < count ? static_cast<int>(left) : count;
-        return data_ + pos;
-    }
+namespace drv {
 
-private:
-    const unsigned char* data_;
-    long long size_;
-};
-
-/* The first half of a bit write came back: set or clear the bits to write in the bytes
- * read, and put them into the write frame queued behind it. */
 void completeBitWrite(const ReplyBytes& reply, int readLen, int dataStart, const VARIABLE& var)
 {
     unsigned char bytes[kBufferSize];
@@ -121,6 +95,10 @@ void completeBitWrite(const ReplyBytes& reply, int readLen, int dataStart, const
     memcpy(write.frame + write.dataStart, bytes, static_cast<size_t>(n < room ? n : room));
 }
 
+}  // namespace drv
+
+namespace {
+
 /* A read value differs from the cache: a pending bit write keeps showing the written
  * value; otherwise the host is shown the value read. */
 void applyWriteFlagRule(_DATA_& d)
@@ -129,22 +107,28 @@ void applyWriteFlagRule(_DATA_& d)
         d.writeFlag = 0;
 }
 
-/* The bytes a read brought, into the cache: every register addresses bytes, one cached
- * unit per reply byte; a changed byte is reported at once. An unchanged byte's unit is
- * followed by the units after it in the list as long as they hold the next bytes unchanged,
- * without a look-up each. The variable's fields are taken by value: it may be the frame in
- * flight, and a callback may end that frame. */
-void storeReadBytes(const ReplyBytes& bytes, int readLen, int dataStart, int keyNo, const QString& regName, int address)
+}  // namespace
+
+namespace drv {
+
+/* Every register addresses bytes, one cached unit per reply byte; a changed byte is
+ * reported at once. An unchanged byte's unit is followed by the units after it in the list
+ * as long as they hold the next bytes unchanged, without a look-up each. The variable is read
+ * before the first report: it may be the frame in flight, and a callback may end that
+ * frame. */
+void storeReadBytes(const ReplyBytes& bytes, int readLen, int dataStart, const VARIABLE& var)
 {
+    const int address = var.address;
     DriverLock lock;
     Reports r;
-    ConsecutiveUnits units(keyNo, areaNameIdOfRegister(regName));
+    ConsecutiveUnits units(var.keyNo, areaNameIdOfRegister(var.regName));
     for (int j = 0; j < readLen; ++j) {
         int position = units.next(wrapAdd(address, j));
         unsigned char newByte = bytes.at(static_cast<long long>(dataStart) + j);
         if (constUnitAt(position).value[0] == newByte) {
             int available = 0;
-            const unsigned char* run = bytes.from(static_cast<long long>(dataStart) + j + 1, readLen - j - 1, available);
+            const unsigned char* run
+                = bytes.from(static_cast<long long>(dataStart) + j + 1, readLen - j - 1, available);
             j += units.skipEqual(wrapAdd(address, j + 1), run, available);
             continue;
         }
@@ -157,47 +141,27 @@ void storeReadBytes(const ReplyBytes& bytes, int readLen, int dataStart, int key
     }
 }
 
-}  // namespace
-
-void analyzeFrameOfVal(QByteArray reply, int readLen, int dataStart, VARIABLE var)
+RecipeSpan recipeSpanOfCurrentBlock()
 {
-    storeReply(reply, readLen, dataStart, var);
+    RecipeSpan span = {0, 0};
+    int blocks = driver.rcpBlockStartList.size();
+    int idx = driver.rcpIndex;
+    if (idx >= 0 && idx < blocks) {
+        int vars = driver.rcpVarList.size();
+        span.from = clampInt(driver.rcpBlockStartList.at(idx), 0, vars);
+        span.to = clampInt(idx == blocks - 1 ? vars : driver.rcpBlockStartList.at(idx + 1), 0, vars);
+    }
+    return span;
 }
 
-namespace {
-
-/* analyzeFrameOfVal without copying the reply's array and the 1 KiB variable. Nothing of
- * `var` is read after the first change report. */
-void storeReply(const QByteArray& reply, int readLen, int dataStart, const VARIABLE& var)
+/* Each byte is reported, so each word twice (INTERNALS.md K15). */
+void copyRecipeBytes(const ReplyBytes& bytes, int dataStart, const RecipeSpan& span)
 {
-    ReplyBytes bytes(reply);
-
-    /* The recipe variables a recipe read serves, noted before anything else. */
-    int recipeFrom = 0;
-    int recipeTo = 0;
-    if (driver.curFrameKind == kFrameRecipeRead) {
-        int blocks = driver.rcpBlockStartList.size();
-        int idx = driver.rcpIndex;
-        if (idx >= 0 && idx < blocks) {
-            int vars = driver.rcpVarList.size();
-            recipeFrom = clampInt(driver.rcpBlockStartList.at(idx), 0, vars);
-            recipeTo = clampInt(idx == blocks - 1 ? vars : driver.rcpBlockStartList.at(idx + 1), 0, vars);
-        }
-    }
-
-    if (driver.curFrameKind == kFrameWrite && ruleOf(var.regName).kind == kBitRegister) {
-        completeBitWrite(bytes, readLen, dataStart, var);
-        return;
-    }
-    storeReadBytes(bytes, readLen, dataStart, var.keyNo, var.regName, var.address);
-
-    /* Recipe read: after the cache, copy each variable's bytes into the host's recipe
-     * buffer and report each byte, so each word twice (INTERNALS.md K15). */
-    if (recipeFrom >= recipeTo || !driver.rcpBuffer)
+    if (span.from >= span.to || !driver.rcpBuffer)
         return;
     static const QString recipeText = QString::fromLatin1("RWI");
-    int firstAddress = driver.rcpVarList.at(recipeFrom).address;
-    for (int e = recipeFrom; e < recipeTo; ++e) {
+    int firstAddress = driver.rcpVarList.at(span.from).address;
+    for (int e = span.from; e < span.to; ++e) {
         const _RCP_VAR_PRO item = driver.rcpVarList.at(e);
         long long bytesOfItem = static_cast<long long>(kWordBytes) * item.length;
         for (long long j = 0; j < bytesOfItem; ++j) {
@@ -213,18 +177,16 @@ void storeReply(const QByteArray& reply, int readLen, int dataStart, const VARIA
     }
 }
 
-}  // namespace
+}  // namespace drv
 
-int intf_dealRcvFrame(QByteArray& reply, QString& errorText)
+namespace {
+
+/* The same text getErrorInfo() gives, written into the host's string in place so that a
+ * host that keeps its string reuses its storage. */
+void writeErrorText(int replySize, QString& errorText)
 {
-    if (driver.frameList.isEmpty()) {
-        errorText = QString();
-        return 0;
-    }
-    /* The same text getErrorInfo() gives, written into the host's string in place so that
-     * a host that keeps its string reuses its storage. */
     char text[kErrorTextSize];
-    int textLength = formatErrorInfo(static_cast<int>(reply.size()), text);
+    int textLength = formatErrorInfo(replySize, text);
     /* Room for the longest text, marked as reserved: Qt 4 would otherwise give the buffer back
      * whenever a text is less than half as long as the buffer, and take a new one for the next
      * longer text (twice per round of the read list when block addresses differ in digits).
@@ -235,39 +197,56 @@ int intf_dealRcvFrame(QByteArray& reply, QString& errorText)
     QChar* out = textLength > 0 ? errorText.data() : 0;
     for (int i = 0; i < textLength; ++i)
         out[i] = QLatin1Char(text[i]);
+}
+
+/* A rejected reply: the frame is sent again, or at the retry limit the request is given up
+ * and its kind finishes it as such. commFailed is set for those who read the field; the
+ * driver itself passes the outcome on. */
+int retryOrGiveUp(const RequestKind& kind)
+{
+    driver.errorCount += 1;
+    if (driver.errorCount < driver.initParam3)
+        return 8;
+    driver.commFailed = 1;
+    kind.giveUp(headOf(driver.frameList).var);
+    removeAllFrames(); /* a queued write of a bit write goes with it */
+    driver.errorCount = 0;
+    kind.finish(kind, kRequestGivenUp);
+    return 2;
+}
+
+}  // namespace
+
+int intf_dealRcvFrame(QByteArray& reply, QString& errorText)
+{
+    if (driver.frameList.isEmpty()) {
+        errorText = QString();
+        return 0;
+    }
+    writeErrorText(static_cast<int>(reply.size()), errorText);
+    const RequestKind& kind = requestKindOf(driver.curFrameKind);
+    /* The check looks at the length alone (INTERNALS.md K21): an empty list, not a copy of
+     * curReadList, is handed to it. */
     int r = check_rcv_data(
-        reinterpret_cast<unsigned char*>(const_cast<char*>(reply.constData())), driver.curReadList, reply.size());
+        reinterpret_cast<unsigned char*>(const_cast<char*>(reply.constData())), QList<VARIABLE>(), reply.size());
     if (r == 1) {
         driver.commFailed = 0;
-        dealReadFrameReturnSaveData(reply);
+        const FRAME_PRO& head = headOf(driver.frameList);
+        kind.settleData(ReplyBytes(reply), head.readLen, head.dataStart, head.var);
     } else if (r == 2) {
-        if (driver.curFrameKind == kFrameWrite) {
-            const VARIABLE& v = driver.frameList.first().var;
-            _write_FailOrSuc(v.keyNo, v.regName, v.address, v.length, 1);
-        }
+        kind.settleAck(headOf(driver.frameList).var);
         /* A reply that fills the host's buffer may go on: keep the frame and wait (INTERNALS.md K18). */
         if (reply.size() == kBufferSize)
             return 3;
         driver.commFailed = 0;
     } else if (r == 0) {
-        driver.errorCount += 1;
-        if (driver.errorCount < driver.initParam3)
-            return 8;
-        driver.commFailed = 1;
-        if (driver.curFrameKind == kFrameWrite) {
-            const VARIABLE v = driver.frameList.first().var;
-            _write_FailOrSuc(v.keyNo, v.regName, v.address, v.length, 0);
-        }
-        removeAllFrames(); /* a queued write of a bit write goes with it */
-        driver.errorCount = 0;
-        dealListWhenFinish();
-        return 2;
+        return retryOrGiveUp(kind);
     } else {
         return 0;
     }
     removeHeadFrame();
     if (driver.frameList.isEmpty())
-        dealListWhenFinish();
+        kind.finish(kind, kRequestAnswered);
     driver.errorCount = 0;
     return 1;
 }

@@ -2,8 +2,8 @@
  * Service module: the driver object, the register table and address syntax, the
  * configuration entry points (initialisation, parameters, property page) and multi-copy.
  * The other entry points live with their subsystems, in the order a value travels:
- * planning.cpp (merge), scheduling.cpp (schedule), replies.cpp (reply), cache.cpp (cache),
- * reports.cpp (report). INTERNALS.md describes how they meet.
+ * planning.cpp (merge), scheduling.cpp and request_kinds.cpp (schedule), replies.cpp (reply),
+ * cache.cpp (cache), reports.cpp (report). INTERNALS.md describes how they meet.
  */
 #include "ads_ethernet.h"
 #include "driver_private.h"

@@ -98,31 +98,19 @@ private:
     uint16_t port_ = 0;
 };
 
-class Simulator {
+// plcsim without its PLC program; the UDP service's counters and routes over its control port.
+class Simulator : public adstest::PlcsimProcess {
 public:
     bool start(const std::vector<std::string>& extra)
     {
-        std::vector<std::string> args = {"--listen", "127.0.0.1:0", "--control", "127.0.0.1:0", "--no-program"};
+        std::vector<std::string> args = {"--no-program"};
         args.insert(args.end(), extra.begin(), extra.end());
-        if (!proc.start(PLCSIM_EXE, args)) {
-            ADD_FAILURE() << proc.error();
-            return false;
-        }
-        ctl.close();
-        return ctl.connect("127.0.0.1", proc.controlPort());
+        return PlcsimProcess::start(args);
     }
-    int stop()
-    {
-        ctl.close();
-        return proc.stop(3000);
-    }
-    std::string udpCounters() { return ctl.command("udp-counters"); }
-    std::string routes() { return ctl.command("routes"); }
-    std::string plc() const { return "127.0.0.1:" + std::to_string(proc.port()); }
-    std::string udpPort() const { return std::to_string(proc.udpPort()); }
-
-    plcsim::Process proc;
-    plcsim::ControlClient ctl;
+    std::string udpCounters() { return command("udp-counters"); }
+    std::string routes() { return command("routes"); }
+    std::string plc() const { return address(); }
+    std::string udpPortArg() const { return std::to_string(udpPort()); }
 };
 
 // The Net ID the driver sends from this machine for a PLC whose Net ID starts with the first
@@ -148,17 +136,17 @@ TEST(Discovery, DiscoverOnLoopbackListsTheSimulator)
     Simulator sim;
     ASSERT_TRUE(sim.start({"--netid", "5.6.7.8.1.1", "--hostname", "plc-a", "--runtime-version", "3.1.4026",
         "--os-platform", "bsd", "--os-version", "12.1.7"}));
-    ASSERT_NE(sim.proc.udpPort(), 0);
-    EXPECT_TRUE(contains(sim.proc.output(), "UDP service on 127.0.0.1:" + sim.udpPort())) << sim.proc.output();
+    ASSERT_NE(sim.udpPort(), 0);
+    EXPECT_TRUE(contains(sim.output(), "UDP service on 127.0.0.1:" + sim.udpPortArg())) << sim.output();
 
-    RunResult r = adshost({"--discover", "--plc", "127.0.0.1", "--udp-port", sim.udpPort(), "--timeout-ms", "3000"});
+    RunResult r = adshost({"--discover", "--plc", "127.0.0.1", "--udp-port", sim.udpPortArg(), "--timeout-ms", "3000"});
     EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
     EXPECT_TRUE(contains(
         r.out, "device 127.0.0.1: AMS Net ID 5.6.7.8.1.1, host name \"plc-a\", runtime 3.1.4026, OS BSD 12.1.7\n"))
         << r.out;
     EXPECT_TRUE(contains(r.out, "1 device answered\n")) << r.out;
 
-    r = adshost({"--discover", "--plc", "127.0.0.1", "--udp-port", sim.udpPort(), "--json"});
+    r = adshost({"--discover", "--plc", "127.0.0.1", "--udp-port", sim.udpPortArg(), "--json"});
     EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
     const std::vector<std::string> l = lines(r.out);
     ASSERT_EQ(l.size(), 3u) << r.out;
@@ -252,7 +240,7 @@ TEST(Discovery, AddRouteThenPollingWorks)
     EXPECT_TRUE(contains(r.err, "no route for this panel's AMS Net ID " + panelNetId)) << r.err;
 
     ::setenv("DISCOVERY_TEST_PASSWORD", "wrong-one", 1);
-    r = adshost({"--add-route", "--plc", "127.0.0.1", "--udp-port", sim.udpPort(), "--user", "Administrator",
+    r = adshost({"--add-route", "--plc", "127.0.0.1", "--udp-port", sim.udpPortArg(), "--user", "Administrator",
         "--password-env", "DISCOVERY_TEST_PASSWORD", "--timeout-ms", "3000"});
     EXPECT_EQ(r.exitCode, 6) << r.out << r.err;
     EXPECT_TRUE(contains(r.out,
@@ -263,7 +251,7 @@ TEST(Discovery, AddRouteThenPollingWorks)
     EXPECT_FALSE(contains(r.out + r.err, "wrong-one"));
 
     // With --json too, the password is nowhere in the output.
-    r = adshost({"--add-route", "--plc", "127.0.0.1", "--udp-port", sim.udpPort(), "--user", "Administrator",
+    r = adshost({"--add-route", "--plc", "127.0.0.1", "--udp-port", sim.udpPortArg(), "--user", "Administrator",
         "--password-file", passwordFile, "--route-name", "panel one", "--json"});
     EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
     EXPECT_TRUE(contains(r.out,
@@ -288,13 +276,13 @@ TEST(Discovery, ProbePrintsTheAddRouteCommandThatFixesIt)
     Simulator sim;
     ASSERT_TRUE(sim.start({"--netid", "5.6.7.8.1.1", "--route", "10.9.8.7.1.1"}));
     const std::vector<std::string> probe = {"--probe", "--plc", sim.plc(), "--netid", "5.6.7.8.1.1", "--source-netid",
-        "10.20.30.40.1.1", "--udp-port", sim.udpPort(), "--timeout-ms", "400"};
+        "10.20.30.40.1.1", "--udp-port", sim.udpPortArg(), "--timeout-ms", "400"};
     RunResult r = adshost(probe);
     EXPECT_EQ(r.exitCode, 4) << r.out << r.err;
     const std::string prefix = "to add the route: adshost ";
     const std::string command = "--add-route --plc 127.0.0.1 --netid 5.6.7.8.1.1 --user Administrator --local-netid "
                                 "10.20.30.40.1.1 --udp-port "
-        + sim.udpPort();
+        + sim.udpPortArg();
     EXPECT_TRUE(contains(r.out, prefix + command + "\n")) << r.out;
     EXPECT_FALSE(contains(r.out, "reports AMS Net ID")) << r.out;
 
@@ -317,7 +305,7 @@ TEST(Discovery, ProbeSaysWhenTheNetIdDiffersFromDiscovery)
     Simulator sim;
     ASSERT_TRUE(sim.start({"--netid", "5.6.7.8.1.1"}));
     const RunResult r = adshost({"--probe", "--plc", sim.plc(), "--netid", "5.6.7.9.1.1", "--source-netid",
-        "10.20.30.40.1.1", "--udp-port", sim.udpPort()});
+        "10.20.30.40.1.1", "--udp-port", sim.udpPortArg()});
     EXPECT_EQ(r.exitCode, 5) << r.out << r.err;
     EXPECT_TRUE(contains(r.out,
         "the device at 127.0.0.1 reports AMS Net ID 5.6.7.8.1.1 in discovery, not 5.6.7.9.1.1 as given with --netid: "
@@ -337,7 +325,7 @@ TEST(Discovery, RestartKeepsStaticRouteDropsTemporary)
     Simulator sim;
     ASSERT_TRUE(sim.start(simArgs));
     auto addRoute = [&](const std::string& netId, bool temporary) {
-        std::vector<std::string> a = {"--add-route", "--plc", "127.0.0.1", "--udp-port", sim.udpPort(), "--user",
+        std::vector<std::string> a = {"--add-route", "--plc", "127.0.0.1", "--udp-port", sim.udpPortArg(), "--user",
             "Administrator", "--password-file", passwordFile, "--local-netid", netId, "--route-name", "r-" + netId};
         if (temporary)
             a.push_back("--temporary");
@@ -345,7 +333,7 @@ TEST(Discovery, RestartKeepsStaticRouteDropsTemporary)
     };
     auto probeAs = [&](const std::string& source) {
         return adshost({"--probe", "--plc", sim.plc(), "--netid", "5.6.7.8.1.1", "--source-netid", source, "--udp-port",
-                           sim.udpPort(), "--timeout-ms", "300"})
+                           sim.udpPortArg(), "--timeout-ms", "300"})
             .exitCode;
     };
     RunResult r = addRoute("10.1.1.1.1.1", false);
@@ -361,11 +349,11 @@ TEST(Discovery, RestartKeepsStaticRouteDropsTemporary)
     EXPECT_EQ(probeAs("10.2.2.2.1.1"), 0);
     EXPECT_EQ(probeAs("10.3.3.3.1.1"), 4);
     // Only the static route is in the file; nothing half-written lies beside it.
-    EXPECT_EQ(e2e::readWhole(routeFile),
+    EXPECT_EQ(e2e::readWholeFile(routeFile),
         "# plcsim routes, one a line: NETID ADDRESS NAME (static routes added over UDP)\n"
         "10.1.1.1.1.1 10.1.1.1 r-10.1.1.1.1.1\n");
 
-    EXPECT_FALSE(std::ifstream(routeFile + ".tmp" + std::to_string(sim.proc.pid())).is_open());
+    EXPECT_FALSE(std::ifstream(routeFile + ".tmp" + std::to_string(sim.pid())).is_open());
 
     EXPECT_EQ(sim.stop(), 0);
     ASSERT_TRUE(sim.start(simArgs));
@@ -385,7 +373,7 @@ TEST(Discovery, StaticRouteThatCannotBeWrittenIsRefused)
     Simulator sim;
     ASSERT_TRUE(sim.start({"--netid", "5.6.7.8.1.1", "--route-file", routeFile}));
     ::setenv("DISCOVERY_TEST_PASSWORD", "1", 1);
-    std::vector<std::string> a = {"--add-route", "--plc", "127.0.0.1", "--udp-port", sim.udpPort(), "--user",
+    std::vector<std::string> a = {"--add-route", "--plc", "127.0.0.1", "--udp-port", sim.udpPortArg(), "--user",
         "Administrator", "--password-env", "DISCOVERY_TEST_PASSWORD", "--local-netid", "10.1.1.1.1.1"};
     RunResult r = adshost(a);
     EXPECT_EQ(r.exitCode, 6) << r.out << r.err;
@@ -414,7 +402,7 @@ TEST(Discovery, MalformedAndForeignPacketsAreIgnoredAndCounted)
 {
     Simulator sim;
     ASSERT_TRUE(sim.start({"--netid", "5.6.7.8.1.1"}));
-    const uint16_t port = sim.proc.udpPort();
+    const uint16_t port = sim.udpPort();
     TestSocket s;
     adstool::NetId me;
     adstool::NetId::parse("10.0.0.5.1.1", me);
@@ -496,7 +484,7 @@ TEST(Discovery, DefaultUdpPortTakenLeavesTheServiceOff)
     plcsim::PortFile pf;
     for (int i = 0; i < 500 && !plcsim::readPortFile(portFile, pf); ++i)
         ::usleep(10000);
-    const std::string portText = e2e::readWhole(portFile);  // plcsim removes it when it stops
+    const std::string portText = e2e::readWholeFile(portFile);  // plcsim removes it when it stops
     ::kill(sim.pid(), SIGTERM);
     EXPECT_EQ(sim.wait(5000), 0);
     ::close(holder);

@@ -1,11 +1,11 @@
 // Helpers of the end-to-end tests: the simulated PLC as a child process with its control
-// port (plcsim::Process: --port-file, stop by PID), and the running of a program with a time
-// limit.
+// port and the programs built for the target as child processes (both from
+// tests/support/plcsim_process.h, stopped by their PIDs), and the outputs of adshost.
 #pragma once
 
 #include "adstool/deadline_io.h"
 #include "adstool/hex.h"
-#include "plcsim_control.h"
+#include "../support/plcsim_process.h"
 
 #include <gtest/gtest.h>
 
@@ -25,87 +25,11 @@ namespace e2e {
 
 inline std::string hexOf(const std::vector<uint8_t>& b) { return adstool::toHex(b); }
 
-// The plcsim executable with its control connection.
-class Sim {
-public:
-    bool start(const std::vector<std::string>& extra = {"--no-program"})
-    {
-        static int serial = 0;
-        log_ = ::testing::TempDir() + "plcsim_e2e_" + std::to_string(::getpid()) + "_" + std::to_string(serial++)
-            + ".log";
-        std::vector<std::string> args = {"--listen", "127.0.0.1:0", "--control", "127.0.0.1:0", "--log", log_};
-        args.insert(args.end(), extra.begin(), extra.end());
-        if (!proc_.start(PLCSIM_EXE, args)) {
-            ADD_FAILURE() << proc_.error();
-            return false;
-        }
-        return ctl_.connect("127.0.0.1", proc_.controlPort());
-    }
-    uint16_t port() const { return proc_.port(); }
-    uint16_t controlPort() const { return proc_.controlPort(); }
-    const std::string& netId() const { return proc_.netId(); }
-    pid_t pid() const { return proc_.pid(); }
-    int stop()
-    {
-        ctl_.close();
-        return proc_.stop(3000);
-    }
-    std::string command(const std::string& line) { return ctl_.command(line, 3000); }
-    // "get GROUP OFFSET LEN" -> bytes; empty on an error reply.
-    std::vector<uint8_t> get(unsigned group, unsigned offset, unsigned len)
-    {
-        const std::string r
-            = command("get " + std::to_string(group) + " " + std::to_string(offset) + " " + std::to_string(len));
-        std::vector<uint8_t> out;
-        if (r.compare(0, 3, "ok ") != 0 || !adstool::fromHex(r.substr(3), out))
-            out.clear();
-        return out;
-    }
-    bool set(unsigned group, unsigned offset, const std::vector<uint8_t>& bytes)
-    {
-        return command("set " + std::to_string(group) + " " + std::to_string(offset) + " " + hexOf(bytes)) == "ok";
-    }
-    bool fault(const std::string& kind, int count)
-    {
-        return command("fault " + kind + " " + std::to_string(count)) == "ok";
-    }
-    // One counter of the "counters" reply, -1 when absent.
-    long counter(const std::string& name)
-    {
-        const std::string r = command("counters");
-        const std::string key = " " + name + "=";
-        const size_t at = r.find(key);
-        if (at == std::string::npos)
-            return -1;
-        return std::stol(r.substr(at + key.size()));
-    }
-    std::string logText() const
-    {
-        std::ifstream f(log_);
-        std::stringstream s;
-        s << f.rdbuf();
-        return s.str();
-    }
-
-private:
-    plcsim::Process proc_;
-    plcsim::ControlClient ctl_;
-    std::string log_;
-};
-
-struct RunResult {
-    int exitCode = -1;  // 128 + signal when killed
-    bool timedOut = false;
-    std::string out, err;
-};
-
-inline std::string readWhole(const std::string& path)
-{
-    std::ifstream f(path);
-    std::stringstream s;
-    s << f.rdbuf();
-    return s.str();
-}
+// plcsim as a child process with its control connection, and the results of a program run
+// to its end.
+using Sim = adstest::PlcsimProcess;
+using adstest::readWholeFile;
+using adstest::RunResult;
 
 // The command that runs a program built for the target on this machine: empty natively,
 // the emulator with its arguments in a cross build (ADS_E2E_EMULATOR, "qemu-arm -L SYSROOT").
@@ -140,91 +64,17 @@ inline std::vector<std::string> commandFor(const std::vector<std::string>& argv)
     return out;
 }
 
-// A program running as a child process, stdout and stderr in files, stdin from /dev/null.
-// The test stops it by its PID: wait() kills it when it outlives its time.
-class Child {
+// A program built for the target running as a child process (under the emulator in a
+// cross build); stopped by its PID.
+class Child : public adstest::ChildProcess {
 public:
-    Child() = default;
-    Child(const Child&) = delete;
-    Child& operator=(const Child&) = delete;
-    ~Child()
-    {
-        if (pid_ > 0)
-            wait(0);
-        std::remove(outPath_.c_str());
-        std::remove(errPath_.c_str());
-    }
-    bool start(const std::vector<std::string>& program)
-    {
-        const std::vector<std::string> argv = commandFor(program);
-        static int serial = 0;
-        const std::string base
-            = ::testing::TempDir() + "e2e_run_" + std::to_string(::getpid()) + "_" + std::to_string(serial++);
-        outPath_ = base + ".out";
-        errPath_ = base + ".err";
-        pid_ = ::fork();
-        if (pid_ < 0)
-            return false;
-        if (pid_ == 0) {
-            const int o = ::open(outPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-            const int e = ::open(errPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-            const int in = ::open("/dev/null", O_RDONLY);
-            ::dup2(o, 1);
-            ::dup2(e, 2);
-            ::dup2(in, 0);
-            std::vector<char*> args;
-            for (const std::string& a : argv)
-                args.push_back(const_cast<char*>(a.c_str()));
-            args.push_back(nullptr);
-            ::execvp(args[0], args.data());  // the emulator is found on PATH
-            ::_exit(127);
-        }
-        return true;
-    }
-    pid_t pid() const { return pid_; }
-    // The exit code (128 + signal when killed by one), or -1 when it did not end within
-    // timeoutMs and was killed.
-    int wait(int timeoutMs)
-    {
-        if (pid_ <= 0)
-            return -1;
-        const adstool::Deadline deadline(timeoutMs);
-        int st = 0;
-        pid_t r = 0;
-        while ((r = ::waitpid(pid_, &st, WNOHANG)) == 0 && !deadline.expired())
-            ::usleep(10000);
-        const bool timedOut = r == 0;
-        if (timedOut) {
-            ::kill(pid_, SIGKILL);
-            ::waitpid(pid_, &st, 0);
-        }
-        pid_ = -1;
-        if (timedOut)
-            return -1;
-        return WIFEXITED(st) ? WEXITSTATUS(st) : (WIFSIGNALED(st) ? 128 + WTERMSIG(st) : -1);
-    }
-    std::string out() const { return readWhole(outPath_); }
-    std::string err() const { return readWhole(errPath_); }
-
-private:
-    pid_t pid_ = -1;
-    std::string outPath_, errPath_;
+    bool start(const std::vector<std::string>& program) { return ChildProcess::start(commandFor(program)); }
 };
 
 // Runs a program to its end; kills it after timeoutMs.
 inline RunResult runProgram(const std::vector<std::string>& argv, int timeoutMs)
 {
-    RunResult rr;
-    Child c;
-    if (!c.start(argv))
-        return rr;
-    rr.exitCode = c.wait(timeoutMs);
-    rr.timedOut = rr.exitCode == -1;
-    if (rr.timedOut)
-        rr.exitCode = 128 + SIGKILL;
-    rr.out = c.out();
-    rr.err = c.err();
-    return rr;
+    return adstest::runToEnd(commandFor(argv), timeoutMs);
 }
 
 inline std::vector<std::string> lines(const std::string& text)

@@ -81,7 +81,7 @@ protected:
         a.insert(a.end(), more.begin(), more.end());
         return a;
     }
-    e2e::Sim sim;
+    adstest::PlcsimProcess sim;
 };
 
 // --cycles 40 used to end the session before the thread that hands writes over had started.
@@ -101,8 +101,8 @@ TEST_F(CommissioningE2E, WriteWithFortyCyclesRunsToItsEndAndIsConfirmed)
 // (--cycles counts whole refreshes, so only a --duration can end it that early.)
 TEST_F(CommissioningE2E, WatchedAddressNeverReadIsNoSuccess)
 {
-    const e2e::RunResult r
-        = e2e::runProgram(base({"--gap", "0", "--watch", "M_W:0", "--watch", "M_W:4000", "--duration", "0.001"}), 20000);
+    const e2e::RunResult r = e2e::runProgram(
+        base({"--gap", "0", "--watch", "M_W:0", "--watch", "M_W:4000", "--duration", "0.001"}), 20000);
     ASSERT_FALSE(r.timedOut);
     EXPECT_EQ(r.exitCode, 9) << r.out << r.err;
     EXPECT_TRUE(hasLine(r.out, "value M_W:4000 = never read")) << r.out;
@@ -326,9 +326,9 @@ INSTANTIATE_TEST_SUITE_P(Signals, SignalE2E, ::testing::Values(SIGINT, SIGTERM),
 TEST_F(CommissioningE2E, CaptureLimitEndsTheCaptureOnAWholePacketWithANote)
 {
     const std::string pcap = tempPath("limit.pcap");
-    const e2e::RunResult r = e2e::runProgram(
-        base({"--watch", "M_W:0:2", "--duration", "1", "--interval-ms", "0", "--pcap", pcap, "--pcap-limit", "0.02",
-            "--quiet"}), 20000);
+    const e2e::RunResult r = e2e::runProgram(base({"--watch", "M_W:0:2", "--duration", "1", "--interval-ms", "0",
+                                                 "--pcap", pcap, "--pcap-limit", "0.02", "--quiet"}),
+        20000);
     ASSERT_FALSE(r.timedOut);
     EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
     const PcapFile p = readPcap(pcap);
@@ -367,7 +367,8 @@ std::string checkJsonLines(const std::string& out, const std::string& errorTail,
              "o['result2'] + o['result3'] + o['result0'])\n"
              "    elif t == 'error': print('error', o['kind'], o['message'].endswith(sys.argv[2]))\n"
              "    elif t == 'exit': print('exit', o['status'])\n"
-             "    elif t == 'source': print('source', o['matched'] == (o['address'] is not None and 'warning' not in o))\n"
+             "    elif t == 'source': print('source', o['matched'] == (o['address'] is not None and 'warning' not in "
+             "o))\n"
              "    else: print('other', t)\n";
     }
     FILE* pipe = ::popen(("python3 " + script + " " + jsonPath + " '" + errorTail + "' 2>&1").c_str(), "r");

@@ -102,7 +102,7 @@ protected:
         ASSERT_GE(session->stats().fullRefreshes, target) << "screen not refreshed in time";
     }
 
-    e2e::Sim sim;
+    adstest::PlcsimProcess sim;
     adshost::Config cfg;
     std::unique_ptr<Session> session;
 };

@@ -29,7 +29,7 @@ std::string lastLine(const std::string& text)
 
 // Waits (at most 10 s) until the PLC has received n requests: adshost has started, which
 // under an emulator takes longer than natively.
-void waitForRequests(e2e::Sim& sim, long n)
+void waitForRequests(adstest::PlcsimProcess& sim, long n)
 {
     const adstool::Deadline deadline(10000);
     while (sim.counter("requests") < n && !deadline.expired())
@@ -47,7 +47,7 @@ protected:
         a.insert(a.end(), more.begin(), more.end());
         return a;
     }
-    e2e::Sim sim;
+    adstest::PlcsimProcess sim;
 };
 
 // 1. A leading zero does not make a number octal: 010 is ten, 09 is nine.
@@ -107,7 +107,8 @@ TEST_F(IntegratorE2E, ValueWhoseReadsStopSucceedingIsStaleAndNoSuccess)
     const int code = c.wait(20000);
     const std::string out = c.out();
     EXPECT_EQ(code, 9) << out << c.err();
-    EXPECT_TRUE(contains(out, "\"address\":\"M_W:0\",\"kind\":\"watch\",\"read\":true,\"values\":[4660],\"stale\":true"))
+    EXPECT_TRUE(
+        contains(out, "\"address\":\"M_W:0\",\"kind\":\"watch\",\"read\":true,\"values\":[4660],\"stale\":true"))
         << out;
     EXPECT_TRUE(contains(lastLine(out), "\"status\":9")) << out;
     EXPECT_TRUE(contains(lastLine(out), "stale")) << out;
@@ -124,9 +125,9 @@ TEST_F(IntegratorE2E, ConditionReadShowsTheReplyAfterAWriteBeforeItsBytes)
     EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
     EXPECT_EQ(sim.get(M, 20, 8), (std::vector<uint8_t> {6, 0, 0x2F, 0x30, 0x31, 0x32, 0x33, 0x34}));
     // Word 20 as the confirmed write left it, words 22 to 26 as the condition read's reply.
-    EXPECT_TRUE(contains(
-        r.out, "\"address\":\"M_W:20:4\",\"kind\":\"condition\",\"read\":true,\"values\":[6,12335,12849,13363],"
-               "\"stale\":false"))
+    EXPECT_TRUE(contains(r.out,
+        "\"address\":\"M_W:20:4\",\"kind\":\"condition\",\"read\":true,\"values\":[6,12335,12849,13363],"
+        "\"stale\":false"))
         << r.out;
 }
 
@@ -140,8 +141,8 @@ TEST_F(IntegratorE2E, JsonAlwaysEndsWithTheExitObject)
         = e2e::runProgram(base({"--json", "--watch", "M_W:0", "--cycles", "1"}, /*nothing listens*/ 1), 10000);
     EXPECT_EQ(refused.exitCode, 1);
     EXPECT_EQ(lastLine(refused.out).rfind("{\"type\":\"exit\",\"status\":1,", 0), 0u) << refused.out;
-    const e2e::RunResult pcap
-        = e2e::runProgram(base({"--json", "--watch", "M_W:0", "--cycles", "1", "--pcap", "/nonexistent/x.pcap"}), 10000);
+    const e2e::RunResult pcap = e2e::runProgram(
+        base({"--json", "--watch", "M_W:0", "--cycles", "1", "--pcap", "/nonexistent/x.pcap"}), 10000);
     EXPECT_EQ(pcap.exitCode, 1);
     EXPECT_TRUE(contains(lastLine(pcap.out), "cannot write /nonexistent/x.pcap")) << pcap.out;
 }
@@ -202,8 +203,8 @@ TEST_F(IntegratorE2E, ProbeStopsOnSigint)
     ASSERT_EQ(sim.command("fault-prob noreply 1"), "ok");
     e2e::Child c;
     ASSERT_TRUE(c.start({"/bin/sh", "-c",
-        std::string("trap '' INT; exec ") + e2e::emulatorPrefix() + ADSHOST_EXE + " --probe --plc 127.0.0.1:" + std::to_string(sim.port())
-            + " --netid 192.168.1.100.1.1 --timeout-ms 20000"}));
+        std::string("trap '' INT; exec ") + e2e::emulatorPrefix() + ADSHOST_EXE + " --probe --plc 127.0.0.1:"
+            + std::to_string(sim.port()) + " --netid 192.168.1.100.1.1 --timeout-ms 20000"}));
     waitForRequests(sim, 1);  // the probe is waiting for its answer
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
     const int64_t t0 = adstool::nowMs();
@@ -301,7 +302,7 @@ TEST(IntegratorPlcsim, PortFileIsWrittenBeforeListeningAndRemovedAtExit)
     EXPECT_FALSE(contains(bad.out, "listening")) << bad.out;
     EXPECT_TRUE(contains(bad.err, "--port-file")) << bad.err;
 
-    e2e::Sim sim;
+    adstest::PlcsimProcess sim;
     ASSERT_TRUE(sim.start({"--no-program"}));
     const std::string path = ::testing::TempDir() + "plcsim_ports_" + std::to_string(::getpid());
     plcsim::Process p;

@@ -21,7 +21,7 @@ protected:
         return {ADSHOST_EXE, "--driver", ADS_PLUGIN, "--plc", "127.0.0.1:" + std::to_string(sim.port()), "--netid",
             "192.168.1.100.1.1", "--ams-port", "851"};
     }
-    e2e::Sim sim;
+    adstest::PlcsimProcess sim;
 };
 
 TEST_F(ProgramE2E, RunsTheGivenCyclesAndPrintsItsFigures)

@@ -1,5 +1,6 @@
 // Loopback tests of the plcsim executable: AMS/TCP on 127.0.0.1, the control
 // port, transport faults, and a clean stop by SIGTERM to its PID.
+#include "../support/plcsim_process.h"
 #include "plc_core.h"
 #include "plcsim_control.h"
 
@@ -40,44 +41,32 @@ std::vector<uint8_t> request(
 
 int64_t now() { return detail::nowMs(); }
 
-// Runs plcsim with the given extra options; stdout is captured, exit status returned.
-int runPlcsim(const std::string& args, std::string& out)
+// Runs plcsim with the given options (words parted by blanks) to its end, killed by its PID
+// after 10 s: its exit status and what it printed.
+adstest::RunResult runPlcsim(const std::string& args)
 {
-    // Redirections in args come after the default one and win.
-    const std::string cmd = std::string("timeout 10 ") + PLCSIM_EXE + " 2>/dev/null " + args;
-    FILE* p = popen(cmd.c_str(), "r");
-    if (!p)
-        return -1;
-    char buf[512];
-    out.clear();
-    while (fgets(buf, sizeof buf, p))
-        out += buf;
-    const int st = pclose(p);
-    return WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+    std::vector<std::string> argv = {PLCSIM_EXE};
+    std::istringstream words(args);
+    for (std::string w; words >> w;)
+        argv.push_back(w);
+    return adstest::runToEnd(argv, 10000);
 }
 
 class Loopback : public ::testing::Test {
 protected:
-    void SetUp() override { start({"--no-program"}); }
+    void SetUp() override
+    {
+        ASSERT_TRUE(sim.start({"--no-program"})) << "plcsim did not start";
+        ASSERT_NE(sim.port(), 0);
+        ASSERT_NE(sim.controlPort(), 0);
+        ASSERT_TRUE(ams.connect("127.0.0.1", sim.port()));
+    }
     void TearDown() override
     {
-        ctl.close();
         ams.close();
         if (sim.pid() > 0) {
             EXPECT_EQ(sim.stop(5000), 0) << "plcsim did not exit cleanly on SIGTERM";
         }
-    }
-    void start(std::vector<std::string> extra)
-    {
-        logFile = ::testing::TempDir() + "plcsim_" + ::testing::UnitTest::GetInstance()->current_test_info()->name()
-            + ".log";
-        std::vector<std::string> args = {"--listen", "127.0.0.1:0", "--control", "127.0.0.1:0", "--log", logFile};
-        args.insert(args.end(), extra.begin(), extra.end());
-        ASSERT_TRUE(sim.start(PLCSIM_EXE, args, 5000)) << "plcsim did not start";
-        ASSERT_NE(sim.port(), 0);
-        ASSERT_NE(sim.controlPort(), 0);
-        ASSERT_TRUE(ctl.connect("127.0.0.1", sim.controlPort()));
-        ASSERT_TRUE(ams.connect("127.0.0.1", sim.port()));
     }
     // Sends one request and returns its reply frame (empty on time-out).
     std::vector<uint8_t> roundTrip(const std::vector<uint8_t>& frame, int timeoutMs = 2000)
@@ -89,18 +78,10 @@ protected:
             return {};
         return reply;
     }
-    std::string logText()
-    {
-        std::ifstream in(logFile);
-        std::stringstream ss;
-        ss << in.rdbuf();
-        return ss.str();
-    }
+    std::string logText() { return sim.logText(); }
 
-    Process sim;
-    ControlClient ctl;
+    adstest::PlcsimProcess sim;
     TcpClient ams;
-    std::string logFile;
 };
 
 }  // namespace
@@ -122,7 +103,7 @@ TEST_F(Loopback, WriteThenReadOverTcp)
     EXPECT_EQ(f.invokeId, 6u);
     EXPECT_EQ(r[46], 0x34);
     EXPECT_EQ(r[47], 0x12);
-    EXPECT_EQ(ctl.command("get 0x4020 100 2"), "ok 3412");
+    EXPECT_EQ(sim.command("get 0x4020 100 2"), "ok 3412");
 }
 
 TEST_F(Loopback, SeveralFramesInOneSegmentAndOneFrameInPieces)
@@ -170,12 +151,12 @@ TEST_F(Loopback, WriteWithLowByteLengthFieldsIsFramedByItsWriteLength)
     EXPECT_EQ(parseFrame(b).invokeId, 9u);
     EXPECT_EQ(std::vector<uint8_t>(b.begin() + 46, b.end()), std::vector<uint8_t>(bytes.begin(), bytes.begin() + 4));
     EXPECT_NE(logText().find("low-byte"), std::string::npos);
-    EXPECT_NE(ctl.command("counters").find("lengthfixups=1"), std::string::npos);
+    EXPECT_NE(sim.command("counters").find("lengthfixups=1"), std::string::npos);
 }
 
 TEST_F(Loopback, SplitReplyIsReassembledByItsLength)
 {
-    ASSERT_EQ(ctl.command("fault split 1"), "ok");
+    ASSERT_EQ(sim.command("fault split 1"), "ok");
     const int64_t t0 = now();
     const auto r = roundTrip(request(CmdRead, readData(GroupMemory, 0, 16), 4));
     const int64_t took = now() - t0;
@@ -187,8 +168,8 @@ TEST_F(Loopback, SplitReplyIsReassembledByItsLength)
 
 TEST_F(Loopback, DelayFault)
 {
-    ASSERT_EQ(ctl.command("delay 200"), "ok");
-    ASSERT_EQ(ctl.command("fault delay 1"), "ok");
+    ASSERT_EQ(sim.command("delay 200"), "ok");
+    ASSERT_EQ(sim.command("fault delay 1"), "ok");
     const int64_t t0 = now();
     auto r = roundTrip(request(CmdReadState, {}, 1));
     EXPECT_GE(now() - t0, 180);
@@ -202,7 +183,7 @@ TEST_F(Loopback, DelayFault)
 
 TEST_F(Loopback, CloseFault)
 {
-    ASSERT_EQ(ctl.command("fault close 1"), "ok");
+    ASSERT_EQ(sim.command("fault close 1"), "ok");
     ASSERT_TRUE(ams.sendAll(request(CmdReadState, {})));
     EXPECT_TRUE(ams.waitClosed(2000));
     EXPECT_EQ(ams.buffered(), 0u);
@@ -213,23 +194,23 @@ TEST_F(Loopback, CloseFault)
 
 TEST_F(Loopback, ShapeFaultsOverTcp)
 {
-    ASSERT_EQ(ctl.command("fault short 1"), "ok");
+    ASSERT_EQ(sim.command("fault short 1"), "ok");
     auto r = roundTrip(request(CmdRead, readData(GroupMemory, 0, 4)));
     EXPECT_EQ(r.size(), 49u);
-    ASSERT_EQ(ctl.command("fault long 1"), "ok");
+    ASSERT_EQ(sim.command("fault long 1"), "ok");
     r = roundTrip(request(CmdRead, readData(GroupMemory, 0, 4)));
     EXPECT_EQ(r.size(), 51u);
-    ASSERT_EQ(ctl.command("fault-code 0x705"), "ok");
-    ASSERT_EQ(ctl.command("fault adserror 1"), "ok");
+    ASSERT_EQ(sim.command("fault-code 0x705"), "ok");
+    ASSERT_EQ(sim.command("fault adserror 1"), "ok");
     r = roundTrip(request(CmdRead, readData(GroupMemory, 0, 4)));
     ASSERT_EQ(r.size(), 46u);
     EXPECT_EQ(getU32(&r[38]), 0x705u);
-    ASSERT_EQ(ctl.command("fault noreply 1"), "ok");
+    ASSERT_EQ(sim.command("fault noreply 1"), "ok");
     EXPECT_TRUE(roundTrip(request(CmdReadState, {}), 300).empty());
     EXPECT_EQ(roundTrip(request(CmdReadState, {}, 77)).size(), 46u);
-    ASSERT_EQ(ctl.command("fault-prob noreply 1"), "ok");
+    ASSERT_EQ(sim.command("fault-prob noreply 1"), "ok");
     EXPECT_TRUE(roundTrip(request(CmdReadState, {}), 300).empty());
-    ASSERT_EQ(ctl.command("faults-off"), "ok");
+    ASSERT_EQ(sim.command("faults-off"), "ok");
     const auto last = roundTrip(request(CmdReadState, {}, 78));
     ASSERT_EQ(last.size(), 46u);
     EXPECT_EQ(parseFrame(last).invokeId, 78u);
@@ -237,40 +218,40 @@ TEST_F(Loopback, ShapeFaultsOverTcp)
 
 TEST_F(Loopback, ControlProtocol)
 {
-    EXPECT_EQ(ctl.command("set 0xF030 10 a1b2c3"), "ok");
-    EXPECT_EQ(ctl.command("get 0xf030 10 3"), "ok a1b2c3");
-    EXPECT_EQ(ctl.command("get 61472 0 2"), "ok 0000");
-    EXPECT_EQ(ctl.command("get 0x1234 0 2").rfind("err", 0), 0u);
-    EXPECT_EQ(ctl.command("get 0x4020 65535 2").rfind("err", 0), 0u);
-    EXPECT_EQ(ctl.command("set 0x4020 0 zz").rfind("err", 0), 0u);
-    EXPECT_EQ(ctl.command("fault bogus 1").rfind("err", 0), 0u);
-    EXPECT_EQ(ctl.command("no-such-command").rfind("err", 0), 0u);
-    EXPECT_EQ(ctl.command("state"), "ok run");
-    EXPECT_EQ(ctl.command("state stop"), "ok");
+    EXPECT_EQ(sim.command("set 0xF030 10 a1b2c3"), "ok");
+    EXPECT_EQ(sim.command("get 0xf030 10 3"), "ok a1b2c3");
+    EXPECT_EQ(sim.command("get 61472 0 2"), "ok 0000");
+    EXPECT_EQ(sim.command("get 0x1234 0 2").rfind("err", 0), 0u);
+    EXPECT_EQ(sim.command("get 0x4020 65535 2").rfind("err", 0), 0u);
+    EXPECT_EQ(sim.command("set 0x4020 0 zz").rfind("err", 0), 0u);
+    EXPECT_EQ(sim.command("fault bogus 1").rfind("err", 0), 0u);
+    EXPECT_EQ(sim.command("no-such-command").rfind("err", 0), 0u);
+    EXPECT_EQ(sim.command("state"), "ok run");
+    EXPECT_EQ(sim.command("state stop"), "ok");
     auto r = roundTrip(request(CmdReadState, {}));
     ASSERT_EQ(r.size(), 46u);
     EXPECT_EQ(getU16(&r[42]), AdsStateStop);
-    EXPECT_EQ(ctl.command("state run"), "ok");
+    EXPECT_EQ(sim.command("state run"), "ok");
     roundTrip(request(CmdRead, readData(GroupMemory, 0, 1)));
     roundTrip(request(CmdWrite, writeData(GroupMemory, 0, {1})));
-    const std::string counters = ctl.command("counters");
+    const std::string counters = sim.command("counters");
     EXPECT_EQ(counters.rfind("ok requests=3 ", 0), 0u) << counters;
     EXPECT_NE(counters.find(" read=1 "), std::string::npos) << counters;
     EXPECT_NE(counters.find(" write=1 "), std::string::npos) << counters;
     EXPECT_NE(counters.find(" readstate=1 "), std::string::npos) << counters;
-    EXPECT_EQ(ctl.command("quit"), "ok bye");
-    EXPECT_TRUE(ctl.command("state").empty()) << "the server closes the control connection after quit";
+    EXPECT_EQ(sim.command("quit"), "ok bye");
+    EXPECT_TRUE(sim.command("state").empty()) << "the server closes the control connection after quit";
     // The AMS connection is still served.
     EXPECT_EQ(roundTrip(request(CmdReadState, {})).size(), 46u);
 }
 
 TEST_F(Loopback, ProgramRunsWhenSwitchedOn)
 {
-    EXPECT_EQ(ctl.command("get 0x4020 0 2"), "ok 0000");
-    EXPECT_EQ(ctl.command("program on"), "ok");
+    EXPECT_EQ(sim.command("get 0x4020 0 2"), "ok 0000");
+    EXPECT_EQ(sim.command("program on"), "ok");
     usleep(450 * 1000);
-    EXPECT_EQ(ctl.command("program off"), "ok");
-    const std::string a = ctl.command("get 0x4020 0 2");
+    EXPECT_EQ(sim.command("program off"), "ok");
+    const std::string a = sim.command("get 0x4020 0 2");
     ASSERT_EQ(a.size(), 7u);
     std::vector<uint8_t> v;
     ASSERT_TRUE(fromHex(a.substr(3), v));
@@ -278,7 +259,7 @@ TEST_F(Loopback, ProgramRunsWhenSwitchedOn)
     EXPECT_GE(ticks, 2u);
     EXPECT_LE(ticks, 6u);
     usleep(250 * 1000);
-    EXPECT_EQ(ctl.command("get 0x4020 0 2"), a);  // still while off
+    EXPECT_EQ(sim.command("get 0x4020 0 2"), a);  // still while off
 }
 
 TEST_F(Loopback, SeveralClientsAtOnce)
@@ -296,7 +277,7 @@ TEST_F(Loopback, SeveralClientsAtOnce)
     EXPECT_EQ(parseFrame(r1).invokeId, 1u);
     EXPECT_EQ(parseFrame(r2).invokeId, 2u);
     EXPECT_EQ(parseFrame(r3).invokeId, 3u);
-    EXPECT_NE(ctl.command("counters").find("connections=3"), std::string::npos);
+    EXPECT_NE(sim.command("counters").find("connections=3"), std::string::npos);
 }
 
 TEST_F(Loopback, PortRegistrationOverTcp)
@@ -347,20 +328,22 @@ TEST(LoopbackOptions, SigintStopsCleanly)
 
 TEST(LoopbackOptions, HelpVersionAndBadArguments)
 {
-    std::string out;
-    EXPECT_EQ(runPlcsim("--help", out), 0);
+    adstest::RunResult r = runPlcsim("--help");
+    EXPECT_EQ(r.exitCode, 0);
+    const std::string out = r.out;
     EXPECT_NE(out.find("--listen"), std::string::npos);
     EXPECT_NE(out.find("0x4020"), std::string::npos);
     std::istringstream lines(out);
     for (std::string line; std::getline(lines, line);)
         EXPECT_LE(line.size(), 80u) << line;
-    EXPECT_EQ(runPlcsim("--version", out), 0);
-    EXPECT_EQ(out.rfind("plcsim ", 0), 0u);
-    EXPECT_EQ(runPlcsim("--listen 127.0.0.1:0 --bogus", out), 2);
-    EXPECT_EQ(runPlcsim("--listen nowhere", out), 2);
-    EXPECT_EQ(runPlcsim("--listen 127.0.0.1:0 --netid 1.2.3", out), 2);
-    EXPECT_EQ(runPlcsim("--listen 127.0.0.1:0 --fault wobble:0.5", out), 2);
-    EXPECT_EQ(runPlcsim("", out), 2);
+    r = runPlcsim("--version");
+    EXPECT_EQ(r.exitCode, 0);
+    EXPECT_EQ(r.out.rfind("plcsim ", 0), 0u);
+    EXPECT_EQ(runPlcsim("--listen 127.0.0.1:0 --bogus").exitCode, 2);
+    EXPECT_EQ(runPlcsim("--listen nowhere").exitCode, 2);
+    EXPECT_EQ(runPlcsim("--listen 127.0.0.1:0 --netid 1.2.3").exitCode, 2);
+    EXPECT_EQ(runPlcsim("--listen 127.0.0.1:0 --fault wobble:0.5").exitCode, 2);
+    EXPECT_EQ(runPlcsim("").exitCode, 2);
 }
 
 TEST(LoopbackOptions, ErrorsAreOneLineNamingTheOptionAndTheRule)
@@ -383,8 +366,9 @@ TEST(LoopbackOptions, ErrorsAreOneLineNamingTheOptionAndTheRule)
         {"--no-program", "--listen", "required"},
     };
     for (const Case& c : cases) {
-        std::string out;
-        EXPECT_EQ(runPlcsim(std::string(c.args) + " 2>&1 >/dev/null", out), 2) << c.args;
+        const adstest::RunResult r = runPlcsim(c.args);
+        EXPECT_EQ(r.exitCode, 2) << c.args;
+        const std::string& out = r.err;
         EXPECT_EQ(out.find('\n'), out.size() - 1) << c.args << ": " << out;
         EXPECT_EQ(out.rfind("plcsim: ", 0), 0u) << out;
         EXPECT_NE(out.find(c.option), std::string::npos) << c.args << ": " << out;

@@ -1,13 +1,11 @@
-// Set-up shared by the unit tests (header-only).
+// The driver fixture of the unit tests (header-only).
 //
-// Two ways into the driver:
-// - tests that call the entry points and internal functions directly use one process-wide
-//   HostMemory (status block, recipe buffer, host mutex) through initDriver();
-// - tests that play whole polling turns derive their fixture from HostTest, which owns a Host
-//   (test_plc.h) per test.
-// Beside them: the records built field by field as the host builds them (KEY_ADDRESS,
-// VARIABLE, _RCP_VAR_PRO), the names of the registers and areas, and the look-up of a cached
-// unit for reading it back.
+// Every test that needs a driver derives its fixture from DriverTest: it owns a Host
+// (test_plc.h) per test, that is the panel runtime's memory (status block, recipe buffer,
+// mutex, callback) and the in-process test PLC, and starts the driver with the options a
+// fixture asks for (InitOptions, init_options.h). Beside it: the records built field by field
+// as the host builds them (KEY_ADDRESS, VARIABLE, _RCP_VAR_PRO), the names of the registers
+// and areas, and the look-up of a cached unit for reading it back.
 #ifndef ADS_DRIVER_FIXTURE_H
 #define ADS_DRIVER_FIXTURE_H
 
@@ -27,12 +25,10 @@
 
 #include "ads_ethernet.h"
 #include "driver_private.h"
+#include "init_options.h"
 #include "test_plc.h"
 
 namespace adstest {
-
-// Callback context 1, writes go to the PLC, retry limit 3, gaps up to 64 bytes bridged.
-constexpr const char* kDefaultInit = "1#0#0#3#64";
 
 inline QString L(const char* s) { return QString::fromLatin1(s); }
 
@@ -47,49 +43,6 @@ inline const QString I_bit = QString::fromLatin1("I_bit");
 inline const QString Q_W = QString::fromLatin1("Q_W");
 inline const QString RWI = QString::fromLatin1("RWI");
 inline const QString MINUS_ONE = QString::fromLatin1("-1");
-
-// ------------------------------------------------------------------ host memory
-
-// What the host hands to intf_initProperty: a status block reaching past the recipe flags
-// (bytes 60115 and 60116), a recipe buffer and the host's mutex.
-struct HostMemory {
-    std::vector<unsigned char> status;
-    std::vector<unsigned char> recipe;
-    QMutex mutex;
-    int mode = 0;
-
-    explicit HostMemory(std::size_t statusSize = 65536, std::size_t recipeSize = 4096)
-        : status(statusSize, 0), recipe(recipeSize, 0)
-    {
-    }
-    HostMemory(const HostMemory&) = delete;
-    HostMemory& operator=(const HostMemory&) = delete;
-
-    // Clears the status block and initialises the driver with it; the result of
-    // intf_initProperty. The recipe buffer is left as the test filled it.
-    int init(const char* initString = kDefaultInit)
-    {
-        std::fill(status.begin(), status.end(), 0);
-        mode = 0;
-        return intf_initProperty(status.data(), nullptr, recipe.data(), &mode, initString, &mutex);
-    }
-};
-
-// The host memory of the tests that initialise the driver directly.
-inline HostMemory& hostMemory()
-{
-    static HostMemory h;
-    return h;
-}
-
-inline int initDriver(const char* initString = kDefaultInit) { return hostMemory().init(initString); }
-
-// The default settings with another largest bridged gap.
-inline int initWithGap(int gap)
-{
-    const std::string s = "1#0#0#3#" + std::to_string(gap);
-    return initDriver(s.c_str());
-}
 
 // intf_initProperty keeps the recipe lists and cursor (docs/INTERNALS.md K17); a new panel starts
 // without them.
@@ -173,7 +126,7 @@ inline _RCP_VAR_PRO makeRcpVar(
 // ------------------------------------------------------------------ cached units
 //
 // The test API of the cache. A test reaches cached units through the driver's own
-// find-or-create look-up (unitIndex, HostTest::ref/at) and may change their values and
+// find-or-create look-up (unitIndex, DriverTest::ref/at) and may change their values and
 // marks in place; a test that must put entries into the list by hand (its contents as the
 // header exposes them) does so through appendUnits(), which tells the cache index.
 
@@ -215,12 +168,15 @@ inline int oracleWeight(int keyNo, const QString& reg, int address)
     return static_cast<int32_t>(w);
 }
 
-// ------------------------------------------------------------------ Host fixture
+// ------------------------------------------------------------------ the fixture
 
-// A fresh Host (and so a freshly initialised driver) for every test.
-class HostTest : public ::testing::Test {
+// A fresh Host, and so a freshly initialised driver, for every test.
+class DriverTest : public ::testing::Test {
 protected:
-    void SetUp() override { h.reset(new Host()); }
+    // The options the driver starts with; a fixture that needs others overrides this.
+    virtual InitOptions startOptions() const { return InitOptions(); }
+
+    void SetUp() override { h.reset(new Host(startOptions())); }
     void TearDown() override { h.reset(); }
 
     // The cached unit of `area` at `address`: its index, the unit itself, a copy.

@@ -185,13 +185,13 @@ int Host::callback(int context, int keyNo, QString text, int address)
     return 0;
 }
 
-Host::Host(const char* initString, const char* settings) : status(kStatusSize, 0), recipe(kRecipeSize, 0)
+Host::Host(const InitOptions& options, const char* settings) : status(kStatusSize, 0), recipe(kRecipeSize, 0)
 {
     g_current = this;
     std::memset(frame.frame, 0, sizeof frame.frame);
     frame.sendLen = frame.recvLen = frame.dataStart = frame.readLen = frame.spareField = 0;
     clearRecipeState();
-    init(initString, settings);
+    init(options, settings);
 }
 
 Host::~Host()
@@ -200,11 +200,17 @@ Host::~Host()
         g_current = nullptr;
 }
 
-void Host::init(const char* initString, const char* settings)
+int Host::init(const InitOptions& options, const char* settings)
 {
-    intf_initProperty(status.data(), nullptr, recipe.data(), &mode, initString, &hostMutex);
+    return initWithText(options.text().c_str(), settings);
+}
+
+int Host::initWithText(const char* initString, const char* settings)
+{
+    const int r = intf_initProperty(status.data(), nullptr, recipe.data(), &mode, initString, &hostMutex);
     intf_SetDriverPropertyPage(QString::fromLatin1(settings));
     intf_setAddrValueChangeCallBack(&Host::callback);
+    return r;
 }
 
 int Host::fetch() { return intf_getSendFrame(&frame); }

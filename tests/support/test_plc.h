@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "ads_ethernet.h"
+#include "init_options.h"
 #include "../../tools/plcsim/plc_core.h"
 
 namespace adstest {
@@ -110,18 +111,20 @@ std::ostream& operator<<(std::ostream& os, const Report& r);
 // intf_SetDriverPropertyPage, then the callback); only one Host may exist at a time.
 class Host {
 public:
-    static constexpr const char* kInit = "1#0#0#3#64";
     static constexpr const char* kSettings = "2_0,192.168.1.100.1.1,801";
     static constexpr int kStatusSize = 65536;  // covers the flag bytes 60115 and 60116
     static constexpr int kRecipeSize = 65536;
 
-    explicit Host(const char* initString = kInit, const char* settings = kSettings);
+    explicit Host(const InitOptions& options = InitOptions(), const char* settings = kSettings);
     ~Host();
     Host(const Host&) = delete;
     Host& operator=(const Host&) = delete;
 
-    // intf_initProperty + intf_SetDriverPropertyPage + callback, with the host's memory.
-    void init(const char* initString = kInit, const char* settings = kSettings);
+    // intf_initProperty + intf_SetDriverPropertyPage + callback, with the host's memory;
+    // the result of intf_initProperty. The status block and recipe buffer keep their bytes.
+    int init(const InitOptions& options = InitOptions(), const char* settings = kSettings);
+    // The same with an init string as it is, for the tests of its parser.
+    int initWithText(const char* initString, const char* settings = kSettings);
 
     // One polling turn: intf_getSendFrame, the PLC's reply (with the fault given, or the
     // pending ones), intf_dealRcvFrame. Returns its result code, or -1 when

@@ -25,6 +25,8 @@
 #include <thread>
 #include <vector>
 
+#include "../support/init_options.h"
+
 #if defined(ADS_HAVE_TEST_PLC)
 #include "test_plc.h"
 #endif
@@ -43,7 +45,7 @@ const int kCallbackWordAddress = 40;    // written from inside the callback (com
 const int kScreenCallbackAddress = 44;  // written from inside the callback (screen thread)
 // "M_W" 200..207 and 300..303: on no screen, so only the condition reads bring them into the
 // cache; the PLC holds a pattern there from the start. The second key is longer than the
-// 64-unit limit that "1#0#0#3#64" sets, so it is queued as two pieces; the first covers its
+// 64-unit limit of the default init options, so it is queued as two pieces; the first covers its
 // first 128 bytes.
 const int kConditionAddress = 200;
 const int kConditionWords = 4;
@@ -204,7 +206,8 @@ protected:
         status_.assign(65536, 0);
         recipe_.assign(65536, 0);
         int mode = 0;
-        ASSERT_EQ(1, intf_initProperty(status_.data(), nullptr, recipe_.data(), &mode, "1#0#0#3#64", &hostMutex_));
+        const std::string init = adstest::InitOptions().text();
+        ASSERT_EQ(1, intf_initProperty(status_.data(), nullptr, recipe_.data(), &mode, init.c_str(), &hostMutex_));
         intf_SetDriverPropertyPage(QString::fromLatin1("2_0,192.168.1.100.1.1,801"));
         intf_setAddrValueChangeCallBack(callback);
         QList<KEY_ADDRESS> keys;

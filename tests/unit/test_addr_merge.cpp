@@ -15,8 +15,6 @@
 
 namespace {
 
-using adstest::initDriver;
-using adstest::initWithGap;
 using adstest::L;
 using adstest::makeKey;
 
@@ -60,9 +58,8 @@ std::vector<Block> merged(QList<KEY_ADDRESS> keys, int mode)
     return blocksOf(keys);
 }
 
-class AddrMerge : public ::testing::Test {
+class AddrMerge : public adstest::DriverTest {
 protected:
-    void SetUp() override { initDriver(); }
 };
 
 // ---------------------------------------------------------------------------------------
@@ -92,7 +89,7 @@ TEST_F(AddrMerge, JudgeWithoutGapModeAllowsOnlyTouchingOrOverlapping)
 
 TEST_F(AddrMerge, JudgeWithGapModeUsesMaxMergeGapInclusively)
 {
-    initWithGap(5);
+    h->init(adstest::InitOptions().mergeGap(5));
     KEY_ADDRESS block = makeKey(0, "M_W", 10, 4);                      // ends before 14
     EXPECT_EQ(judgeAddrMerge(block, makeKey(0, "M_W", 19, 2), 1), 0);  // gap 5 = limit
     EXPECT_EQ(judgeAddrMerge(block, makeKey(0, "M_W", 20, 2), 1), 1);  // gap 6
@@ -103,7 +100,7 @@ TEST_F(AddrMerge, JudgeWithGapModeUsesMaxMergeGapInclusively)
 
 TEST_F(AddrMerge, JudgeWithZeroMaxMergeGapBehavesLikeContiguous)
 {
-    initWithGap(0);
+    h->init(adstest::InitOptions().mergeGap(0));
     KEY_ADDRESS block = makeKey(0, "Q_W", 0, 2);
     EXPECT_EQ(judgeAddrMerge(block, makeKey(0, "Q_W", 2, 2), 1), 0);
     EXPECT_EQ(judgeAddrMerge(block, makeKey(0, "Q_W", 3, 2), 1), 1);
@@ -111,7 +108,7 @@ TEST_F(AddrMerge, JudgeWithZeroMaxMergeGapBehavesLikeContiguous)
 
 TEST_F(AddrMerge, JudgeWithNegativeMaxMergeGapRefusesTouching)
 {
-    initWithGap(-1);
+    h->init(adstest::InitOptions().mergeGap(-1));
     KEY_ADDRESS block = makeKey(0, "Q_W", 0, 2);
     EXPECT_EQ(judgeAddrMerge(block, makeKey(0, "Q_W", 2, 2), 1), 1);  // gap 0 > -1
     EXPECT_EQ(judgeAddrMerge(block, makeKey(0, "Q_W", 1, 2), 1), 0);  // gap -1
@@ -193,7 +190,7 @@ TEST_F(AddrMerge, EmittedBlockIsFullCopyOfItsFirstKey)
 
 TEST_F(AddrMerge, OutOfOrderKeysComeOutSortedByKeyRegisterAddress)
 {
-    initWithGap(0);
+    h->init(adstest::InitOptions().mergeGap(0));
     QList<KEY_ADDRESS> keys;
     keys.append(makeKey(1, "I_W", 0, 1));
     keys.append(makeKey(0, "M_W", 100, 1));
@@ -208,7 +205,7 @@ TEST_F(AddrMerge, OutOfOrderKeysComeOutSortedByKeyRegisterAddress)
 
 TEST_F(AddrMerge, EqualWeightsKeepHostOrder)
 {
-    initWithGap(0);
+    h->init(adstest::InitOptions().mergeGap(0));
     // "Q_W" 0 and "I_W" 65535 both weigh 4 x 65535: the step is 65535, not 65536.
     QList<KEY_ADDRESS> keys;
     keys.append(makeKey(0, "Q_W", 0, 1, 1));
@@ -230,7 +227,7 @@ TEST_F(AddrMerge, EqualWeightsKeepHostOrder)
 
 TEST_F(AddrMerge, WeightOfHighAddressRunsIntoNextKeyNumber)
 {
-    initWithGap(0);
+    h->init(adstest::InitOptions().mergeGap(0));
     // Key 1 "I_W" 0 weighs 6 x 65535 + 3 x 65535 = 589815, as does key 0 "M_W" 262140
     // (5 x 65535 + 262140): equal weights keep the host's order.
     ASSERT_EQ(oracleWeight(1, L("I_W"), 0), 589815);
@@ -251,7 +248,7 @@ TEST_F(AddrMerge, WeightOfHighAddressRunsIntoNextKeyNumber)
 
 TEST_F(AddrMerge, WeightWrapsInThirtyTwoBits)
 {
-    initWithGap(0);
+    h->init(adstest::InitOptions().mergeGap(0));
     // For "M_W" 0, key 5462 weighs more than 2^31 - 1 and wraps negative; key 5460 does not.
     ASSERT_LT(oracleWeight(5462, L("M_W"), 0), 0);
     ASSERT_GT(oracleWeight(5460, L("M_W"), 0), 0);
@@ -285,7 +282,7 @@ TEST_F(AddrMerge, BitAndWordOfSameBytesMergeIntoOneBlock)
 
 TEST_F(AddrMerge, AdjacentWordsMergeWithoutGap)
 {
-    initWithGap(0);
+    h->init(adstest::InitOptions().mergeGap(0));
     QList<KEY_ADDRESS> keys;
     keys.append(makeKey(0, "M_W", 0, 1));
     keys.append(makeKey(0, "M_W", 2, 1));
@@ -294,7 +291,7 @@ TEST_F(AddrMerge, AdjacentWordsMergeWithoutGap)
 
 TEST_F(AddrMerge, KeyInsidePrecedingBlockIsAbsorbed)
 {
-    initWithGap(0);
+    h->init(adstest::InitOptions().mergeGap(0));
     QList<KEY_ADDRESS> keys;
     keys.append(makeKey(0, "M_W", 0, 10));     // bytes 0..19
     keys.append(makeKey(0, "M_W", 4, 2));      // bytes 4..7
@@ -304,7 +301,7 @@ TEST_F(AddrMerge, KeyInsidePrecedingBlockIsAbsorbed)
 
 TEST_F(AddrMerge, OverlappingKeysExtendTheBlock)
 {
-    initWithGap(0);
+    h->init(adstest::InitOptions().mergeGap(0));
     QList<KEY_ADDRESS> keys;
     keys.append(makeKey(0, "Q_W", 0, 3));  // 0..5
     keys.append(makeKey(0, "Q_W", 4, 3));  // 4..9
@@ -321,7 +318,7 @@ TEST_F(AddrMerge, HundredWordKeyIsCutInto128And72)
 
 TEST_F(AddrMerge, LongKeyCutIntoSeveralPiecesAndRemainder)
 {
-    initWithGap(0);
+    h->init(adstest::InitOptions().mergeGap(0));
     EXPECT_EQ(merged({makeKey(0, "I_W", 0, 150)}, 1),
         (std::vector<Block> {{0, "I_W", 0, 128}, {0, "I_W", 128, 128}, {0, "I_W", 256, 44}}));
     EXPECT_EQ(merged({makeKey(0, "I_W", 0, 128)}, 1), (std::vector<Block> {{0, "I_W", 0, 128}, {0, "I_W", 128, 128}}));
@@ -329,7 +326,7 @@ TEST_F(AddrMerge, LongKeyCutIntoSeveralPiecesAndRemainder)
 
 TEST_F(AddrMerge, LongLastKeyAfterNewBlockIsCut)
 {
-    initWithGap(0);
+    h->init(adstest::InitOptions().mergeGap(0));
     QList<KEY_ADDRESS> keys;
     keys.append(makeKey(0, "M_W", 0, 1));      // 0..1
     keys.append(makeKey(0, "M_W", 100, 150));  // 100..399
@@ -339,7 +336,7 @@ TEST_F(AddrMerge, LongLastKeyAfterNewBlockIsCut)
 
 TEST_F(AddrMerge, LongMiddleKeyIsCutBeforeTheNextKey)
 {
-    initWithGap(0);
+    h->init(adstest::InitOptions().mergeGap(0));
     QList<KEY_ADDRESS> keys;
     keys.append(makeKey(0, "M_W", 0, 1));      // 0..1
     keys.append(makeKey(0, "M_W", 100, 100));  // 100..299
@@ -368,7 +365,7 @@ TEST_F(AddrMerge, UnionOfExactly128BytesIsOneBlock)
 
 TEST_F(AddrMerge, OverlappingKeyBeyondLimitStartsNewOverlappingBlock)
 {
-    initWithGap(0);
+    h->init(adstest::InitOptions().mergeGap(0));
     QList<KEY_ADDRESS> keys;
     keys.append(makeKey(0, "M_W", 0, 50));   // 0..99
     keys.append(makeKey(0, "M_W", 50, 50));  // 50..149: union 150
@@ -377,7 +374,7 @@ TEST_F(AddrMerge, OverlappingKeyBeyondLimitStartsNewOverlappingBlock)
 
 TEST_F(AddrMerge, DifferentRegistersAndKeysNeverMerge)
 {
-    initWithGap(1000);
+    h->init(adstest::InitOptions().mergeGap(1000));
     QList<KEY_ADDRESS> keys;
     keys.append(makeKey(0, "I_W", 0, 1));
     keys.append(makeKey(0, "Q_W", 0, 1));
@@ -395,17 +392,17 @@ TEST_F(AddrMerge, GapOfTwoBytesMergesOnlyWithMaxMergeGapTwo)
     QList<KEY_ADDRESS> keys;
     keys.append(makeKey(0, "M_W", 0, 1));  // 0..1
     keys.append(makeKey(0, "M_W", 4, 1));  // 4..5
-    initWithGap(1);
+    h->init(adstest::InitOptions().mergeGap(1));
     EXPECT_EQ(merged(keys, 1), (std::vector<Block> {{0, "M_W", 0, 2}, {0, "M_W", 4, 2}}));
-    initWithGap(2);
+    h->init(adstest::InitOptions().mergeGap(2));
     EXPECT_EQ(merged(keys, 1), (std::vector<Block> {{0, "M_W", 0, 6}}));
-    initWithGap(0);
+    h->init(adstest::InitOptions().mergeGap(0));
     EXPECT_EQ(merged(keys, 1), (std::vector<Block> {{0, "M_W", 0, 2}, {0, "M_W", 4, 2}}));
 }
 
 TEST_F(AddrMerge, BridgedBlockStillKeepsTheLimit)
 {
-    initWithGap(64);
+    h->init(adstest::InitOptions().mergeGap(64));
     QList<KEY_ADDRESS> keys;
     keys.append(makeKey(0, "M_W", 0, 60));   // 0..119
     keys.append(makeKey(0, "M_W", 125, 2));  // 125..128: union 129
@@ -418,7 +415,7 @@ TEST_F(AddrMerge, BridgedBlockStillKeepsTheLimit)
 
 TEST_F(AddrMerge, SecondPassChainsSeveralGapsAndStartsAgainAfterRefusal)
 {
-    initWithGap(4);
+    h->init(adstest::InitOptions().mergeGap(4));
     QList<KEY_ADDRESS> keys;
     keys.append(makeKey(0, "M_W", 0, 1));   // 0..1
     keys.append(makeKey(0, "M_W", 6, 1));   // gap 4
@@ -431,7 +428,7 @@ TEST_F(AddrMerge, SecondPassChainsSeveralGapsAndStartsAgainAfterRefusal)
 
 TEST_F(AddrMerge, SecondPassBridgesGapAfterRemainderOfCutKey)
 {
-    initWithGap(64);
+    h->init(adstest::InitOptions().mergeGap(64));
     QList<KEY_ADDRESS> keys;
     keys.append(makeKey(0, "M_W", 0, 70));   // 0..139: pieces 0+128, 128+12
     keys.append(makeKey(0, "M_W", 150, 1));  // 150..151: joins the 12-byte remainder
@@ -461,7 +458,7 @@ TEST_F(AddrMerge, ModeTwoLeavesBitItemsInBits)
 
 TEST_F(AddrMerge, ModeTwoNeverBridgesGaps)
 {
-    initWithGap(64);
+    h->init(adstest::InitOptions().mergeGap(64));
     driver.rcpBlockStartList.clear();
     QList<KEY_ADDRESS> keys;
     keys.append(makeKey(0, "M_W", 0, 2));  // 0..3
@@ -534,7 +531,7 @@ TEST_F(AddrMerge, EmptyKeyListClearsReadListAndMarksAndReturnsZero)
 
 TEST_F(AddrMerge, ReadListItemsAreKindFourWithMergedKeys)
 {
-    initWithGap(0);
+    h->init(adstest::InitOptions().mergeGap(0));
     QList<KEY_ADDRESS> keys;
     keys.append(makeKey(2, "Q_bit", 21, 6));
     keys.append(makeKey(2, "I_W", 8, 3));
@@ -574,7 +571,7 @@ TEST_F(AddrMerge, InitEmptiesReadListFilledByMerge)
     QList<KEY_ADDRESS> keys;
     keys.append(makeKey(0, "M_W", 0, 1));
     ASSERT_EQ(intf_addrMerge(keys), 1);
-    initDriver();
+    h->init();
     EXPECT_EQ(driver.readList.size(), 0);
 }
 
@@ -728,7 +725,7 @@ TEST_F(AddrMerge, RandomSetsAreCoveredByBoundedOrderedBlocks)
     std::uniform_int_distribution<int> gapDist(0, 40);
     for (int round = 0; round < 300; ++round) {
         int gap = gapDist(rng);
-        initWithGap(gap);
+        h->init(adstest::InitOptions().mergeGap(gap));
         QList<KEY_ADDRESS> keys = randomKeys(rng, 25);
         std::set<ByteKey> bytes = monitoredBytes(keys);
 

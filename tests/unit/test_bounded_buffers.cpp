@@ -20,10 +20,7 @@
 #include <memory>
 #include <vector>
 
-#if __has_include("test_plc.h")
 #include "test_plc.h"
-#define ADS_HAVE_TEST_PLC 1
-#endif
 
 namespace {
 
@@ -59,19 +56,15 @@ unsigned char pattern(int i) { return static_cast<unsigned char>(1 + i % 100); }
 
 uint32_t le32(const unsigned char* p) { return p[0] | (p[1] << 8) | (p[2] << 16) | (uint32_t(p[3]) << 24); }
 
-class BoundedBuffers : public ::testing::Test {
+class BoundedBuffers : public adstest::DriverTest {
 protected:
-    void init(const char* initString)
+    // The recipe buffer holds a pattern that no copy may leave behind by accident.
+    void SetUp() override
     {
-        for (size_t i = 0; i < recipe_.size(); ++i)
-            recipe_[i] = static_cast<unsigned char>(i * 7 + 3);
-        ASSERT_EQ(1, host_.init(initString));
-        adstest::clearRecipeState();
+        adstest::DriverTest::SetUp();
+        for (size_t i = 0; i < h->recipe.size(); ++i)
+            h->recipe[i] = static_cast<unsigned char>(i * 7 + 3);
     }
-    void SetUp() override { init("1#0#0#3#64"); }
-
-    adstest::HostMemory host_ {65536, 8192};
-    std::vector<unsigned char>& recipe_ = host_.recipe;
 };
 
 // ------------------------------------------------------------------ getWriteFrame
@@ -133,19 +126,8 @@ TEST_F(BoundedBuffers, WriteFrameOfExactlyTheRoomLeftIsNotCut)
 
 TEST_F(BoundedBuffers, WordWriteOf600WordsInOnePieceSendsAFullFrameAndCachesEveryWord)
 {
-#if defined(ADS_HAVE_TEST_PLC)
-    adstest::Host host("1#0#0#3#1000");  // a merge gap of 1000: 600 words stay one piece
-    ASSERT_TRUE(host.handshake());
-#else
-    init("1#0#0#3#1000");
-    {
-        FRAME_PRO hs;
-        ASSERT_EQ(1, intf_getSendFrame(&hs));
-        QByteArray ok(46, '\0');
-        QString text;
-        ASSERT_EQ(1, intf_dealRcvFrame(ok, text));
-    }
-#endif
+    ASSERT_EQ(1, h->init(adstest::InitOptions().mergeGap(1000)));  // 600 words stay one piece
+    ASSERT_TRUE(h->handshake());
     ASSERT_EQ(1000, driver.maxBlockUnits);
     // 1200 bytes from the host, in a buffer of exactly that size.
     std::unique_ptr<unsigned char[]> data(new unsigned char[1200]);
@@ -209,7 +191,7 @@ TEST_F(BoundedBuffers, LongRecipeVariableFillsTheDataBufferAndStopsAtItsEnd)
     EXPECT_EQ(40, target->var.address);
     EXPECT_EQ(3000, target->var.length);
     for (int i = 0; i < 1024; ++i)
-        ASSERT_EQ(recipe_[200 + i], target->var.data[i]) << "data byte " << i;
+        ASSERT_EQ(h->recipe[200 + i], target->var.data[i]) << "data byte " << i;
 }
 
 TEST_F(BoundedBuffers, LongRecipeVariableReadLeavesTheDataBufferZero)
@@ -303,10 +285,10 @@ TEST_F(BoundedBuffers, GroupingKey600WordsInPiecesOf64NeverReadBehindTheKey)
 
 // ------------------------------------------------------------------ a bit write of 2000 bits
 
-#if defined(ADS_HAVE_TEST_PLC)
 TEST_F(BoundedBuffers, BitWriteOf2000BitsWithACompleteReadReplyWritesTheBitsTheDataBufferHolds)
 {
-    adstest::Host host("1#0#0#3#1000");  // pieces of up to 8000 bits: one piece
+    ASSERT_EQ(1, h->init(adstest::InitOptions().mergeGap(1000)));  // pieces of up to 8000 bits: one piece
+    adstest::Host& host = *h;
     ASSERT_TRUE(host.handshake());
     std::vector<uint8_t> before(250);
     for (int i = 0; i < 250; ++i)
@@ -356,6 +338,5 @@ TEST_F(BoundedBuffers, BitWriteOf2000BitsWithACompleteReadReplyWritesTheBitsTheD
     EXPECT_EQ(out->frame.frame[50 + 127], host.plc.byteAt(adstest::kMemory, 127));
     EXPECT_EQ(before[200], host.plc.byteAt(adstest::kMemory, 200));
 }
-#endif
 
 }  // namespace

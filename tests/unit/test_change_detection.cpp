@@ -13,7 +13,7 @@ using namespace adstest;
 
 namespace {
 
-class ChangeDetection : public HostTest {
+class ChangeDetection : public DriverTest {
 protected:
     // The area of unit `address` of area M, with the given marks.
     int unit(int address, unsigned monitorFlag, unsigned bitMask, int keyNo = 1, const QString& area = M)
@@ -131,7 +131,7 @@ TEST_F(ChangeDetection, AnUnmonitoredUnitReportsNothing)
 
 TEST_F(ChangeDetection, ReportsCarryTheContextTheAreaKeyAndTheAreaName)
 {
-    h->init("9#0#0#3#64");
+    h->init(InitOptions().context(9));
     const int i = unit(3, 0x02, 0x10, 4, QString::fromLatin1("Q"));
     byteChange(i, 0x00, 0x10);
     EXPECT_EQ(h->reports,

@@ -10,7 +10,6 @@
 
 namespace {
 
-using adstest::initDriver;
 using adstest::L;
 using adstest::makeVariable;
 
@@ -50,9 +49,8 @@ std::vector<Item> items()
     return out;
 }
 
-class ConditionRead : public ::testing::Test {
+class ConditionRead : public adstest::DriverTest {
 protected:
-    void SetUp() override { initDriver(); }
 };
 
 TEST_F(ConditionRead, WordKeyBecomesOneByteCountedItem)
@@ -114,7 +112,7 @@ TEST_F(ConditionRead, ExactMultipleOfLimitHasNoRemainderPiece)
 
 TEST_F(ConditionRead, LimitFollowsMaxMergeGap)
 {
-    initDriver("1#0#0#3#10");
+    h->init(adstest::InitOptions().mergeGap(10));
     KEY_ADDRESS k = makeKey(4, "I_W", 100, 25);
     intf_addConditionRead(&k, 2);
     EXPECT_EQ(items(), (std::vector<Item> {{2, 4, "I_W", 100, 20}, {2, 4, "I_W", 110, 20}, {2, 4, "I_W", 120, 10}}));
@@ -308,7 +306,7 @@ TEST_F(ConditionRead, InitEmptiesTheList)
 {
     KEY_ADDRESS k = makeKey(0, "M_W", 0, 1);
     intf_addConditionRead(&k, 1);
-    initDriver();
+    h->init();
     EXPECT_TRUE(driver.conditionReadList.isEmpty());
 }
 

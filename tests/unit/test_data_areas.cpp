@@ -9,7 +9,6 @@
 
 namespace {
 
-using adstest::initDriver;
 using adstest::L;
 using adstest::makeKey;
 
@@ -35,9 +34,8 @@ const _DATA_* area(int keyNo, const char* name, int address)
 
 using adstest::appendUnits;
 
-class DataAreas : public ::testing::Test {
+class DataAreas : public adstest::DriverTest {
 protected:
-    void SetUp() override { initDriver(); }
 };
 
 // ---------------------------------------------------------------------------------------
@@ -179,7 +177,7 @@ TEST_F(DataAreas, InitEmptiesTheCacheAndLookUpStartsAgainAtZero)
 {
     getIndexOfDataArea(1, L("M"), 0, driver.dataAreaList);
     getIndexOfDataArea(1, L("M"), 1, driver.dataAreaList);
-    initDriver();
+    h->init();
     EXPECT_EQ(driver.dataAreaList.size(), 0);
     EXPECT_EQ(getIndexOfDataArea(1, L("M"), 1, driver.dataAreaList), 0);
     EXPECT_EQ(driver.dataAreaList.size(), 1);

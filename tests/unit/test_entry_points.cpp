@@ -21,29 +21,6 @@ namespace {
 
 std::string S(const QString& s) { return s.toStdString(); }
 
-// Host memory handed to intf_initProperty: the status block must reach byte 60116
-// (the recipe request flags), the recipe buffer is any host buffer.
-struct HostMemory {
-    std::vector<unsigned char> status;
-    std::vector<unsigned char> recipe;
-    QMutex mutex;
-    int mode;
-    HostMemory() : status(60200, 0), recipe(4096, 0), mode(-1) { }
-};
-
-HostMemory& host()
-{
-    static HostMemory h;
-    return h;
-}
-
-int initDriver(const char* text)
-{
-    std::fill(host().status.begin(), host().status.end(), 0);
-    host().mode = -1;
-    return intf_initProperty(host().status.data(), nullptr, host().recipe.data(), &host().mode, text, &host().mutex);
-}
-
 using adstest::makeKey;
 
 _RCP_VAR_PRO makeRcp(int driverNo, const char* reg, int address, int length, int index)
@@ -92,13 +69,13 @@ QByteArray handshakeReply()
     return r;
 }
 
-class EntryPoints : public ::testing::Test {
+class EntryPoints : public adstest::DriverTest {
 protected:
     void SetUp() override
     {
         g_firstReports.clear();
         g_secondReports.clear();
-        ASSERT_EQ(1, initDriver("1#0#0#3#64"));
+        adstest::DriverTest::SetUp();
     }
 };
 
@@ -187,7 +164,7 @@ TEST_F(EntryPoints, CallbackPointerIsStoredAndReplaced)
 TEST_F(EntryPoints, OnlyTheLatestCallbackReceivesReportsWithTheContextOfTheInitString)
 {
     // Context 7; writes only update the cache (field 1 non-zero), so nothing is queued.
-    ASSERT_EQ(1, initDriver("7#1#0#3#64"));
+    ASSERT_EQ(1, h->init(adstest::InitOptions().context(7).cacheOnlyWrites()));
     intf_setAddrValueChangeCallBack(&firstCallback);
     intf_setAddrValueChangeCallBack(&secondCallback);
 
@@ -217,10 +194,9 @@ TEST_F(EntryPoints, OnlyTheLatestCallbackReceivesReportsWithTheContextOfTheInitS
 
 TEST_F(EntryPoints, InitWithFiveFieldsSetsContextGapAndBlockLimits)
 {
-    host().mode = 0;
     int mode = 77;
-    EXPECT_EQ(
-        1, intf_initProperty(host().status.data(), nullptr, host().recipe.data(), &mode, "1#0#0#0#64", &host().mutex));
+    const std::string init = adstest::InitOptions().retryLimit(0).text();
+    EXPECT_EQ(1, intf_initProperty(h->status.data(), nullptr, h->recipe.data(), &mode, init.c_str(), &h->hostMutex));
     EXPECT_EQ(2, mode);
     expectInitFields(1, 0, 0, 0, 64);
     EXPECT_EQ(64, driver.maxBlockUnits);
@@ -229,11 +205,12 @@ TEST_F(EntryPoints, InitWithFiveFieldsSetsContextGapAndBlockLimits)
 
 TEST_F(EntryPoints, InitFieldsAreTakenInOrder)
 {
-    EXPECT_EQ(1, initDriver("9#8#7#6#5"));
+    h->mode = -1;
+    EXPECT_EQ(1, h->initWithText("9#8#7#6#5"));
     expectInitFields(9, 8, 7, 6, 5);
     EXPECT_EQ(5, driver.maxBlockUnits);
     EXPECT_EQ(40, driver.maxBlockBits);
-    EXPECT_EQ(2, host().mode);
+    EXPECT_EQ(2, h->mode);
 }
 
 TEST_F(EntryPoints, InitStoresTheHostPointers)
@@ -243,18 +220,18 @@ TEST_F(EntryPoints, InitStoresTheHostPointers)
     int arg2 = 0;
     QMutex mutex;
     int mode = 0;
-    EXPECT_EQ(1, intf_initProperty(status, &arg2, recipe, &mode, "1#0#0#3#64", &mutex));
+    EXPECT_EQ(1, intf_initProperty(status, &arg2, recipe, &mode, adstest::InitOptions().text().c_str(), &mutex));
     EXPECT_EQ(status, driver.hostStatusBlock);
     EXPECT_EQ(static_cast<void*>(&arg2), driver.hostArg2);
     EXPECT_EQ(recipe, driver.rcpBuffer);
     EXPECT_EQ(&mutex, driver.hostMutex);
     // Leave the driver pointing at memory that outlives this test.
-    ASSERT_EQ(1, initDriver("1#0#0#3#64"));
+    ASSERT_EQ(1, h->init());
 }
 
 TEST_F(EntryPoints, InitWithFourFieldsKeepsTheNumbersButStillResets)
 {
-    ASSERT_EQ(1, initDriver("9#8#7#6#5"));
+    ASSERT_EQ(1, h->initWithText("9#8#7#6#5"));
     // Some run state to be reset.
     QList<KEY_ADDRESS> keys;
     keys.append(makeKey(0, "M_W", 0, 1));
@@ -266,8 +243,7 @@ TEST_F(EntryPoints, InitWithFourFieldsKeepsTheNumbersButStillResets)
     driver.needHandShake = 0;
 
     int mode = 0;
-    EXPECT_EQ(
-        1, intf_initProperty(host().status.data(), nullptr, host().recipe.data(), &mode, "1#2#3#4", &host().mutex));
+    EXPECT_EQ(1, intf_initProperty(h->status.data(), nullptr, h->recipe.data(), &mode, "1#2#3#4", &h->hostMutex));
     EXPECT_EQ(2, mode);
     expectInitFields(9, 8, 7, 6, 5);
     EXPECT_EQ(5, driver.maxBlockUnits);
@@ -284,8 +260,8 @@ TEST_F(EntryPoints, InitWithFourFieldsKeepsTheNumbersButStillResets)
 
 TEST_F(EntryPoints, InitWithNonNumericFieldsSetsAllFiveToZero)
 {
-    ASSERT_EQ(1, initDriver("9#8#7#6#5"));
-    EXPECT_EQ(1, initDriver("a#b#c#d#e"));
+    ASSERT_EQ(1, h->initWithText("9#8#7#6#5"));
+    EXPECT_EQ(1, h->initWithText("a#b#c#d#e"));
     expectInitFields(0, 0, 0, 0, 0);
     EXPECT_EQ(0, driver.maxBlockUnits);
     EXPECT_EQ(0, driver.maxBlockBits);
@@ -293,15 +269,15 @@ TEST_F(EntryPoints, InitWithNonNumericFieldsSetsAllFiveToZero)
 
 TEST_F(EntryPoints, InitKeepsEmptyFieldsAsZero)
 {
-    ASSERT_EQ(1, initDriver("9#8#7#6#5"));
+    ASSERT_EQ(1, h->initWithText("9#8#7#6#5"));
     // "#2##4#" splits into five parts: "", "2", "", "4", "".
-    EXPECT_EQ(1, initDriver("#2##4#"));
+    EXPECT_EQ(1, h->initWithText("#2##4#"));
     expectInitFields(0, 2, 0, 4, 0);
 }
 
 TEST_F(EntryPoints, InitIgnoresFieldsBeyondTheFifth)
 {
-    EXPECT_EQ(1, initDriver("11#12#13#14#15#16#17"));
+    EXPECT_EQ(1, h->initWithText("11#12#13#14#15#16#17"));
     expectInitFields(11, 12, 13, 14, 15);
     EXPECT_EQ(15, driver.maxBlockUnits);
     EXPECT_EQ(120, driver.maxBlockBits);
@@ -309,7 +285,7 @@ TEST_F(EntryPoints, InitIgnoresFieldsBeyondTheFifth)
 
 TEST_F(EntryPoints, InitReadsNumbersAsDecimal)
 {
-    EXPECT_EQ(1, initDriver("010#0x10#-3#007#08"));
+    EXPECT_EQ(1, h->initWithText("010#0x10#-3#007#08"));
     // initParam1 "0x10" is not a decimal number.
     expectInitFields(10, 0, -3, 7, 8);
 }
@@ -338,7 +314,7 @@ TEST_F(EntryPoints, InitResetsRunStateAndDropsPendingFrames)
     driver.curFrameIndex = 3;
     driver.initDone = 0;
 
-    EXPECT_EQ(1, initDriver("1#0#0#3#64"));
+    EXPECT_EQ(1, h->init());
     EXPECT_TRUE(driver.frameList.isEmpty());
     EXPECT_EQ(0, driver.curFrameKind);
     EXPECT_EQ(0, driver.priorityCount);
@@ -366,7 +342,7 @@ TEST_F(EntryPoints, SecondInitEmptiesReadWriteConditionListsAndCache)
     EXPECT_EQ(1, intf_addConditionRead(&cond, 1));
     ASSERT_FALSE(driver.conditionReadList.isEmpty());
 
-    EXPECT_EQ(1, initDriver("1#0#0#3#64"));
+    EXPECT_EQ(1, h->init());
     EXPECT_TRUE(driver.readList.isEmpty());
     EXPECT_TRUE(driver.writeList.isEmpty());
     EXPECT_TRUE(driver.conditionReadList.isEmpty());
@@ -386,7 +362,7 @@ TEST_F(EntryPoints, InitLeavesTheRecipeListsAsTheyAre)
     ASSERT_EQ(2, varCount);
     ASSERT_GE(blockCount, 1);
 
-    EXPECT_EQ(1, initDriver("1#0#0#3#64"));
+    EXPECT_EQ(1, h->init());
     EXPECT_EQ(varCount, driver.rcpVarList.size());
     EXPECT_EQ(blockCount, driver.rcpTransferList.size());
     EXPECT_EQ(startCount, driver.rcpBlockStartList.size());
@@ -446,7 +422,7 @@ TEST_F(EntryPoints, InitAgainAfterTrafficMakesTheHandshakeNextAgain)
     ASSERT_EQ(1, intf_getSendFrame(&out));
     ASSERT_EQ(2, out.frame[22]);  // a read is in flight now
 
-    EXPECT_EQ(1, initDriver("1#0#0#3#64"));
+    EXPECT_EQ(1, h->init());
     ASSERT_EQ(1, intf_getSendFrame(&out));
     EXPECT_EQ(6, out.frame[22]);
     EXPECT_EQ(78, out.sendLen);

@@ -23,7 +23,6 @@ namespace {
 typedef std::vector<uint8_t> Bytes;
 
 std::string S(const QString& s) { return s.toStdString(); }
-using adstest::initDriver;
 using adstest::L;
 
 void append(Bytes& b, std::initializer_list<int> v)
@@ -122,11 +121,11 @@ QByteArray readReply(std::initializer_list<int> data)
     return r;
 }
 
-class Frames : public ::testing::Test {
+class Frames : public adstest::DriverTest {
 protected:
     void SetUp() override
     {
-        ASSERT_EQ(1, initDriver("1#0#0#3#64"));
+        adstest::DriverTest::SetUp();
         const unsigned char netId[6] = {192, 168, 1, 100, 1, 1};
         const unsigned char ip[4] = {192, 168, 1, 10};
         std::memcpy(driver.targetAmsNetId, netId, 6);

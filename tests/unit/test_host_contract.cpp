@@ -15,7 +15,7 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-class HostContract : public HostTest { };
+class HostContract : public DriverTest { };
 
 // intf_getSendFrame never returns 0 once a screen is merged: the host must pace itself.
 TEST_F(HostContract, AMergedScreenMeansAFrameOnEveryCall)

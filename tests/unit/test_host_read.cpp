@@ -18,7 +18,7 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-class HostRead : public HostTest {
+class HostRead : public DriverTest {
 protected:
     void setValue(const QString& area, int address, uint8_t v, int keyNo = 1)
     {
@@ -111,7 +111,7 @@ TEST_F(HostRead, ANegativeBitNumberGivesZero)
 TEST_F(HostRead, AWrittenValueShowsUntilAReadReplyBringsADifferentValue)
 {
     // Writes only update the cache here (second field of the initialisation string).
-    h->init("1#1#0#3#64");
+    h->init(InitOptions().cacheOnlyWrites());
     ASSERT_TRUE(h->handshake());
     h->addrMerge({Host::key(1, M_W, 10, 1)});
     h->plc.setBytes(kMemory, 10, {0x34, 0x12});

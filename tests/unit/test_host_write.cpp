@@ -18,7 +18,7 @@ using Bytes = std::vector<uint8_t>;
 
 Bytes dataOf(const VARIABLE& v, int n) { return Bytes(v.data, v.data + n); }
 
-class HostWrite : public HostTest { };
+class HostWrite : public DriverTest { };
 
 // ------------------------------------------------------------------ queueing
 
@@ -73,7 +73,7 @@ TEST_F(HostWrite, LaterPiecesOfALongBitWriteTakeTheirDataFromTwiceTheOffset)
 {
     // maxMergeGap 4: pieces of at most 32 bits. The data of piece p starts at byte
     // p x 32 x 2 of the host's bytes although a bit write has one byte per bit (kept).
-    h->init("1#0#0#3#4");
+    h->init(InitOptions().mergeGap(4));
     ASSERT_EQ(driver.maxBlockBits, 32);
     Bytes data(80);
     for (size_t i = 0; i < data.size(); ++i)
@@ -92,7 +92,7 @@ TEST_F(HostWrite, LaterPiecesOfALongBitWriteTakeTheirDataFromTwiceTheOffset)
 
 TEST_F(HostWrite, ABitWriteThatFitsOnePieceKeepsItsData)
 {
-    h->init("1#0#0#3#4");
+    h->init(InitOptions().mergeGap(4));
     Bytes data(32);
     for (size_t i = 0; i < data.size(); ++i)
         data[i] = uint8_t(i % 2);
@@ -170,7 +170,7 @@ TEST_F(HostWrite, TheWriteListNeverGrowsBeyond513Entries)
 
 TEST_F(HostWrite, WithTheFirstInitialisationFlagWritesOnlyUpdateTheCache)
 {
-    h->init("1#1#0#3#64");
+    h->init(InitOptions().cacheOnlyWrites());
     EXPECT_EQ(h->setData(1, M_W, 10, {0x34, 0x12}), 1);
     EXPECT_TRUE(driver.writeList.isEmpty());
     EXPECT_EQ(at(M, 10).writeFlag, 1);
@@ -239,7 +239,7 @@ TEST_F(HostWrite, ABitWriteOfTheShownBitReportsNothing)
 
 TEST_F(HostWrite, OnlyTheByteOneSetsABitInTheCache)
 {
-    h->init("1#1#0#3#64");
+    h->init(InitOptions().cacheOnlyWrites());
     ref(M, 10).value[0] = 0xFF;
     h->setData(1, M_bit, 83, {2});
     EXPECT_EQ(at(M, 10).writeValue[0], 0xF7);
@@ -251,7 +251,7 @@ TEST_F(HostWrite, OnlyTheByteOneSetsABitInTheCache)
 
 TEST_F(HostWrite, BitWritesAcrossUnitsEachSetTheirUnit)
 {
-    h->init("1#1#0#3#64");
+    h->init(InitOptions().cacheOnlyWrites());
     h->setData(1, M_bit, 86, {1, 1, 1, 0});
     EXPECT_EQ(at(M, 10).writeValue[0], 0xC0);
     EXPECT_EQ(at(M, 11).writeValue[0], 0x01);
@@ -262,7 +262,7 @@ TEST_F(HostWrite, BitWritesAcrossUnitsEachSetTheirUnit)
 
 TEST_F(HostWrite, AnAcceptedWordWriteBecomesTheCachedValueWithoutAReport)
 {
-    h->init("1#1#0#3#64");  // cache only
+    h->init(InitOptions().cacheOnlyWrites());  // cache only
     h->addrMerge({Host::key(1, M_W, 10, 1)});
     h->setData(1, M_W, 10, {0x34, 0x12});
     h->clearReports();
@@ -277,7 +277,7 @@ TEST_F(HostWrite, AnAcceptedWordWriteBecomesTheCachedValueWithoutAReport)
 
 TEST_F(HostWrite, ARejectedWordWriteFallsBackAndReportsItsWordButNotItsBits)
 {
-    h->init("1#1#0#3#64");
+    h->init(InitOptions().cacheOnlyWrites());
     h->addrMerge({Host::key(1, M_W, 10, 1), Host::key(1, M_bit, 83, 1)});
     ref(M, 10).value[0] = 0x01;
     h->setData(1, M_W, 10, {0x09, 0x12});  // bit 3 of unit 10 changes from 0 to 1
@@ -294,7 +294,7 @@ TEST_F(HostWrite, ARejectedWordWriteFallsBackAndReportsItsWordButNotItsBits)
 
 TEST_F(HostWrite, ARejectedWordWriteReportsByteWordAndDoubleWordItemsInOrder)
 {
-    h->init("1#1#0#3#64");
+    h->init(InitOptions().cacheOnlyWrites());
     h->addrMerge({Host::key(1, M_W, 10, 1)});
     ref(M, 10).monitorFlag |= 1u | 8u;  // also a byte item and a double word starting at 10
     h->setData(1, M_W, 10, {0x34, 0x12});

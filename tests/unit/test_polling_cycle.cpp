@@ -15,7 +15,7 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-class PollingCycle : public HostTest { };
+class PollingCycle : public DriverTest { };
 
 TEST_F(PollingCycle, TheHandshakeIsAnAddDeviceNotificationToPort100)
 {

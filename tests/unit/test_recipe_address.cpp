@@ -10,8 +10,6 @@
 
 namespace {
 
-using adstest::hostMemory;
-using adstest::initDriver;
 using adstest::L;
 using adstest::makeRcpVar;
 
@@ -41,13 +39,13 @@ std::vector<Rcp> listOf(const QVector<_RCP_VAR_PRO>& v)
     return out;
 }
 
-class RecipeAddress : public ::testing::Test {
+class RecipeAddress : public adstest::DriverTest {
 protected:
     void SetUp() override
     {
-        initDriver();
+        adstest::DriverTest::SetUp();
         for (int i = 0; i < 4096; ++i)
-            hostMemory().recipe[i] = static_cast<unsigned char>((i * 13 + 5) & 0xFF);
+            h->recipe[i] = static_cast<unsigned char>((i * 13 + 5) & 0xFF);
     }
 };
 
@@ -68,8 +66,9 @@ TEST_F(RecipeAddress, ContiguousWordVariablesBecomeOneBlock)
 
 TEST_F(RecipeAddress, GapIsNeverBridgedWhateverMaxMergeGap)
 {
-    for (const char* init : {"1#0#0#3#64", "1#0#0#3#0", "1#0#0#3#1000"}) {
-        initDriver(init);
+    for (int gap : {64, 0, 1000}) {
+        const std::string init = "gap " + std::to_string(gap);
+        h->init(adstest::InitOptions().mergeGap(gap));
         QVector<_RCP_VAR_PRO> vars;
         vars.append(makeRcpVar(1, 0, "M_W", 0, 2, 0));
         vars.append(makeRcpVar(1, 0, "M_W", 6, 1, 2));
@@ -95,7 +94,7 @@ TEST_F(RecipeAddress, OtherInstancesVariablesAreIgnored)
 
 TEST_F(RecipeAddress, CallBackContextSelectsTheInstance)
 {
-    initDriver("7#0#0#3#64");
+    h->init(adstest::InitOptions().context(7));
     QVector<_RCP_VAR_PRO> vars;
     vars.append(makeRcpVar(1, 0, "M_W", 0, 1, 0));
     vars.append(makeRcpVar(7, 0, "Q_W", 20, 3, 9));
@@ -152,7 +151,7 @@ TEST_F(RecipeAddress, InitLeavesRecipeListsInPlace)
     QVector<_RCP_VAR_PRO> vars;
     vars.append(makeRcpVar(1, 0, "M_W", 0, 2, 0));
     intf_setRcpAddress(&vars);
-    initDriver();
+    h->init();
     EXPECT_EQ(listOf(driver.rcpTransferList), (std::vector<Rcp> {{0, "M_W", 0, 4, 0}}));
     EXPECT_EQ(listOf(driver.rcpVarList), (std::vector<Rcp> {{0, "M_W", 0, 2, 0}}));
     EXPECT_EQ(driver.rcpBlockStartList, (QList<int> {0}));
@@ -279,7 +278,7 @@ TEST_F(RecipeAddress, WriteBlockCopiesLengthBytesFromRecipeBuffer)
     EXPECT_EQ(v.address, 0);
     EXPECT_EQ(v.length, 8);
     for (int i = 0; i < 8; ++i)
-        EXPECT_EQ(v.data[i], hostMemory().recipe[6 + i]) << i;
+        EXPECT_EQ(v.data[i], h->recipe[6 + i]) << i;
     for (int i = 8; i < 1024; ++i)
         ASSERT_EQ(v.data[i], 0) << i;
 }
@@ -298,7 +297,7 @@ TEST_F(RecipeAddress, WriteOfBitVariableCopiesTenBytes)
     EXPECT_EQ(v.address, 3);
     EXPECT_EQ(v.length, 10);
     for (int i = 0; i < 10; ++i)
-        EXPECT_EQ(v.data[i], hostMemory().recipe[10 + i]) << i;
+        EXPECT_EQ(v.data[i], h->recipe[10 + i]) << i;
     for (int i = 10; i < 1024; ++i)
         ASSERT_EQ(v.data[i], 0) << i;
 }
@@ -314,7 +313,7 @@ TEST_F(RecipeAddress, WriteOfMergedBlockTakesOneContiguousRun)
     std::memset(v.data, 0xFF, sizeof v.data);
     rcpAddrToVar(driver.rcpTransferList.at(0), v, 1);
     for (int i = 0; i < 10; ++i)
-        EXPECT_EQ(v.data[i], hostMemory().recipe[14 + i]) << i;
+        EXPECT_EQ(v.data[i], h->recipe[14 + i]) << i;
     EXPECT_EQ(v.data[10], 0);
 }
 
@@ -324,7 +323,7 @@ TEST_F(RecipeAddress, WriteUsesCurrentRecipeBufferOfInit)
     for (int i = 0; i < 64; ++i)
         other[i] = static_cast<unsigned char>(0xC0 + i);
     int mode = 0;
-    intf_initProperty(hostMemory().status.data(), nullptr, other, &mode, "1#0#0#3#64", &hostMemory().mutex);
+    intf_initProperty(h->status.data(), nullptr, other, &mode, adstest::InitOptions().text().c_str(), &h->hostMutex);
     VARIABLE v;
     rcpAddrToVar(makeRcpVar(0, 0, "I_W", 0, 4, 1), v, 1);
     for (int i = 0; i < 4; ++i)
@@ -335,8 +334,8 @@ TEST_F(RecipeAddress, AnyNonZeroWithDataIsAWrite)
 {
     VARIABLE v;
     rcpAddrToVar(makeRcpVar(0, 0, "I_W", 0, 2, 0), v, 2);
-    EXPECT_EQ(v.data[0], hostMemory().recipe[0]);
-    EXPECT_EQ(v.data[1], hostMemory().recipe[1]);
+    EXPECT_EQ(v.data[0], h->recipe[0]);
+    EXPECT_EQ(v.data[1], h->recipe[1]);
 }
 
 }  // namespace

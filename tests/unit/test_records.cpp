@@ -35,7 +35,8 @@ void fillVariable(VARIABLE& v, int seed)
         v.data[i] = pattern(i, seed);
 }
 
-using adstest::initDriver;
+// The copies are checked on a started driver: the send-frame tests hand frames out of it.
+class Records : public adstest::DriverTest { };
 
 }  // namespace
 
@@ -43,7 +44,7 @@ using adstest::initDriver;
 // Copies own their bytes
 // ---------------------------------------------------------------------------------------
 
-TEST(Records, AssignedVariableKeepsItsOwnBufferAndText)
+TEST_F(Records, AssignedVariableKeepsItsOwnBufferAndText)
 {
     VARIABLE source;
     fillVariable(source, 10);
@@ -68,7 +69,7 @@ TEST(Records, AssignedVariableKeepsItsOwnBufferAndText)
     EXPECT_EQ("Q_Wx", S(source.regName));
 }
 
-TEST(Records, VariableInAListIsIndependentOfItsSource)
+TEST_F(Records, VariableInAListIsIndependentOfItsSource)
 {
     VARIABLE source;
     fillVariable(source, 20);
@@ -99,7 +100,7 @@ TEST(Records, VariableInAListIsIndependentOfItsSource)
     EXPECT_EQ("M_W", S(copy.regName));
 }
 
-TEST(Records, CopiedKeyAddressOwnsItsBufferAndCarriesTheHostFields)
+TEST_F(Records, CopiedKeyAddressOwnsItsBufferAndCarriesTheHostFields)
 {
     KEY_ADDRESS k;
     k.hostText = QString::fromLatin1("host one");
@@ -139,7 +140,7 @@ TEST(Records, CopiedKeyAddressOwnsItsBufferAndCarriesTheHostFields)
     }
 }
 
-TEST(Records, RecipeVariableInAVectorIsIndependentOfItsSource)
+TEST_F(Records, RecipeVariableInAVectorIsIndependentOfItsSource)
 {
     _RCP_VAR_PRO r = adstest::makeRcpVar(1, 2, "M_W", 3, 4, 5, 6);
     QVector<_RCP_VAR_PRO> v;
@@ -155,7 +156,7 @@ TEST(Records, RecipeVariableInAVectorIsIndependentOfItsSource)
     EXPECT_EQ(6, v[0].hostField);
 }
 
-TEST(Records, DataAreaIsCopiedFieldByField)
+TEST_F(Records, DataAreaIsCopiedFieldByField)
 {
     _DATA_ d;
     d.spare = 0x5A;
@@ -191,7 +192,7 @@ TEST(Records, DataAreaIsCopiedFieldByField)
     EXPECT_EQ(0, std::memcmp(written, c.writeValue, 4));
 }
 
-TEST(Records, CopiedFrameOwnsItsFrameAndVariableBuffers)
+TEST_F(Records, CopiedFrameOwnsItsFrameAndVariableBuffers)
 {
     std::unique_ptr<FRAME_PRO> f(new FRAME_PRO);
     for (int i = 0; i < 1024; ++i)
@@ -219,10 +220,8 @@ TEST(Records, CopiedFrameOwnsItsFrameAndVariableBuffers)
 // intf_getSendFrame copies the head of the frame list whole
 // ---------------------------------------------------------------------------------------
 
-TEST(Records, SendFrameCarriesAllBytesWhateverSendLenSays)
+TEST_F(Records, SendFrameCarriesAllBytesWhateverSendLenSays)
 {
-    ASSERT_EQ(1, initDriver("1#0#0#3#64"));
-
     std::unique_ptr<FRAME_PRO> head(new FRAME_PRO);
     for (int i = 0; i < 1024; ++i)
         head->frame[i] = pattern(i, 77);
@@ -269,9 +268,8 @@ TEST(Records, SendFrameCarriesAllBytesWhateverSendLenSays)
     driver.frameList.clear();
 }
 
-TEST(Records, SendFrameCopiesTheHandshakeBytesBeyondSendLen)
+TEST_F(Records, SendFrameCopiesTheHandshakeBytesBeyondSendLen)
 {
-    ASSERT_EQ(1, initDriver("1#0#0#3#64"));
     std::unique_ptr<FRAME_PRO> out(new FRAME_PRO);
     std::memset(out->frame, 0xEE, sizeof out->frame);
     ASSERT_EQ(1, intf_getSendFrame(out.get()));

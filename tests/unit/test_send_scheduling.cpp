@@ -16,7 +16,7 @@ using namespace adstest;
 
 namespace {
 
-class SendScheduling : public HostTest {
+class SendScheduling : public DriverTest {
 protected:
     // Handshake answered, one cyclic read block "M_W" 0, one word.
     void startWithOneReadBlock()

@@ -20,8 +20,6 @@
 
 namespace {
 
-using adstest::initDriver;
-using adstest::initWithGap;
 using adstest::L;
 
 // ---------------------------------------------------------------------------------------
@@ -291,9 +289,8 @@ KEY_ADDRESS randomKnownKey(std::mt19937& rng, int hostNumber, int addrSpan)
     return makeKey(keyNo, L(kKnown[r]), address, length, hostNumber);
 }
 
-class Oracles : public ::testing::Test {
+class Oracles : public adstest::DriverTest {
 protected:
-    void SetUp() override { initDriver(); }
 };
 
 // ---------------------------------------------------------------------------------------
@@ -353,7 +350,7 @@ TEST_F(Oracles, UnmergeableKeysComeOutInBubbleSortedOrder)
     std::mt19937 rng(424242u);
     std::uniform_int_distribution<int> nKeys(1, 40);
     for (int round = 0; round < 300; ++round) {
-        initWithGap(0);
+        h->init(adstest::InitOptions().mergeGap(0));
         QList<KEY_ADDRESS> raw;
         int n = nKeys(rng);
         for (int i = 0; i < n; ++i)
@@ -389,7 +386,7 @@ TEST_F(Oracles, UnmergeableKeysWithUnknownNamesComeOutInBubbleSortedOrder)
     std::uniform_int_distribution<int> len(1, 30);
     const char* unknown[3] = {"X_W", "m_W", "Z"};
     for (int round = 0; round < 200; ++round) {
-        initWithGap(0);
+        h->init(adstest::InitOptions().mergeGap(0));
         QList<KEY_ADDRESS> raw;
         int n = nKeys(rng);
         for (int i = 0; i < n; ++i) {
@@ -424,7 +421,7 @@ TEST_F(Oracles, MergeModeOneEqualsLiteralPipeline)
     std::uniform_int_distribution<int> dense(0, 99);
     for (int round = 0; round < 400; ++round) {
         int gap = gapDist(rng);
-        initWithGap(gap);
+        h->init(adstest::InitOptions().mergeGap(gap));
         QList<KEY_ADDRESS> keys;
         int n = nKeys(rng);
         for (int i = 0; i < n; ++i) {
@@ -462,7 +459,7 @@ TEST_F(Oracles, RecipeVariablesEqualBubbleSortedFilteredInput)
     // outside it are exercised by the merge tests above.
     const char* names[6] = {"I_bit", "Q_bit", "M_bit", "I_W", "Q_W", "M_W"};
     for (int round = 0; round < 300; ++round) {
-        initDriver();
+        h->init();
         QVector<_RCP_VAR_PRO> vars;
         int n = nVars(rng);
         for (int i = 0; i < n; ++i) {
@@ -592,7 +589,7 @@ TEST_F(Oracles, DriverCacheLookUpEqualsLinearSearch)
         std::uniform_int_distribution<int> wordAddr(0, 40);
         std::uniform_int_distribution<int> count(0, 3);
         std::uniform_int_distribution<int> bitAddr(0, 300);
-        initDriver();
+        h->init();
         QList<_DATA_> oracle;
         for (int step = 0; step < 3000; ++step) {
             SCOPED_TRACE(::testing::Message() << "seed " << seed << " step " << step);
@@ -642,7 +639,7 @@ TEST_F(Oracles, DriverCacheLookUpEqualsLinearSearch)
                 ASSERT_TRUE(sameAreas(snapshot, oracleCopy));
                 ASSERT_EQ(driver.dataAreaList.size(), oracle.size());
             } else if (o < 97) {
-                initDriver();
+                h->init();
                 oracle.clear();
                 ASSERT_EQ(driver.dataAreaList.size(), 0);
             } else {
@@ -669,7 +666,7 @@ TEST_F(Oracles, LocalListLookUpEqualsLinearSearch)
         QList<_DATA_> oracle;
         // Interleave with look-ups on the driver's cache so that any shared index is exercised.
         QList<_DATA_> driverOracle;
-        initDriver();
+        h->init();
         for (int step = 0; step < 3000; ++step) {
             SCOPED_TRACE(::testing::Message() << "seed " << seed << " step " << step);
             int o = op(rng);
