@@ -1466,8 +1466,7 @@ Freshness Session::conditionValue(const Address& a, std::vector<uint8_t>& out)
         f.stale = f.stale || t.failedAt[b] > at;
         oldest = std::min(oldest, at);
     }
-    using namespace std::chrono;
-    const int64_t now = duration_cast<microseconds>(steady_clock::now().time_since_epoch()).count();
+    const int64_t now = adstool::nowUs();
     f.read = true;
     f.ageMs = double(std::max<int64_t>(0, now - oldest)) / 1000.0;
     return f;
