@@ -110,7 +110,7 @@ KindChoice chooseQueued(const RequestKind& self, const HostFlags&)
 
 void settleWriteData(const ReplyBytes& reply, int readLen, int dataStart, const VARIABLE& var)
 {
-    if (ruleOf(var.regName).kind == kBitRegister)
+    if (ruleOf(var.regName).isBit())
         completeBitWrite(reply, readLen, dataStart, var);
     else
         storeReadBytes(reply, readLen, dataStart, var);
