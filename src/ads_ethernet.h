@@ -183,19 +183,21 @@ public:
     void rebuild(const QList<_DATA_>& list);
     /* True only after rebuild() met the same key twice. */
     bool hasDuplicates() const { return duplicates_; }
-    /* How many units from `position` on (at most `count`) each hold the byte after the unit
-     * before them: same key, same area, the next address. Lets a read walk a run of units
-     * without looking each up. */
-    int continuingUnits(int position, int count) const;
+    /* Position of the unit that holds the byte after the unit at `position` (same key, same
+     * area, the next address); -1 when that byte is not cached. Lets a read walk the units
+     * of a block without looking each up, wherever in the list they were created. */
+    int successor(int position) const
+    {
+        return position >= 0 && position < successors_.size() ? successors_.constData()[position] : -1;
+    }
 
 private:
-    void noteAppended(int keyNo, int areaId, int address, int position);
+    void link(int keyNo, int areaId, int address, int position);
 
     QList<AREA_NAME_TEXTS> names_;
     QHash<DATA_AREA_KEY, int> positions_;
     bool duplicates_;
-    QVector<char> continues_; /* per position of the list: 1 when it continues the one before */
-    int lastKeyNo_, lastAreaId_, lastAddress_;
+    QVector<int> successors_; /* per position of the list: see successor() */
 };
 
 /* ------------------------------------------------------------------------------------

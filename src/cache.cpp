@@ -75,14 +75,13 @@ int areaNameIdOfRegister(const QString& regName) { return driver.dataAreaIndex.a
 
 /* ------------------------------------------------------------------ the index */
 
-CacheIndex::CacheIndex() : duplicates_(false), lastKeyNo_(0), lastAreaId_(-1), lastAddress_(0) { }
+CacheIndex::CacheIndex() : duplicates_(false) { }
 
 void CacheIndex::clear()
 {
     positions_.clear();
     duplicates_ = false;
-    continues_.clear();
-    lastAreaId_ = -1;
+    successors_.clear();
 }
 
 int CacheIndex::areaId(const QString& name)
@@ -125,32 +124,23 @@ int CacheIndex::find(int keyNo, int areaId, int address) const
 void CacheIndex::insert(int keyNo, int areaId, int address, int position)
 {
     positions_.insert(keyOf(keyNo, areaId, address), position);
-    noteAppended(keyNo, areaId, address, position);
+    link(keyNo, areaId, address, position);
 }
 
-int CacheIndex::continuingUnits(int position, int count) const
+/* A unit newly in the index: it learns which unit holds the byte after it, and the unit
+ * holding the byte before it learns that it is the one after. Units keep their position
+ * until the list is emptied, so a link stays true. */
+void CacheIndex::link(int keyNo, int areaId, int address, int position)
 {
-    if (position <= 0 || position >= continues_.size() || count <= 0)
-        return 0;
-    if (count > continues_.size() - position)
-        count = continues_.size() - position;
-    const char* from = continues_.constData() + position;
-    const void* stop = memchr(from, 0, static_cast<size_t>(count));
-    return stop ? static_cast<int>(static_cast<const char*>(stop) - from) : count;
-}
-
-/* The list grows only at its end, so whether a unit continues the one before it is known
- * when it is appended and stays true until the list is emptied. */
-void CacheIndex::noteAppended(int keyNo, int areaId, int address, int position)
-{
-    const bool continues = position == continues_.size() && lastAreaId_ >= 0 && keyNo == lastKeyNo_
-        && areaId == lastAreaId_ && address == wrapAdd(lastAddress_, 1);
-    if (position != continues_.size())
-        continues_.resize(position);
-    continues_.append(continues ? 1 : 0);
-    lastKeyNo_ = keyNo;
-    lastAreaId_ = areaId;
-    lastAddress_ = address;
+    if (position < 0)
+        return;
+    while (successors_.size() <= position)
+        successors_.append(-1); /* no successor known yet */
+    int* next = successors_.data();
+    next[position] = find(keyNo, areaId, wrapAdd(address, 1));
+    const int before = find(keyNo, areaId, wrapAdd(address, -1));
+    if (before >= 0 && before < successors_.size())
+        next[before] = position;
 }
 
 void CacheIndex::rebuild(const QList<_DATA_>& list)
@@ -160,11 +150,12 @@ void CacheIndex::rebuild(const QList<_DATA_>& list)
         const _DATA_& d = list.at(i);
         const int id = areaId(d.areaName);
         DATA_AREA_KEY k = keyOf(d.keyNo, id, d.address);
-        if (positions_.contains(k))
+        if (positions_.contains(k)) {
             duplicates_ = true;
-        else
-            positions_.insert(k, i);
-        noteAppended(d.keyNo, id, d.address, i);
+            continue;
+        }
+        positions_.insert(k, i);
+        link(d.keyNo, id, d.address, i);
     }
 }
 

@@ -386,58 +386,56 @@ int areaNameIdOfRegister(const QString& regName);
 int findOrCreateArea(int keyNo, int nameId, int address);
 int findOrCreateArea(int keyNo, const QString& areaName, int address);
 
-/* The units of consecutive addresses of one area, in address order: the unit after the
- * previous one is tried first (the units of a read block were usually created one after
- * another), else findOrCreateArea. The area's name is held by value: a callback made
- * between two steps may add names to the index's table. */
+/* The units of consecutive addresses of one area, in address order: the unit that holds
+ * the byte after the previous one is known to the index (CacheIndex::successor), wherever in
+ * the list it was created; when it is not cached yet, findOrCreateArea creates it. Used only
+ * while the index has no duplicate keys (the link is then the unit findOrCreateArea finds). */
 class ConsecutiveUnits {
 public:
     ConsecutiveUnits(int keyNo, int nameId)
-        : keyNo_(keyNo), nameId_(nameId), name_(driver.dataAreaIndex.texts(nameId).name),
-          hint_(!driver.dataAreaIndex.hasDuplicates()), previous_(-1)
+        : keyNo_(keyNo), nameId_(nameId), linked_(!driver.dataAreaIndex.hasDuplicates()), previous_(-1),
+          previousAddress_(0)
     {
     }
     int next(int address)
     {
-        int candidate = previous_ + 1;
-        if (hint_ && previous_ >= 0 && candidate < driver.dataAreaList.size()) {
-            const _DATA_& d = constUnitAt(candidate);
-            if (d.keyNo == keyNo_ && d.address == address && d.areaName.isSharedWith(name_))
-                return previous_ = candidate;
+        if (linked_ && previous_ >= 0 && address == wrapAdd(previousAddress_, 1)) {
+            const int after = driver.dataAreaIndex.successor(previous_);
+            if (after >= 0) {
+                previousAddress_ = address;
+                return previous_ = after;
+            }
         }
+        previousAddress_ = address;
         return previous_ = findOrCreateArea(keyNo_, nameId_, address);
     }
-    /* Passes over the units that follow the last one next() returned in the list as long as
-     * each continues the one before it (the index knows: same key and area, the next
-     * address; so they hold address, address + 1, ...) and they hold the values bytes[0],
-     * bytes[1], ... (at most `count`): the units next() would return for those addresses,
-     * compared without a look-up each. Returns how many were passed. */
-    int skipEqual(int address, const unsigned char* bytes, int count)
+    /* Passes over the units that hold the bytes after the last one next() returned as long
+     * as they are cached and hold the values bytes[0], bytes[1], ... (at most `count`): the
+     * units next() would return for those addresses, compared without a look-up each.
+     * Returns how many were passed. */
+    int skipEqual(const unsigned char* bytes, int count)
     {
-        (void)address;  // implied: the run continues the unit next() returned for address - 1
-        if (!hint_ || previous_ < 0)
+        if (!linked_ || previous_ < 0)
             return 0;
-        int first = previous_ + 1;
-        int available = driver.dataAreaList.size() - first;
-        if (count > available)
-            count = available;
-        count = driver.dataAreaIndex.continuingUnits(first, count);
-        QList<_DATA_>::const_iterator it = driver.dataAreaList.constBegin() + first;
+        const CacheIndex& index = driver.dataAreaIndex;
         int n = 0;
-        while (n < count && (*it).value[0] == bytes[n]) {
+        while (n < count) {
+            const int after = index.successor(previous_);
+            if (after < 0 || constUnitAt(after).value[0] != bytes[n])
+                break;
+            previous_ = after;
             ++n;
-            ++it;
         }
-        previous_ += n;
+        previousAddress_ = wrapAdd(previousAddress_, n);
         return n;
     }
 
 private:
     int keyNo_;
     int nameId_;
-    QString name_;
-    bool hint_;
+    bool linked_;
     int previous_;
+    int previousAddress_;
 };
 
 /* ------------------------------------------------------------------ change reports (reports.cpp) */

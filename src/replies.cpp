@@ -112,7 +112,7 @@ void applyWriteFlagRule(_DATA_& d)
 namespace drv {
 
 /* Every register addresses bytes, one cached unit per reply byte; a changed byte is
- * reported at once. An unchanged byte's unit is followed by the units after it in the list
+ * reported at once. From an unchanged byte's unit the units of the next bytes are followed
  * as long as they hold the next bytes unchanged, without a look-up each. The variable is read
  * before the first report: it may be the frame in flight, and a callback may end that
  * frame. */
@@ -129,7 +129,7 @@ void storeReadBytes(const ReplyBytes& bytes, int readLen, int dataStart, const V
             int available = 0;
             const unsigned char* run
                 = bytes.from(static_cast<long long>(dataStart) + j + 1, readLen - j - 1, available);
-            j += units.skipEqual(wrapAdd(address, j + 1), run, available);
+            j += units.skipEqual(run, available);
             continue;
         }
         _DATA_& d = unitAt(position);

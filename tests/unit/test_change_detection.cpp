@@ -225,3 +225,33 @@ TEST_F(ChangeDetection, AReadOverUnitsCachedOutOfAddressOrderComparesEachByteWit
     EXPECT_EQ(at(M, 2).value[0], 6);
     EXPECT_EQ(h->reports, (std::vector<Report> {r(M_W, 2)}));
 }
+
+// A screen of words with gaps between them: the units of the gap bytes are created by the
+// first read, after all the screen's units, so a block's units lie in two runs of the cache
+// interleaved two by two. Each later read still stores every byte in its own unit and
+// reports exactly the words whose bytes changed.
+TEST_F(ChangeDetection, AReadOverWordsWithGapsCreatedLaterStoresEachByteInItsOwnUnit)
+{
+    ASSERT_TRUE(h->handshake());
+    h->addrMerge({Host::key(1, M_W, 0, 1), Host::key(1, M_W, 4, 1), Host::key(1, M_W, 8, 1)});
+    const int wordUnits = driver.dataAreaList.size();
+    ASSERT_EQ(wordUnits, 6);
+    std::vector<unsigned char> bytes(10);
+    for (int i = 0; i < 10; ++i)
+        bytes[size_t(i)] = static_cast<unsigned char>(0x10 + i);
+    h->plc.setBytes(kMemory, 0, bytes);
+    ASSERT_EQ(h->cycle(), 1);
+    EXPECT_EQ(driver.dataAreaList.size(), 10);  // bytes 2, 3, 6, 7 created by the read
+    EXPECT_GE(idx(M, 2), wordUnits);
+    for (int a = 0; a < 10; ++a)
+        EXPECT_EQ(at(M, a).value[0], 0x10 + a) << "M " << a;
+
+    h->plc.setBytes(kMemory, 3, {0x77});  // a gap byte: no word of the screen
+    h->plc.setBytes(kMemory, 9, {0x99});  // the second byte of the word at 8
+    h->clearReports();
+    ASSERT_EQ(h->cycle(), 1);
+    for (int a = 0; a < 10; ++a)
+        EXPECT_EQ(at(M, a).value[0], a == 3 ? 0x77 : a == 9 ? 0x99 : 0x10 + a) << "M " << a;
+    EXPECT_EQ(h->reports, (std::vector<Report> {r(M_W, 8)}));
+    EXPECT_EQ(driver.dataAreaList.size(), 10);
+}

@@ -1,6 +1,7 @@
 // Data areas: the cache of PLC memory, its find-or-create look-up and the monitor marks.
 #include <gtest/gtest.h>
 
+#include <climits>
 #include <cstring>
 #include <vector>
 
@@ -181,6 +182,49 @@ TEST_F(DataAreas, InitEmptiesTheCacheAndLookUpStartsAgainAtZero)
     EXPECT_EQ(driver.dataAreaList.size(), 0);
     EXPECT_EQ(getIndexOfDataArea(1, L("M"), 1, driver.dataAreaList), 0);
     EXPECT_EQ(driver.dataAreaList.size(), 1);
+}
+
+// The index knows, for each unit, the unit that holds the next byte of the same key and
+// area, in whatever order the units were created: a read walks its block by these links.
+TEST_F(DataAreas, EachUnitKnowsTheUnitOfTheNextByteWhateverTheOrderOfCreation)
+{
+    const CacheIndex& index = driver.dataAreaIndex;
+    const int m5 = getIndexOfDataArea(1, L("M"), 5, driver.dataAreaList);
+    const int m7 = getIndexOfDataArea(1, L("M"), 7, driver.dataAreaList);
+    const int q6 = getIndexOfDataArea(1, L("Q"), 6, driver.dataAreaList);
+    const int m6other = getIndexOfDataArea(2, L("M"), 6, driver.dataAreaList);
+    EXPECT_EQ(index.successor(m5), -1);  // byte 6 of M, key 1, is not cached yet
+    EXPECT_EQ(index.successor(m7), -1);
+    const int m6 = getIndexOfDataArea(1, L("M"), 6, driver.dataAreaList);
+    EXPECT_EQ(index.successor(m5), m6);  // linked when byte 6 came
+    EXPECT_EQ(index.successor(m6), m7);  // and byte 6 found byte 7
+    EXPECT_EQ(index.successor(q6), -1);  // another area
+    EXPECT_EQ(index.successor(m6other), -1);  // another key
+    const int m4 = getIndexOfDataArea(1, L("M"), 4, driver.dataAreaList);
+    EXPECT_EQ(index.successor(m4), m5);
+    EXPECT_EQ(index.successor(-1), -1);
+    EXPECT_EQ(index.successor(driver.dataAreaList.size()), -1);
+}
+
+TEST_F(DataAreas, TheLastAddressIsFollowedByTheFirstAsAddressesWrap)
+{
+    const CacheIndex& index = driver.dataAreaIndex;
+    const int last = getIndexOfDataArea(1, L("M"), INT_MAX, driver.dataAreaList);
+    const int first = getIndexOfDataArea(1, L("M"), INT_MIN, driver.dataAreaList);
+    EXPECT_EQ(index.successor(last), first);
+    EXPECT_EQ(index.successor(first), -1);
+}
+
+TEST_F(DataAreas, LinksAreMadeAgainForAListBuiltByHandAndForgottenWithTheCache)
+{
+    appendUnits({adstest::makeUnit(1, "M", 2), adstest::makeUnit(1, "M", 0), adstest::makeUnit(1, "M", 1)});
+    const CacheIndex& index = driver.dataAreaIndex;
+    EXPECT_EQ(index.successor(1), 2);  // M 0 -> M 1
+    EXPECT_EQ(index.successor(2), 0);  // M 1 -> M 2
+    EXPECT_EQ(index.successor(0), -1);
+    h->init();
+    EXPECT_EQ(index.successor(0), -1);
+    EXPECT_EQ(index.successor(2), -1);
 }
 
 // ---------------------------------------------------------------------------------------
