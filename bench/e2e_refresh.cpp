@@ -141,8 +141,9 @@ int main(int argc, char** argv)
         std::printf("turn %d: host %.1f refreshes/s, raw %.1f refreshes/s\n", t + 1, h.rate(), r.rate());
     }
     adshost::Stats s = host.stats();
-    std::printf("host: %.1f full refreshes/s (%llu in %.2f s), median round trip %.3f ms\n", hostTotal.rate(),
-        hostTotal.refreshes, hostTotal.seconds, s.rttMedianMs);
+    std::printf("host: %.1f full refreshes/s (%llu in %.2f s), %.2f requests per refresh, median round trip %.3f ms\n",
+        hostTotal.rate(), hostTotal.refreshes, hostTotal.seconds,
+        s.fullRefreshes > 0 ? double(s.requests) / double(s.fullRefreshes) : 0.0, s.rttMedianMs);
     std::printf(
         "raw:  %.1f full refreshes/s (%llu in %.2f s)\n", rawTotal.rate(), rawTotal.refreshes, rawTotal.seconds);
     std::printf("ratio host/raw: %.3f\n", rawTotal.rate() > 0 ? hostTotal.rate() / rawTotal.rate() : 0.0);

@@ -473,7 +473,8 @@ constexpr uint32_t kMaxFrameBody = 65536;
 struct Session::Impl {
     // One step of Session::step, in order.
     void describeFrame(const FRAME_PRO& f, bool recipeWriteUp, bool recipeReadUp, Exchange& ex);
-    void transmit(const FRAME_PRO& f, Exchange& ex);
+    void noteInFlight(const Exchange& ex);
+    void noteReply(Exchange& ex);
     void handOver(Exchange& ex);
     void account(const Exchange& ex);
     bool configureDriver(Session& self, std::string& why);
@@ -1131,7 +1132,6 @@ int Session::checkAddress(const Address& a, int access)
 void Session::Impl::describeFrame(const FRAME_PRO& f, bool recipeWriteUp, bool recipeReadUp, Exchange& ex)
 {
     const bool recipeUp = recipeWriteUp || recipeReadUp;
-    ex.sendLen = std::max(0, std::min(f.sendLen, 1024));
     ex.commandId = f.frame[22] | f.frame[23] << 8;
     ex.readLen = f.readLen;
     if (!f.var.regName.isSharedWith(regName) || regName.isEmpty()) {  // the driver's table: shared
@@ -1166,12 +1166,23 @@ void Session::Impl::describeFrame(const FRAME_PRO& f, bool recipeWriteUp, bool r
         ex.purpose = 'C';
 }
 
-// Sends the frame and receives its reply into `reply`; the round trip when one came.
-void Session::Impl::transmit(const FRAME_PRO& f, Exchange& ex)
+// The frame now in flight: the codes of the replies to it start again when it is not the
+// frame before (a frame sent again keeps the codes its earlier replies had).
+void Session::Impl::noteInFlight(const Exchange& ex)
 {
-    stepEndUs = transport.request(f.frame, size_t(ex.sendLen), reply, ex) / 1000;
-    // What the reply says, read from its bytes before the driver sees it (the driver's
-    // callback for a condition read settles that action with these codes).
+    std::lock_guard<std::mutex> g(lock);
+    if (sourceNetId != ex.sourceNetId)
+        sourceNetId = ex.sourceNetId;
+    if (ex.frame != inFlight) {
+        inFlight = ex.frame;
+        frameCodes = ReplyCodes();
+    }
+}
+
+// What the reply says, read from its bytes before the driver sees it (the driver's callback
+// for a condition read settles that action with these codes).
+void Session::Impl::noteReply(Exchange& ex)
+{
     ex.codes = decodeReply(reply.data(), reply.size());
     std::lock_guard<std::mutex> g(lock);
     if (!reply.empty())
@@ -1179,12 +1190,6 @@ void Session::Impl::transmit(const FRAME_PRO& f, Exchange& ex)
     lastReplyHeadBytes = std::min<size_t>(reply.size(), sizeof lastReplyHead);
     if (lastReplyHeadBytes > 0)
         std::memcpy(lastReplyHead, reply.data(), lastReplyHeadBytes);
-    if (sourceNetId != ex.sourceNetId)
-        sourceNetId = ex.sourceNetId;
-    if (ex.frame != inFlight) {
-        inFlight = ex.frame;
-        frameCodes = ReplyCodes();
-    }
     if (ex.codes.header)
         frameCodes = ex.codes;
 }
@@ -1250,8 +1255,13 @@ const Exchange& Session::step()
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
         return clearTexts(ex);
     }
+    ex.sendLen = std::max(0, std::min(frame->sendLen, 1024));
+    s.transport.send(frame->frame, size_t(ex.sendLen), ex);
+    // While the PLC answers: what was sent.
     s.describeFrame(*frame, recipeWriteUp, recipeReadUp, ex);
-    s.transmit(*frame, ex);
+    s.noteInFlight(ex);
+    s.stepEndUs = s.transport.awaitReply(s.reply, ex) / 1000;
+    s.noteReply(ex);
     s.handOver(ex);
     s.account(ex);
     return ex;

@@ -144,29 +144,37 @@ void Transport::drain()
     }
 }
 
-int64_t Transport::request(const uint8_t* frame, size_t len, std::vector<uint8_t>& reply, Exchange& ex)
+void Transport::send(const uint8_t* frame, size_t len, Exchange& ex)
 {
     drain();
+    // One clock reading here and one when the reply is in: the round trip, the reply's
+    // deadline and the send's come from them.
+    sentNs_ = adstool::nowNs();
+    replyDeadlineMs_ = sentNs_ / 1000000 + cfg_.replyTimeoutMs;
+    sent_ = false;
+    // One send() for the whole frame; the helper only waits when the send buffer is full.
+    if (fd_ < 0
+        || adstool::sendAll(fd_, frame, len, adstool::Deadline::at(replyDeadlineMs_)) != adstool::IoStatus::Ok) {
+        ex.connectionLost = true;
+        return;
+    }
+    sent_ = true;
+    pcap_.hostToPlc(frame, len);
+    counters_.requests.fetch_add(1, std::memory_order_relaxed);
+}
+
+int64_t Transport::awaitReply(std::vector<uint8_t>& reply, Exchange& ex)
+{
     reply.clear();
-    // One clock reading before and one after: the round trip, the reply's deadline and
-    // the send's come from them.
-    const int64_t startNs = adstool::nowNs();
-    const int64_t deadlineMs = startNs / 1000000 + cfg_.replyTimeoutMs;
-    if (fd_ < 0) {
-        ex.connectionLost = true;
-    } else if (adstool::sendAll(fd_, frame, len, adstool::Deadline::at(deadlineMs)) != adstool::IoStatus::Ok) {
-        // One send() for the whole frame; the helper only waits when the send buffer is full.
-        ex.connectionLost = true;
-    } else {
-        pcap_.hostToPlc(frame, len);
-        counters_.requests.fetch_add(1, std::memory_order_relaxed);
-        receive(reply, ex, deadlineMs);
+    if (sent_ && fd_ >= 0) {
+        receive(reply, ex, replyDeadlineMs_);
         if (!reply.empty())
             pcap_.plcToHost(reply.data(), reply.size());
     }
+    sent_ = false;
     const int64_t endNs = adstool::nowNs();
     if (!ex.timedOut && !ex.connectionLost)
-        ex.rttMs = double(endNs - startNs) / 1e6;
+        ex.rttMs = double(endNs - sentNs_) / 1e6;
     return endNs;
 }
 

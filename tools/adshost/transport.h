@@ -48,10 +48,13 @@ public:
 
     // Before a new request: reads and drops each reply owed by a request that timed out.
     void settleOwedReplies();
-    // Sends one frame and receives its reply into `reply` (cleared first), or notes in `ex`
-    // why none came (timedOut, connectionLost; recvChunks counts the recv() calls); the round
-    // trip in ex.rttMs when a reply came. Returns the moment it ended (adstool::nowNs()).
-    int64_t request(const uint8_t* frame, size_t len, std::vector<uint8_t>& reply, Exchange& ex);
+    // One request in two halves, so that the host can note what it sent while the PLC
+    // answers. send: one frame (a lost connection is noted in `ex`); then awaitReply: its
+    // reply into `reply` (cleared first), or in `ex` why none came (timedOut, connectionLost;
+    // recvChunks counts the recv() calls), the round trip in ex.rttMs when a reply came.
+    // awaitReply returns the moment it ended (adstool::nowNs()).
+    void send(const uint8_t* frame, size_t len, Exchange& ex);
+    int64_t awaitReply(std::vector<uint8_t>& reply, Exchange& ex);
     // After the driver has handled the reply (`accepted`: its result was 1): whether the
     // stream may hold stale bytes, a reply is owed, or the connection is to be dropped.
     void replyHandled(const Exchange& ex, bool accepted, bool anyBytes);
@@ -81,6 +84,10 @@ private:
     // matches a reply to its request by length alone, so a late reply must never reach it
     // as the answer to a later request (a bit write would write back another byte's bits).
     int owedReplies_ = 0;
+    // The request in flight: when it was sent, and its reply's deadline (adstool::nowMs()).
+    bool sent_ = false;
+    int64_t sentNs_ = 0;
+    int64_t replyDeadlineMs_ = 0;
 };
 
 }  // namespace adshost
