@@ -418,14 +418,32 @@ public:
         if (!linked_ || previous_ < 0)
             return 0;
         const CacheIndex& index = driver.dataAreaIndex;
+        const int* successors = index.successors();
+        const int links = index.successorCount();
+        QList<_DATA_>::const_iterator units = driver.dataAreaList.constBegin();
+        int at = previous_;
         int n = 0;
-        while (n < count) {
-            const int after = index.successor(previous_);
-            if (after < 0 || constUnitAt(after).value[0] != bytes[n])
+        while (n < count && at < links) {
+            /* The units that follow in list order, compared one after another... */
+            const int run = index.continuingUnits(at + 1, count - n);
+            QList<_DATA_>::const_iterator it = units + (at + 1);
+            int equal = 0;
+            while (equal < run && (*it).value[0] == bytes[n + equal]) {
+                ++equal;
+                ++it;
+            }
+            at += equal;
+            n += equal;
+            if (equal < run || n >= count || at >= links)
                 break;
-            previous_ = after;
+            /* ...then the link to the unit of the next byte, wherever it lies. */
+            const int after = successors[at];
+            if (after < 0 || units[after].value[0] != bytes[n])
+                break;
+            at = after;
             ++n;
         }
+        previous_ = at;
         previousAddress_ = wrapAdd(previousAddress_, n);
         return n;
     }

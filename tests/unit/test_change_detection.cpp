@@ -246,12 +246,14 @@ TEST_F(ChangeDetection, AReadOverWordsWithGapsCreatedLaterStoresEachByteInItsOwn
     for (int a = 0; a < 10; ++a)
         EXPECT_EQ(at(M, a).value[0], 0x10 + a) << "M " << a;
 
-    h->plc.setBytes(kMemory, 3, {0x77});  // a gap byte: no word of the screen
-    h->plc.setBytes(kMemory, 9, {0x99});  // the second byte of the word at 8
+    // Each the first byte of its run of units: reached from the byte before by a jump in the
+    // cache, not by the next unit in it.
+    h->plc.setBytes(kMemory, 2, {0x77});  // a gap byte: no word of the screen
+    h->plc.setBytes(kMemory, 8, {0x88});  // the first byte of the word at 8
     h->clearReports();
     ASSERT_EQ(h->cycle(), 1);
     for (int a = 0; a < 10; ++a)
-        EXPECT_EQ(at(M, a).value[0], a == 3 ? 0x77 : a == 9 ? 0x99 : 0x10 + a) << "M " << a;
+        EXPECT_EQ(at(M, a).value[0], a == 2 ? 0x77 : a == 8 ? 0x88 : 0x10 + a) << "M " << a;
     EXPECT_EQ(h->reports, (std::vector<Report> {r(M_W, 8)}));
     EXPECT_EQ(driver.dataAreaList.size(), 10);
 }
