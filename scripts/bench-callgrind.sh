@@ -32,7 +32,9 @@
 # instructions per request after start-up are the difference of the two totals divided by the
 # difference of the requests (adshost's figures line); start-up, the handshake and the end are
 # the same in both runs.
-# SESSION_WATCH changes the screen; ANNOTATE=1 prints the top functions inside
+# SESSION_WATCH changes the screen (one or more addresses, separated by spaces: e.g. the
+# end-to-end benchmark's screen of 500 words with gaps is "M_W:0:1 M_W:4:1 ... M_W:1996:1";
+# take SESSION_CYCLES="400 800" for it); ANNOTATE=1 prints the top functions inside
 # Session::step (a third run that collects only there), per request.
 set -euo pipefail
 here=$(cd "$(dirname "$0")/.." && pwd)
@@ -63,10 +65,12 @@ if [ "${1:-}" = --session ]; then
   read -r -a cycles <<<"${SESSION_CYCLES:-6000 12000}"
   [ "${#cycles[@]}" = 2 ] && [ "${cycles[1]}" -gt "${cycles[0]}" ] ||
     { echo "SESSION_CYCLES takes two counts, the second larger" >&2; exit 2; }
+  watchArgs=()
+  for w in $watch; do watchArgs+=(--watch "$w"); done
   session() {  # session CYCLES OUTFILE [callgrind options...]: prints the total instructions and the requests
     local n=$1 file=$2; shift 2
     valgrind --tool=callgrind --callgrind-out-file="$file" "$@" "$adshost" --driver "$plugin" \
-      --plc "127.0.0.1:$port" --watch "$watch" --cycles "$n" --interval-ms 0 --quiet >"$file.log" 2>&1 ||
+      --plc "127.0.0.1:$port" "${watchArgs[@]}" --cycles "$n" --interval-ms 0 --quiet >"$file.log" 2>&1 ||
       { echo "adshost under callgrind failed:" >&2; cat "$file.log" >&2; exit 1; }
     local requests
     requests=$(sed -n 's/^figures: requests=\([0-9]*\).*/\1/p' "$file.log" | tail -n1)
@@ -76,9 +80,11 @@ if [ "${1:-}" = --session ]; then
   read -r i1 r1 <<<"$(session "${cycles[0]}" "$out/callgrind.out.session1")"
   read -r i2 r2 <<<"$(session "${cycles[1]}" "$out/callgrind.out.session2")"
   per=$(( (i2 - i1) / (r2 - r1) ))
-  echo "adshost: $adshost, screen --watch $watch, plcsim on 127.0.0.1:$port"
+  echo "adshost: $adshost, screen: $(( ${#watchArgs[@]} / 2 )) --watch addresses, plcsim on 127.0.0.1:$port"
+  label=$watch
+  [ "${#watchArgs[@]}" -gt 2 ] && label="${watch%% *} and $(( ${#watchArgs[@]} / 2 - 1 )) more"
   printf 'session %-26s %12d instructions per request (host and driver; %s requests: %d, %s requests: %d)\n' \
-    "$watch" "$per" "$r1" "$i1" "$r2" "$i2"
+    "$label" "$per" "$r1" "$i1" "$r2" "$i2"
   if [ "${ANNOTATE:-0}" = 1 ]; then
     file=$out/callgrind.out.step
     read -r _ n <<<"$(session "${cycles[1]}" "$file" --toggle-collect='adshost::Session::step*')"

@@ -193,9 +193,6 @@ public:
     /* successor() of every position below successorCount(), for a loop that follows many. */
     const int* successors() const { return successors_.constData(); }
     int successorCount() const { return successors_.size(); }
-    /* How many units from `position` on (at most `count`) are each the successor of the unit
-     * before them in the list: a run that a read can walk in list order. */
-    int continuingUnits(int position, int count) const;
 
 private:
     void link(int keyNo, int areaId, int address, int position);
@@ -204,7 +201,6 @@ private:
     QHash<DATA_AREA_KEY, int> positions_;
     bool duplicates_;
     QVector<int> successors_; /* per position of the list: see successor() */
-    QVector<char> continues_; /* per position: 1 when it is the successor of the position before */
 };
 
 /* ------------------------------------------------------------------------------------

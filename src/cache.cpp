@@ -82,7 +82,6 @@ void CacheIndex::clear()
     positions_.clear();
     duplicates_ = false;
     successors_.clear();
-    continues_.clear();
 }
 
 int CacheIndex::areaId(const QString& name)
@@ -135,33 +134,13 @@ void CacheIndex::link(int keyNo, int areaId, int address, int position)
 {
     if (position < 0)
         return;
-    while (successors_.size() <= position) {
+    while (successors_.size() <= position)
         successors_.append(-1); /* no successor known yet */
-        continues_.append(0);
-    }
     int* next = successors_.data();
-    char* continues = continues_.data();
-    const int after = find(keyNo, areaId, wrapAdd(address, 1));
-    next[position] = after;
-    if (after == position + 1 && after < continues_.size())
-        continues[after] = 1;
+    next[position] = find(keyNo, areaId, wrapAdd(address, 1));
     const int before = find(keyNo, areaId, wrapAdd(address, -1));
-    if (before >= 0 && before < successors_.size()) {
+    if (before >= 0 && before < successors_.size())
         next[before] = position;
-        if (position == before + 1)
-            continues[position] = 1;
-    }
-}
-
-int CacheIndex::continuingUnits(int position, int count) const
-{
-    if (position <= 0 || position >= continues_.size() || count <= 0)
-        return 0;
-    if (count > continues_.size() - position)
-        count = continues_.size() - position;
-    const char* from = continues_.constData() + position;
-    const void* stop = memchr(from, 0, static_cast<size_t>(count));
-    return stop ? static_cast<int>(static_cast<const char*>(stop) - from) : count;
 }
 
 void CacheIndex::rebuild(const QList<_DATA_>& list)

@@ -389,12 +389,15 @@ int findOrCreateArea(int keyNo, const QString& areaName, int address);
 /* The units of consecutive addresses of one area, in address order: the unit that holds
  * the byte after the previous one is known to the index (CacheIndex::successor), wherever in
  * the list it was created; when it is not cached yet, findOrCreateArea creates it. Used only
- * while the index has no duplicate keys (the link is then the unit findOrCreateArea finds). */
+ * while the index has no duplicate keys (the link is then the unit findOrCreateArea finds) and
+ * is in step with the list (a test may empty the list by hand). */
 class ConsecutiveUnits {
 public:
     ConsecutiveUnits(int keyNo, int nameId)
-        : keyNo_(keyNo), nameId_(nameId), linked_(!driver.dataAreaIndex.hasDuplicates()), previous_(-1),
-          previousAddress_(0)
+        : keyNo_(keyNo), nameId_(nameId),
+          linked_(!driver.dataAreaIndex.hasDuplicates()
+              && driver.dataAreaIndex.successorCount() <= driver.dataAreaList.size()),
+          previous_(-1), previousAddress_(0)
     {
     }
     int next(int address)
@@ -415,34 +418,21 @@ public:
      * Returns how many were passed. */
     int skipEqual(const unsigned char* bytes, int count)
     {
-        if (!linked_ || previous_ < 0)
+        if (!linked_ || previous_ < 0 || previous_ >= driver.dataAreaIndex.successorCount() || count <= 0)
             return 0;
-        const CacheIndex& index = driver.dataAreaIndex;
-        const int* successors = index.successors();
-        const int links = index.successorCount();
+        /* Every link is a position the index knows, so each step stays inside the table. */
+        const int* successors = driver.dataAreaIndex.successors();
         QList<_DATA_>::const_iterator units = driver.dataAreaList.constBegin();
+        const unsigned char* byte = bytes;
+        const unsigned char* const end = bytes + count;
         int at = previous_;
-        int n = 0;
-        while (n < count && at < links) {
-            /* The units that follow in list order, compared one after another... */
-            const int run = index.continuingUnits(at + 1, count - n);
-            QList<_DATA_>::const_iterator it = units + (at + 1);
-            int equal = 0;
-            while (equal < run && (*it).value[0] == bytes[n + equal]) {
-                ++equal;
-                ++it;
-            }
-            at += equal;
-            n += equal;
-            if (equal < run || n >= count || at >= links)
-                break;
-            /* ...then the link to the unit of the next byte, wherever it lies. */
+        do {
             const int after = successors[at];
-            if (after < 0 || units[after].value[0] != bytes[n])
+            if (after < 0 || units[after].value[0] != *byte)
                 break;
             at = after;
-            ++n;
-        }
+        } while (++byte != end);
+        const int n = static_cast<int>(byte - bytes);
         previous_ = at;
         previousAddress_ = wrapAdd(previousAddress_, n);
         return n;
