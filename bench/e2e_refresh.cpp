@@ -141,9 +141,11 @@ int main(int argc, char** argv)
         std::printf("turn %d: host %.1f refreshes/s, raw %.1f refreshes/s\n", t + 1, h.rate(), r.rate());
     }
     adshost::Stats s = host.stats();
-    std::printf("host: %.1f full refreshes/s (%llu in %.2f s), %.2f requests per refresh, median round trip %.3f ms\n",
+    std::printf("host: %.1f full refreshes/s (%llu in %.2f s), %.2f requests per refresh (%llu requests with the "
+                "warm-up), median round trip %.3f ms\n",
         hostTotal.rate(), hostTotal.refreshes, hostTotal.seconds,
-        s.fullRefreshes > 0 ? double(s.requests) / double(s.fullRefreshes) : 0.0, s.rttMedianMs);
+        s.fullRefreshes > 0 ? double(s.requests) / double(s.fullRefreshes) : 0.0,
+        static_cast<unsigned long long>(s.requests), s.rttMedianMs);
     std::printf(
         "raw:  %.1f full refreshes/s (%llu in %.2f s)\n", rawTotal.rate(), rawTotal.refreshes, rawTotal.seconds);
     std::printf("ratio host/raw: %.3f\n", rawTotal.rate() > 0 ? hostTotal.rate() / rawTotal.rate() : 0.0);
