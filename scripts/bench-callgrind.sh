@@ -119,7 +119,10 @@ if [ -n "$panel" ]; then
   fi
   exe=$build/callgrind_cycle
   # shellcheck disable=SC2046
-  ${CXX:-g++} -O2 -std=c++14 -I"$here/src" -I"$here/bench" "${qtflags[@]}" "$here/bench/callgrind_cycle.cpp" \
+  # The benchmark's command line (adstool/cli.h) needs the tools' headers, CLI11 and the two
+  # helpers it calls.
+  ${CXX:-g++} -O2 -std=c++14 -I"$here/src" -I"$here/bench" -I"$here/tools/common/include" "${qtflags[@]}" \
+    "$here/bench/callgrind_cycle.cpp" "$here/tools/common/src/hostport.cpp" "$here/tools/common/src/netid.cpp" \
     $(ls "$here"/src/*.cpp) -o "$exe" "${qtlibs[@]}" >"$build/callgrind_cycle.build.log" 2>&1 ||
     { cat "$build/callgrind_cycle.build.log" >&2; exit 1; }
 else
