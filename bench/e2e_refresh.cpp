@@ -19,6 +19,12 @@
 #include "adstool/deadline_io.h"
 #include "plcsim_control.h"
 
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -37,19 +43,53 @@ namespace {
 
 using adstool::nowSeconds;
 
-/* The floor: one request out, one reply in (deadline I/O of 2 s each), nothing else. */
+/* The floor: one request out, one reply in, nothing else. The socket is blocking with a
+ * 2-second receive time-out and TCP_NODELAY, as the host's: one send() per request and, as a
+ * rule, one recv() per reply (more only when a reply arrives in pieces). */
 class RawClient {
 public:
-    bool connect(uint16_t port) { return tcp_.connect("127.0.0.1", port, 2000); }
-    /* Sends the frame and reads one whole reply; false on any failure. */
+    ~RawClient()
+    {
+        if (fd_ >= 0)
+            ::close(fd_);
+    }
+    bool connect(uint16_t port)
+    {
+        fd_ = adstool::connectTcp("127.0.0.1", port, adstool::Deadline(2000));
+        if (fd_ < 0)
+            return false;
+        const int flags = ::fcntl(fd_, F_GETFL);
+        if (flags < 0 || ::fcntl(fd_, F_SETFL, flags & ~O_NONBLOCK) < 0)
+            return false;
+        timeval t {2, 0};
+        const int on = 1;
+        return ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &t, sizeof t) == 0
+            && ::setsockopt(fd_, SOL_SOCKET, SO_SNDTIMEO, &t, sizeof t) == 0
+            && ::setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on) == 0;
+    }
+    /* Sends the frame and reads one whole reply (by its AMS/TCP length); false on any failure. */
     bool exchange(const std::vector<uint8_t>& frame)
     {
-        return tcp_.sendAll(frame, 2000) && tcp_.readFrame(reply_, 2000);
+        if (::send(fd_, frame.data(), frame.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(frame.size()))
+            return false;
+        size_t have = 0, need = 6;
+        while (have < need) {
+            const ssize_t n = ::recv(fd_, reply_ + have, sizeof reply_ - have, 0);
+            if (n <= 0)
+                return false;
+            have += static_cast<size_t>(n);
+            if (need == 6 && have >= 6) {
+                need = 6 + (reply_[2] | reply_[3] << 8 | reply_[4] << 16 | static_cast<size_t>(reply_[5]) << 24);
+                if (need > sizeof reply_)
+                    return false;
+            }
+        }
+        return have == need;
     }
 
 private:
-    adstool::TcpStream tcp_;
-    std::vector<uint8_t> reply_;
+    int fd_ = -1;
+    uint8_t reply_[4096];
 };
 
 struct Turn {
