@@ -3,10 +3,13 @@
  * full, by the reference host (adshost_core with the driver plugin) and, for comparison, by
  * a raw socket client that sends the very same block reads and does no driver work (the
  * floor: what the simulator and the loopback allow). Both talk to one plcsim on 127.0.0.1
- * and take turns (host, raw, host, raw, ...) so that both see the same machine load.
+ * and take turns so that both see the same machine load: within a turn they alternate in
+ * slices of --slice-ms (host, raw, host, raw, ...) until each has polled S seconds, so that
+ * a burst of load on a shared machine falls on both rather than on one side's turn.
  *
  *   e2e_refresh [--seconds S per turn, default 2] [--turns N, default 2]
- *               [--addresses N, default 500] [--driver PATH] [--plcsim PATH]
+ *               [--slice-ms MS, default 100] [--addresses N, default 500]
+ *               [--driver PATH] [--plcsim PATH]
  *
  * The screen: N one-word "M_W" addresses 4 bytes apart (M_W:0, M_W:4, ...), the host's
  * default gap of 16 bytes, so the driver merges them into full 128-byte blocks.
@@ -25,6 +28,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -110,6 +114,7 @@ int main(int argc, char** argv)
 {
     double seconds = 2;
     int turns = 2;
+    int sliceMs = 100;
     int addresses = 500;
     std::string driverPath = ADS_DRIVER_PLUGIN;
     std::string plcsimPath = PLCSIM_EXE;
@@ -120,6 +125,8 @@ int main(int argc, char** argv)
         prepare(app);
         app.add_option("--seconds", seconds, "seconds per turn (default 2)")->check(Real(0.001, 600, "seconds"));
         app.add_option("--turns", turns, "turns of host and raw client (default 2)")->check(Number(1, 100));
+        app.add_option("--slice-ms", sliceMs, "host and raw client alternate in slices this long (default 100)")
+            ->check(Number(1, 600000));
         app.add_option("--addresses", addresses, "one-word addresses on the screen (default 500)")
             ->check(Number(1, 16000));
         app.add_option("--driver", driverPath, "the driver plugin");
@@ -156,26 +163,35 @@ int main(int argc, char** argv)
     std::printf("screen: %d addresses in %d read blocks; plcsim on 127.0.0.1:%u\n", addresses, blocks,
         static_cast<unsigned>(sim.port()));
     Turn hostTotal, rawTotal;
+    const double slice = sliceMs / 1000.0;
     for (int t = 0; t < turns; ++t) {
-        adshost::Stats s0 = host.stats();
-        double h0 = nowSeconds();
-        if (!host.run(0, static_cast<int>(seconds * 1000)))
-            return fail("host polling failed: " + host.failure());
-        Turn h;
-        h.seconds = nowSeconds() - h0;
-        h.refreshes = host.stats().fullRefreshes - s0.fullRefreshes;
+        Turn h, r;
+        while (h.seconds < seconds || r.seconds < seconds) {
+            if (h.seconds < seconds) {
+                const double length = std::min(slice, seconds - h.seconds);
+                const uint64_t before = host.fullRefreshes();
+                const double h0 = nowSeconds();
+                if (!host.run(0, std::max(1, static_cast<int>(length * 1000 + 0.5))))
+                    return fail("host polling failed: " + host.failure());
+                h.seconds += nowSeconds() - h0;
+                h.refreshes += host.fullRefreshes() - before;
+            }
+            if (r.seconds < seconds) {
+                const double length = std::min(slice, seconds - r.seconds);
+                const double r0 = nowSeconds();
+                double now = r0;
+                while (now - r0 < length) {
+                    for (const auto& f : frames)
+                        if (!raw.exchange(f))
+                            return fail("raw client exchange failed");
+                    ++r.refreshes;
+                    now = nowSeconds();
+                }
+                r.seconds += now - r0;
+            }
+        }
         hostTotal.seconds += h.seconds;
         hostTotal.refreshes += h.refreshes;
-
-        Turn r;
-        double r0 = nowSeconds();
-        while (nowSeconds() - r0 < seconds) {
-            for (const auto& f : frames)
-                if (!raw.exchange(f))
-                    return fail("raw client exchange failed");
-            ++r.refreshes;
-        }
-        r.seconds = nowSeconds() - r0;
         rawTotal.seconds += r.seconds;
         rawTotal.refreshes += r.refreshes;
         std::printf("turn %d: host %.1f refreshes/s, raw %.1f refreshes/s\n", t + 1, h.rate(), r.rate());

@@ -662,17 +662,18 @@ TEST(HostE2EOpen, AddressTheDriverRejectsStopsTheSession)
 }  // namespace
 
 // A session that polls for months keeps the same memory: the exchanges kept are the newest
-// 4096, oldest first, and every polling step fills the same Exchange.
-TEST_F(HostE2E, KeepsTheNewest4096ExchangesAndReusesTheStepsExchange)
+// 4096, oldest first, and the polling steps fill the same two Exchanges in turn.
+TEST_F(HostE2E, KeepsTheNewest4096ExchangesAndReusesTheStepsExchanges)
 {
     cfg.watches = {addr("M_W:0:2"), addr("M_W:40:2")};  // two blocks: the frames alternate
     openAndConnect();
     handshake();
-    const Exchange* first = &session->step();
+    const Exchange* slots[2] = {&session->step(), &session->step()};
+    ASSERT_NE(slots[0], slots[1]);
     std::vector<int> addresses;
     for (int i = 0; i < 5000; ++i) {
         const Exchange& ex = session->step();
-        ASSERT_EQ(&ex, first);
+        ASSERT_EQ(&ex, slots[i % 2]);
         ASSERT_EQ(ex.result, 1);
         addresses.push_back(ex.varAddress);
     }
@@ -680,8 +681,8 @@ TEST_F(HostE2E, KeepsTheNewest4096ExchangesAndReusesTheStepsExchange)
     ASSERT_EQ(kept.size(), 4096u);
     for (size_t i = 0; i < kept.size(); ++i)
         ASSERT_EQ(kept[i].varAddress, addresses[addresses.size() - kept.size() + i]) << i;
-    EXPECT_EQ(session->requestsSent(), 5002u);
-    EXPECT_EQ(session->stats().requests, 5002u);
+    EXPECT_EQ(session->requestsSent(), 5003u);
+    EXPECT_EQ(session->stats().requests, 5003u);
     EXPECT_GE(session->fullRefreshes(), 2400u);  // two blocks per refresh
     EXPECT_EQ(session->fullRefreshes(), session->stats().fullRefreshes);
 }
@@ -714,6 +715,30 @@ TEST_F(HostE2E, AStepThatSendsNothingLeavesNothingOfTheStepBefore)
     EXPECT_FALSE(none.codes.header);
     EXPECT_EQ(none.rttMs, 0);
     ASSERT_TRUE(sim.start({"--no-program"}));  // for TearDown
+}
+
+// A write's reply is booked while the next request is in flight. A second write of the same
+// bytes asked for before that is not confirmed by the first one's reply.
+TEST_F(HostE2E, AWriteAskedForRightAfterAnotherIsConfirmedOnlyByItsOwnReply)
+{
+    cfg.watches = {addr("M_W:0:2")};
+    openAndConnect();
+    handshake();
+    const int first = session->write(wr("M_W:0=0x1111"));
+    bool written = false;
+    for (int k = 0; k < 50 && !written; ++k) {
+        const Exchange& ex = session->step();
+        written = ex.purpose == 'W' && ex.result == 1;
+    }
+    ASSERT_TRUE(written);
+    const int second = session->write(wr("M_W:0=0x2222"));  // before the first's reply is booked
+    EXPECT_EQ(session->action(first).state, adshost::Action::Done);
+    EXPECT_EQ(session->action(second).state, adshost::Action::Pending);
+    EXPECT_EQ(sim.get(M, 0, 2), bytes({0x11, 0x11}));
+    for (int k = 0; k < 50 && !session->actionsSettled(); ++k)
+        session->step();
+    EXPECT_EQ(session->action(second).state, adshost::Action::Done);
+    EXPECT_EQ(sim.get(M, 0, 2), bytes({0x22, 0x22}));
 }
 
 // Settled actions beyond the newest 1024 are let go; asking for one then answers that its

@@ -476,7 +476,24 @@ struct Session::Impl {
     void noteInFlight(const Exchange& ex);
     void noteReply(Exchange& ex);
     void handOver(Exchange& ex);
+    void oweAccount(const Exchange& ex);
+    // The actions an exchange settles, the figures and the history (with `lock` held).
     void account(const Exchange& ex);
+    // Accounts the exchange still owed, if any (with `lock` held). Whatever reads what
+    // account() writes, or adds an action it could settle, calls this first.
+    void accountOwed()
+    {
+        if (!owedAccount)
+            return;
+        const Exchange* ex = owedAccount;
+        owedAccount = nullptr;
+        account(*ex);
+    }
+    void settleOwed()
+    {
+        std::lock_guard<std::mutex> g(lock);
+        accountOwed();
+    }
     bool configureDriver(Session& self, std::string& why);
 
     Config cfg;
@@ -571,7 +588,12 @@ struct Session::Impl {
     // again only when the driver's change).
     std::unique_ptr<FRAME_PRO> frame {new FRAME_PRO()};
     QString errorText;
-    Exchange current;
+    // Two exchanges filled in turn: the last one is accounted while the next request is in
+    // flight (owedAccount, guarded by `lock`), so that the PLC's answer does not wait for
+    // the host's bookkeeping. The reply's bytes stay in `reply` until then.
+    Exchange exchangeSlots[2];
+    int fillingSlot = 0;
+    const Exchange* owedAccount = nullptr;
     std::vector<uint8_t> reply;
     QByteArray replyBytes;  // the reply as handed to the driver (its storage kept)
     QString regName;        // the frame's register, its text, and its kind by the name's end
@@ -701,6 +723,7 @@ struct Session::Impl {
     int addAction(const std::string& kind, const std::string& what)
     {
         std::lock_guard<std::mutex> g(lock);
+        accountOwed();  // an exchange before the action is not one of its own
         ActionRec r;
         r.a.id = firstActionId + int(actionRecs.size());
         r.a.kind = kind;
@@ -1209,10 +1232,19 @@ void Session::Impl::handOver(Exchange& ex)
     transport.replyHandled(ex, ex.result == 1, !reply.empty());
 }
 
-// The actions the exchange settles, the figures, and the history.
+// The exchange just handed over is accounted during the next one's wait, or by whoever
+// asks first. What loops read without the lock (the full refreshes) is counted at once.
+void Session::Impl::oweAccount(const Exchange& ex)
+{
+    if (ex.cyclicRead && ex.result == 1 && blocks > 0)
+        countRefresh(ex);
+    std::lock_guard<std::mutex> g(lock);
+    owedAccount = &ex;
+    fillingSlot ^= 1;
+}
+
 void Session::Impl::account(const Exchange& ex)
 {
-    std::lock_guard<std::mutex> g(lock);
     settle(ex, reply);
     if (ex.result >= 0 && ex.result <= 8)
         ++stats.results[ex.result];
@@ -1227,23 +1259,25 @@ void Session::Impl::account(const Exchange& ex)
     }
     if (!ex.timedOut && !ex.connectionLost)
         recordRtt(ex.rttMs);
-    if (ex.cyclicRead && ex.result == 1 && blocks > 0)
-        countRefresh(ex);
     recordExchange(ex);
 }
 
 const Exchange& Session::step()
 {
     Impl& s = *d;
-    Exchange& ex = s.current;
+    Exchange& ex = s.exchangeSlots[s.fillingSlot];  // never the one owed
     resetFigures(ex);
     if (!s.opened)
         return clearTexts(ex);
-    if (!s.transport.connected() && !s.transport.reconnect(s.stop))
+    if (!s.transport.connected() && !s.transport.reconnect(s.stop)) {
+        s.settleOwed();
         return clearTexts(ex);
+    }
     s.transport.settleOwedReplies();
-    if (!s.transport.connected() && !s.transport.reconnect(s.stop))
+    if (!s.transport.connected() && !s.transport.reconnect(s.stop)) {
+        s.settleOwed();
         return clearTexts(ex);
+    }
     if (s.pollStart == 0)
         s.pollStart = nowSeconds();
 
@@ -1252,18 +1286,21 @@ const Exchange& Session::step()
     FRAME_PRO* frame = s.frame.get();
     ex.sent = s.plugin.getSendFrame(frame);
     if (ex.sent != 1) {
+        s.settleOwed();
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
         return clearTexts(ex);
     }
     ex.sendLen = std::max(0, std::min(frame->sendLen, 1024));
     s.transport.send(frame->frame, size_t(ex.sendLen), ex);
-    // While the PLC answers: what was sent.
+    // While the PLC answers: the exchange before (before the codes of the one in flight
+    // start again), and what was sent.
+    s.settleOwed();
     s.describeFrame(*frame, recipeWriteUp, recipeReadUp, ex);
     s.noteInFlight(ex);
     s.stepEndUs = s.transport.awaitReply(s.reply, ex) / 1000;
     s.noteReply(ex);
     s.handOver(ex);
-    s.account(ex);
+    s.oweAccount(ex);
     return ex;
 }
 
@@ -1373,6 +1410,7 @@ int Session::addConditionRead(const Address& a)
 std::vector<Action> Session::actions()
 {
     std::lock_guard<std::mutex> g(d->lock);
+    d->accountOwed();
     std::vector<Action> out;
     for (const Impl::ActionRec& r : d->actionRecs)
         out.push_back(r.a);
@@ -1382,6 +1420,7 @@ std::vector<Action> Session::actions()
 Action Session::action(int id)
 {
     std::lock_guard<std::mutex> g(d->lock);
+    d->accountOwed();
     if (id >= 1 && id < d->firstActionId) {
         Action a;
         a.id = id;
@@ -1396,6 +1435,7 @@ Action Session::action(int id)
 bool Session::actionsSettled()
 {
     std::lock_guard<std::mutex> g(d->lock);
+    d->accountOwed();
     for (const Impl::ActionRec& r : d->actionRecs)
         if (r.a.state == Action::Pending)
             return false;
@@ -1405,6 +1445,7 @@ bool Session::actionsSettled()
 Fatal Session::fatal()
 {
     std::lock_guard<std::mutex> g(d->lock);
+    d->accountOwed();
     return d->fatal;
 }
 
@@ -1419,6 +1460,7 @@ std::string Session::noAnswerText() { return outcome::noAnswer(d->sourceNetId); 
 bool Session::handshakeDone()
 {
     std::lock_guard<std::mutex> g(d->lock);
+    d->accountOwed();
     return d->handshakeDone;
 }
 
@@ -1427,6 +1469,7 @@ bool Session::everRead(const Address& a) { return freshness(a).read; }
 Freshness Session::freshness(const Address& a)
 {
     std::lock_guard<std::mutex> g(d->lock);
+    d->accountOwed();
     Freshness f;
     const int i = Impl::areaIndex(a.area());
     if (i < 0 || d->byteTimes[i].readAt.empty())
@@ -1449,6 +1492,7 @@ Freshness Session::conditionValue(const Address& a, std::vector<uint8_t>& out)
 {
     out = read(a);
     std::lock_guard<std::mutex> g(d->lock);
+    d->accountOwed();
     const Impl::ConditionReply* c = nullptr;
     for (const Impl::ConditionReply& r : d->conditionReplies)
         if (r.area == a.area() && r.first == a.firstByte() && r.count == a.lastByte() - a.firstByte() + 1)
@@ -1485,6 +1529,7 @@ Freshness Session::conditionValue(const Address& a, std::vector<uint8_t>& out)
 std::string Session::explain(const Exchange& ex)
 {
     std::lock_guard<std::mutex> g(d->lock);
+    d->accountOwed();
     ReplyCodes c = ex.codes;
     if (!c.header && ex.frame == d->inFlight)
         c = d->frameCodes;
@@ -1535,6 +1580,7 @@ std::vector<Change> Session::takeChanges()
 std::vector<Exchange> Session::exchanges()
 {
     std::lock_guard<std::mutex> g(d->lock);
+    d->accountOwed();
     const std::vector<Exchange>& h = d->history;
     std::vector<Exchange> out(h.begin() + long(d->historyNext), h.end());
     out.insert(out.end(), h.begin(), h.begin() + long(d->historyNext));
@@ -1544,12 +1590,14 @@ std::vector<Exchange> Session::exchanges()
 std::vector<std::string> Session::errorTexts()
 {
     std::lock_guard<std::mutex> g(d->lock);
+    d->accountOwed();
     return std::vector<std::string>(d->errorTexts.begin(), d->errorTexts.end());
 }
 
 Stats Session::stats()
 {
     std::lock_guard<std::mutex> g(d->lock);
+    d->accountOwed();
     Stats st = d->stats;
     const Transport::Counters& c = d->transport.counters();
     st.requests = c.requests.load();

@@ -260,8 +260,10 @@ public:
 
     // One polling cycle. Reconnects first when the connection was lost (bounded back-off);
     // returns an Exchange with sent 0 when nothing was sent. The reference stays valid until
-    // the next step: the session fills the same Exchange every cycle, so polling allocates
-    // nothing once its buffers have grown.
+    // the next step: the session fills two Exchanges in turn, so polling allocates nothing
+    // once their buffers have grown. What an exchange settles (actions, figures, history,
+    // freshness) is booked while the next request is in flight; every accessor below books
+    // it first, so what they show is always up to the last step.
     const Exchange& step();
     // Polls until `cycles` cycles ran, `ms` elapsed, `until` returned true, or the connection
     // is gone for good (whichever comes first; 0 means no limit for cycles and ms, but at
