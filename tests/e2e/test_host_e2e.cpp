@@ -257,6 +257,46 @@ TEST_F(HostE2E, WordAndBitWritesFromASecondThreadLandInTheSimulatorAndLeaveNeigh
     EXPECT_EQ(sim.counter("write"), 5);
 }
 
+// Each exchange is booked during the next one's wait, or by whichever thread asks first. A
+// thread that reads the figures while the polling thread runs sees them only grow, and sees
+// every step booked once the polling has stopped.
+TEST_F(HostE2E, FiguresReadFromAnotherThreadWhilePollingCountEveryExchangeOnce)
+{
+    cfg.watches = {addr("M_W:0:2"), addr("M_W:40:2")};
+    openAndConnect();
+    handshake();
+    std::atomic<bool> polling {true};
+    std::atomic<int> reads {0};
+    std::atomic<bool> shrank {false};
+    std::thread reader([&] {
+        uint64_t accepted = 0;
+        size_t kept = 0;
+        for (int i = 0; i < 100000 && polling; ++i) {
+            const adshost::Stats st = session->stats();
+            if (st.results[1] < accepted)
+                shrank = true;
+            accepted = st.results[1];
+            const size_t n = session->exchanges().size();
+            if (n < kept)
+                shrank = true;
+            kept = n;
+            session->freshness(addr("M_W:0:2"));
+            ++reads;
+        }
+    });
+    const bool ran = session->run(3000, 20000);
+    polling = false;
+    reader.join();
+    ASSERT_TRUE(ran);
+    EXPECT_GT(reads.load(), 0);
+    EXPECT_FALSE(shrank.load());
+    const adshost::Stats st = session->stats();
+    EXPECT_EQ(st.requests, 3001u);      // the handshake and 3,000 steps
+    EXPECT_EQ(st.results[1], 3001u);    // each accepted reply booked once
+    EXPECT_EQ(session->exchanges().size(), 3001u);
+    EXPECT_TRUE(session->freshness(addr("M_W:40:2")).read);
+}
+
 TEST_F(HostE2E, RecipeIsWrittenAndReadThroughTheFlagBytesOfTheStatusBlock)
 {
     adshost::RecipeVar a, b, c;
