@@ -489,7 +489,8 @@ struct Session::Impl {
         owedAccount = nullptr;
         account(*ex);
     }
-    void settleOwed()
+    // accountOwed() taking the lock: the polling thread's own call.
+    void accountOwedNow()
     {
         std::lock_guard<std::mutex> g(lock);
         accountOwed();
@@ -1270,12 +1271,12 @@ const Exchange& Session::step()
     if (!s.opened)
         return clearTexts(ex);
     if (!s.transport.connected() && !s.transport.reconnect(s.stop)) {
-        s.settleOwed();
+        s.accountOwedNow();
         return clearTexts(ex);
     }
     s.transport.settleOwedReplies();
     if (!s.transport.connected() && !s.transport.reconnect(s.stop)) {
-        s.settleOwed();
+        s.accountOwedNow();
         return clearTexts(ex);
     }
     if (s.pollStart == 0)
@@ -1286,7 +1287,7 @@ const Exchange& Session::step()
     FRAME_PRO* frame = s.frame.get();
     ex.sent = s.plugin.getSendFrame(frame);
     if (ex.sent != 1) {
-        s.settleOwed();
+        s.accountOwedNow();
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
         return clearTexts(ex);
     }
@@ -1294,7 +1295,7 @@ const Exchange& Session::step()
     s.transport.send(frame->frame, size_t(ex.sendLen), ex);
     // While the PLC answers: the exchange before (before the codes of the one in flight
     // start again), and what was sent.
-    s.settleOwed();
+    s.accountOwedNow();
     s.describeFrame(*frame, recipeWriteUp, recipeReadUp, ex);
     s.noteInFlight(ex);
     s.stepEndUs = s.transport.awaitReply(s.reply, ex) / 1000;
