@@ -573,6 +573,8 @@ struct Session::Impl {
     ByteTimes byteTimes[3];
     int64_t lastStamp = 0;
     int64_t stepEndUs = 0;  // when the exchange of this step ended: the time of its stamps
+    // The same moment in milliseconds for Session::run, 0 after a step without an exchange.
+    int64_t stepEndMs = 0;
     // The data of the last accepted reply to each condition read, with the stamp of its
     // bytes: what the PLC answered, which the driver's cache may no longer show (K28 in
     // docs/INTERNALS.md). One entry per condition read asked for.
@@ -1268,6 +1270,7 @@ const Exchange& Session::step()
     Impl& s = *d;
     Exchange& ex = s.exchangeSlots[s.fillingSlot];  // never the one owed
     resetFigures(ex);
+    s.stepEndMs = 0;
     if (!s.opened)
         return clearTexts(ex);
     if (!s.transport.connected() && !s.transport.reconnect(s.stop)) {
@@ -1298,7 +1301,9 @@ const Exchange& Session::step()
     s.accountOwedNow();
     s.describeFrame(*frame, recipeWriteUp, recipeReadUp, ex);
     s.noteInFlight(ex);
-    s.stepEndUs = s.transport.awaitReply(s.reply, ex) / 1000;
+    const int64_t endNs = s.transport.awaitReply(s.reply, ex);
+    s.stepEndUs = endNs / 1000;
+    s.stepEndMs = endNs / 1000000;
     s.noteReply(ex);
     s.handOver(ex);
     s.oweAccount(ex);
@@ -1312,10 +1317,10 @@ bool Session::run(uint64_t cycles, int ms, const std::function<bool()>& until)
     // Without any limit a run would never end; one hour is the outer bound.
     const int64_t hardDeadline = start + 3600 * 1000;
     uint64_t done = 0;
+    int64_t now = start;
     while (!d->stop) {
         if (cycles > 0 && done >= cycles)
             break;
-        const int64_t now = nowMs();  // one clock reading per cycle
         if ((deadline > 0 && now >= deadline) || now >= hardDeadline)
             break;
         if (until && until())
@@ -1324,6 +1329,8 @@ bool Session::run(uint64_t cycles, int ms, const std::function<bool()>& until)
         if (d->transport.failedForGood())
             return false;
         ++done;
+        // The clock as the reply came in, taken for the round trip: no second reading.
+        now = d->stepEndMs > 0 ? d->stepEndMs : nowMs();
     }
     return true;
 }

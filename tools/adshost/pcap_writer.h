@@ -28,9 +28,18 @@ public:
 
     // A new TCP connection: writes SYN, SYN-ACK and ACK. Addresses in host byte order.
     void connectionOpened(uint32_t hostIp, uint16_t hostPort, uint32_t plcIp, uint16_t plcPort);
-    // Bytes on the wire in one direction (one packet).
-    void hostToPlc(const uint8_t* data, size_t len) { segment(true, data, len, 0x18); }
-    void plcToHost(const uint8_t* data, size_t len) { segment(false, data, len, 0x18); }
+    // Bytes on the wire in one direction (one packet). Without a file nothing is called: these
+    // run twice per request.
+    void hostToPlc(const uint8_t* data, size_t len)
+    {
+        if (f_)
+            segment(true, data, len, 0x18);
+    }
+    void plcToHost(const uint8_t* data, size_t len)
+    {
+        if (f_)
+            segment(false, data, len, 0x18);
+    }
     // The connection ends: FIN from the side that closed, answered by the other.
     void connectionClosed(bool byHost);
     uint64_t packets() const { return packets_; }

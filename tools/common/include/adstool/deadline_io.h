@@ -20,18 +20,16 @@ namespace adstool {
 class Deadline {
 public:
     explicit Deadline(int64_t timeoutMs) : when_(nowMs() + (timeoutMs > 0 ? timeoutMs : 0)) { }
-    static Deadline at(int64_t whenMs)
-    {
-        Deadline d(0);
-        d.when_ = whenMs;
-        return d;
-    }
+    // A deadline at a moment already known, without reading the clock.
+    static Deadline at(int64_t whenMs) { return Deadline(whenMs, At()); }
     int64_t when() const { return when_; }
     // Milliseconds left, at least 0 (and at most INT_MAX): a time-out for poll().
     int leftMs() const;
     bool expired() const { return leftMs() == 0; }
 
 private:
+    struct At { };
+    Deadline(int64_t whenMs, At) : when_(whenMs) { }
     int64_t when_;
 };
 
