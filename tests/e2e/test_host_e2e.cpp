@@ -703,6 +703,25 @@ TEST(HostE2EOpen, AddressTheDriverRejectsStopsTheSession)
 
 // A session that polls for months keeps the same memory: the exchanges kept are the newest
 // 4096, oldest first, and the polling steps fill the same two Exchanges in turn.
+// run() takes its deadline from the moment each reply came in: polling flat out, it still
+// stops at the time it was given, not at its outer bound of an hour.
+TEST_F(HostE2E, RunStopsAtItsDeadlineWhilePollingFlatOut)
+{
+    cfg.watches = {addr("M_W:0:2")};
+    openAndConnect();
+    handshake();
+    const uint64_t before = session->stats().requests;
+    uint64_t checks = 0;
+    const int64_t start = adshost::nowMs();
+    // The bound on checks only ends a broken run; a run that keeps its deadline makes far fewer.
+    ASSERT_TRUE(session->run(0, 300, [&] { return ++checks >= 200000; }));
+    const int64_t took = adshost::nowMs() - start;
+    EXPECT_LT(checks, 200000u) << "run did not stop at its deadline";
+    EXPECT_GE(took, 300);
+    EXPECT_LT(took, 3000);
+    EXPECT_GT(session->stats().requests, before + 10) << "run did not poll";
+}
+
 TEST_F(HostE2E, KeepsTheNewest4096ExchangesAndReusesTheStepsExchanges)
 {
     cfg.watches = {addr("M_W:0:2"), addr("M_W:40:2")};  // two blocks: the frames alternate
