@@ -701,8 +701,6 @@ TEST(HostE2EOpen, AddressTheDriverRejectsStopsTheSession)
 
 }  // namespace
 
-// A session that polls for months keeps the same memory: the exchanges kept are the newest
-// 4096, oldest first, and the polling steps fill the same two Exchanges in turn.
 // run() takes its deadline from the moment each reply came in: polling flat out, it still
 // stops at the time it was given, not at its outer bound of an hour.
 TEST_F(HostE2E, RunStopsAtItsDeadlineWhilePollingFlatOut)
@@ -722,6 +720,8 @@ TEST_F(HostE2E, RunStopsAtItsDeadlineWhilePollingFlatOut)
     EXPECT_GT(session->stats().requests, before + 10) << "run did not poll";
 }
 
+// A session that polls for months keeps the same memory: the exchanges kept are the newest
+// 4096, oldest first, and the polling steps fill the same two Exchanges in turn.
 TEST_F(HostE2E, KeepsTheNewest4096ExchangesAndReusesTheStepsExchanges)
 {
     cfg.watches = {addr("M_W:0:2"), addr("M_W:40:2")};  // two blocks: the frames alternate
